@@ -1,0 +1,369 @@
+"""The records that cross the border between a Python program and the native module.
+
+Two families live here, both plain dataclasses with slots:
+
+* What the module builds and hands to callables: `Session`, `Connection`, `Stream`, `Subscriber`,
+  `Publisher`, `AudioData`, `VideoFrame`, `CaptionsData` and the buffer statistics. Some of them are made
+  thousands of times a second, so they check nothing.
+* What a program fills in: the `...Settings` classes. They check their fields when they are made and raise
+  `ValueError` (a value out of range) or `TypeError` (the wrong kind of value), naming field and value.
+
+A program also makes `AudioData` and `VideoFrame` objects itself, for `add_audio` and `add_video`; the
+module checks sizes then.
+"""
+
+from __future__ import annotations
+
+from dataclasses import dataclass, field
+from datetime import datetime, timedelta
+from typing import TYPE_CHECKING, Any, Final, Literal, Optional, Union
+
+from . import _checks
+
+if TYPE_CHECKING:
+    import array
+    import mmap
+
+    #: What `add_audio` and `add_video` read: anything with a contiguous buffer (numpy arrays too).
+    Buffer = Union[bytes, bytearray, memoryview, "array.array[Any]", mmap.mmap, Any]
+
+#: Colour formats, in the spelling that the module knows (upper case).
+VideoFormat = Literal["YUV420P", "RGB24", "ARGB32"]
+VIDEO_FORMATS: Final = ("YUV420P", "RGB24", "ARGB32")
+
+#: Log levels, from silent to chatty. Any letter case is accepted.
+LogLevel = Literal["off", "error", "warn", "info", "debug", "trace"]
+LOG_LEVELS: Final = ("off", "error", "warn", "info", "debug", "trace")
+
+#: A frame is addressed with signed 32-bit sizes on the native side.
+_MAX_FRAME_BYTES: Final = 2**31 - 1
+
+
+def frame_buffer_size(width: int, height: int, format: str) -> int:
+    """Bytes of one tightly packed frame: what `VideoFrame.frame_buffer` has to hold.
+
+    YUV420P: w*h + 2 * ceil(w/2) * ceil(h/2); RGB24: 3*w*h; ARGB32: 4*w*h.
+    Raises ValueError for an unknown format.
+    """
+    if format == "YUV420P":
+        return width * height + 2 * ((width + 1) // 2) * ((height + 1) // 2)
+    if format == "RGB24":
+        return width * height * 3
+    if format == "ARGB32":
+        return width * height * 4
+    raise ValueError(f"format must be one of {', '.join(VIDEO_FORMATS)}, not {format!r}")
+
+
+# ---- what callables receive -----------------------------------------------------------------------------
+
+
+@dataclass(slots=True)
+class Session:
+    """The session that an event belongs to."""
+
+    id: str
+    """Session id, as given to `connect`."""
+
+
+@dataclass(slots=True)
+class Connection:
+    """A participant's connection to the session."""
+
+    id: str = ""
+    """Connection id, unique within the session."""
+    creation_time: datetime = field(default_factory=lambda: datetime.fromtimestamp(0))
+    """When the connection was made: a naive datetime in local time, millisecond resolution."""
+    data: str = ""
+    """Text that the participant's token carries, often a name or JSON; empty if it carries none."""
+
+
+@dataclass(slots=True)
+class Stream:
+    """A stream that a participant publishes. What `subscribe` and `unsubscribe` take."""
+
+    id: str
+    """Stream id, unique within the session."""
+    connection: Connection = field(default_factory=Connection)
+    """The connection of the participant that publishes it."""
+
+
+@dataclass(slots=True)
+class Subscriber:
+    """Our subscription to a stream: the first argument of every subscriber callable."""
+
+    stream: Stream
+    """The stream that is subscribed to."""
+
+
+@dataclass(slots=True)
+class Publisher:
+    """The stream that this program publishes: the first argument of every publisher callable."""
+
+    stream: Stream
+    """The published stream, as the session knows it."""
+
+
+@dataclass(slots=True)
+class AudioData:
+    """A run of audio: interleaved signed 16-bit samples in native (little-endian) byte order."""
+
+    sample_rate: int
+    """Samples per second and channel, in Hz."""
+    number_of_channels: int
+    """1 (mono) or 2 (stereo, samples in the order left, right)."""
+    number_of_frames: int
+    """Samples per channel. The buffer holds number_of_frames * number_of_channels samples."""
+    sample_buffer: Buffer
+    """The samples. In `add_audio`: any contiguous buffer of at least
+    number_of_frames * number_of_channels * 2 bytes. In callables: a read-only memoryview of shape
+    (number_of_frames * number_of_channels,), format "h", which stays valid for as long as it is kept."""
+
+
+@dataclass(slots=True)
+class VideoResolution:
+    """A size in pixels."""
+
+    width: int
+    height: int
+
+
+@dataclass(slots=True)
+class VideoFrame:
+    """One picture, tightly packed: no padding between rows or planes."""
+
+    resolution: VideoResolution
+    """Size in pixels."""
+    format: VideoFormat
+    """Layout of the buffer:
+
+    * "YUV420P": planes Y (w*h bytes), U, V (each ceil(w/2) * ceil(h/2): chroma rounds up), in this order;
+      video range, so black is Y 16, U 128, V 128.
+    * "RGB24": three bytes a pixel: R, G, B.
+    * "ARGB32": four bytes a pixel: A, R, G, B.
+
+    Callables always receive "YUV420P".
+    """
+    frame_buffer: Buffer
+    """The pixels. In `add_video`: any contiguous buffer of at least `frame_buffer_size(...)` bytes. In
+    callables: a read-only memoryview of bytes, which stays valid for as long as it is kept."""
+
+    @classmethod
+    def model_construct(
+        cls, *, resolution: VideoResolution, format: VideoFormat, frame_buffer: Buffer
+    ) -> "VideoFrame":
+        """Builds a frame from its fields as they are. The module makes its frames with it."""
+        return cls(resolution, format, frame_buffer)
+
+
+@dataclass(slots=True)
+class CaptionsData:
+    """A piece of live captions of a subscribed stream."""
+
+    text: str
+    is_final: bool
+    """False while the words may still change: the next text of the same utterance replaces this one."""
+
+
+@dataclass(slots=True)
+class AudioBufferStats:
+    """How much published audio waits in the buffer."""
+
+    duration: timedelta = timedelta(0)
+    """Playing time of the buffered audio, millisecond resolution."""
+
+
+@dataclass(slots=True)
+class VideoBufferStats:
+    """How much published video waits in the buffer."""
+
+    duration: timedelta = timedelta(0)
+    """Playing time of the queued frames, millisecond resolution."""
+
+
+@dataclass(slots=True)
+class MediaBufferStats:
+    """State of the publishing buffers. A side is None where it is not measured; in the drained event a
+    side of zero duration is the one that has just run dry."""
+
+    audio: Optional[AudioBufferStats] = None
+    video: Optional[VideoBufferStats] = None
+
+
+# ---- what a program fills in ----------------------------------------------------------------------------
+
+
+@dataclass(slots=True)
+class SessionAudioSettings:
+    """Form of the audio in one direction: interleaved signed 16-bit samples."""
+
+    sample_rate: int = 48000
+    """Hz, 8000 to 48000."""
+    number_of_channels: int = 2
+    """1 or 2."""
+
+    def __post_init__(self) -> None:
+        self.sample_rate = _checks.integer(self, "sample_rate", self.sample_rate, 8000, 48000, " Hz")
+        self.number_of_channels = _checks.integer(
+            self, "number_of_channels", self.number_of_channels, 1, 2
+        )
+
+
+@dataclass(slots=True)
+class LoggingSettings:
+    """How much the module and the library print on standard output.
+
+    "debug" and "trace" print the token of the session: keep them out of shared logs. The level is the
+    process's, and stays when the session ends.
+    """
+
+    level: str = "warn"
+    """One of `LOG_LEVELS`, in any letter case."""
+
+    def __post_init__(self) -> None:
+        _checks.text(self, "level", self.level)
+        if self.level.lower() not in LOG_LEVELS:
+            raise ValueError(
+                f"LoggingSettings.level must be one of {', '.join(LOG_LEVELS)}, not {self.level!r}"
+            )
+
+
+def _check_resolution(settings: object, name: str, resolution: VideoResolution) -> None:
+    """Both sides positive, and no frame of any format larger than the native side can address."""
+    for side in ("width", "height"):
+        value = getattr(resolution, side)
+        number = _checks.integer(settings, f"{name}.{side}", value, 1, _MAX_FRAME_BYTES, " pixels")
+        setattr(resolution, side, number)
+
+
+@dataclass(slots=True)
+class SessionVideoPublisherSettings:
+    """Form of the pictures that the program publishes. Every frame given to `add_video` must have it."""
+
+    resolution: VideoResolution = field(default_factory=lambda: VideoResolution(640, 480))
+    """Pixels, both sides positive."""
+    fps: int = 30
+    """Pictures per second, 1 to 1000."""
+    format: VideoFormat = "YUV420P"
+    """One of `VIDEO_FORMATS`, in capitals."""
+
+    def __post_init__(self) -> None:
+        if not isinstance(self.resolution, VideoResolution):
+            raise TypeError(
+                "SessionVideoPublisherSettings.resolution must be a VideoResolution, "
+                f"not {self.resolution!r}"
+            )
+        _check_resolution(self, "resolution", self.resolution)
+        self.fps = _checks.integer(self, "fps", self.fps, 1, 1000)
+        _checks.text(self, "format", self.format)
+        _checks.one_of(self, "format", self.format, VIDEO_FORMATS)
+        size = frame_buffer_size(self.resolution.width, self.resolution.height, self.format)
+        if size > _MAX_FRAME_BYTES:
+            raise ValueError(
+                "SessionVideoPublisherSettings.resolution must give frames of at most "
+                f"{_MAX_FRAME_BYTES} bytes, not {self.resolution!r} ({size} bytes)"
+            )
+
+
+@dataclass(slots=True)
+class SessionAVSettings:
+    """Forms of the media of a session; a part that is None has its defaults."""
+
+    audio_publisher: Optional[SessionAudioSettings] = None
+    """What `add_audio` is given. Default: 48 kHz stereo."""
+    audio_subscribers_mix: Optional[SessionAudioSettings] = None
+    """What `on_audio_data_cb` receives. Default: 48 kHz stereo."""
+    video_publisher: Optional[SessionVideoPublisherSettings] = None
+    """What `add_video` is given. Default: 640x480 YUV420P at 30 pictures a second."""
+
+    def __post_init__(self) -> None:
+        _checks.optional(self, "audio_publisher", self.audio_publisher, SessionAudioSettings)
+        _checks.optional(self, "audio_subscribers_mix", self.audio_subscribers_mix, SessionAudioSettings)
+        _checks.optional(self, "video_publisher", self.video_publisher, SessionVideoPublisherSettings)
+
+
+@dataclass(slots=True)
+class SessionSettings:
+    """Settings of `connect`."""
+
+    enable_migration: bool = False
+    """Let the server move the session to another server while it runs."""
+    av: Optional[SessionAVSettings] = None
+    """Forms of the media; None for the defaults."""
+    logging: Optional[LoggingSettings] = None
+    """Log level; None leaves it as it is (at the start of the process: warn)."""
+
+    def __post_init__(self) -> None:
+        _checks.flag(self, "enable_migration", self.enable_migration)
+        _checks.optional(self, "av", self.av, SessionAVSettings)
+        _checks.optional(self, "logging", self.logging, LoggingSettings)
+
+
+@dataclass(slots=True)
+class PublisherAudioSettings:
+    """How the published audio is coded."""
+
+    enable_stereo_mode: bool = True
+    """Code two channels; False folds them into one."""
+    enable_opus_dtx: bool = False
+    """Send nothing while there is silence."""
+
+    def __post_init__(self) -> None:
+        _checks.flag(self, "enable_stereo_mode", self.enable_stereo_mode)
+        _checks.flag(self, "enable_opus_dtx", self.enable_opus_dtx)
+
+
+@dataclass(slots=True)
+class PublisherSettings:
+    """Settings of `publish`."""
+
+    name: str
+    """Name of the stream, shown to the other participants. Not empty."""
+    has_audio: bool = True
+    has_video: bool = True
+    enable_captions: bool = False
+    """Let the server make captions of the published audio."""
+    audio_settings: Optional[PublisherAudioSettings] = None
+    """How the audio is coded; None for stereo without DTX."""
+
+    def __post_init__(self) -> None:
+        _checks.text(self, "name", self.name)
+        if not self.name:
+            raise ValueError("PublisherSettings.name must not be empty, as '' is")
+        for flag in ("has_audio", "has_video", "enable_captions"):
+            _checks.flag(self, flag, getattr(self, flag))
+        _checks.optional(self, "audio_settings", self.audio_settings, PublisherAudioSettings)
+
+
+@dataclass(slots=True)
+class SubscriberVideoSettings:
+    """What we would like to receive, where a stream is offered in several sizes and rates."""
+
+    preferred_resolution: Optional[VideoResolution] = None
+    """Pixels, both sides positive; None: the stream's own."""
+    preferred_framerate: Optional[int] = None
+    """Whole pictures per second, at least 1; None: the stream's own."""
+
+    def __post_init__(self) -> None:
+        _checks.optional(self, "preferred_resolution", self.preferred_resolution, VideoResolution)
+        if self.preferred_resolution is not None:
+            _check_resolution(self, "preferred_resolution", self.preferred_resolution)
+        if self.preferred_framerate is not None:
+            self.preferred_framerate = _checks.integer(
+                self, "preferred_framerate", self.preferred_framerate, 1, 1000
+            )
+
+
+@dataclass(slots=True)
+class SubscriberSettings:
+    """Settings of `subscribe`. At least one of audio and video must be wanted, else it gives False."""
+
+    subscribe_to_audio: bool = True
+    subscribe_to_video: bool = True
+    subscribe_to_captions: bool = False
+    video_settings: Optional[SubscriberVideoSettings] = None
+    """None: no preference."""
+
+    def __post_init__(self) -> None:
+        for flag in ("subscribe_to_audio", "subscribe_to_video", "subscribe_to_captions"):
+            _checks.flag(self, flag, getattr(self, flag))
+        _checks.optional(self, "video_settings", self.video_settings, SubscriberVideoSettings)
