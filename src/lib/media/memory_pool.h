@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <stack>
+#include <utility>
+
+/// Recycles buffers by their exact size, so that a steady flow of frames allocates nothing.
+///
+/// One instance for the process, never destroyed: frames may come back while static objects go. Any
+/// thread; the mutex is a leaf and is not held while memory is allocated or freed. Nothing trims
+/// the pool: it holds as many buffers of each size as were ever in use at once.
+template <class T>
+class MemoryPool {
+ public:
+  using Buffer = std::unique_ptr<T[]>;
+
+  static MemoryPool& instance() {
+    static MemoryPool& pool = *new MemoryPool();
+    return pool;
+  }
+
+  MemoryPool(const MemoryPool&) = delete;
+  MemoryPool& operator=(const MemoryPool&) = delete;
+
+  /// The buffer of `size` elements that came back last, with its old contents, or a new one of
+  /// zeros. Empty when `size` is not positive or memory is out.
+  Buffer getBuffer(int size) {
+    if (size < 1) return {};
+    {
+      const std::lock_guard lock(mutex_);
+      const auto entry = pools_.find(size);
+      if (entry != pools_.end() && !entry->second.empty()) {
+        Buffer buffer = std::move(entry->second.top());
+        entry->second.pop();
+        return buffer;
+      }
+    }
+    return Buffer(new (std::nothrow) T[static_cast<std::size_t>(size)]());
+  }
+
+  /// Takes back a buffer of exactly `size` elements; false, and the buffer is freed, when there is
+  /// nothing to take or no room to note it.
+  bool returnBuffer(int size, Buffer buffer) {
+    if (size < 1 || !buffer) return false;
+    try {
+      const std::lock_guard lock(mutex_);
+      pools_[size].push(std::move(buffer));
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+    return true;
+  }
+
+  /// Frees every buffer that waits in the pool.
+  void clear() {
+    std::map<int, Stack> dropped;
+    const std::lock_guard lock(mutex_);
+    dropped.swap(pools_);
+  }
+
+  /// How many buffers of that size wait in the pool.
+  std::size_t getPoolSize(int size) {
+    const std::lock_guard lock(mutex_);
+    const auto entry = pools_.find(size);
+    return entry == pools_.end() ? 0 : entry->second.size();
+  }
+
+ private:
+  using Stack = std::stack<Buffer, std::deque<Buffer>>;
+
+  MemoryPool() = default;
+  ~MemoryPool() = default;
+
+  std::mutex mutex_;
+  std::map<int, Stack> pools_;
+};

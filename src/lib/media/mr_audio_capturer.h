@@ -1,0 +1,119 @@
+#pragma once
+
+#include <log4cxx/logger.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include "media/mr_audio_data.h"
+#include "runtime/periodic_task_runner.h"
+
+enum class AudioCapturerState { Uninitialized = 0, Initialized = 1, Running = 2 };
+
+/// Called on the capturer's thread with its mutex held: may only post.
+using MRAudioCapturerBuffersDrainedCallback = std::function<void()>;
+
+// Held by value and never deleted through a base, so the destructor is not virtual.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+
+/// The way of injected audio: bursts of any size in, one period of samples at a time out to the
+/// library.
+///
+/// While samples wait, each period goes out as it is. When they run out, the rest goes out padded
+/// with silence, three periods pass without a word (the second raises the drained callback, once a
+/// dry spell), and explicit silence follows. Before the first full period, and after a clear, it is
+/// silence at once and no drained callback.
+///
+/// `addAudio`, `clearAudioBuffers` and the getters may be called from any thread; the life-cycle
+/// calls too, one at a time. `stop` and the destructor wait for the period under way.
+class MRAudioCapturer {
+ public:
+  /// Capacity in samples of all channels: 300 s at 48 kHz stereo.
+  static constexpr std::size_t kInjectedAudioBufferSize = 28'800'000;
+  /// Empty periods after which the drained callback is raised.
+  static constexpr std::size_t kDrainedBufferHysteresis = 2;
+  /// Empty periods in which nothing is written.
+  static constexpr std::size_t kSilenceHysteresis = 3;
+
+  explicit MRAudioCapturer(std::chrono::milliseconds period);
+  ~MRAudioCapturer();
+
+  MRAudioCapturer(const MRAudioCapturer&) = delete;
+  MRAudioCapturer& operator=(const MRAudioCapturer&) = delete;
+
+  /// False when initialised already and for formats whose period cannot be held. Allocates all the
+  /// memory there is; throws std::bad_alloc when there is none.
+  bool init(int sample_rate, int channels);
+  bool start();
+  bool stop();
+  bool destroy();
+
+  bool isInitialized() const;
+  bool isRunning() const;
+
+  /// Takes all of the data and returns true, or none and returns false: when not running, or when
+  /// they do not fit. The data's counts are trusted; its rate is not looked at.
+  bool addAudio(const MRAudioData& data);
+
+  /// Drops what waits and starts over, as after `start`. False before `init`.
+  bool clearAudioBuffers();
+
+  void setOnAudioBuffersDrainedCallback(MRAudioCapturerBuffersDrainedCallback&& callback);
+
+  /// How much audio waits. Takes no lock.
+  std::chrono::milliseconds getAudioBufferDuration() const;
+
+ protected:
+  /// Allocates the three buffers for the current format and empties them. Called by `init` with
+  /// injected_audio_mutex_ held.
+  virtual void resetInjectedAudioState();
+
+ private:
+  struct FreeDeleter {
+    void operator()(void* memory) const { std::free(memory); }
+  };
+
+  bool runInjectedAudioTask();
+  void updateBufferedFramesNumber();
+  void clearBuffersLocked();
+  bool stopLocked();
+  bool destroyLocked();
+
+  // The periodic task and its cases; injected_audio_mutex_ held in all but the first.
+  void captureTask();
+  srn_status writePeriod();
+  srn_status writeRemainderPadded();
+  srn_status writeSilence();
+  bool isToleratedDrySpell();
+
+  const std::chrono::milliseconds audio_period_;
+  std::atomic<int> sample_rate_{0};
+  std::atomic<int> num_channels_{0};
+  std::atomic<AudioCapturerState> state_{AudioCapturerState::Uninitialized};
+  std::mutex lifecycle_mutex_;       ///< one life-cycle call at a time; never taken by the task
+  std::mutex injected_audio_mutex_;  ///< guards all below, but the atomic count and the runner
+  std::size_t period_buffer_bytes_ = 0;
+  std::size_t period_buffer_length_ = 0;  ///< samples of all channels in one period
+  std::int32_t injected_read_index_ = 0;
+  std::int32_t injected_write_index_ = 0;
+  std::size_t injected_high_water_ = 0;  ///< samples that may be other than zero
+  bool is_receiving_data_ = false;       ///< a full period went out since the last reset
+  std::size_t frames_per_period_ = 0;
+  std::atomic<std::uint32_t> current_buffered_frames_{0};
+  const log4cxx::LoggerPtr logger_;
+  std::unique_ptr<MRAudio::sample_t[], FreeDeleter> injected_audio_buffer_;
+  std::unique_ptr<MRAudio::sample_t[]> silence_buffer_;
+  std::unique_ptr<MRAudio::sample_t[]> mixed_buffer_;
+  MRAudioCapturerBuffersDrainedCallback on_buffers_drained_cb_;
+  int periods_without_data_ = 0;
+  PeriodicTaskRunner task_runner_;  ///< last, so that its thread ends before what it uses
+};
+
+#pragma GCC diagnostic pop

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <sarnet/sarnet.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+namespace MRAudio {
+/// All audio is interleaved signed 16-bit PCM.
+using sample_t = std::int16_t;
+}  // namespace MRAudio
+
+/// A borrowed block of samples, valid for one call. Owns nothing.
+struct MRAudioData {
+  MRAudioData(const void* sample_buffer, int sample_rate, std::size_t number_of_channels,
+              std::size_t number_of_frames);
+
+  /// The library counts samples per channel, which are frames here. A null record gives no samples.
+  explicit MRAudioData(const srn_audio_data* audio_data);
+
+  /// Samples of all channels together; nothing when the counts are too large to multiply.
+  std::optional<std::size_t> sampleCount() const;
+
+  /// Bytes of the block; 0 when the counts are too large to multiply.
+  std::size_t bufferSize() const;
+
+  /// True when the block is silent, every byte being 0, or has no bytes. Scans the block.
+  bool isBufferEmpty() const;
+
+  const void* sample_buffer_;
+  int sample_rate_;  ///< samples per second of one channel
+  std::size_t number_of_channels_;
+  std::size_t number_of_frames_;  ///< samples of one channel
+};
