@@ -1,0 +1,198 @@
+"""Types of the native module. Programs import `TavrinVideoClient` from `tavrin_media_relay`.
+
+Threads: callables run on native threads, one at a time per source. Session, stream, connection and
+publisher events, and a subscriber's connected, disconnected and error events, come from one worker; mixed
+session audio from the audio thread; a stream's audio, frames and captions from threads of the library.
+While a callable runs on the worker no other such event is delivered, so keep it short. Methods may be
+called from any thread, and from within callables.
+
+What a callable raises (`SystemExit` too) is printed and logged, and stops nothing. What it returns is
+ignored. A callable that is not callable is ignored as well: its event goes unreported.
+"""
+
+from typing import Any, Callable, Literal, Optional, Protocol, Union, final
+
+from tavrin_media_relay.models import (
+    AudioData,
+    CaptionsData,
+    Connection,
+    MediaBufferStats,
+    Publisher,
+    PublisherSettings,
+    Session,
+    SessionSettings,
+    Stream,
+    Subscriber,
+    SubscriberSettings,
+    VideoFrame,
+)
+
+class SessionCallback(Protocol):
+    def __call__(self, session: Session, /) -> object: ...
+
+class SessionErrorCallback(Protocol):
+    def __call__(self, session: Session, message: str, code: int, /) -> object: ...
+
+class ConnectionCallback(Protocol):
+    def __call__(self, session: Session, connection: Connection, /) -> object: ...
+
+class StreamCallback(Protocol):
+    def __call__(self, session: Session, stream: Stream, /) -> object: ...
+
+class SessionAudioCallback(Protocol):
+    def __call__(self, session: Session, audio: AudioData, /) -> object: ...
+
+class SubscriberErrorCallback(Protocol):
+    def __call__(self, subscriber: Subscriber, message: str, code: int, /) -> object: ...
+
+class PublisherErrorCallback(Protocol):
+    def __call__(self, publisher: Publisher, message: str, code: int, /) -> object: ...
+
+@final
+class TavrinVideoClient:
+    """A handle on the process's one session.
+
+    All objects of this type drive the same controller: a second one works, and logs a warning. Deleting an
+    object disconnects nothing. Constructor arguments are ignored. The type cannot be subclassed.
+
+    Raises RuntimeError ("Failed to initialize MR library") if the real-time library cannot be started.
+    """
+
+    def __new__(cls, *args: Any, **kwargs: Any) -> "TavrinVideoClient": ...
+    def connect(
+        self,
+        application_id: str,
+        session_id: str,
+        token: str,
+        *,
+        session_settings: Optional[SessionSettings] = None,
+        on_error_cb: Optional[SessionErrorCallback] = None,
+        on_connected_cb: Optional[SessionCallback] = None,
+        on_disconnected_cb: Optional[SessionCallback] = None,
+        on_connection_created_cb: Optional[ConnectionCallback] = None,
+        on_connection_dropped_cb: Optional[ConnectionCallback] = None,
+        on_stream_received_cb: Optional[StreamCallback] = None,
+        on_stream_dropped_cb: Optional[StreamCallback] = None,
+        on_audio_data_cb: Optional[SessionAudioCallback] = None,
+        on_ready_for_audio_cb: Optional[SessionCallback] = None,
+        on_media_buffer_drained_cb: Optional[Callable[[MediaBufferStats], object]] = None,
+    ) -> bool:
+        """Starts to join a session.
+
+        An `application_id` with a hyphen is an Application ID, one without is an API key; each kind has its
+        own endpoint. The environment variable API_HOSTNAME, read at each call, names another host (no
+        "https://" in front).
+
+        Gives True when the attempt has been started: its outcome comes as `on_connected_cb` or
+        `on_error_cb`. Gives False, with a line in the log, when it could not be started, and when a session
+        is up or being set up already. Raises TypeError or ValueError for bad arguments.
+
+        on_connected_cb(session): we are in.
+        on_disconnected_cb(session): the session ended without being asked to. Not called for `disconnect`.
+        on_error_cb(session, message, code): the session failed; it has ended, and `connect` may be called
+            again, from within this callable too.
+        on_connection_created_cb(session, connection), on_connection_dropped_cb(session, connection): another
+            participant came or went.
+        on_stream_received_cb(session, stream), on_stream_dropped_cb(session, stream): another participant
+            began or ended a stream. The place to call `subscribe`.
+        on_audio_data_cb(session, audio): the mix of all subscribed audio, 10 ms at a time, in the form of
+            `SessionAVSettings.audio_subscribers_mix`; silence when nobody speaks.
+        on_ready_for_audio_cb(session): audio given to `add_audio` is consumed from now on.
+        on_media_buffer_drained_cb(stats): published audio or video has run dry; the side that has is there
+            with a zero duration. Called once each time, after two empty periods.
+        """
+
+    def disconnect(self) -> bool:
+        """Leaves the session and lets go of every callable.
+
+        Blocks until the library has confirmed, at most 5 seconds. Gives True also when there was nothing to
+        leave. Raises no `on_disconnected_cb`.
+        """
+
+    def subscribe(
+        self,
+        stream: Stream,
+        *,
+        settings: Optional[SubscriberSettings] = None,
+        on_error_cb: Optional[SubscriberErrorCallback] = None,
+        on_connected_cb: Optional[Callable[[Subscriber], object]] = None,
+        on_disconnected_cb: Optional[Callable[[Subscriber], object]] = None,
+        on_audio_data_cb: Optional[Callable[[Subscriber, AudioData], object]] = None,
+        on_render_frame_cb: Optional[Callable[[Subscriber, VideoFrame], object]] = None,
+        on_caption_text_cb: Optional[Callable[[Subscriber, CaptionsData], object]] = None,
+    ) -> bool:
+        """Subscribes to a stream of the session: audio and video, unless `settings` say otherwise.
+
+        Gives True when the subscription was started; `on_connected_cb` or `on_error_cb` follows. Events
+        from before the return of this call are not delivered.
+
+        on_audio_data_cb(subscriber, audio): 10 ms of this stream's audio at a time. Starts with the first
+            sound; for a mix of all streams use `connect`'s callable.
+        on_render_frame_cb(subscriber, frame): a YUV420P picture. Its view stays valid for as long as it is
+            kept, and keeps one frame of the native pool in use until it goes.
+        on_caption_text_cb(subscriber, captions): needs `subscribe_to_captions`.
+
+        A callable that is slow makes the library drop the oldest media of this stream, of no other.
+        """
+
+    def unsubscribe(self, stream: Stream) -> bool:
+        """Ends the subscription to a stream and lets go of its callables, also when it gives False."""
+
+    def publish(
+        self,
+        settings: PublisherSettings,
+        *,
+        on_error_cb: Optional[PublisherErrorCallback] = None,
+        on_stream_created_cb: Optional[Callable[[Publisher], object]] = None,
+        on_stream_destroyed_cb: Optional[Callable[[Publisher], object]] = None,
+    ) -> bool:
+        """Publishes our one stream, fed by `add_audio` and `add_video`.
+
+        Gives True when publishing was started; `on_stream_created_cb` or `on_error_cb` follows. A stream
+        that the library ended blocks the next `publish` until `unpublish` is called.
+        """
+
+    def unpublish(self) -> bool:
+        """Ends our stream. Raises no `on_stream_destroyed_cb`: that one tells of an end not asked for."""
+
+    def is_publishing(self) -> bool:
+        """True from a successful `publish` to `unpublish`, the end of the stream or of the session."""
+
+    def is_connected(self) -> bool:
+        """True while a session is up or being set up."""
+
+    def get_connection(self) -> Union[Connection, None, Literal[False]]:
+        """Our own connection; None while there is none. (False once the module has shut down.)"""
+
+    def add_audio(self, audio_data: AudioData) -> bool:
+        """Appends audio to what is published, in the form of `SessionAVSettings.audio_publisher`.
+
+        Copies the samples before it returns; never waits. 28,800,000 samples fit: 300 s at 48 kHz stereo.
+        Gives False, with a warning in the log, when nothing was taken: no room, or audio is not consumed
+        yet (wait for `on_ready_for_audio_cb`). Raises TypeError or AttributeError for a bad object,
+        ValueError "sample_buffer is too small" if it holds less than it claims.
+
+        The samples are taken to have the session's form: the rate in the object is not looked at.
+
+        The library is fed 10 ms at a time. A gap is filled with silence.
+        """
+
+    def add_video(self, video_frame: VideoFrame, /) -> bool:
+        """Queues a picture to be published, in the form of `SessionAVSettings.video_publisher`.
+
+        Copies the pixels before it returns; never waits. 150 pictures fit: 5 s at 30 a second, 69 MB at
+        640x480 YUV420P. Gives False, with a warning in the log, when it was not taken: no
+        session, another form, or a full queue. Raises TypeError, AttributeError or ValueError for a bad
+        object, ValueError "frame_buffer is too small" if it holds less than a frame.
+
+        When the queue is empty the last picture is repeated for two seconds; then pictures are black.
+        """
+
+    def clear_media_buffers(self) -> bool:
+        """Throws away all audio and video that wait to be published, as for barge-in."""
+
+    def get_media_buffer_stats(self) -> Union[MediaBufferStats, Literal[False]]:
+        """How much audio and video wait to be published. Writes a line at level info for each side.
+
+        A side that is not measured is None. (False once the module has shut down.)
+        """

@@ -1,0 +1,146 @@
+"""The records of tavrin_media_relay.models: what the settings refuse, and what they say then."""
+
+from __future__ import annotations
+
+import subprocess
+import sys
+from datetime import datetime, timedelta
+from pathlib import Path
+
+import numpy
+import pytest
+
+from tavrin_media_relay import models as m
+
+PACKAGE_FOLDER = Path(m.__file__).resolve().parent.parent
+
+#: (what is built, its keywords, the exception, words of its message)
+REFUSED = [
+    (m.SessionAudioSettings, {"sample_rate": 7999}, ValueError, "sample_rate .*8000 to 48000 Hz, not 7999"),
+    (m.SessionAudioSettings, {"sample_rate": 48001}, ValueError, "sample_rate .*not 48001"),
+    (m.SessionAudioSettings, {"sample_rate": 48000.0}, TypeError, "sample_rate must be an int, not 48000.0"),
+    (m.SessionAudioSettings, {"number_of_channels": 0}, ValueError, "number_of_channels .*1 to 2, not 0"),
+    (m.SessionAudioSettings, {"number_of_channels": 3}, ValueError, "number_of_channels .*not 3"),
+    (m.SessionAudioSettings, {"number_of_channels": True}, TypeError, "number_of_channels .*not True"),
+    (m.LoggingSettings, {"level": "loud"}, ValueError, "level must be one of off, .*not 'loud'"),
+    (m.LoggingSettings, {"level": 3}, TypeError, "level must be a str, not 3"),
+    (m.SessionVideoPublisherSettings, {"format": "yuv420p"}, ValueError, "format .*YUV420P.*not 'yuv420p'"),
+    (m.SessionVideoPublisherSettings, {"format": None}, TypeError, "format must be a str, not None"),
+    (m.SessionVideoPublisherSettings, {"fps": 0}, ValueError, "fps .*1 to 1000, not 0"),
+    (m.SessionVideoPublisherSettings, {"fps": 29.97}, TypeError, "fps must be an int, not 29.97"),
+    (m.SessionVideoPublisherSettings, {"resolution": (640, 480)}, TypeError, r"resolution .*\(640, 480\)"),
+    (
+        m.SessionVideoPublisherSettings,
+        {"resolution": m.VideoResolution(0, 480)},
+        ValueError,
+        "resolution.width .*not 0",
+    ),
+    (
+        m.SessionVideoPublisherSettings,
+        {"resolution": m.VideoResolution(640, -1)},
+        ValueError,
+        "resolution.height .*not -1",
+    ),
+    (
+        m.SessionVideoPublisherSettings,
+        {"resolution": m.VideoResolution(32768, 16384), "format": "ARGB32"},
+        ValueError,
+        r"resolution .*2147483648 bytes",
+    ),
+    (m.SessionAVSettings, {"audio_publisher": 48000}, TypeError, "audio_publisher .*SessionAudioSettings"),
+    (m.SessionAVSettings, {"video_publisher": m.VideoResolution(1, 1)}, TypeError, "video_publisher"),
+    (m.SessionSettings, {"enable_migration": 1}, TypeError, "enable_migration must be True or False, not 1"),
+    (m.SessionSettings, {"av": m.SessionAudioSettings()}, TypeError, "av must be a SessionAVSettings"),
+    (m.SessionSettings, {"logging": "debug"}, TypeError, "logging must be a LoggingSettings"),
+    (m.PublisherSettings, {"name": ""}, ValueError, "name must not be empty"),
+    (m.PublisherSettings, {"name": b"bot"}, TypeError, "name must be a str, not b'bot'"),
+    (m.PublisherSettings, {"name": "bot", "has_video": None}, TypeError, "has_video"),
+    (m.PublisherSettings, {"name": "bot", "audio_settings": {}}, TypeError, "audio_settings"),
+    (m.PublisherAudioSettings, {"enable_opus_dtx": 0}, TypeError, "enable_opus_dtx"),
+    (m.SubscriberSettings, {"subscribe_to_captions": "yes"}, TypeError, "subscribe_to_captions .*'yes'"),
+    (m.SubscriberSettings, {"video_settings": m.VideoResolution(2, 2)}, TypeError, "video_settings"),
+    (m.SubscriberVideoSettings, {"preferred_framerate": 15.0}, TypeError, "preferred_framerate .*15.0"),
+    (m.SubscriberVideoSettings, {"preferred_framerate": 0}, ValueError, "preferred_framerate"),
+    (
+        m.SubscriberVideoSettings,
+        {"preferred_resolution": m.VideoResolution(-1, 2)},
+        ValueError,
+        "preferred_resolution.width",
+    ),
+]
+
+
+@pytest.mark.parametrize(
+    ("kind", "keywords", "error", "words"),
+    REFUSED,
+    ids=[f"{kind.__name__}-{'-'.join(keywords)}-{number}" for number, (kind, keywords, *_) in enumerate(REFUSED)],
+)
+def test_settings_refuse_and_name_the_field(kind, keywords, error, words):
+    with pytest.raises(error, match=f"^{kind.__name__}\\.{words}"):
+        kind(**keywords)
+
+
+@pytest.mark.parametrize(
+    ("kind", "keywords"),
+    [
+        (m.SessionAudioSettings, {"sample_rate": 8000, "number_of_channels": 1}),
+        (m.SessionAudioSettings, {"sample_rate": numpy.int32(44100)}),
+        (m.LoggingSettings, {"level": "TraCE"}),
+        (m.SessionVideoPublisherSettings, {"resolution": m.VideoResolution(1, 1), "fps": 1000}),
+        (m.SessionVideoPublisherSettings, {"resolution": m.VideoResolution(32767, 16384), "format": "ARGB32"}),
+        (m.SubscriberVideoSettings, {"preferred_resolution": m.VideoResolution(320, 180)}),
+    ],
+)
+def test_settings_take_their_limits(kind, keywords):
+    made = kind(**keywords)
+    for name, value in keywords.items():
+        assert getattr(made, name) == value
+
+
+def test_defaults_are_those_of_the_module():
+    video = m.SessionVideoPublisherSettings()
+    assert (video.resolution.width, video.resolution.height, video.fps, video.format) == (640, 480, 30, "YUV420P")
+    assert (m.SessionAudioSettings().sample_rate, m.SessionAudioSettings().number_of_channels) == (48000, 2)
+    settings = m.SubscriberSettings()
+    assert settings.subscribe_to_audio and settings.subscribe_to_video and not settings.subscribe_to_captions
+    # Each object has a resolution of its own.
+    video.resolution.width = 1
+    assert m.SessionVideoPublisherSettings().resolution.width == 640
+
+
+@pytest.mark.parametrize(
+    ("width", "height", "format", "size"),
+    [(640, 480, "YUV420P", 460800), (3, 3, "YUV420P", 17), (2, 2, "YUV420P", 6), (3, 5, "RGB24", 45), (3, 5, "ARGB32", 60)],
+)
+def test_frame_buffer_size(width, height, format, size):
+    assert m.frame_buffer_size(width, height, format) == size
+
+
+def test_what_the_module_builds_takes_its_keywords_and_nothing_else():
+    connection = m.Connection(id="c", creation_time=datetime(2024, 1, 2), data="d")
+    subscriber = m.Subscriber(stream=m.Stream(id="s", connection=connection))
+    assert subscriber.stream.connection.data == "d"
+    view = memoryview(b"\1\2\3\4\5\6")
+    frame = m.VideoFrame.model_construct(
+        resolution=m.VideoResolution(width=2, height=2), format="YUV420P", frame_buffer=view
+    )
+    assert frame.frame_buffer is view and isinstance(frame, m.VideoFrame)
+    stats = m.MediaBufferStats(audio=m.AudioBufferStats(duration=timedelta(milliseconds=20.0)))
+    assert stats.audio.duration.microseconds == 20000 and stats.video is None
+    # A misspelled attribute is an error, not a new attribute that nobody reads.
+    with pytest.raises(AttributeError):
+        m.SessionSettings().loging = None
+    with pytest.raises(TypeError):
+        m.Session(id="s", name="x")
+
+
+def test_models_import_without_the_extension():
+    """The extension imports the models while it is being imported itself."""
+    code = (
+        f"import sys; sys.path.insert(0, {str(PACKAGE_FOLDER)!r}); sys.modules['_tavrin_video'] = None\n"
+        "import tavrin_media_relay.models, tavrin_media_relay as package\n"
+        "try: package.TavrinVideoClient\n"
+        "except ModuleNotFoundError: print('ok')\n"
+    )
+    done = subprocess.run([sys.executable, "-I", "-c", code], capture_output=True, text=True, timeout=60)
+    assert (done.returncode, done.stdout) == (0, "ok\n"), done.stderr
