@@ -84,6 +84,8 @@ class DriftBuffer {
   const std::size_t target_frames_;  // of the writer, as are all queue lengths
   const std::size_t max_frames_;
   const std::size_t fade_frames_;  // of the reader
+  const double aim_ms_;            // where the mean queue is steered to
+  double mean_ms_;                 // smoothed queue
 
   // The ring: positions count frames since the start and never wrap.
   std::vector<std::int16_t> ring_;
@@ -106,8 +108,6 @@ class DriftBuffer {
   std::uint64_t written_seen_ = 0;
   std::size_t idle_frames_ = 0;  // reader's frames since the writer last came, while priming
   bool played_before_ = false;
-  bool mean_valid_ = false;
-  double mean_ms_ = 0;     // smoothed queue
   double learned_ = 0;     // the clocks' difference as learned so far
   double correction_ = 0;  // present speed-up of the reading, 0.01 = one per cent faster
 
