@@ -36,7 +36,7 @@ using MRAudioCapturerBuffersDrainedCallback = std::function<void()>;
 class MRAudioCapturer {
  public:
   /// Capacity in samples of all channels: 300 s at 48 kHz stereo.
-  static constexpr std::size_t kInjectedAudioBufferSize = 28'800'000;
+  static constexpr std::size_t kInjectedAudioBufferSize = MRAudio::kMaxBufferedSamples;
   /// Empty periods after which the drained callback is raised.
   static constexpr std::size_t kDrainedBufferHysteresis = 2;
   /// Empty periods in which nothing is written.
@@ -82,7 +82,6 @@ class MRAudioCapturer {
 
   bool runInjectedAudioTask();
   void updateBufferedFramesNumber();
-  void clearBuffersLocked();
   bool stopLocked();
   bool destroyLocked();
 

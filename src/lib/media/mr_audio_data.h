@@ -2,6 +2,7 @@
 
 #include <sarnet/sarnet.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -9,6 +10,20 @@
 namespace MRAudio {
 /// All audio is interleaved signed 16-bit PCM.
 using sample_t = std::int16_t;
+
+/// The most samples, of all channels together, that any buffer holds: 300 s at 48 kHz stereo.
+inline constexpr std::size_t kMaxBufferedSamples = 28'800'000;
+
+struct PeriodSize {
+  std::size_t frames;
+  std::size_t samples;  ///< of all channels together
+};
+
+/// What a period holds in that format, rounded down; nothing for a negative figure and for a period
+/// that no buffer could hold. Zeros are fine and give a period of nothing.
+std::optional<PeriodSize> periodSize(int sample_rate, int channels,
+                                     std::chrono::milliseconds period);
+
 }  // namespace MRAudio
 
 /// A borrowed block of samples, valid for one call. Owns nothing.

@@ -1,0 +1,202 @@
+#include "runtime/event_queue.h"
+
+#include <cxxabi.h>
+
+#include <memory>
+
+#include "support/logger.h"
+
+const log4cxx::LoggerPtr& EventQueue::logger_ = lastingLogger("EventQueue");
+
+EventQueue::EventQueue(const std::string& name) : name_(name) {
+  LOG4CXX_DEBUG(logger_, "EventQueue::EventQueue: " << name_);
+}
+
+EventQueue::~EventQueue() {
+  LOG4CXX_DEBUG(logger_, "EventQueue::~EventQueue: " << name_);
+  if (isRunning()) stop();
+  // Still joinable only after the worker was ended from outside.
+  if (worker_.joinable()) worker_.join();
+}
+
+void EventQueue::start() {
+  bool expected = false;
+  if (!running_.compare_exchange_strong(expected, true)) {
+    LOG4CXX_WARN(logger_, "EventQueue::start: Already running (" << name_ << ")");
+    return;
+  }
+  try {
+    if (worker_.joinable()) worker_.join();
+    worker_ = std::thread(&EventQueue::runWorker, this);
+  } catch (const std::exception&) {
+    abandon();
+    throw;
+  }
+  LOG4CXX_DEBUG(logger_, "EventQueue::start: Started (" << name_ << ")");
+}
+
+void EventQueue::stop() {
+  LOG4CXX_DEBUG(logger_, "EventQueue::stop: Stopping (" << name_ << ")");
+  {
+    const std::lock_guard lock(mutex_);
+    bool expected = true;
+    if (!running_.compare_exchange_strong(expected, false)) {
+      LOG4CXX_WARN(logger_, "EventQueue::stop: Not running (" << name_ << ")");
+      return;
+    }
+  }
+  cv_.notify_one();
+  if (worker_.joinable()) worker_.join();
+  // The system may give the id to another thread, which must not pass for the worker.
+  worker_thread_id_.store(std::thread::id());
+  {
+    const std::lock_guard lock(mutex_);
+    queue_.clear();
+  }
+  LOG4CXX_DEBUG(logger_, "EventQueue::stop: Stopped (" << name_ << ")");
+}
+
+bool EventQueue::isRunning() const { return running_.load(); }
+
+bool EventQueue::post(std::function<void()>&& task) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (!running_.load()) {
+      LOG4CXX_TRACE(logger_,
+                    "EventQueue::post: Queue not running, dropping event (" << name_ << ")");
+      return false;
+    }
+    queue_.push_back(std::move(task));
+  }
+  // After unlocking, so that the worker does not wake only to wait for the mutex.
+  cv_.notify_one();
+  return true;
+}
+
+namespace {
+
+/// Where a caller waits for its task. Lives on the caller's stack.
+struct Completion {
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool done = false;
+
+  void wait() {
+    std::unique_lock lock(mutex);
+    cv.wait(lock, [this] { return done; });
+  }
+};
+
+/// Releases the waiter once the task has run, or when it is dropped because the worker is gone.
+class CompletionSignal {
+ public:
+  explicit CompletionSignal(Completion& completion) : completion_(&completion) {}
+  ~CompletionSignal() { fire(); }
+  CompletionSignal(const CompletionSignal&) = delete;
+  CompletionSignal& operator=(const CompletionSignal&) = delete;
+
+  void fire() {
+    Completion* const completion = std::exchange(completion_, nullptr);
+    if (completion == nullptr) return;
+    // Notified under the mutex: the waiter cannot leave, and take the record away, before that.
+    const std::lock_guard lock(completion->mutex);
+    completion->done = true;
+    completion->cv.notify_one();
+  }
+
+ private:
+  Completion* completion_;
+};
+
+void runQuietly(const std::function<void()>& task) {
+  try {
+    task();
+  } catch (abi::__forced_unwind&) {
+    throw;
+  } catch (...) {  // NOLINT(bugprone-empty-catch): the caller gets the default value instead
+  }
+}
+
+}  // namespace
+
+void EventQueue::postAndWait(std::function<void()>&& task) {
+  if (isOnWorkerThread()) {
+    task();
+    return;
+  }
+  Completion completion;
+  auto signal = std::make_shared<CompletionSignal>(completion);
+  const bool accepted = post([signal = std::move(signal), task = std::move(task)]() mutable {
+    {
+      // What the task captured goes before the caller goes on.
+      const std::function<void()> owned = std::move(task);
+      runQuietly(owned);
+    }
+    signal->fire();
+  });
+  if (accepted) completion.wait();
+}
+
+void EventQueue::flush() {
+  postAndWait([] {});
+}
+
+bool EventQueue::isOnWorkerThread() const {
+  return std::this_thread::get_id() == worker_thread_id_.load();
+}
+
+void EventQueue::runWorker() try {
+  worker_thread_id_.store(std::this_thread::get_id());
+  LOG4CXX_DEBUG(logger_, "EventQueue::processLoop: Worker thread started (" << name_ << ")");
+  processLoop();
+  LOG4CXX_DEBUG(logger_, "EventQueue::processLoop: Worker thread exiting (" << name_ << ")");
+} catch (abi::__forced_unwind&) {
+  // The interpreter ends threads that ask for its lock while it shuts down. Nobody must wait for
+  // this one afterwards.
+  abandon();
+  throw;
+} catch (const std::exception&) {
+  abandon();
+}
+
+void EventQueue::abandon() {
+  std::deque<std::function<void()>> dropped;
+  const std::lock_guard lock(mutex_);
+  running_.store(false);
+  dropped.swap(queue_);
+}
+
+void EventQueue::processLoop() {
+  const auto run = [this](const std::function<void()>& task, const char* doing) {
+    try {
+      task();
+    } catch (const std::exception& e) {
+      LOG4CXX_ERROR(logger_, "EventQueue::processLoop: Exception " << doing << " event (" << name_
+                                                                   << "): " << e.what());
+    } catch (abi::__forced_unwind&) {
+      throw;
+    } catch (...) {
+      LOG4CXX_ERROR(logger_, "EventQueue::processLoop: Unknown exception " << doing << " event ("
+                                                                           << name_ << ")");
+    }
+  };
+
+  while (running_.load()) {
+    std::function<void()> task;
+    {
+      std::unique_lock lock(mutex_);
+      cv_.wait(lock, [this] { return !queue_.empty() || !running_.load(); });
+      if (queue_.empty()) continue;
+      task = std::move(queue_.front());
+      queue_.pop_front();
+    }
+    run(task, "processing");
+  }
+
+  std::deque<std::function<void()>> remaining;
+  {
+    const std::lock_guard lock(mutex_);
+    remaining.swap(queue_);
+  }
+  for (const auto& task : remaining) run(task, "draining");
+}
