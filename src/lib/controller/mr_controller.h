@@ -36,12 +36,12 @@ using on_session_audio_data =
 using on_session_ready_to_publish = std::function<void(const std::string& session_id)>;
 using on_session_media_buffer_drained = std::function<void(const MediaBufferStats& stats)>;
 
-// What the controller's owner wants to hear; any member may be empty. All run on the worker, one at
-// a time and in order, and may call the controller; only `on_audio_data` runs on the renderer's
-// thread, with samples that are valid during the call.
+/// What the controller's owner wants to hear; any member may be empty. All run on the worker, one
+/// at a time and in order, and may call the controller; only `on_audio_data` runs on the renderer's
+/// thread, with samples that are valid during the call.
 struct MRSessionCallbacks {
   on_session_connected on_connected;
-  // The session ended without being asked to.
+  /// The session ended without being asked to.
   on_session_disconnected on_disconnected;
   on_session_stream_received on_stream_received;
   on_session_stream_dropped on_stream_dropped;
@@ -53,67 +53,67 @@ struct MRSessionCallbacks {
   on_session_media_buffer_drained on_media_buffer_drained;
 };
 
-// The one facade of the native core: owns the worker, the audio device, the session, the publisher
-// and the subscribers. One at a time in a process, since the library is initialised and destroyed
-// with it.
+/// The one facade of the native core: owns the worker, the audio device, the session, the publisher
+/// and the subscribers. One at a time in a process, since the library is initialised and destroyed
+/// with it.
 //
-// Any thread may call any operation. Those that change or read the session run on the worker while
-// the caller waits; on the worker itself they run inline, and then a task's exception reaches the
-// caller. A caller must hold no lock that a callback may need. After the worker has stopped they
-// give the failing result. `isRunning`, `isPublishing`, `addAudio`, `addVideo` and `setLogLevel`
-// never wait for the worker.
+/// Any thread may call any operation. Those that change or read the session run on the worker while
+/// the caller waits; on the worker itself they run inline, and then a task's exception reaches the
+/// caller. A caller must hold no lock that a callback may need. After the worker has stopped they
+/// give the failing result. `isRunning`, `isPublishing`, `addAudio`, `addVideo` and `setLogLevel`
+/// never wait for the worker.
 //
-// Never deleted through its base. The destructor leaves the session, runs what is still queued,
-// joins the worker and destroys the library; it must not run on the worker. An owner that may not
-// wait for the worker at process exit leaks the controller instead.
+/// Never deleted through its base. The destructor leaves the session, runs what is still queued,
+/// joins the worker and destroys the library; it must not run on the worker. An owner that may not
+/// wait for the worker at process exit leaks the controller instead.
 class MRController final : public MRSessionObserver {
  public:
-  // Installs the audio device and initialises the library. A library that cannot be initialised
-  // leaves a working object on which `connect` refuses.
+  /// Installs the audio device and initialises the library. A library that cannot be initialised
+  /// leaves a working object on which `connect` refuses.
   explicit MRController(MRSessionCallbacks callbacks);
   ~MRController();
   MRController(const MRController&) = delete;
   MRController& operator=(const MRController&) = delete;
 
-  // Once per process until `deinitSntLibrary`; true when the library is ready.
+  /// Once per process until `deinitSntLibrary`; true when the library is ready.
   static bool initSntLibrary();
   static void deinitSntLibrary();
 
-  // Starts joining; the outcome comes as `on_connected` or `on_error`. The host of `session_info`
-  // is always replaced: by API_HOSTNAME, else by the endpoint for the kind of id. False while there
-  // is a session, which is left untouched.
+  /// Starts joining; the outcome comes as `on_connected` or `on_error`. The host of `session_info`
+  /// is always replaced: by API_HOSTNAME, else by the endpoint for the kind of id. False while
+  /// there is a session, which is left untouched.
   bool connect(MRSessionInfo session_info, const MRSessionSettings& session_settings);
-  // True also when there was nothing to leave. Waits for the library, at most 5 seconds.
+  /// True also when there was nothing to leave. Waits for the library, at most 5 seconds.
   bool disconnect();
-  // From a successful `connect` to the beginning of the tear-down.
+  /// From a successful `connect` to the beginning of the tear-down.
   bool isRunning() const { return is_running_.load(); }
 
-  // The publisher's id; empty on failure.
+  /// The publisher's id; empty on failure.
   std::string publish(const MRPublisherSettings& settings, const MRPublisherCallbacks& callbacks);
   bool unpublish();
   bool isPublishing() const { return publisher_manager_.isPublishing(); }
 
-  // The subscriber's id; empty on failure.
+  /// The subscriber's id; empty on failure.
   std::string subscribe(const std::string& stream_id, const MRSubscriberCallbacks& callbacks,
                         const MRSubscriberSettings& settings);
-  // True without a session.
+  /// True without a session.
   bool unsubscribe(const std::string& stream_id);
 
-  // The samples are copied.
+  /// The samples are copied.
   bool addAudio(const MRAudioData& audio_data);
-  // The frame is taken over, and destroyed if refused.
+  /// The frame is taken over, and destroyed if refused.
   bool addVideo(std::unique_ptr<MRVideoFrame> frame);
-  // True when at least one side was cleared.
+  /// True when at least one side was cleared.
   bool clearMediaBuffers();
   MediaBufferStats getCurrentBufferStats();
-  // Empty until the session is joined.
+  /// Empty until the session is joined.
   MRConnectionInfo getSessionConnectionInfo();
 
-  // "off", "trace", "debug", "info", "warn" or "error" in any case, for this log and the library's;
-  // any other word does nothing.
+  /// "off", "trace", "debug", "info", "warn" or "error" in any case, for this log and the
+  /// library's; any other word does nothing.
   void setLogLevel(const std::string& level);
 
-  // Events: they only copy and post.
+  /// Events: they only copy and post.
   void onSessionConnected(const std::string& session_id) override;
   void onSessionDisconnected(const std::string& session_id) override;
   void onSessionError(const std::string& session_id, const std::string& description,
@@ -130,35 +130,34 @@ class MRController final : public MRSessionObserver {
 
   bool connectInternal(MRSessionInfo& session_info, const MRSessionSettings& session_settings);
   bool disconnectInternal();
-  // Ends the session that an event came from, unless another one has taken its place since.
+  /// Ends the session that an event came from, unless another one has taken its place since.
   void endSession(uint64_t generation);
   static bool chooseEndpoint(MRSessionInfo& session_info);
   void installDrainedCallbacks();
   MediaBufferStats getCurrentBufferStatsInternal() const;
 
-  static bool isSntLibraryInitialised_;
+  static std::atomic<bool> isSntLibraryInitialised_;
   static const log4cxx::LoggerPtr& logger_;
 
   EventQueue event_queue_;
   const MRSessionCallbacks session_callbacks_;
   MRSessionSettings session_settings_;
 
-  // What the renderer's thread reads. It may still be reading when the next session is being
-  // connected, so the ids that were ever shown to it stay.
+  /// What the renderer's thread reads. It may still be reading when the next session is being
+  /// connected, so the ids that were ever shown to it stay.
   std::atomic<bool> is_running_{false};
-  std::set<std::string> audio_session_ids_;  // the worker's
+  std::set<std::string> audio_session_ids_;  ///< the worker's
   std::atomic<const std::string*> audio_session_id_{nullptr};
 
-  // Raised by each attempt to connect: an event of an earlier session that is still queued is then
-  // recognised.
+  /// Raised by each attempt to connect: an event of an earlier session that is still queued is then
+  /// recognised.
   std::atomic<uint64_t> session_generation_{0};
 
   std::unique_ptr<MRAudioDevice> audio_device_wrapper_;
   std::shared_ptr<MRSession> session_;
-  MRSessionInfo last_session_info_;
   MRPublisherManager publisher_manager_;
   MRSubscriberManager subscriber_manager_;
 };
 
-// Whether the two are the same but for the case of ASCII letters.
+/// Whether the two are the same but for the case of ASCII letters.
 bool stringCaseInsensitiveCompare(const std::string& a, const std::string& b);

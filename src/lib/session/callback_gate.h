@@ -13,26 +13,25 @@
 #include <unordered_map>
 #include <utility>
 
-// What the callbacks of the library need to reach objects that may be going away at that very
-// moment.
+// What the callbacks of the library need to reach objects that may be going away at that moment.
 //
 // The library is given a ticket as `user_data`, never an address. A callback trades the ticket for
 // a shared gate, which holds all that the callback may touch, and so stays sound however late it
 // comes: with the object gone it finds no gate, or finishes on a gate that nobody else holds any
 // more.
 
-// The gates of one kind of object, by ticket. Tickets are never used twice, so that a late callback
-// of one object cannot meet the next one. Any thread may call; the mutex is a leaf.
+/// The gates of one kind of object, by ticket. Tickets are never used twice, so that a late
+/// callback of one object cannot meet the next one. Any thread may call; the mutex is a leaf.
 template <class Gate>
 class CallbackGates {
  public:
-  // Never destroyed: callbacks may come while the process's static objects go.
+  /// Never destroyed: callbacks may come while the process's static objects go.
   static CallbackGates& instance() {
     static auto* const gates = new CallbackGates;
     return *gates;
   }
 
-  // The ticket by which `gate` is found until `close`. Never null.
+  /// The ticket by which `gate` is found until `close`. Never null.
   void* open(std::shared_ptr<Gate> gate) {
     const std::unique_lock lock(mutex_);
     gates_.emplace(++last_ticket_, std::move(gate));
@@ -49,7 +48,7 @@ class CallbackGates {
     }
   }
 
-  // Empty for a ticket that was closed, or never given.
+  /// Empty for a ticket that was closed, or never given.
   std::shared_ptr<Gate> find(void* ticket) const {
     const std::shared_lock lock(mutex_);
     const auto found = gates_.find(std::bit_cast<std::uintptr_t>(ticket));
@@ -62,11 +61,11 @@ class CallbackGates {
   std::unordered_map<std::uintptr_t, std::shared_ptr<Gate>> gates_;
 };
 
-// Counts the callbacks that are inside an object, so that its owner can close the door behind the
-// last one. Only for callbacks that do no more than post, since `close` waits for them.
+/// Counts the callbacks that are inside an object, so that its owner can close the door behind the
+/// last one. Only for callbacks that do no more than post, since `close` waits for them.
 class CallbackDoor {
  public:
-  // One callback's stay, from construction to destruction. False if the door was closed already.
+  /// One callback's stay, from construction to destruction. False if the door was closed already.
   class Visit {
    public:
     explicit Visit(CallbackDoor& door) : door_(door), inside_(door.enter()) {}
@@ -84,7 +83,7 @@ class CallbackDoor {
     const bool inside_;
   };
 
-  // From here on nobody enters. Returns when the last visitor has left. May be repeated.
+  /// From here on nobody enters. Returns when the last visitor has left. May be repeated.
   void close() {
     std::unique_lock lock(mutex_);
     closed_ = true;
@@ -111,8 +110,8 @@ class CallbackDoor {
   bool closed_ = false;
 };
 
-// Runs the body of a library callback and keeps its exceptions from the library's frames. The
-// unwinding by which the interpreter ends a thread at its exit passes through, as it must.
+/// Runs the body of a library callback and keeps its exceptions from the library's frames. The
+/// unwinding by which the interpreter ends a thread at its exit passes through, as it must.
 template <class Body>
 void guardCallback(const log4cxx::LoggerPtr& logger, const char* name, Body&& body) {
   try {

@@ -16,7 +16,7 @@
 #include "session/mr_stream.h"
 #include "session/srn_handles.h"
 
-// What to publish.
+/// What to publish.
 struct MRPublisherSettings {
   std::string name;
   bool has_audio = false;
@@ -24,8 +24,8 @@ struct MRPublisherSettings {
   bool stereo_audio_mode = true;
   bool audio_noise_suppresion = false;
   bool audio_echo_cancellation = false;
-  bool audio_processing = false;  // the library's own flag is the opposite of this one
-  bool audio_enable_dtx = false;  // discontinuous transmission
+  bool audio_processing = false;  ///< the library's own flag is the opposite of this one
+  bool audio_enable_dtx = false;  ///< discontinuous transmission
   bool enable_captions = false;
 };
 
@@ -40,25 +40,25 @@ struct MRPublisherInfo {
 
 std::ostream& operator<<(std::ostream& out, const MRPublisherInfo& info);
 
-// One publisher of the library, bound to its session for as long as the object lives, with the
-// injected video that feeds it.
+/// One publisher of the library, bound to its session for as long as the object lives, with the
+/// injected video that feeds it.
 //
-// The video calls may come on any thread; whoever owns the object keeps it alive during them. The
-// rest belongs to the worker. The library's events go to the manager and touch nothing of this
-// object.
+/// The video calls may come on any thread; whoever owns the object keeps it alive during them. The
+/// rest belongs to the worker. The library's events go to the manager and touch nothing of this
+/// object.
 class MRPublisher {
  public:
-  // Makes and binds a publisher. Empty on failure: the log says why, and nothing stays behind in
-  // the library. `manager` gets the events and outlives the publisher.
+  /// Makes and binds a publisher. Empty on failure: the log says why, and nothing stays behind in
+  /// the library. `manager` gets the events and outlives the publisher.
   static std::unique_ptr<MRPublisher> publish(const MRPublisherSettings& settings,
                                               const std::shared_ptr<MRSession>& session,
                                               MRPublisherObserver* manager);
 
-  // False, with the frame destroyed, when the capturer doesn't run or the frame doesn't fit.
+  /// False, with the frame destroyed, when the capturer doesn't run or the frame doesn't fit.
   virtual bool addVideo(std::unique_ptr<MRVideoFrame> frame);
 
-  // Unbinds and deletes the library publisher, then stops the capturer. Waits for a drained
-  // callback that is running, so it must not be called with a lock that such a callback may take.
+  /// Unbinds and deletes the library publisher, then stops the capturer. Waits for a drained
+  /// callback that is running, so it must not be called with a lock that such a callback may take.
   virtual ~MRPublisher();
   MRPublisher(const MRPublisher&) = delete;
   MRPublisher& operator=(const MRPublisher&) = delete;
@@ -92,9 +92,8 @@ class MRPublisher {
 
   SrnPublisherPtr publisher_;
   std::shared_ptr<MRSession> session_;
-  MRPublisherObserver* publisher_manager_;
   MRPublisherInfo publisher_info_;
   MRStreamInfo stream_info_;
-  srn_publisher_callbacks callbacks_{};  // the library reads it by address
+  srn_publisher_callbacks callbacks_;  ///< the library reads it by address
   MRVideoCapturer video_capturer_;
 };

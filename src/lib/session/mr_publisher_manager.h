@@ -21,41 +21,41 @@ using on_publisher_stream_destroyed = void (*)(const MRPublisher& publisher);
 using on_publisher_error = void (*)(const MRPublisher& publisher, const std::string& description,
                                     int32_t code);
 
-// Called on the worker; any may be null. The publisher is valid until the callback returns, or
-// until the callback itself unpublishes.
+/// Called on the worker; any may be null. The publisher is valid until the callback returns, or
+/// until the callback itself unpublishes.
 struct MRPublisherCallbacks {
   on_publisher_stream_created on_stream_created = nullptr;
   on_publisher_stream_destroyed on_stream_destroyed = nullptr;
   on_publisher_error on_error = nullptr;
 };
 
-// Owns the one publisher. A publisher that has lost its stream or failed stays in place, and
-// refuses another `publish`, until `unpublish`.
+/// Owns the one publisher. A publisher that has lost its stream or failed stays in place, and
+/// refuses another `publish`, until `unpublish`.
 //
-// `publish` and `unpublish` belong to the queue's worker; everything else may be called on any
-// thread. The library's events are posted to the queue, which must not run them after this object
-// has gone.
+/// `publish` and `unpublish` belong to the queue's worker; everything else may be called on any
+/// thread. The library's events are posted to the queue, which must not run them after this object
+/// has gone.
 class MRPublisherManager : public MRPublisherObserver {
  public:
   explicit MRPublisherManager(EventQueue& event_queue);
   MRPublisherManager(const MRPublisherManager&) = delete;
   MRPublisherManager& operator=(const MRPublisherManager&) = delete;
 
-  // The publisher's id, or an empty one with nothing changed.
+  /// The publisher's id, or an empty one with nothing changed.
   std::string publish(const MRPublisherSettings& settings, const MRPublisherCallbacks& callbacks,
                       const std::shared_ptr<MRSession>& session);
-  // Always true. None of the callbacks is called for it.
+  /// Always true. None of the callbacks is called for it.
   bool unpublish();
-  // From a successful `publish` to the first of stream loss, error and `unpublish`.
+  /// From a successful `publish` to the first of stream loss, error and `unpublish`.
   bool isPublishing() const { return is_publishing_.load(); }
 
   bool addVideo(std::unique_ptr<MRVideoFrame> frame);
   bool clearVideoBuffers();
-  // Lost when there is no publisher; goes with the publisher.
+  /// Lost when there is no publisher; goes with the publisher.
   void setOnVideoBufferDrainedCallback(MRVideoBufferDrainedCallback&& callback);
   MRVideoBufferDrainedCallback getOnVideoBufferDrainedCallback() const;
   std::chrono::milliseconds getVideoBufferDuration() const;
-  // Those of the last successful `publish`.
+  /// Those of the last successful `publish`.
   MRPublisherSettings getSettings() const;
 
   void onStreamCreated(const MRStreamInfo& stream_info) override;
@@ -66,23 +66,26 @@ class MRPublisherManager : public MRPublisherObserver {
  private:
   std::string getPublisherId() const { return publisher_id_; }
   void resetState();
-  // Takes the publisher out under the mutex and destroys it outside: its end waits for the
-  // capturer's thread, which may be waiting for the mutex.
+  /// The end of the publisher's stream, as the worker hears of it. False if this publisher is gone,
+  /// or its end is known already.
+  bool loseStream(uint64_t generation);
+  /// Takes the publisher out under the mutex and destroys it outside: its end waits for the
+  /// capturer's thread, which may be waiting for the mutex.
   void destroyPublisher();
 
-  // Guards the publisher's life against the media calls. Written on the worker only, which
-  // therefore reads without it.
+  /// Guards the publisher's life against the media calls. Written on the worker only, which
+  /// therefore reads without it.
   mutable std::mutex publisher_mutex_;
   std::unique_ptr<MRPublisher> publisher_;
 
   std::atomic<bool> is_publishing_{false};
-  // Raised by each `publish`: an event of an earlier publisher that is still queued is then
-  // recognised.
+  /// Raised by each `publish`: an event of an earlier publisher that is still queued is then
+  /// recognised.
   std::atomic<uint64_t> generation_{0};
   MRPublisherCallbacks callbacks_;
   std::string publisher_id_;
 
-  mutable std::mutex settings_mutex_;  // a leaf
+  mutable std::mutex settings_mutex_;  ///< a leaf
   MRPublisherSettings settings_;
 
   EventQueue& event_queue_;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <log4cxx/logger.h>
 #include <sarnet/sarnet.h>
 
 #include <chrono>
@@ -14,18 +13,18 @@
 #include "session/mr_session_observer.h"
 #include "session/srn_handles.h"
 
-// Which session to join, and as whom. `api_key` holds an API key or an Application ID.
+/// Which session to join, and as whom. `api_key` holds an API key or an Application ID.
 struct MRSessionInfo {
   std::string session_id;
   std::string token;
   std::string api_key;
   std::string api_hostname;
 
-  // The host may be filled in later.
+  /// The host may be filled in later.
   bool isValid() const { return !session_id.empty() && !token.empty() && !api_key.empty(); }
 };
 
-// Prints the token in full.
+/// Prints the token in full.
 std::ostream& operator<<(std::ostream& out, const MRSessionInfo& info);
 
 struct MRSessionSettings {
@@ -38,25 +37,25 @@ struct MRSessionSettings {
 
 std::ostream& operator<<(std::ostream& out, const MRSessionSettings& settings);
 
-// One session of the library: made by `connect`, left and deleted by the destructor. Turns the
-// library's session events into calls of the observer.
+/// One session of the library: made by `connect`, left and deleted by the destructor. Turns the
+/// library's session events into calls of the observer.
 //
-// Threads: `connect`, the accessors and the destructor belong to the worker;
-// `getSessionConnectionInfo` may be called on any thread. Events come on a library thread, touch
-// only the shared gate, and none reaches the observer once the destructor has begun.
+/// Threads: `connect`, the accessors and the destructor belong to the worker;
+/// `getSessionConnectionInfo` may be called on any thread. Events come on a library thread, touch
+/// only the shared gate, and none reaches the observer once the destructor has begun.
 class MRSession {
  public:
   static constexpr std::chrono::seconds kDefaultDisconnectTimeout{5};
 
-  // Starts joining. The outcome comes to `controller`, which must outlive the session. Empty when
-  // the information is incomplete or the library refuses; the log says why, and nothing stays
-  // behind.
+  /// Starts joining. The outcome comes to `controller`, which must outlive the session. Empty when
+  /// the information is incomplete or the library refuses; the log says why, and nothing stays
+  /// behind.
   static std::shared_ptr<MRSession> connect(const MRSessionInfo& info,
                                             const MRSessionSettings& settings,
                                             MRSessionObserver* controller);
 
-  // Leaves a session that the library has not ended by itself, and waits for the confirmation, at
-  // most the disconnect time-out. Deletes the handle in any case.
+  /// Leaves a session that the library has not ended by itself, and waits for the confirmation, at
+  /// most the disconnect time-out. Deletes the handle in any case.
   ~MRSession();
   MRSession(const MRSession&) = delete;
   MRSession& operator=(const MRSession&) = delete;
@@ -64,7 +63,7 @@ class MRSession {
   srn_session* getSrnSession() const { return session_.get(); }
   std::string getSessionId() const { return session_id_; }
   const MRSessionSettings& getSessionSettings() const { return session_settings_; }
-  // This participant's own connection; empty until the session is joined.
+  /// This participant's own connection; empty until the session is joined.
   MRConnectionInfo getSessionConnectionInfo() const;
   void setDisconnectTimeout(std::chrono::seconds timeout) { disconnect_timeout_ = timeout; }
 
@@ -89,8 +88,8 @@ class MRSession {
   static void onSrnLogMessage(const char* file, int line, const char* function, int level,
                               const char* message);
 
-  std::shared_ptr<Gate> gate_;       // all that the callbacks use
-  srn_session_callbacks callbacks_;  // the library holds its address until the handle is deleted
+  std::shared_ptr<Gate> gate_;       ///< all that the callbacks use
+  srn_session_callbacks callbacks_;  ///< the library holds its address until the handle is deleted
   SRNSessionPtr session_;
   std::string session_id_;
   MRSessionSettings session_settings_;

@@ -7,6 +7,7 @@
 #include <functional>
 #include <iosfwd>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -28,16 +29,16 @@ struct MRSubscriberInfo {
 std::ostream& operator<<(std::ostream& out, const MRSubscriberInfo& info);
 
 struct Resolution {
-  uint32_t width = 0;  // pixels
+  uint32_t width = 0;  ///< pixels
   uint32_t height = 0;
 };
 
-// What to receive of a stream. The preferences count only with video.
+/// What to receive of a stream. The preferences count only with video.
 struct MRSubscriberSettings {
   bool wants_audio = true;
   bool wants_video = true;
   bool wants_captions = false;
-  std::optional<float> preferred_framerate;  // frames per second
+  std::optional<float> preferred_framerate;  ///< frames per second
   std::optional<Resolution> preferred_resolution;
 };
 
@@ -50,24 +51,24 @@ using on_subscriber_render_frame =
 using on_subscriber_caption_text =
     std::function<void(const MRStreamInfo& stream_info, const std::string& text, bool is_final)>;
 
-// Where the received media go, each on the library's thread for it; any may be empty. They may wait
-// for the worker, and may still be running when the subscriber is gone. Audio samples are valid
-// during the call; the pixels of a frame as long as somebody keeps its `keep_alive`.
+/// Where the received media go, each on the library's thread for it; any may be empty. They may
+/// wait for the worker, and may still be running when the subscriber is gone. Audio samples are
+/// valid during the call; the pixels of a frame as long as somebody keeps its `keep_alive`.
 struct MRSubscriberDataCallbacks {
   on_subscriber_audio_data on_audio_data;
   on_subscriber_render_frame on_render_frame;
   on_subscriber_caption_text on_caption_text;
 };
 
-// One received stream: a subscriber of the library, bound to its session until `unsubscribe`.
+/// One received stream: a subscriber of the library, bound to its session until `unsubscribe`.
 //
-// All operations belong to the worker, but for `getSubscriberInfo` and `isSubscribed`, which any
-// thread may call. The library's state events go to the manager; `release` waits for one under way.
-// Its media run on a shared gate with data of its own and are never waited for.
-class MRSubscriber {
+/// All operations belong to the worker, but for `getSubscriberInfo` and `isSubscribed`, which any
+/// thread may call. The library's state events go to the manager; `release` waits for one under
+/// way. Its media run on a shared gate with data of its own and are never waited for.
+class MRSubscriber : public std::enable_shared_from_this<MRSubscriber> {
  public:
-  // Makes and binds a subscriber. Empty on failure: the log says why, and nothing stays behind in
-  // the library. `manager` gets the state events and outlives the subscriber.
+  /// Makes and binds a subscriber. Empty on failure: the log says why, and nothing stays behind in
+  /// the library. `manager` gets the state events and outlives the subscriber.
   static std::shared_ptr<MRSubscriber> subscribe(const MRStream& stream,
                                                  const std::shared_ptr<MRSession>& session,
                                                  MRSubscriberObserver* manager,
@@ -76,19 +77,19 @@ class MRSubscriber {
   MRSubscriber(const MRSubscriber&) = delete;
   MRSubscriber& operator=(const MRSubscriber&) = delete;
 
-  // Leaves the stream, for good: no further media reach the callbacks. The handle stays. May be
-  // repeated.
+  /// Leaves the stream, for good: no further media reach the callbacks. The handle stays. May be
+  /// repeated.
   void unsubscribe();
-  // Unsubscribes, deletes the handle and lets the session go. What is left is the record of what
-  // was subscribed to, so that a holder of the object keeps nothing of the library's. May be
-  // repeated.
+  /// Unsubscribes, deletes the handle and lets the session go. What is left is the record of what
+  /// was subscribed to, so that a holder of the object keeps nothing of the library's. May be
+  /// repeated.
   void release();
 
   bool isSubscribed() const;
   MRSubscriberInfo getSubscriberInfo() const;
-  // Empty until `setDataCallbacks`.
+  /// Empty until `setDataCallbacks`.
   const MRStreamInfo& getStreamInfo() const;
-  // Opens the way for the media. Only the first call counts.
+  /// Opens the way for the media. Only the first call counts.
   void setDataCallbacks(const MRSubscriberDataCallbacks& callbacks,
                         const MRStreamInfo& stream_info);
 
@@ -97,7 +98,10 @@ class MRSubscriber {
 
   MRSubscriber(const std::shared_ptr<MRSession>& session, MRSubscriberObserver* manager);
 
+  srn_subscriber_callbacks createCallbacks(const MRSubscriberSettings& settings) const;
+  static bool configure(srn_subscriber* subscriber, const MRSubscriberSettings& settings);
   void createSubscriberInfo(const std::string& stream_id, const std::string& session_id);
+  void setSubscriberInfo(MRSubscriberInfo info);
 
   static void onConnected(srn_subscriber* subscriber, void* user_data, const srn_stream* stream);
   static void onDisconnected(srn_subscriber* subscriber, void* user_data);
@@ -109,12 +113,12 @@ class MRSubscriber {
   static void onCaptionText(srn_subscriber* subscriber, void* user_data, const char* text,
                             srn_bool is_final);
 
-  static bool configure(srn_subscriber* subscriber, const MRSubscriberSettings& settings);
-
   static const log4cxx::LoggerPtr& logger_;
 
   SrnSubscriberPtr subscriber_;
   std::shared_ptr<MRSession> session_;
-  std::shared_ptr<Gate> gate_;  // all that the callbacks use
-  void* ticket_ = nullptr;      // by which they find it
+  const std::shared_ptr<Gate> gate_;  ///< all that the callbacks use
+  void* const ticket_;                ///< by which they find it
+  mutable std::mutex info_mutex_;     ///< a leaf
+  MRSubscriberInfo subscriber_info_;
 };

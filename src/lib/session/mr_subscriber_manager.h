@@ -19,8 +19,8 @@ using on_subscriber_disconnected = std::function<void(const MRSubscriber& subscr
 using on_subscriber_error = std::function<void(const MRSubscriber& subscriber,
                                                const std::string& description, int32_t code)>;
 
-// State events on the worker, media on the library's threads; any may be empty. The subscriber is
-// valid during the call, whatever the callback does to the subscription.
+/// State events on the worker, media on the library's threads; any may be empty. The subscriber is
+/// valid during the call, whatever the callback does to the subscription.
 struct MRSubscriberCallbacks {
   on_subscriber_connected on_connected;
   on_subscriber_disconnected on_disconnected;
@@ -28,26 +28,26 @@ struct MRSubscriberCallbacks {
   MRSubscriberDataCallbacks data;
 };
 
-// The streams that the session has announced and the subscribers made on them, both by stream id.
+/// The streams that the session has announced and the subscribers made on them, both by stream id.
 //
-// No mutex: everything belongs to the queue's worker, but for the three events, which come on
-// library threads and only post. The queue must not run their tasks after this object has gone.
+/// No mutex: everything belongs to the queue's worker, but for the three events, which come on
+/// library threads and only post. The queue must not run their tasks after this object has gone.
 class MRSubscriberManager : public MRSubscriberObserver {
  public:
   explicit MRSubscriberManager(EventQueue& event_queue);
   MRSubscriberManager(const MRSubscriberManager&) = delete;
   MRSubscriberManager& operator=(const MRSubscriberManager&) = delete;
 
-  // The subscriber's id, or an empty one with nothing changed.
+  /// The subscriber's id, or an empty one with nothing changed.
   std::string subscribe(const std::string& stream_id, const MRSubscriberCallbacks& callbacks,
                         const std::shared_ptr<MRSession>& session,
                         const MRSubscriberSettings& settings);
-  // Whether there was a subscriber. None of its callbacks is called for it.
+  /// Whether there was a subscriber. None of its callbacks is called for it.
   bool unsubscribe(const std::string& stream_id);
 
-  // Keeps a copy of the stream; one that is there already stays.
+  /// Keeps a copy of the stream; one that is there already stays.
   void addStream(const std::string& stream_id, const MRStream& stream);
-  // Quietly ends a subscription to the stream, too.
+  /// Quietly ends a subscription to the stream, too.
   void removeStream(const std::string& stream_id);
 
   bool hasStream(const std::string& stream_id) const { return streams_.contains(stream_id); }
@@ -56,9 +56,9 @@ class MRSubscriberManager : public MRSubscriberObserver {
   }
   bool hasSubscribers() const { return !subscribers_data_.empty(); }
 
-  // Ends all subscriptions, then forgets all streams. Raises no callback.
+  /// Ends all subscriptions, then forgets all streams. Raises no callback.
   void reset();
-  // Forgets streams that late events have left behind after `reset`, without a word in the log.
+  /// Forgets streams that late events have left behind after `reset`, without a word in the log.
   void discardStreams() { streams_.clear(); }
 
   void onSubscriberConnected(const MRSubscriber& subscriber) override;
@@ -73,14 +73,19 @@ class MRSubscriberManager : public MRSubscriberObserver {
     MRSubscriberCallbacks callbacks;
   };
 
-  // The entry of the stream if it is still the one of `subscriber`, which may be a dead address.
-  const SubscriberData* findSubscriber(const std::string& stream_id,
-                                       const MRSubscriber* subscriber) const;
-  void eraseSubscriber(const std::string& stream_id);
+  /// A copy of the stream's entry, so that a callback may end the subscription that it is called
+  /// for. Empty if the entry is not, or no longer, the one of the subscriber that the event came
+  /// from.
+  SubscriberData findSubscriber(const std::string& stream_id,
+                                const std::weak_ptr<const MRSubscriber>& source) const;
+  /// Whether there was an entry.
+  bool eraseSubscriber(const std::string& stream_id);
+  /// Lets go of a subscriber, and makes sure that the library does, too.
+  static void retire(std::shared_ptr<MRSubscriber> subscriber);
 
   static const log4cxx::LoggerPtr& logger_;
 
-  // Streams first, so that they outlive the subscribers.
+  /// Streams first, so that they outlive the subscribers.
   std::map<std::string, MRStream> streams_;
   std::map<std::string, SubscriberData> subscribers_data_;
   EventQueue& event_queue_;

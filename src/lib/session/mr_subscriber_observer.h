@@ -5,8 +5,9 @@
 
 class MRSubscriber;
 
-// Hears the state events of a subscriber on a thread of the library: copies, posts and returns. The
-// subscriber is valid during the call only, and only its `getSubscriberInfo` may be called there.
+/// Hears the state events of a subscriber on a thread of the library: copies, posts and returns.
+/// The subscriber is valid during the call only, and only its `getSubscriberInfo` may be called
+/// there.
 class MRSubscriberObserver {
  public:
   virtual void onSubscriberConnected(const MRSubscriber& subscriber) = 0;

@@ -4,7 +4,7 @@
 
 #include <memory>
 
-// Owners of the library's handles. Stateless, so that an owner is no larger than the bare pointer.
+/// Owners of the library's handles. Stateless, so that an owner is no larger than the bare pointer.
 template <auto Delete>
 struct SrnDeleter {
   template <class Handle>
@@ -34,5 +34,5 @@ using SrnPublisherPtr = std::unique_ptr<srn_publisher, SrnPublisherDeleter>;
 using SrnSubscriberDeleter = SrnDeleter<srn_subscriber_delete>;
 using SrnSubscriberPtr = std::unique_ptr<srn_subscriber, SrnSubscriberDeleter>;
 
-// The library's texts may be null; null reads as the empty text.
+/// The library's texts may be null; null reads as the empty text.
 inline const char* textOrEmpty(const char* text) { return text != nullptr ? text : ""; }
