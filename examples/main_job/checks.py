@@ -110,7 +110,7 @@ def check_heard(name: str, heard: np.ndarray, channels: int, material: Material)
     if not matches:
         return Check(name, False, "nothing to compare")
     middle, spread = float(np.median(matches)), float(np.ptp(delays))
-    good = middle >= 0.9 and min(matches) >= 0.5 and spread < 1.0
+    good = middle >= 0.9 and min(matches) >= 0.7 and spread < 1.0
     return Check(name, good, f"correlation {middle:.3f} (worst {min(matches):.3f}) over {len(matches)} pieces")
 
 

@@ -26,8 +26,8 @@ class Ear:
         self._loud: list[float] = []  # times of the loud blocks of the last second
         self.now = -120.0  # level of the last block
 
-    def hear(self, samples: memoryview) -> None:
-        loudness, now = level(np.frombuffer(samples, np.int16)), time.monotonic()
+    def hear(self, samples: np.ndarray) -> None:
+        loudness, now = level(samples), time.monotonic()
         with self._changed:
             self.now = loudness
             if loudness > VOICE_LEVEL:

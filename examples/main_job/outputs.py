@@ -21,9 +21,8 @@ def write_wav(path: Path, samples: np.ndarray, channels: int = CHANNELS) -> None
         file.writeframes(samples.tobytes())
 
 
-def picture(frame_buffer: memoryview) -> Image.Image:
+def picture(raw: np.ndarray) -> Image.Image:
     """A video-range I420 frame as an RGB image (BT.601)."""
-    raw = np.frombuffer(frame_buffer, np.uint8)
     y = raw[: WIDTH * HEIGHT].reshape(HEIGHT, WIDTH).astype(np.float32) - 16
     quarter = WIDTH * HEIGHT // 4
     u, v = (
@@ -44,7 +43,7 @@ def write_contact_sheet(path: Path, report: Report, columns: int = 6) -> None:
     for number, (at, frame) in enumerate(report.kept):
         left = margin + number % columns * (width + margin)
         top = margin + number // columns * (height + caption + margin)
-        sheet.paste(picture(frame.frame_buffer).resize((width, height)), (left, top))
+        sheet.paste(picture(np.frombuffer(frame.frame_buffer, np.uint8)).resize((width, height)), (left, top))
         said = [event[8:] for when, event in report.events if event.startswith("caption") and at - 3 <= when <= at]
         draw.text((left, top + height + 2), f"{at:5.1f} s  {said[-1][:32] if said else ''}", fill="white")
     sheet.save(path)

@@ -83,7 +83,7 @@ class Participant:
     def _on_voice(self, subscriber: tavrin.Subscriber, audio: tavrin.AudioData) -> None:
         self.report.voice_channels = audio.number_of_channels
         self.report.voice.append(bytes(audio.sample_buffer))
-        self.ear.hear(audio.sample_buffer)
+        self.ear.hear(np.frombuffer(audio.sample_buffer, np.int16))
 
     def _on_mix(self, session: tavrin.Session, audio: tavrin.AudioData) -> None:
         self.report.mix.append(bytes(audio.sample_buffer))

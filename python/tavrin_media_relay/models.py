@@ -26,6 +26,8 @@ if TYPE_CHECKING:
 
     #: What `add_audio` and `add_video` read: anything with a contiguous buffer (numpy arrays too).
     Buffer = Union[bytes, bytearray, memoryview, "array.array[Any]", mmap.mmap, Any]
+else:
+    Buffer = Any
 
 #: Colour formats, in the spelling that the module knows (upper case).
 VideoFormat = Literal["YUV420P", "RGB24", "ARGB32"]
