@@ -13,6 +13,7 @@ add_executable(sarnet_media_tests ${media_test_sources}
   ${media_source_dir}/core/picture.cpp
   ${media_source_dir}/core/picture_converter.cpp
   ${media_source_dir}/embedded/scenario.cpp
+  ${media_source_dir}/embedded/scenario_parser.cpp
   ${media_source_dir}/embedded/test_media.cpp)
 target_include_directories(sarnet_media_tests PRIVATE ${media_source_dir})
 target_compile_definitions(sarnet_media_tests PRIVATE
