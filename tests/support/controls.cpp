@@ -20,6 +20,8 @@ using scripted::Text;
 
 namespace {
 
+// One text for each of the functions that give one.
+template <int which>
 const char* keep(std::string text) {
   thread_local std::string kept;
   kept = std::move(text);
@@ -121,12 +123,12 @@ void scripted_reset(void) {
   script().reset();
 }
 
-const char* scripted_calls(void) { return keep(script().log()); }
+const char* scripted_calls(void) { return keep<0>(script().log()); }
 void scripted_log_media(int on) { script().log_media.store(on != 0); }
 void scripted_log(int on) { script().log_on.store(on != 0); }
-const char* scripted_slots(void) { return keep(script().slots()); }
+const char* scripted_slots(void) { return keep<1>(script().slots()); }
 long scripted_faults(void) { return script().faults(); }
-const char* scripted_fault_texts(void) { return keep(script().faultTexts()); }
+const char* scripted_fault_texts(void) { return keep<2>(script().faultTexts()); }
 long scripted_live(const char* kind) { return scripted::live(kind); }
 
 long scripted_call_count(const char* function) {
