@@ -1,0 +1,24 @@
+#include "tavrin_video_module/exit_guard.h"
+
+bool ExitGuard::waitUntilEmpty(std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return emptied_.wait_for(lock, timeout, [this] { return inside_.load() == 0; });
+}
+
+bool ExitGuard::enterPython() {
+  // Counted before the test, so that one who is let in is seen by whoever closes and then counts.
+  inside_.fetch_add(1);
+  if (closing_.load()) {
+    leave();
+    return false;
+  }
+  return true;
+}
+
+void ExitGuard::leave() {
+  // Only the end of the process waits, so at all other times leaving is one atomic operation.
+  if (inside_.fetch_sub(1) == 1 && closing_.load()) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    emptied_.notify_all();
+  }
+}

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+// Keeps native threads and the end of the interpreter apart: counts who is on the way into Python
+// or inside the controller, and closes the way into Python before finalisation begins. One for the
+// process, never destroyed; any thread, with or without the interpreter lock.
+class ExitGuard {
+ public:
+  // A stay on the way into Python or inside the controller. Ends without any lock of Python's.
+  class Visit {
+   public:
+    // Into the controller: always let in.
+    explicit Visit(ExitGuard& guard) : guard_(&guard) { guard.inside_.fetch_add(1); }
+    // Into Python: check `isOpen` before anything else.
+    static Visit toPython(ExitGuard& guard) {
+      return guard.enterPython() ? Visit(&guard) : Visit(nullptr);
+    }
+    ~Visit() {
+      if (guard_ != nullptr) {
+        guard_->leave();
+      }
+    }
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+
+    bool isOpen() const { return guard_ != nullptr; }
+
+   private:
+    explicit Visit(ExitGuard* guard) : guard_(guard) {}
+
+    ExitGuard* guard_;
+  };
+
+  // From now on nobody is let into Python. For good.
+  void close() { closing_.store(true); }
+
+  // Waits until nobody is inside; false when the time is up. Without the interpreter lock, since
+  // those inside need it to get out.
+  bool waitUntilEmpty(std::chrono::milliseconds timeout);
+
+ private:
+  bool enterPython();
+  void leave();
+
+  std::atomic<bool> closing_{false};
+  std::atomic<int64_t> inside_{0};
+  std::mutex mutex_;  // guards nothing but the sleep of the waiting thread
+  std::condition_variable emptied_;
+};

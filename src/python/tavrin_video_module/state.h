@@ -1,0 +1,68 @@
+#pragma once
+
+#include <log4cxx/logger.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+#include "controller/mr_controller.h"
+#include "tavrin_video_module/callables.h"
+#include "tavrin_video_module/exit_guard.h"
+
+// The state of the module, one for the process: client objects are empty handles on it. Guarded by
+// the interpreter lock, but where a type says otherwise. Whatever holds Python references is never
+// destroyed: at process exit the interpreter that they belong to is gone.
+
+extern const log4cxx::LoggerPtr& logger;
+
+extern ExitGuard& g_exit_guard;
+
+// The one controller: made with the first client object, ended by `tavrin_video_cleanup`, or at
+// process exit should that hook not have run.
+extern std::unique_ptr<MRController> g_controller;
+
+extern CallableSlot g_on_error_cb;
+extern CallableSlot g_on_connected_cb;
+extern CallableSlot g_on_disconnected_cb;
+extern CallableSlot g_on_connection_created_cb;
+extern CallableSlot g_on_connection_dropped_cb;
+extern CallableSlot g_on_stream_received_cb;
+extern CallableSlot g_on_stream_dropped_cb;
+extern CallableSlot g_on_audio_data_cb;
+extern CallableSlot g_on_ready_for_audio_cb;
+extern CallableSlot g_on_media_buffer_drained_cb;
+extern SubscriberCallables& g_subscriber_callbacks;
+extern PublisherCallbacks g_publisher_callbacks;
+
+// In the order in which they are given and dropped.
+inline constexpr std::array<CallableSlot*, 10> kSessionSlots{&g_on_error_cb,
+                                                             &g_on_connected_cb,
+                                                             &g_on_disconnected_cb,
+                                                             &g_on_connection_created_cb,
+                                                             &g_on_connection_dropped_cb,
+                                                             &g_on_stream_received_cb,
+                                                             &g_on_stream_dropped_cb,
+                                                             &g_on_audio_data_cb,
+                                                             &g_on_ready_for_audio_cb,
+                                                             &g_on_media_buffer_drained_cb};
+inline constexpr std::array<CallableSlot*, 3> kPublisherSlots{
+    &g_publisher_callbacks.on_error_cb, &g_publisher_callbacks.on_stream_created_cb,
+    &g_publisher_callbacks.on_stream_destroyed_cb};
+
+// Audio blocks and frames of which a program still had a view when its callable returned.
+extern std::atomic<uint64_t> g_escaped_views;
+
+// Makes the end of the interpreter wait for native threads: registers the two steps below. Once; a
+// failure to register is passed over.
+void register_exit_hooks();
+
+// Before finalisation, under the interpreter lock, which it releases: closes the way into Python
+// and waits, at most 5 seconds, until nobody is on it or inside the controller.
+void close_bridge();
+
+// After finalisation, with no lock: ends the controller, once nobody is inside it. If that does not
+// come about, here or there, the controller is left standing: a thread that never comes back would
+// have to be waited for.
+void tavrin_video_cleanup();
