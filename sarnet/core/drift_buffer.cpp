@@ -289,9 +289,7 @@ std::size_t DriftBuffer::play_stretched(std::span<std::int16_t> samples) {
         std::clamp<std::size_t>(wanted, 1, staging_.size() / in_channels) * in_channels;
     const std::size_t count = pop(std::span(staging_).first(room));
     if (count == 0) {
-      // Short of the block's end, so that a flushed interpolator always counts as dry.
-      made += resampler_.flush(
-          samples.subspan(made * out_channels, samples.size() - (made + 1) * out_channels));
+      // What the interpolator still holds, 3 ms at most, is left: flushed it would end in a step.
       break;
     }
     made += resampler_

@@ -33,6 +33,8 @@ constexpr int kMarks = 2 + kNumberBits + 1;
 // Lower eighth of the picture, at least four rows.
 int marks_top(int height) { return height - std::max(4, height / 8); }
 
+int mark_left(int mark, int width) { return mark * width / kMarks; }
+
 bool mark_is_white(int mark, std::uint32_t number) {
   if (mark < 2) {
     return mark == 0;
@@ -112,7 +114,7 @@ void TestCard::paint(std::uint32_t number, const MutablePictureView& target) con
 
   if (width_ >= kMinSide && height_ >= kMinSide) {
     for (int mark = 0; mark < kMarks; ++mark) {
-      paint_grey(target, mark * width_ / kMarks, marks_top(height_), (mark + 1) * width_ / kMarks,
+      paint_grey(target, mark_left(mark, width_), marks_top(height_), mark_left(mark + 1, width_),
                  height_, mark_is_white(mark, number) ? kWhite : kBlack);
     }
   }
@@ -127,7 +129,8 @@ std::optional<std::uint32_t> TestCard::read_number(const PictureView& picture) {
   std::uint32_t number = 0;
   std::array<bool, kMarks> white{};
   for (int mark = 0; mark < kMarks; ++mark) {
-    const std::uint8_t level = line[(2 * mark + 1) * picture.width / (2 * kMarks)];
+    const std::uint8_t level =
+        line[(mark_left(mark, picture.width) + mark_left(mark + 1, picture.width)) / 2];
     if (level > kBlack + 64 && level < kWhite - 64) {
       return std::nullopt;
     }

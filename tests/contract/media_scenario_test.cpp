@@ -1,0 +1,180 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "embedded/scenario.h"
+
+namespace sarnet {
+namespace {
+
+namespace fs = std::filesystem;
+
+class ScenarioTest : public testing::Test {
+ protected:
+  ScenarioTest() {
+    std::string pattern = (fs::temp_directory_path() / "sarnet_scenario_XXXXXX").string();
+    folder_ = mkdtemp(pattern.data());
+    std::ofstream(folder_ / "voice.wav") << "sound";
+  }
+  ~ScenarioTest() override { fs::remove_all(folder_); }
+
+  std::optional<Scenario> parse(const std::string& json) {
+    error_.clear();
+    return parse_scenario(json, folder_.string(), "play.json", error_);
+  }
+
+  fs::path folder_;
+  std::string error_;
+};
+
+TEST_F(ScenarioTest, ReadsEveryKey) {
+  const auto scenario = parse(R"({
+    // a comment
+    "token": "secret", "join_delay_ms": 250, "refuse": {"code": 1004, "text": "no"},
+    "participants": [
+      {"id": "a", "name": "Alice", "data": "{\"role\": 1}", "join_at_ms": 100, "leave_at_ms": 9000,
+       "audio": {"file": "voice.wav", "loop": false},
+       "video": {"testcard": true, "width": 321, "height": 241, "fps": 15},
+       "captions": [{"at_ms": 700, "text": "later"}, {"at_ms": 5, "text": "s\u00f6", "final": false}],
+       "captions_repeat_ms": 1000},
+      {"id": "b", "audio": {"tone_hz": 1000, "level": 0.5}, "video": {"file": "./voice.wav"}},
+      {"id": "c"}],
+    "events": [{"at_ms": 900, "kind": "disconnect"},
+               {"at_ms": 10, "kind": "error", "code": 1022, "text": "gone"},
+               {"at_ms": 20, "kind": "drop_stream", "participant": "a"},
+               {"at_ms": 30, "kind": "subscriber_error"}, {"at_ms": 40, "kind": "publisher_error"}],
+    "record": "out"
+  })");
+  ASSERT_TRUE(scenario) << error_;
+  EXPECT_EQ(scenario->token, "secret");
+  EXPECT_EQ(scenario->join_delay_ms, 250);
+  ASSERT_TRUE(scenario->refusal);
+  EXPECT_EQ(scenario->refusal->code, 1004);
+  EXPECT_EQ(scenario->record_folder, (folder_ / "out").string());
+  EXPECT_TRUE(scenario->needs_files());
+
+  ASSERT_EQ(scenario->participants.size(), 3U);
+  const auto& alice = scenario->participants[0];
+  EXPECT_EQ(alice.name, "Alice");
+  EXPECT_EQ(alice.data, "{\"role\": 1}");
+  EXPECT_EQ(alice.join_at_ms, 100);
+  EXPECT_EQ(alice.leave_at_ms, 9000);
+  EXPECT_EQ(alice.audio->file, (folder_ / "voice.wav").string());
+  EXPECT_FALSE(alice.audio->loop);
+  EXPECT_TRUE(alice.video->file.empty());
+  EXPECT_EQ(alice.video->width, 321);
+  EXPECT_EQ(alice.video->height, 241);
+  EXPECT_EQ(alice.video->fps, 15);
+  ASSERT_EQ(alice.captions.size(), 2U);
+  EXPECT_EQ(alice.captions[0].text, "s\xc3\xb6");
+  EXPECT_FALSE(alice.captions[0].final_text);
+  EXPECT_TRUE(alice.captions[1].final_text);
+  EXPECT_EQ(alice.captions_repeat_ms, 1000);
+  const auto& bob = scenario->participants[1];
+  EXPECT_EQ(bob.name, "b");
+  EXPECT_EQ(bob.audio->tone_hz, 1000);
+  EXPECT_EQ(bob.audio->tone_level, 0.5);
+  EXPECT_EQ(bob.video->file, (folder_ / "voice.wav").string());
+  EXPECT_EQ(bob.video->width, 0);
+  EXPECT_FALSE(scenario->participants[2].publishes());
+
+  using Kind = ScenarioEvent::Kind;
+  const Kind in_time[] = {Kind::kError, Kind::kDropStream, Kind::kSubscriberError,
+                          Kind::kPublisherError, Kind::kDisconnect};
+  ASSERT_EQ(scenario->events.size(), std::size(in_time));
+  for (std::size_t i = 0; i < std::size(in_time); ++i) {
+    EXPECT_EQ(scenario->events[i].kind, in_time[i]);
+  }
+  EXPECT_EQ(scenario->events[0].code, 1022);
+  EXPECT_EQ(scenario->events[0].text, "gone");
+  EXPECT_EQ(scenario->events[1].participant, "a");
+}
+
+TEST_F(ScenarioTest, ErrorsNameTheFileTheKeyAndTheReason) {
+  struct Row {
+    const char* json;
+    const char* error;  // behind the file's name
+  };
+  const Row rows[] = {
+      {"{\n  \"token\": \"x\"\n  \"record\": \"y\"\n}", "Line 3, Column 3: Missing ','"},
+      {"", "Line 1, Column 1"},
+      {"{} {}", "Line 1, Column 4: Extra"},
+      {R"({"token": "a", "token": "b"})", "Duplicate key: 'token'"},
+      {"[]", "expected an object, found a list"},
+      {R"({"tokens": "a"})", "tokens: unknown key; known here: token, join_delay_ms"},
+      {R"({"token": 5})", "token: expected a text, found the number 5"},
+      {R"({"token": "\u0000"})", "token: holds a zero character"},
+      {"{\"token\": \"\xff\"}", "token: holds a zero character or is not UTF-8"},
+      {"{\"token\": \"\xc0\x80\"}", "not UTF-8"},
+      {R"({"join_delay_ms": -1})", "join_delay_ms: must be from 0 to"},
+      {R"({"join_delay_ms": 1.5})", "join_delay_ms: expected a whole number, found the number 1.5"},
+      {R"({"join_delay_ms": 1e30})", "join_delay_ms: expected a whole number"},
+      {R"({"refuse": {"code": 0}})", "refuse.code: must be from 1"},
+      {R"({"participants": {}})", "participants: expected a list, found an object"},
+      {R"({"participants": [{}]})", "participants[0].id: is missing"},
+      {R"({"participants": [{"id": "a"}, {"id": "a"}]})",
+       "participants[1].id: 'a' is the id of two"},
+      {R"({"participants": [{"id": "a", "join_at_ms": 5, "leave_at_ms": 5}]})",
+       "participants[0].leave_at_ms: must be after join_at_ms"},
+      {R"({"participants": [{"id": "a", "audio": {}}]})",
+       "participants[0].audio: needs either 'file' or 'tone_hz'"},
+      {R"({"participants": [{"id": "a", "audio": {"file": "nope.wav"}}]})", "/nope.wav'"},
+      {R"({"participants": [{"id": "a", "audio": {"file": "."}}]})",
+       "participants[0].audio.file: cannot read"},
+      {R"({"participants": [{"id": "a", "audio": {"tone_hz": 3}}]})",
+       "participants[0].audio.tone_hz: must be from 20"},
+      {R"({"participants": [{"id": "a", "video": {"testcard": true, "file": "voice.wav"}}]})",
+       "participants[0].video: needs either 'file' or 'testcard', not both"},
+      {R"({"participants": [{"id": "a", "video": {"testcard": true, "fps": 0}}]})",
+       "participants[0].video.fps: must be from 1 to 120, is 0"},
+      {R"({"participants": [{"id": "a", "captions": [{"at": 1, "text": "x"}]}]})",
+       "participants[0].captions[0].at: unknown key"},
+      {R"({"participants": [{"id": "a", "captions": [{"text": "x"}]}]})",
+       "participants[0].captions[0].at_ms: is missing"},
+      {R"({"participants": [{"id": "a", "captions_repeat_ms": 500,
+           "captions": [{"at_ms": 500, "text": "x"}]}]})",
+       "participants[0].captions_repeat_ms: must be longer"},
+      {R"({"events": [{"at_ms": 1, "kind": "explode"}]})", "events[0].kind: 'explode' is none of"},
+      {R"({"events": [{"kind": "error"}]})", "events[0].at_ms: is missing"},
+      {R"({"events": [{"at_ms": 1, "kind": "disconnect", "code": 5}]})",
+       "events[0].code: does not go with kind disconnect"},
+      {R"({"events": [{"at_ms": 1, "kind": "drop_stream"}]})", "events[0].participant: is missing"},
+      {R"({"events": [{"at_ms": 1, "kind": "subscriber_error", "participant": "x"}]})",
+       "events[0].participant: there is no participant 'x'"},
+      {R"({"record": "voice.wav"})", "is not a folder"},
+  };
+  for (const Row& row : rows) {
+    EXPECT_FALSE(parse(row.json)) << row.json;
+    EXPECT_EQ(error_.rfind("scenario 'play.json': ", 0), 0U) << error_;
+    EXPECT_NE(error_.find(row.error), std::string::npos) << row.json << "\n" << error_;
+    EXPECT_EQ(error_.find('\n'), std::string::npos) << error_;
+  }
+  std::string deep(100000, '[');
+  EXPECT_FALSE(parse(deep)) << "nesting without end";
+}
+
+TEST_F(ScenarioTest, LoadsFromAFileAndResolvesPathsAgainstItsFolder) {
+  const std::string file = (folder_ / "play.json").string();
+  std::ofstream(file) << R"({"participants": [{"id": "a", "audio": {"file": "voice.wav"}}]})";
+  const auto scenario = load_scenario(file, error_);
+  ASSERT_TRUE(scenario) << error_;
+  EXPECT_EQ(scenario->participants[0].audio->file, (folder_ / "voice.wav").string());
+  for (const std::string bad : {"/nowhere/play.json", "/", ""}) {
+    EXPECT_FALSE(load_scenario(bad, error_));
+    EXPECT_NE(error_.find("'" + bad + "': "), std::string::npos) << error_;
+  }
+}
+
+TEST_F(ScenarioTest, TheBuiltInOneNeedsNoFilesAndPublishesAllKinds) {
+  const Scenario scenario = default_scenario();
+  ASSERT_EQ(scenario.participants.size(), 1U);
+  const auto& companion = scenario.participants[0];
+  EXPECT_TRUE(companion.audio && companion.video && !companion.captions.empty());
+  EXPECT_GT(companion.captions_repeat_ms, companion.captions.back().at_ms);
+  EXPECT_FALSE(scenario.needs_files());
+}
+
+}  // namespace
+}  // namespace sarnet
