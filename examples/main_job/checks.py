@@ -3,9 +3,12 @@
 from __future__ import annotations
 
 import hashlib
+import json
+import time
 import wave
 from dataclasses import dataclass
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 
@@ -20,6 +23,17 @@ class Check:
     name: str
     passed: bool
     detail: str
+
+
+def finished_recording(folder: Path, patience: float = 15.0) -> dict[str, Any]:
+    """The library's own account of the recording, once its last file is closed: a moment after we left."""
+    log, deadline = folder / "events.jsonl", time.monotonic() + patience
+    while time.monotonic() < deadline:
+        lines = [json.loads(line) for line in log.read_text().splitlines() if line.endswith("}")]
+        if lines and lines[-1]["event"] == "closed":
+            return next(line for line in lines if line["event"] == "recorded")
+        time.sleep(0.1)
+    raise RuntimeError(f"{log} was not closed within {patience:.0f} s")
 
 
 def read_wav(path: Path) -> np.ndarray:
@@ -73,7 +87,7 @@ def read_y4m(path: Path) -> list[bytes]:
     return digests
 
 
-def check_pictures(recorded: list[bytes], report: Report) -> tuple[list[Check], dict[str, int]]:
+def check_pictures(recorded: list[bytes], report: Report) -> tuple[Check, dict[str, int]]:
     """Pictures must come out as they went in, in order, none missing but those thrown away by us."""
     numbers = {digest: number for number, digest in enumerate(report.pictures_sent)}
     shown = [numbers.get(digest, -1) for digest in recorded if digest != b"black"]
@@ -90,17 +104,15 @@ def check_pictures(recorded: list[bytes], report: Report) -> tuple[list[Check], 
         "recorded": len(recorded),
         "distinct": len(set(shown)),
         "black": recorded.count(b"black"),
-        "repeated": len(shown) - len(set(shown)),
         "cleared": len(cleared),
     }
-    return [
-        Check(
-            "pictures recorded byte for byte, in order",
-            not strange and ordered and at_ends and len(cleared) <= allowed and len(unsent) <= FPS + 2,
-            f"{figures['distinct']} of {len(numbers)} sent; {len(cleared)} cleared, {len(unsent)} still queued, "
-            f"{strange} unknown",
-        )
-    ], figures
+    check = Check(
+        "pictures recorded byte for byte, in order",
+        not strange and ordered and at_ends and len(cleared) <= allowed and len(unsent) <= FPS + 2,
+        f"{figures['distinct']} of {len(numbers)} sent; {len(cleared)} cleared, {len(unsent)} still queued, "
+        f"{strange} unknown",
+    )
+    return check, figures
 
 
 def check_heard(name: str, heard: np.ndarray, channels: int, material: Material) -> Check:
@@ -152,3 +164,16 @@ def check_conduct(report: Report, material: Material) -> list[Check]:
         ),
         Check("left the session", report.left, "disconnected" if report.left else "still connected"),
     ]
+
+
+def check_counters(counters: dict[str, Any], pictures: dict[str, int]) -> Check:
+    """The library's counters must agree with the recording, up to what came after they were read."""
+    if not counters:
+        return Check("the library's counters agree", True, "this library has none")
+    video = counters["video"]
+    new = video["frames_provided"] - video["frames_repeated"] - video["frames_black"]
+    return Check(
+        "the library's counters agree",
+        abs(new - pictures["distinct"]) <= FPS // 2 and counters["capture"]["periods_written"] > 1000,
+        f"{new} new pictures counted, {pictures['distinct']} recorded",
+    )

@@ -98,6 +98,22 @@ def thumbnail(frame: np.ndarray) -> np.ndarray:
     return luma.mean(axis=(1, 3)).astype(np.uint8)
 
 
+def scenario_of(companion: Path, recording: Path) -> dict[str, object]:
+    """One other participant who plays a file, and a folder that takes down all that we publish."""
+    captions = [
+        {"at_ms": int(second * 1000), "text": text, "final": final} for second, text, final in THEIR_CAPTIONS
+    ]
+    caller = {
+        "id": "caller",
+        "name": "A caller",
+        "data": "played from a file",
+        "audio": {"file": str(companion), "loop": False},
+        "video": {"file": str(companion), "loop": False},
+        "captions": captions,
+    }
+    return {"record": str(recording), "participants": [caller]}
+
+
 def prepare(out: Path) -> Material:
     """Makes everything below `out`: what we publish, the other participant's files, and the scenario."""
     work = out / "work"
@@ -127,8 +143,3 @@ def prepare(out: Path) -> Material:
         THEIR_CAPTIONS,
         scenario,
     )
-
-
-def scenario_of(companion: Path, recording: Path) -> dict[str, object]:
-    """One other participant who plays a file, and a folder that takes down all that we publish."""
-    return {}

@@ -68,8 +68,8 @@ def test_session_is_recorded_sample_for_sample(tmp_path, rate, channels):
                     {
                         "id": "peer",
                         "audio": {"tone_hz": 500},
-                        "video": {"width": 160, "height": 120, "fps": 30},
-                        "captions": [{"at_ms": 100, "text": "Grüße, 世界"}],
+                        "video": {"testcard": True, "width": 160, "height": 120, "fps": 30},
+                        "captions": [{"at_ms": 1000, "text": "Grüße, 世界"}],
                     }
                 ],
             }
