@@ -133,7 +133,10 @@ inline std::vector<std::string> callNames(const std::vector<std::string>& wanted
 /// left.
 class ScriptedTest : public testing::Test {
  protected:
-  ScriptedTest() { scripted_reset(); }
+  ScriptedTest() {
+    srn_set_audio_device(nullptr);  // that of an earlier test is gone
+    scripted_reset();
+  }
   void TearDown() override {
     EXPECT_EQ(scripted_wait_idle(20000), 1);
     EXPECT_STREQ(scripted_fault_texts(), "");
