@@ -25,7 +25,6 @@ PeriodicTaskRunner::~PeriodicTaskRunner() {
 bool PeriodicTaskRunner::isRunning() const { return is_running_.load(); }
 
 bool PeriodicTaskRunner::run(const Task& task, Nanos period, const ErrorCallback& on_error) {
-  // Taken before the flag changes: an old loop that is being joined must not see it set again.
   const std::lock_guard lock(thread_mutex_);
   bool expected = false;
   if (!is_running_.compare_exchange_strong(expected, true)) {
@@ -44,9 +43,11 @@ bool PeriodicTaskRunner::run(const Task& task, Nanos period, const ErrorCallback
 
 bool PeriodicTaskRunner::stop() {
   LOG4CXX_TRACE(logger_, "Trying to stop a task.");
+  if (!isRunning()) return false;
+  // The flag and the join are one step for `run`, which would revive the old loop in between.
+  const std::lock_guard lock(thread_mutex_);
   bool expected = true;
   if (!is_running_.compare_exchange_strong(expected, false)) return false;
-  const std::lock_guard lock(thread_mutex_);
   if (thread_.joinable()) thread_.join();
   return true;
 }

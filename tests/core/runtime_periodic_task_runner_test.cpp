@@ -1,0 +1,211 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <csignal>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/log_capture.h"
+#include "core/waiting.h"
+#include "runtime/clock.h"
+#include "runtime/periodic_task_runner.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+void ignoreError(const std::string&) {}
+
+/// Notes every instant that the loop schedules, and when it asked.
+class ObservedRunner : public PeriodicTaskRunner {
+ public:
+  struct Sleep {
+    TimePoint until;
+    TimePoint entered;
+    TimePoint left;
+  };
+
+  ObservedRunner() : PeriodicTaskRunner("Observed") {}
+  ~ObservedRunner() override { stop(); }
+
+  std::vector<Sleep> sleeps() {
+    const std::lock_guard lock(mutex_);
+    return sleeps_;
+  }
+
+ protected:
+  void sleepUntil(TimePoint t) override {
+    const TimePoint entered = Clock::now();
+    PeriodicTaskRunner::sleepUntil(t);
+    const std::lock_guard lock(mutex_);
+    sleeps_.push_back({t, entered, Clock::now()});
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<Sleep> sleeps_;
+};
+
+TEST(PeriodicTaskRunner, SchedulesEachCallAPeriodLaterLessTheTimeOfTheCall) {
+  constexpr Nanos kPeriod = milliseconds(8);
+  constexpr Nanos kWork = milliseconds(2);
+  Counter calls;
+  ObservedRunner runner;
+  ASSERT_TRUE(runner.run(
+      [&] {
+        const TimePoint end = Clock::now() + kWork;
+        while (Clock::now() < end) {
+        }
+        calls.add();
+      },
+      kPeriod, ignoreError));
+  ASSERT_TRUE(calls.waitFor(20));
+  ASSERT_TRUE(runner.stop());
+  const auto sleeps = runner.sleeps();
+  ASSERT_GE(sleeps.size(), 2U);
+  int checked = 0;
+  for (std::size_t i = 1; i < sleeps.size(); ++i) {
+    // What the loop measured lies between the work itself and the time from sleep to sleep. Longer
+    // than a period and the schedule may have started over.
+    const Nanos longest = sleeps[i].entered - sleeps[i - 1].left;
+    if (longest >= kPeriod) continue;
+    const Nanos step = sleeps[i].until - sleeps[i - 1].until;
+    EXPECT_LE(step, kPeriod - kWork);
+    EXPECT_GE(step, kPeriod - longest);
+    ++checked;
+  }
+  EXPECT_GT(checked, 0);
+}
+
+TEST(PeriodicTaskRunner, OverrunsRestartTheScheduleAndAreReported) {
+  LogCapture logs(log4cxx::Level::getWarn());
+  Counter calls;
+  ObservedRunner runner;
+  std::vector<std::size_t> sleeps_before_call;
+  ASSERT_TRUE(runner.run(
+      [&] {
+        if (calls.value() < 2) {
+          sleeps_before_call.push_back(runner.sleeps().size());
+          Clock::sleepUntil(Clock::now() + milliseconds(5));
+        }
+        calls.add();
+      },
+      milliseconds(3), ignoreError));
+  ASSERT_TRUE(calls.waitFor(2));
+  runner.stop();
+  // The first call is due at once, and the second follows the long first one without a sleep.
+  EXPECT_THAT(sleeps_before_call, ElementsAre(0U, 0U));
+  const auto lines = logs.lines("PeriodicTaskRunner.Observed");
+  ASSERT_GE(lines.size(), 2U);
+  const std::string warn = "WARN PeriodicTaskRunner.Observed ";
+  EXPECT_THAT(lines[0],
+              MatchesRegex(warn + "Task took too long to complete: ms: [0-9]+, period .ms. is: 3"));
+  EXPECT_THAT(lines[1], MatchesRegex(warn + "Too long since task was last called .ms.: [0-9]+"));
+}
+
+TEST(PeriodicTaskRunner, AThrowingTaskEndsTheLoopAfterOneReport) {
+  const struct {
+    PeriodicTaskRunner::Task task;
+    const char* message;
+  } kRows[] = {
+      {[] { throw std::runtime_error("boom"); }, "Exception occurred running loop: boom"},
+      {[] { throw 7; }, "Unknown error occurred running loop."},
+      {nullptr, "Exception occurred running loop: bad_function_call"},
+  };
+  for (const auto& row : kRows) {
+    LogCapture logs(log4cxx::Level::getWarn());
+    std::vector<std::string> reports;
+    Counter reported;
+    PeriodicTaskRunner runner("Failing");
+    ASSERT_TRUE(runner.run(row.task, milliseconds(1), [&](const std::string& message) {
+      reports.push_back(message);
+      reported.add();
+    }));
+    ASSERT_TRUE(reported.waitFor(1));
+    EXPECT_TRUE(runner.isRunning());
+    EXPECT_FALSE(runner.run([] {}, milliseconds(1), ignoreError));
+    EXPECT_TRUE(runner.stop());
+    EXPECT_FALSE(runner.isRunning());
+    EXPECT_THAT(reports, ElementsAre(row.message));
+    const std::string prefix = "ERROR PeriodicTaskRunner.Failing ";
+    EXPECT_THAT(logs.lines(), ElementsAre(prefix + row.message,
+                                          prefix + "Illegal state. Task must not be running."));
+    Counter calls;
+    ASSERT_TRUE(runner.run([&] { calls.add(); }, milliseconds(1), ignoreError));
+    EXPECT_TRUE(calls.waitFor(1));
+    EXPECT_TRUE(runner.stop());
+    EXPECT_FALSE(runner.stop());
+  }
+}
+
+TEST(PeriodicTaskRunner, ARefusedRunLeavesTheRunningLoopAlone) {
+  Counter calls;
+  std::atomic<bool> second_ran{false};
+  PeriodicTaskRunner runner("Twice");
+  EXPECT_FALSE(runner.stop());
+  ASSERT_TRUE(runner.run([&] { calls.add(); }, milliseconds(1), ignoreError));
+  EXPECT_FALSE(runner.run([&] { second_ran = true; }, milliseconds(1), ignoreError));
+  EXPECT_TRUE(calls.waitFor(calls.value() + 2));
+  EXPECT_TRUE(runner.stop());
+  EXPECT_FALSE(second_ran);
+}
+
+TEST(PeriodicTaskRunner, RunAndStopFromManyThreadsKeepOneLoop) {
+  PeriodicTaskRunner runner("Racing");
+  std::atomic<int> inside{0};
+  std::atomic<bool> overlapped{false};
+  const auto task = [&] {
+    if (inside.fetch_add(1) != 0) overlapped = true;
+    inside.fetch_sub(1);
+  };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&, i] {
+      for (int round = 0; round < 100; ++round) {
+        if (i % 2 == 0) {
+          runner.run(task, std::chrono::microseconds(50), ignoreError);
+        } else {
+          runner.stop();
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  runner.stop();
+  EXPECT_FALSE(runner.isRunning());
+  EXPECT_FALSE(overlapped);
+}
+
+TEST(Clock, SleepsUntilTheInstantAndThroughSignals) {
+  const TimePoint past = Clock::now() - std::chrono::hours(1);
+  Clock::sleepUntil(past);
+
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};
+  sigaction(SIGUSR1, &action, nullptr);
+  std::atomic<bool> awake{false};
+  std::atomic<bool> early{true};
+  const TimePoint until = Clock::now() + milliseconds(50);
+  std::thread sleeper([&] {
+    Clock::sleepUntil(until);
+    early = Clock::now() < until;
+    awake = true;
+  });
+  while (!awake) {
+    pthread_kill(sleeper.native_handle(), SIGUSR1);
+    std::this_thread::yield();
+  }
+  sleeper.join();
+  EXPECT_FALSE(early);
+}
+
+}  // namespace

@@ -1,0 +1,83 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <log4cxx/logger.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <sstream>
+#include <string>
+
+#include "support/logs_initializer.h"
+#include "support/mr_device_info.h"
+
+namespace {
+
+TEST(LogsInitializer, WritesEachLineOnceToStandardOutputFromWarnOn) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        dup2(STDERR_FILENO, STDOUT_FILENO);  // standard error is what the assertion sees
+        LogsInitializer::init();
+        LogsInitializer::init();
+        const auto logger = log4cxx::Logger::getLogger("some.Name");
+        LOG4CXX_INFO(logger, "below");
+        LOG4CXX_WARN(logger, "a line");
+        std::fflush(nullptr);
+        std::_Exit(0);
+      },
+      testing::ExitedWithCode(0),
+      "^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3} WARN  "
+      "\\[[^]]+\\] Name - a line\n$");
+}
+
+TEST(DeviceInfo, ReadsOnlyUsableAddresses) {
+  const struct {
+    const char* file;
+    const char* address;
+  } kRows[] = {
+      {"02:42:ac:11:00:02\n", "0242ac110002"},
+      {"02:42:AC:11:00:02", "0242AC110002"},
+      {"0242ac110002\nsecond line\n", "0242ac110002"},
+      {"", ""},
+      {"\n02:42:ac:11:00:02\n", ""},
+      {"00:00:00:00:00:00\n", ""},
+      {"02:42:ac:11:00\n", ""},
+      {"02:42:ac:11:00:02:03\n", ""},
+      {"02:42:ac:11:00:0g\n", ""},
+      {"02:42:ac:11:00:0\xe4\n", ""},
+  };
+  for (const auto& row : kRows) {
+    std::istringstream file(row.file);
+    EXPECT_EQ(mr::readMacAddress(file), row.address) << row.file;
+  }
+}
+
+TEST(DeviceInfo, GivesANewRecordAtEachCall) {
+  const auto release = [](snt_device_info* info) {
+    for (const char* text : {info->device_uuid, info->bundle_id, info->system_version,
+                             info->device_model, info->network_status}) {
+      std::free(const_cast<char*>(text));
+    }
+    std::free(info);
+  };
+  snt_device_info* first = srn_get_device_info();
+  mr::setWrapperLanguage("python");
+  snt_device_info* second = srn_get_device_info();
+  ASSERT_NE(first, nullptr);
+  ASSERT_NE(second, nullptr);
+  EXPECT_NE(first, second);
+  EXPECT_NE(first->device_uuid, second->device_uuid);
+  EXPECT_STREQ(first->device_uuid, second->device_uuid);
+  EXPECT_THAT(first->device_uuid, testing::MatchesRegex("00000000-0000-0000-0000-[0-9a-fA-F]{12}"));
+  EXPECT_STREQ(first->bundle_id, "1.0.3");
+  EXPECT_STREQ(first->system_version, "tavrin-media-relay-cpp-1.0.3");
+  EXPECT_STREQ(second->system_version, "tavrin-media-relay-python-1.0.3");
+  EXPECT_STREQ(first->device_model, "tavrin-media-relay");
+  EXPECT_STREQ(first->network_status, "Unknown");
+  EXPECT_EQ(first->stats_callback, nullptr);
+  EXPECT_EQ(first->device_cannot_do_simulcast, 'n');
+  release(first);
+  release(second);
+}
+
+}  // namespace
