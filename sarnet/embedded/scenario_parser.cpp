@@ -1,18 +1,14 @@
-#include <json/json.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <filesystem>
-#include <initializer_list>
 #include <limits>
-#include <memory>
 #include <set>
-#include <stdexcept>
 #include <string_view>
 #include <utility>
 
+#include "embedded/json_node.h"
 #include "embedded/scenario.h"
 
 namespace sarnet {
@@ -22,197 +18,16 @@ constexpr std::int64_t kMaxMs = 30LL * 24 * 3600 * 1000;
 constexpr int kMaxVideoSide = 4096;
 constexpr int kMaxFps = 120;
 
-// What is wrong and where; ends as the text of one error.
-struct Wrong : std::runtime_error {
-  Wrong(const std::string& where, const std::string& what)
-      : std::runtime_error(where.empty() ? what : where + ": " + what) {}
-};
-
-bool is_utf8(std::string_view text) {
-  for (std::size_t i = 0; i < text.size();) {
-    const auto lead = static_cast<unsigned char>(text[i++]);
-    if (lead < 0x80) {
-      continue;
-    }
-    const std::size_t more = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : 1;
-    std::uint32_t point = lead & (0x3FU >> more);
-    for (std::size_t k = 0; k < more; ++k, ++i) {
-      if (i >= text.size() || (static_cast<unsigned char>(text[i]) & 0xC0U) != 0x80) {
-        return false;
-      }
-      point = (point << 6U) | (static_cast<unsigned char>(text[i]) & 0x3FU);
-    }
-    constexpr std::array<std::uint32_t, 4> kShortest{0, 0x80, 0x800, 0x10000};
-    if (lead < 0xC2 || lead > 0xF4 || point < kShortest[more] || point > 0x10FFFF ||
-        (point >= 0xD800 && point < 0xE000)) {
-      return false;
-    }
-  }
-  return true;
+std::int64_t required_ms(const JsonNode& node, const char* key) {
+  node.require(key);
+  return node.whole(key, 0, 0, kMaxMs);
 }
-
-// A value together with its place in the file, e.g. participants[1].captions[0].at_ms.
-class Node {
- public:
-  Node(const Json::Value& value, std::string path) : value_(value), path_(std::move(path)) {}
-
-  const std::string& path() const { return path_; }
-  bool has(const char* key) const { return value_.isMember(key); }
-  Node operator[](const char* key) const {
-    return {value_[key], path_.empty() ? key : path_ + "." + key};
-  }
-
-  void expect_object(std::initializer_list<std::string_view> keys) const {
-    if (!value_.isObject()) {
-      throw Wrong(path_, "expected an object, found " + kind());
-    }
-    for (const std::string& key : value_.getMemberNames()) {
-      if (std::find(keys.begin(), keys.end(), key) == keys.end()) {
-        throw Wrong((*this)[key.c_str()].path_, "unknown key; known here: " + list(keys));
-      }
-    }
-  }
-
-  template <class Visit>
-  void each(const char* key, Visit visit) const {
-    if (!has(key)) {
-      return;
-    }
-    const Node list = (*this)[key];
-    if (!list.value_.isArray()) {
-      throw Wrong(list.path_, "expected a list, found " + list.kind());
-    }
-    for (Json::ArrayIndex i = 0; i < list.value_.size(); ++i) {
-      visit(Node(list.value_[i], list.path_ + "[" + std::to_string(i) + "]"));
-    }
-  }
-
-  std::string text(const char* key, const std::string& otherwise) const {
-    if (!has(key)) {
-      return otherwise;
-    }
-    const Node node = (*this)[key];
-    if (!node.value_.isString()) {
-      throw Wrong(node.path_, "expected a text, found " + node.kind());
-    }
-    std::string result = node.value_.asString();
-    if (result.find('\0') != std::string::npos || !is_utf8(result)) {
-      throw Wrong(node.path_, "holds a zero character or is not UTF-8");
-    }
-    return result;
-  }
-
-  std::string required_text(const char* key) const {
-    require(key);
-    std::string result = text(key, "");
-    if (result.empty()) {
-      throw Wrong((*this)[key].path_, "must not be empty");
-    }
-    return result;
-  }
-
-  bool flag(const char* key, bool otherwise) const {
-    if (!has(key)) {
-      return otherwise;
-    }
-    const Node node = (*this)[key];
-    if (!node.value_.isBool()) {
-      throw Wrong(node.path_, "expected true or false, found " + node.kind());
-    }
-    return node.value_.asBool();
-  }
-
-  std::int64_t whole(const char* key, std::int64_t otherwise, std::int64_t least,
-                     std::int64_t most) const {
-    if (!has(key)) {
-      return otherwise;
-    }
-    const Node node = (*this)[key];
-    if (!node.value_.isInt64()) {
-      throw Wrong(node.path_, "expected a whole number, found " + node.kind());
-    }
-    const std::int64_t result = node.value_.asInt64();
-    if (result < least || result > most) {
-      throw Wrong(node.path_, "must be from " + std::to_string(least) + " to " +
-                                  std::to_string(most) + ", is " + std::to_string(result));
-    }
-    return result;
-  }
-
-  std::int64_t required_ms(const char* key) const {
-    require(key);
-    return whole(key, 0, 0, kMaxMs);
-  }
-
-  double number(const char* key, double otherwise, double least, double most) const {
-    if (!has(key)) {
-      return otherwise;
-    }
-    const Node node = (*this)[key];
-    if (!node.value_.isNumeric()) {
-      throw Wrong(node.path_, "expected a number, found " + node.kind());
-    }
-    const double result = node.value_.asDouble();
-    if (!(result >= least && result <= most)) {
-      throw Wrong(node.path_, "must be from " + Json::valueToString(least) + " to " +
-                                  Json::valueToString(most));
-    }
-    return result;
-  }
-
-  void require(const char* key) const {
-    if (!has(key)) {
-      throw Wrong((*this)[key].path_, "is missing");
-    }
-  }
-
-  // Two keys that exclude each other; one of them must be there.
-  void require_one_of(const char* first, const char* second) const {
-    if (has(first) == has(second)) {
-      throw Wrong(path_, std::string("needs either '") + first + "' or '" + second + "'" +
-                             (has(first) ? ", not both" : ""));
-    }
-  }
-
-  void refuse(const char* key, const std::string& reason) const {
-    throw Wrong((*this)[key].path_, reason);
-  }
-
- private:
-  static std::string list(std::initializer_list<std::string_view> keys) {
-    std::string result;
-    for (const std::string_view key : keys) {
-      result += (result.empty() ? "" : ", ") + std::string(key);
-    }
-    return result;
-  }
-
-  std::string kind() const {
-    switch (value_.type()) {
-      case Json::nullValue:
-        return "null";
-      case Json::booleanValue:
-        return value_.asBool() ? "true" : "false";
-      case Json::stringValue:
-        return "a text";
-      case Json::arrayValue:
-        return "a list";
-      case Json::objectValue:
-        return "an object";
-      default:
-        return "the number " + value_.asString();
-    }
-  }
-
-  const Json::Value& value_;
-  std::string path_;
-};
 
 class Parser {
  public:
   explicit Parser(std::string folder) : folder_(std::move(folder)) {}
 
-  Scenario scenario(const Node& root) {
+  Scenario scenario(const JsonNode& root) {
     root.expect_object({"token", "join_delay_ms", "refuse", "participants", "events", "record"});
     Scenario result;
     if (root.has("token")) {
@@ -223,8 +38,8 @@ class Parser {
       result.refusal = refusal(root["refuse"]);
     }
     root.each("participants",
-              [&](const Node& node) { result.participants.push_back(participant(node)); });
-    root.each("events", [&](const Node& node) { result.events.push_back(event(node)); });
+              [&](const JsonNode& node) { result.participants.push_back(participant(node)); });
+    root.each("events", [&](const JsonNode& node) { result.events.push_back(event(node)); });
     std::stable_sort(result.events.begin(), result.events.end(),
                      [](const auto& a, const auto& b) { return a.at_ms < b.at_ms; });
     if (root.has("record")) {
@@ -243,7 +58,7 @@ class Parser {
     return (std::filesystem::path(folder_) / path).lexically_normal().string();
   }
 
-  std::string media_file(const Node& node) const {
+  std::string media_file(const JsonNode& node) const {
     std::string file = resolve(node.required_text("file"));
     std::error_code status;
     if (!std::filesystem::exists(file, status)) {
@@ -255,7 +70,7 @@ class Parser {
     return file;
   }
 
-  static ScenarioRefusal refusal(const Node& node) {
+  static ScenarioRefusal refusal(const JsonNode& node) {
     node.expect_object({"code", "text"});
     ScenarioRefusal result;
     result.code = code(node, result.code);
@@ -263,12 +78,12 @@ class Parser {
     return result;
   }
 
-  static int code(const Node& node, int otherwise) {
+  static int code(const JsonNode& node, int otherwise) {
     return static_cast<int>(
         node.whole("code", otherwise, 1, std::numeric_limits<std::int32_t>::max()));
   }
 
-  ScenarioAudio audio(const Node& node) const {
+  ScenarioAudio audio(const JsonNode& node) const {
     node.expect_object({"file", "tone_hz", "level", "loop"});
     node.require_one_of("file", "tone_hz");
     ScenarioAudio result;
@@ -288,7 +103,7 @@ class Parser {
     return result;
   }
 
-  ScenarioVideo video(const Node& node) const {
+  ScenarioVideo video(const JsonNode& node) const {
     node.expect_object({"file", "testcard", "width", "height", "fps", "loop"});
     node.require_one_of("file", "testcard");
     ScenarioVideo result;
@@ -312,7 +127,7 @@ class Parser {
     return result;
   }
 
-  ScenarioParticipant participant(const Node& node) {
+  ScenarioParticipant participant(const JsonNode& node) {
     node.expect_object({"id", "name", "data", "join_at_ms", "leave_at_ms", "audio", "video",
                         "captions", "captions_repeat_ms"});
     ScenarioParticipant result;
@@ -324,7 +139,7 @@ class Parser {
     result.data = node.text("data", "");
     result.join_at_ms = node.whole("join_at_ms", 0, 0, kMaxMs);
     if (node.has("leave_at_ms")) {
-      result.leave_at_ms = node.required_ms("leave_at_ms");
+      result.leave_at_ms = required_ms(node, "leave_at_ms");
       if (*result.leave_at_ms <= result.join_at_ms) {
         node.refuse("leave_at_ms", "must be after join_at_ms");
       }
@@ -339,12 +154,12 @@ class Parser {
     return result;
   }
 
-  static void captions(const Node& node, ScenarioParticipant& result) {
-    node.each("captions", [&](const Node& caption) {
+  static void captions(const JsonNode& node, ScenarioParticipant& result) {
+    node.each("captions", [&](const JsonNode& caption) {
       caption.expect_object({"at_ms", "text", "final"});
       caption.require("text");
       result.captions.push_back(
-          {caption.required_ms("at_ms"), caption.text("text", ""), caption.flag("final", true)});
+          {required_ms(caption, "at_ms"), caption.text("text", ""), caption.flag("final", true)});
     });
     std::stable_sort(result.captions.begin(), result.captions.end(),
                      [](const auto& a, const auto& b) { return a.at_ms < b.at_ms; });
@@ -356,7 +171,7 @@ class Parser {
     }
   }
 
-  ScenarioEvent event(const Node& node) const {
+  ScenarioEvent event(const JsonNode& node) const {
     using Kind = ScenarioEvent::Kind;
     static constexpr std::array<std::pair<std::string_view, Kind>, 5> kKinds{
         {{"error", Kind::kError},
@@ -366,7 +181,7 @@ class Parser {
          {"subscriber_error", Kind::kSubscriberError}}};
     node.expect_object({"at_ms", "kind", "code", "text", "participant"});
     ScenarioEvent result;
-    result.at_ms = node.required_ms("at_ms");
+    result.at_ms = required_ms(node, "at_ms");
     const std::string kind = node.required_text("kind");
     const auto* const known = std::find_if(kKinds.begin(), kKinds.end(),
                                            [&](const auto& entry) { return entry.first == kind; });
@@ -403,36 +218,6 @@ class Parser {
   std::set<std::string> ids_;
 };
 
-// The parser lists all that it stumbled over, as "* Line 3, Column 5\n  Reason\n"; the first is the
-// cause.
-std::string first_syntax_error(const std::string& listed) {
-  std::string text = listed.substr(0, listed.find("\n*", 1));
-  text.erase(0, text.find_first_not_of("* "));
-  std::string line;
-  for (const char c : text) {
-    if (c == '\n') {
-      line += line.ends_with(':') || line.find(": ") != std::string::npos ? " " : ":";
-    } else if (c != ' ' || !line.ends_with(' ')) {
-      line += line.ends_with(':') && c != ' ' ? std::string(" ") + c : std::string(1, c);
-    }
-  }
-  line.erase(line.find_last_not_of(" :.") + 1);
-  return line;
-}
-
-Json::Value parse_json(const std::string& text) {
-  Json::CharReaderBuilder builder;
-  Json::CharReaderBuilder::strictMode(&builder.settings_);
-  builder["allowComments"] = true;
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  Json::Value root;
-  std::string errors;
-  if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors)) {
-    throw Wrong("", first_syntax_error(errors));
-  }
-  return root;
-}
-
 }  // namespace
 
 std::optional<Scenario> parse_scenario(const std::string& json, const std::string& folder,
@@ -441,7 +226,7 @@ std::optional<Scenario> parse_scenario(const std::string& json, const std::strin
     const Json::Value root = parse_json(json);
     std::error_code status;
     Parser parser(std::filesystem::absolute(folder, status).string());
-    Scenario scenario = parser.scenario(Node(root, ""));
+    Scenario scenario = parser.scenario(JsonNode(root, ""));
     scenario.path = name;
     return scenario;
   } catch (const std::exception& failure) {

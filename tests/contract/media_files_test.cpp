@@ -6,7 +6,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <random>
 #include <span>
 #include <string>
@@ -41,7 +40,9 @@ class FilesTest : public testing::Test {
 
   static std::string bytes_of(const std::string& file) {
     std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    std::string bytes(fs::file_size(file), '\0');
+    stream.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    return bytes;
   }
 
   // Ten test cards, numbered, at 10 fps.
