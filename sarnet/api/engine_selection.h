@@ -1,0 +1,14 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "core/engine.h"
+
+namespace sarnet {
+
+// The engine that a host string names, or null when it names none. An engine that this library was
+// built without, or a host that it must not talk to, gives one whose join fails with the reason.
+std::shared_ptr<Engine> select_engine(const std::string& host);
+
+}  // namespace sarnet

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "core/audio_format.h"
+#include "core/drift_buffer.h"
+#include "core/engine.h"
+#include "core/statistics.h"
+
+namespace sarnet {
+
+// Captured audio on its way from the program to everything that is published: as it is to
+// PublishedStream::on_captured_audio, and on the session's 10 ms clock, at 48 kHz, to on_audio. The
+// program's clock may differ from the session's by 2.5 %. Any thread; no lock is held while a slot
+// of the audio device runs; nothing allocates while audio flows.
+class CapturePath {
+ public:
+  explicit CapturePath(Counters& counters);
+
+  // Starts and ends the session's clock, on a thread of its own that the ThreadKeeper joins.
+  void start(const AudioFormat& format);
+  void stop();
+
+  void add(std::shared_ptr<PublishedStream> stream, bool stereo);
+  void remove(const PublishedStream* stream);
+
+  // Dropped unless started. Returns at once.
+  void write(const std::int16_t* samples, std::size_t frames);
+
+ private:
+  struct Run;
+  struct Target {
+    std::shared_ptr<PublishedStream> stream;
+    bool stereo = false;
+  };
+
+  void pump(Run& run);
+  void give(std::span<const std::int16_t> stereo, std::span<const std::int16_t> mono);
+
+  Counters& counters_;
+  std::mutex mutex_;
+  std::shared_ptr<Run> run_;
+  std::vector<Target> targets_;
+};
+
+}  // namespace sarnet

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace sarnet {
+
+// How much was delivered to the program and how much lost on the way. Any thread.
+struct DeliveryCounter {
+  std::atomic<std::uint64_t> delivered{0};
+  std::atomic<std::uint64_t> dropped{0};
+};
+
+// Media on their way to one callback. Any thread pushes, one pops. A full queue drops its oldest
+// item. All items are made by the constructor and recycled, so that neither side allocates.
+template <class Item>
+class DeliveryQueue {
+ public:
+  // The counter must outlive the queue.
+  DeliveryQueue(std::size_t capacity, DeliveryCounter& counter, DeliveryCounter& total)
+      : items_(capacity), counter_(counter), total_(total) {}
+
+  // `fill` gets a recycled item to overwrite; it runs under the queue's lock.
+  template <class Fill>
+  void push(Fill&& fill) {
+    {
+      const std::lock_guard lock(mutex_);
+      if (closed_) return;
+      if (size_ == items_.size()) {
+        first_ = (first_ + 1) % items_.size();
+        --size_;
+        ++counter_.dropped;
+        ++total_.dropped;
+      }
+      std::forward<Fill>(fill)(items_[(first_ + size_) % items_.size()]);
+      ++size_;
+    }
+    pushed_.notify_one();
+  }
+
+  // Swaps the oldest item with `item`, waiting for one. False once closed, even if some are left.
+  bool pop(Item& item) {
+    std::unique_lock lock(mutex_);
+    pushed_.wait(lock, [this] { return closed_ || size_ > 0; });
+    if (closed_) return false;
+    std::swap(item, items_[first_]);
+    first_ = (first_ + 1) % items_.size();
+    --size_;
+    ++counter_.delivered;
+    ++total_.delivered;
+    return true;
+  }
+
+  void close() {
+    {
+      const std::lock_guard lock(mutex_);
+      closed_ = true;
+    }
+    pushed_.notify_one();
+  }
+
+  bool closed() const {
+    const std::lock_guard lock(mutex_);
+    return closed_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable pushed_;
+  std::vector<Item> items_;
+  std::size_t first_ = 0;
+  std::size_t size_ = 0;
+  bool closed_ = false;
+  DeliveryCounter& counter_;
+  DeliveryCounter& total_;
+};
+
+}  // namespace sarnet

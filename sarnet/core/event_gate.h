@@ -1,0 +1,52 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+namespace sarnet {
+
+// Stands in front of the event callbacks of one handle. After close() no callback of the handle
+// starts, and the one that was under way on another thread has ended. Any thread; no lock is held
+// while the callback runs.
+class EventGate {
+ public:
+  // A callback may run while this lives and is true. Leaves the gate when it goes, also when the
+  // thread is unwound.
+  class Pass {
+   public:
+    explicit Pass(EventGate& gate) : gate_(gate), entered_(gate.enter()) {}
+    ~Pass() {
+      if (entered_) gate_.leave();
+    }
+    Pass(const Pass&) = delete;
+    Pass& operator=(const Pass&) = delete;
+    explicit operator bool() const { return entered_; }
+
+   private:
+    EventGate& gate_;
+    const bool entered_;
+  };
+
+  // How long close() waits for a callback that does not return. The callback then goes on with data
+  // that the library keeps.
+  static constexpr std::chrono::seconds kPatience{10};
+
+  // May be called inside a callback of the handle: does not wait for that one. False when the
+  // gate's patience ended.
+  bool close();
+  bool closed() const;
+
+ private:
+  bool enter();
+  void leave();
+
+  mutable std::mutex mutex_;
+  std::condition_variable left_;
+  bool closed_ = false;
+  int inside_ = 0;  // nested entries of one thread
+  std::thread::id thread_;
+};
+
+}  // namespace sarnet

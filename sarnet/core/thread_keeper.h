@@ -1,0 +1,43 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <list>
+#include <mutex>
+#include <thread>
+
+namespace sarnet {
+
+// Starts and joins every thread of the library. A thread ends by itself once its object told it to;
+// it is joined here, by the next start() or by join_all(), so that nothing else ever waits for one.
+// Whoever starts a thread keeps what the thread uses alive through the function's captures.
+class ThreadKeeper {
+ public:
+  static ThreadKeeper& instance();
+
+  // Runs `body` on a new thread of that name (15 characters). An exception is logged and ends the
+  // thread. Throws std::system_error when no thread can be made.
+  std::thread::id start(const char* name, std::function<void()> body);
+
+  // Waits until all threads have ended, and joins them. False when some had not by the deadline:
+  // they are logged and stay here.
+  bool join_all(std::chrono::milliseconds timeout);
+
+  // Whether the caller is one of the library's threads.
+  bool on_own_thread() const;
+
+ private:
+  struct Entry {
+    std::thread thread;
+    bool ended = false;
+  };
+  ThreadKeeper() = default;
+  void join_ended();
+
+  mutable std::mutex mutex_;
+  std::condition_variable ended_;
+  std::list<Entry> threads_;
+};
+
+}  // namespace sarnet

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/file_plugin.h"
+#include "core/picture.h"
+#include "embedded/room_stream.h"
+#include "embedded/scenario.h"
+#include "embedded/test_media.h"
+
+namespace sarnet {
+
+// Plays one scripted participant: sound in 10 ms blocks of 48 kHz stereo, pictures and captions, on
+// the steady clock, on a thread of its own that the ThreadKeeper joins.
+class Player : public std::enable_shared_from_this<Player> {
+ public:
+  // Opens the participant's files; blocks on the disk. Null and `error` on failure.
+  static std::shared_ptr<Player> create(const ScenarioParticipant& script, std::string& error);
+
+  explicit Player(ScenarioParticipant script);
+
+  // Once. Throws std::system_error when no thread can be made.
+  void start(std::shared_ptr<RoomStream> stream);
+  // Does not wait; the block or picture under way is still given.
+  void stop();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  static constexpr AudioFormat kFormat{48000, 2};
+  static constexpr std::size_t kBlock = 2 * 480;
+
+  bool open(std::string& error);
+  void run();
+  void play_audio();
+  void play_picture();
+  void play_captions(Clock::duration elapsed);
+
+  const ScenarioParticipant script_;
+  std::unique_ptr<AudioReader> audio_file_;
+  std::unique_ptr<VideoReader> video_file_;
+  std::optional<Tone> tone_;
+  std::optional<TestCard> card_;
+  double fps_ = 0;  // 0: no pictures
+
+  std::shared_ptr<RoomStream> stream_;
+  PicturePool pool_{16};
+  std::vector<std::int16_t> block_ = std::vector<std::int16_t>(kBlock);
+  std::uint32_t pictures_ = 0;
+  std::size_t next_caption_ = 0;
+  Clock::duration caption_start_{};  // of the present turn through the list
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool stopped_ = false;
+};
+
+}  // namespace sarnet

@@ -1,0 +1,107 @@
+#pragma once
+
+#include <json/value.h>
+
+#include <array>
+#include <condition_variable>
+#include <cstdint>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "core/audio_format.h"
+#include "core/file_plugin.h"
+#include "core/picture.h"
+
+namespace sarnet {
+
+// Writes all that the program publishes into a folder: the audio of publication N as audio-N.wav,
+// its pictures as video-N.y4m, and events.jsonl, one JSON object a line, in which each publication
+// names its files, any loss is counted, and the last line has the event "closed".
+//
+// Any thread calls; nothing waits for the disk. The queue is bounded: what comes while it is full
+// is lost and counted. A thread of its own, which the ThreadKeeper joins, writes, and ends after
+// close().
+class Recorder : public std::enable_shared_from_this<Recorder> {
+ public:
+  // Null and `error` when the folder cannot be made or written to. Blocks on the disk. Within one
+  // process, further recordings into a folder go on with the numbers and the event log of the
+  // first.
+  static std::shared_ptr<Recorder> create(const std::string& folder, std::string& error);
+
+  Recorder(const FilePlugin& plugin, std::string folder, std::ofstream log);
+
+  // A new publication's number. Its media are written from its first block or picture on.
+  int begin_publication(const std::string& name, bool has_audio, bool has_video, int fps);
+  void end_publication(int publication);
+  void add_audio(int publication, const AudioFormat& format, std::span<const std::int16_t> samples);
+  void add_picture(int publication, const PictureRef& picture);
+  // Adds a line to the log; the time is added here.
+  void log(const char* event, Json::Value fields = Json::Value(Json::objectValue));
+  void close();
+
+ private:
+  enum class Kind { kAudio, kPicture, kEnd, kLine };
+  static constexpr std::size_t kMaxSamples = 960;
+  struct Item {
+    Kind kind = Kind::kAudio;
+    int publication = 0;
+    AudioFormat format;
+    std::size_t samples = 0;
+    std::array<std::int16_t, kMaxSamples> data;
+    PictureRef picture;
+    std::string line;
+  };
+  // About ten seconds of audio; of pictures fewer, since they are large.
+  static constexpr std::size_t kQueue = 1024;
+  static constexpr std::size_t kMaxPictures = 32;
+
+  // Written by the callers, under mutex_.
+  struct Loss {
+    std::uint64_t audio_frames = 0;
+    std::uint64_t pictures = 0;
+  };
+  // Of the writer's thread.
+  struct Files {
+    std::unique_ptr<AudioWriter> audio;
+    std::unique_ptr<VideoWriter> video;
+    AudioFormat format;
+    int width = 0;
+    int height = 0;
+    std::uint64_t audio_frames = 0;
+    std::uint64_t pictures = 0;
+    bool failed = false;
+  };
+
+  Item* reserve();
+  void run();
+  void write(Item& item);
+  void write_audio(Files& files, const Item& item);
+  void write_picture(Files& files, const Item& item);
+  void finish(int publication);
+  void fail(Files& files, int publication, const std::string& error);
+  std::string line_of(const char* event, Json::Value fields) const;
+  int fps_of(int publication);
+
+  const FilePlugin& plugin_;
+  const std::string folder_;
+  std::ofstream log_;             // of the writer's thread
+  std::map<int, Files> files_;    // of the writer's thread
+  std::uint64_t lines_lost_ = 0;  // under mutex_
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Item> queue_ = std::vector<Item>(kQueue);
+  std::size_t first_ = 0;
+  std::size_t size_ = 0;
+  std::size_t pictures_queued_ = 0;
+  std::map<int, Loss> losses_;
+  std::map<int, int> fps_;
+  bool closed_ = false;
+};
+
+}  // namespace sarnet
