@@ -1,0 +1,243 @@
+"""The module on the scripted library, in this process, and programs on it in processes of their own."""
+
+from __future__ import annotations
+
+import ctypes
+import os
+import re
+import subprocess
+import sys
+import threading
+import time
+from collections import namedtuple
+from pathlib import Path
+
+import pytest
+
+sys.path[:0] = [str(Path(__file__).parent)]
+import scripted  # noqa: E402
+
+sys.path[:0] = scripted.PYTHON_PATH
+DEADLINE = 20.0
+
+Line = namedtuple("Line", "level thread logger text")
+Event = namedtuple("Event", "name args thread")
+_LINE = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} (\w+) +\[(\w+)\] (\S+) - (.*)")
+
+
+class Log:
+    """What the module wrote to standard output since the test began."""
+
+    def __init__(self, capfd) -> None:
+        self._capfd = capfd
+        self._out = self._err = ""
+
+    def _read(self) -> None:
+        ctypes.CDLL(None).fflush(None)
+        out, err = self._capfd.readouterr()
+        self._out += out
+        self._err += err
+
+    def lines(self) -> list[Line]:
+        self._read()
+        return [Line(*match) for match in _LINE.findall(self._out)]
+
+    def of(self, logger: str, *levels: str) -> list[tuple[str, str]]:
+        """(level, text) of one logger's lines, of these levels only if any are given."""
+        found = [(line.level, line.text) for line in self.lines() if line.logger == logger]
+        return [each for each in found if not levels or each[0] in levels]
+
+    def texts(self) -> list[tuple[str, str]]:
+        return [(line.level, line.text) for line in self.lines()]
+
+    def errors(self) -> str:
+        """Standard error."""
+        self._read()
+        return self._err
+
+    def clear(self) -> None:
+        self._read()
+        self._out = self._err = ""
+
+    def wait(self, level: str, text: str) -> None:
+        until(lambda: (level, text) in self.texts(), f"{level} {text}")
+
+
+def until(condition, what: str = "", seconds: float = DEADLINE) -> None:
+    """For what has no event to wait on. Fails after the deadline."""
+    end = time.monotonic() + seconds
+    while not condition():
+        assert time.monotonic() < end, f"timed out waiting for {what or condition}"
+        time.sleep(0.002)
+
+
+class Recorder:
+    """Makes callables that write down what they are called with."""
+
+    def __init__(self) -> None:
+        self.events: list[Event] = []
+        self._changed = threading.Condition()
+
+    def __call__(self, name: str, then=None):
+        def callable_(*args):
+            with self._changed:
+                self.events.append(Event(name, args, threading.get_native_id()))
+                self._changed.notify_all()
+            return then(*args) if then else None
+
+        return callable_
+
+    def named(self, name: str) -> list[Event]:
+        return [event for event in self.events if event.name == name]
+
+    def wait(self, name: str, count: int = 1) -> Event:
+        """The event of that number, when it has come."""
+        with self._changed:
+            done = self._changed.wait_for(lambda: len(self.named(name)) >= count, DEADLINE)
+            assert done, f"{name} came {len(self.named(name))} times, not {count}: {self.events}"
+        return self.named(name)[count - 1]
+
+
+class World:
+    """A client on the scripted library, with the shortest ways to the states that tests begin from."""
+
+    def __init__(self, capfd) -> None:
+        self.lib = scripted.lib
+        import _tavrin_video
+
+        self.client = _tavrin_video.TavrinVideoClient()
+        assert self.lib.device_user_data(), "the module does not run on the scripted library"
+        self.lib.reset()
+        self.lib.media_on_delivery_threads(1)
+        # An answer before the callables are stored is lost, by design: the events are told by hand.
+        self.lib.auto("stream_created", 0)
+        self.lib.auto("subscriber_connected", 0)
+        from tavrin_media_relay import models
+
+        self.models = models
+        self.log = Log(capfd)
+        self.log.clear()
+        self.rec = Recorder()
+        self._failed: set[str] = set()
+
+    def connect(self, level="debug", av=None, **callables) -> None:
+        """Joined, with the log at `level`."""
+        self.connect_only(level=level, av=av, **callables)
+        self.settle()
+
+    def connect_only(self, level="debug", av=None, **callables) -> None:
+        settings = self.models.SessionSettings(av=av, logging=self.models.LoggingSettings(level))
+        assert self.client.connect("key", "session", "token", session_settings=settings, **callables) is True
+
+    def stream(self, stream_id="s", received=True):
+        """A stream object; known to the module unless told otherwise."""
+        if received:
+            self.lib.stream_received(stream_id, "c", "data", 1500)
+            self.settle()
+        from datetime import datetime
+
+        connection = self.models.Connection("c", datetime.fromtimestamp(1.5), "data")
+        return self.models.Stream(stream_id, connection)
+
+    def subscribe(self, stream_id="s", **arguments):
+        stream = self.stream(stream_id)
+        assert self.client.subscribe(stream, **arguments) is True
+        self.lib.subscriber_connected(stream_id)
+        self.settle()
+        return stream
+
+    def publish(self, has_audio=True, has_video=True, **callables) -> None:
+        settings = self.models.PublisherSettings("p", has_audio=has_audio, has_video=has_video)
+        assert self.client.publish(settings, **callables) is True
+        self.lib.publisher_stream_created("published-1")
+        self.settle()
+
+    def ready(self, **arguments) -> None:
+        """Joined, and the audio device runs."""
+        self.connect(on_ready_for_audio_cb=self.rec("ready"), **arguments)
+        self.rec.wait("ready")
+
+    def settle(self) -> None:
+        """All events of the library are delivered, and the worker has done all that was posted."""
+        assert self.lib.wait_idle(int(DEADLINE * 1000)) == 1
+        self.client.get_connection()
+
+    def fail(self, function: str, status: int = 7, times: int = -1) -> None:
+        self._failed.add(function)
+        self.lib.fail(function, status, times)
+
+    def mend(self) -> None:
+        for function in self._failed:
+            self.lib.fail(function, 0, 0)
+        self.lib.auto("disconnected", 1)
+        self.lib.delay("disconnected", 0)
+        self.lib.render_block(0)
+
+    def close(self) -> None:
+        self.mend()
+        self.lib.storm_stop()
+        self.client.disconnect()
+        assert self.lib.faults() == 0, self.lib.fault_texts()
+
+
+@pytest.fixture(scope="session", autouse=True)
+def quiet_end():
+    """The level that a test chose is the process's; what comes after the tests is nobody's business."""
+    yield
+    if "_tavrin_video" in sys.modules:
+        from tavrin_media_relay import models
+
+        settings = models.SessionSettings(logging=models.LoggingSettings("off"))
+        sys.modules["_tavrin_video"].TavrinVideoClient().connect("", "", "", session_settings=settings)
+
+
+@pytest.fixture
+def world(capfd, monkeypatch):
+    monkeypatch.delenv("API_HOSTNAME", raising=False)
+    world = World(capfd)
+    yield world
+    world.close()
+
+
+class Program:
+    """The outcome of a program of its own."""
+
+    def __init__(self, done: subprocess.CompletedProcess) -> None:
+        self.code, self.out, self.err = done.returncode, done.stdout, done.stderr
+        self.lines = [Line(*match) for match in _LINE.findall(done.stdout)]
+
+    def __repr__(self) -> str:
+        return f"exit code {self.code}\n{self.out[-4000:]}\n{self.err[-4000:]}"
+
+    def texts(self) -> list[tuple[str, str]]:
+        return [(line.level, line.text) for line in self.lines]
+
+
+PRELUDE = """
+import os, sys, threading, time
+from scripted import lib
+from _tavrin_video import TavrinVideoClient
+from tavrin_media_relay.models import *
+lib.media_on_delivery_threads(1)
+"""
+
+
+@pytest.fixture
+def run():
+    """Runs program text on the scripted library. A program that hangs is killed and fails the test."""
+
+    def run(text: str, timeout: float = 60, prelude: str = PRELUDE, path=(), **environment: str) -> Program:
+        variables = {key: value for key, value in os.environ.items() if key != "API_HOSTNAME"}
+        variables |= {
+            "LD_LIBRARY_PATH": str(scripted.SUPPORT),
+            "PYTHONPATH": os.pathsep.join([*map(str, path), *scripted.PYTHON_PATH]),
+            "PYTHONFAULTHANDLER": "1",
+            **environment,
+        }
+        done = subprocess.run(
+            [sys.executable, "-c", prelude + text],
+            env=variables, capture_output=True, text=True, timeout=timeout, errors="replace",
+        )  # fmt: skip
+        return Program(done)
+
+    return run

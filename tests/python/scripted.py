@@ -1,0 +1,114 @@
+"""The scripted library from Python: its header is read, so that there is one list of its functions.
+
+`lib.stream_received("s", ...)` calls `scripted_stream_received`, with texts as `str`. Importing this module
+loads the library; a module loaded afterwards that asks for `libsarnet.so` gets this one.
+"""
+
+from __future__ import annotations
+
+import ctypes
+import os
+import re
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+BUILD = Path(os.environ.get("TAVRIN_BUILD") or ROOT / "build" / os.environ.get("TAVRIN_PRESET", "release"))
+SUPPORT = BUILD / "tests" / "support"
+PYTHON_PATH = [str(BUILD / "python"), str(ROOT / "python"), str(Path(__file__).parent)]
+
+_TYPES = {
+    "void": None,
+    "int": ctypes.c_int,
+    "long": ctypes.c_long,
+    "double": ctypes.c_double,
+    "size_t": ctypes.c_size_t,
+    "int32_t": ctypes.c_int32,
+    "uint32_t": ctypes.c_uint32,
+    "int64_t": ctypes.c_int64,
+    "uint64_t": ctypes.c_uint64,
+    "const char*": ctypes.c_char_p,
+}
+
+
+class FrameSpec(ctypes.Structure):
+    """See scripted_frame_spec."""
+
+    _fields_ = [
+        *((name, ctypes.c_int32) for name in ("format", "width", "height", "apart", "missing", "fill")),
+        ("stride", ctypes.c_int32 * 3),
+        ("rows", ctypes.c_int32 * 3),
+        ("buffer_size", ctypes.c_int64),
+        ("plane_rows", ctypes.c_int32 * 3),
+    ]
+
+
+class ProvidedFrame(ctypes.Structure):
+    """See scripted_provided_frame."""
+
+    _fields_ = [
+        ("handle", ctypes.c_int64),
+        *((name, ctypes.c_int32) for name in ("rotation", "format", "width", "height")),
+        ("size", ctypes.c_uint64),
+        ("checksum", ctypes.c_uint32),
+        ("first", ctypes.c_uint8 * 12),
+        ("time_ns", ctypes.c_int64),
+    ]
+
+
+YUV420P, ARGB32, RGB24 = 1, 6, 8
+
+
+def _argument_type(declaration: str) -> object:
+    kind = re.sub(r"\s*\w+$", "", declaration.strip())
+    return _TYPES.get(kind, ctypes.c_void_p)
+
+
+class Library:
+    """The control functions, without their prefix; results that are texts are `str`."""
+
+    def __init__(self) -> None:
+        self._library = ctypes.CDLL(str(SUPPORT / "libsarnet.so"))
+        header = (ROOT / "tests/support/scripted_sarnet.h").read_text()
+        declared = re.findall(r"SCRIPTED_API ([\w ]+?\**)\s*scripted_(\w+)\(([^)]*)\);", header)
+        assert len(declared) > 60, "the header of the scripted library was not understood"
+        for result, name, arguments in declared:
+            function = getattr(self._library, f"scripted_{name}")
+            function.restype = _TYPES.get(result.strip(), ctypes.c_void_p)
+            function.argtypes = [_argument_type(each) for each in arguments.split(",") if each != "void"]
+            setattr(self, name, self._textual(function))
+
+    @staticmethod
+    def _textual(function):
+        def call(*arguments):
+            given = [each.encode() if isinstance(each, str) else each for each in arguments]
+            result = function(*given)
+            return result.decode(errors="replace") if isinstance(result, bytes) else result
+
+        return call
+
+    def call_names(self) -> list[str]:
+        return [line.split("(")[0] for line in self.calls().splitlines()]
+
+    def send_audio(self, stream: str, samples: bytes, channels: int = 2, rate: int = 48000) -> int:
+        return self.audio(stream, samples, channels, len(samples) // 2 // max(channels, 1), rate)
+
+    def send_frame(self, stream: str, width: int, height: int, format: int = YUV420P, **rest: object) -> int:
+        spec = FrameSpec(format=format, width=width, height=height)
+        for name, value in rest.items():
+            setattr(spec, name, (ctypes.c_int32 * 3)(*value) if isinstance(value, tuple) else value)
+        return self.frame(stream, ctypes.byref(spec))
+
+    def captured_bytes(self, start: int, samples: int) -> bytes:
+        out = (ctypes.c_int16 * samples)()
+        return bytes(memoryview(out).cast("B"))[: 2 * self.captured(start, out, samples)]
+
+    def provided_frames(self) -> list[ProvidedFrame]:
+        frames = []
+        for position in range(self.provided_count()):
+            frame = ProvidedFrame()
+            if self.provided(position, ctypes.byref(frame)):
+                frames.append(frame)
+        return frames
+
+
+lib = Library()
