@@ -26,7 +26,8 @@ TEST(LogsInitializer, WritesEachLineOnceToStandardOutputFromWarnOn) {
         std::_Exit(0);
       },
       testing::ExitedWithCode(0),
-      "^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3} WARN  "
+      "^(Running main[^\n]*\n)?[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3} "
+      "WARN  "
       "\\[[^]]+\\] Name - a line\n$");
 }
 

@@ -7,14 +7,18 @@
 
 TimePoint Clock::now() { return std::chrono::steady_clock::now(); }
 
-void Clock::sleepUntil(TimePoint t) { sleepFor(t - now()); }
-
-void Clock::sleepFor(Nanos duration) {
-  if (duration <= Nanos::zero()) return;
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration);
-  timespec remaining{.tv_sec = seconds.count(), .tv_nsec = (duration - seconds).count()};
-  while (nanosleep(&remaining, &remaining) == -1 && errno == EINTR) {
+void Clock::sleepUntil(TimePoint t) {
+  for (;;) {
+    // Worked out anew after each signal: what nanosleep leaves behind ignores the handler's time,
+    // and a shower of signals could hold the sleeper for ever.
+    const Nanos left = t - now();
+    if (left <= Nanos::zero()) return;
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+    const timespec duration{.tv_sec = seconds.count(), .tv_nsec = (left - seconds).count()};
+    if (nanosleep(&duration, nullptr) == 0 || errno != EINTR) return;
   }
 }
+
+void Clock::sleepFor(Nanos duration) { sleepUntil(now() + duration); }
 
 void Clock::sharpenCurrentThread() { prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL); }
