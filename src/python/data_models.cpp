@@ -49,7 +49,7 @@ constexpr std::array<NamedClass, 21> kModelClasses{{
 PyObject* get_model_class(ClassMember member, const char* name) {
   static const std::shared_ptr<ModelClasses> model_classes = get_model_classes_instance();
   if (model_classes != nullptr) {
-    return model_classes.get()->*member;
+    return (*model_classes).*member;
   }
   const std::string message = std::string("Model ") + name + " class is not found";
   set_error_if_not_present(PyExc_ImportError, message.c_str());

@@ -10,10 +10,11 @@ using python_utils::set_error_if_not_present;
 
 bool read(PyObject* object, MemberName& name, std::string& field) {
   std::optional<std::string> value = python_utils::get_member_value_as_string(object, name);
-  if (value) {
-    field = *std::move(value);
+  if (!value) {
+    return false;
   }
-  return value.has_value();
+  field = *std::move(value);
+  return true;
 }
 
 bool read(PyObject* object, MemberName& name, bool& field) {

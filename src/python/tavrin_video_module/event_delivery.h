@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "python_utils.h"
+#include "tavrin_video_module/lasting_thread_state.h"
 #include "tavrin_video_module/state.h"
 
 // The course that every event takes on its way into Python.
@@ -77,6 +78,7 @@ void deliver(const Target& target, std::string_view name, Build&& build) {
   if (!may_enter_python(visit)) {
     return;
   }
+  keep_thread_state();
   const python_utils::PyGILLock lock;
   if (!target.isWanted()) {
     return;
@@ -84,5 +86,7 @@ void deliver(const Target& target, std::string_view name, Build&& build) {
   EventArguments arguments;
   if (build(arguments)) {
     arguments.call(target.callable(), name);
+  } else {
+    PyErr_Clear();  // the next event on this thread begins with a clean slate
   }
 }
