@@ -78,8 +78,8 @@ def main() -> int:
     results = [
         *checks.check_speech(checks.read_wav(sound), report),
         picture_check,
-        checks.check_heard("heard in the mix what was played", mix, CHANNELS, material),
-        checks.check_heard("heard in the stream what was played", voice, report.voice_channels, material),
+        checks.check_heard("heard in the mix what was played", mix, CHANNELS, material, 0.7),
+        checks.check_heard("heard in the stream what was played", voice, report.voice_channels, material, 1.0),
         checks.check_seen(report, material),
         *checks.check_conduct(report, material),
         checks.check_counters(counters, pictures),

@@ -115,15 +115,21 @@ def check_pictures(recorded: list[bytes], report: Report) -> tuple[Check, dict[s
     return check, figures
 
 
-def check_heard(name: str, heard: np.ndarray, channels: int, material: Material) -> Check:
+def check_heard(name: str, heard: np.ndarray, channels: int, material: Material, least: float) -> Check:
+    """Looks for the speech that was played; `least` is the share of its pieces that must be clear.
+
+    A single stream comes as it was played. The mix is read on a clock of its own, so that a busy machine
+    makes it skip here and there.
+    """
     factor = RATE // COMPARED_RATE
     mono = heard.reshape(-1, channels).mean(axis=1) if channels else heard
     matches, delays = find_speech(reduced(material.their_speech, factor), reduced(mono, factor))
     if not matches:
         return Check(name, False, "nothing to compare")
     middle, spread = float(np.median(matches)), float(np.ptp(delays))
-    good = middle >= 0.9 and min(matches) >= 0.7 and spread < 1.0
-    return Check(name, good, f"correlation {middle:.3f} (worst {min(matches):.3f}) over {len(matches)} pieces")
+    clear = float((np.array(matches) >= 0.7).mean())
+    good = middle >= 0.9 and clear >= least and spread < 1.0
+    return Check(name, good, f"correlation {middle:.3f} over {len(matches)} pieces, {clear:.0%} of them clear")
 
 
 def check_seen(report: Report, material: Material) -> Check:
@@ -154,7 +160,7 @@ def check_conduct(report: Report, material: Material) -> list[Check]:
         Check("captions are those of the script", report.captions == expected, f"{len(report.captions)} received"),
         Check(
             "drained notices arrived and were answered",
-            report.drained_audio >= 3 and report.drained_video >= 1,
+            report.drained_audio == 3 and report.drained_video >= 1,
             f"audio {report.drained_audio}, video {report.drained_video}",
         ),
         Check(

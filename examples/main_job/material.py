@@ -34,7 +34,7 @@ THEIR_CAPTIONS = [
     (3.0, "Please leave your message after the tone.", True),
     (14.0, "Excuse me, may I interrupt?", True),
 ]
-THEIR_PICTURES = [NATURE / "Aqua.jpg", NATURE / "YellowFlower.jpg", NATURE / "Wood.jpg"]
+THEIR_PICTURES = [NATURE / f"{name}.jpg" for name in ("Aqua", "YellowFlower", "Dune", "GreenMeadow", "RainDrops")]
 THEIR_SECONDS = 30
 
 

@@ -53,6 +53,7 @@ class Participant:
         self._changed = threading.Condition()
         self._seen: set[str] = set()  # names of events that have happened
         self._failure: str | None = None
+        self._speaking = False
         self._leaving = threading.Event()
         self._feeding = threading.Event()
         self._pictures = threading.Lock()  # held while pictures are added, and while we clear
@@ -100,7 +101,9 @@ class Participant:
         self._happened("caption", captions.text)
 
     def _on_drained(self, stats: tavrin.MediaBufferStats) -> None:
-        if stats.audio is not None and not stats.audio.duration:
+        # A notice of the video's tells the audio's state too, also when there is nothing to be said.
+        if self._speaking and stats.audio is not None and not stats.audio.duration:
+            self._speaking = False
             self.report.drained_audio += 1
             self._happened(f"said {len(self.report.spoken)}")
         if stats.video is not None and not stats.video.duration:
@@ -137,6 +140,7 @@ class Participant:
         if not self.client.add_audio(tavrin.AudioData(RATE, CHANNELS, len(samples), samples)):
             raise RuntimeError("add_audio refused our speech")
         self.report.spoken.append(samples)
+        self._speaking = True
         self._happened("speaking", f"{len(samples) / RATE:.1f} s")
 
     def _fail(self, reason: str) -> None:
@@ -162,6 +166,7 @@ class Participant:
         """Barge-in: somebody speaks while we do, so we drop all that we have not said and shown yet."""
         with self._pictures:
             self._feeding.clear()
+            self._speaking = False
             self.report.before_clear = self.buffered()
             if not self.client.clear_media_buffers():
                 raise RuntimeError("clear_media_buffers failed")
