@@ -1,0 +1,238 @@
+// What a delete promises: no callback of the handle starts once it has returned, it waits for a
+// state event on another thread, and for nothing else.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <ostream>
+#include <string>
+#include <thread>
+
+#include "contract/harness.h"
+
+namespace contract {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A program with one of everything, media flowing. Members in an order that suits no delete.
+struct Whole {
+  Whole() {
+    program.join();
+    stream = program.wait_for_stream();
+    receiver = std::make_unique<Receiver>(stream->get());
+    srn_session_subscribe(program.handle, receiver->handle);
+    srn_session_publish(program.handle, sender.handle);
+  }
+  bool flows() {
+    return sender.log.wait_for("created") &&
+           eventually([this] { return receiver->audio_blocks() > 0 && receiver->pictures() > 0; });
+  }
+
+  Sender sender{{}};
+  Participant program;
+  std::shared_ptr<StreamCopy> stream;
+  std::unique_ptr<Receiver> receiver;
+};
+
+TEST(Delete, WorksInEveryOrderAndEndsAllCallbacks) {
+  LibraryUse library;
+  std::string order = "prs";  // publisher, receiver, session
+  do {
+    SCOPED_TRACE(order);
+    Whole whole;
+    ASSERT_TRUE(whole.flows());
+    std::size_t heard = 0;
+    std::size_t destroyed = 0;
+    for (const char which : order) {
+      if (which == 'p') {
+        EXPECT_EQ(whole.sender.remove(), SRN_SUCCESS);
+        destroyed = whole.sender.log.count("destroy");
+      } else if (which == 'r') {
+        EXPECT_EQ(whole.receiver->remove(), SRN_SUCCESS);
+      } else {
+        EXPECT_EQ(whole.program.remove(), SRN_SUCCESS);
+      }
+    }
+    // One callback of each kind may have been under way.
+    heard = whole.receiver->audio_blocks();
+    const auto events = whole.program.log.all();
+    srn_destroy();
+    srn_init(nullptr);
+    EXPECT_EQ(destroyed, 1U) << "destroy comes before the publisher's delete returns";
+    EXPECT_LE(whole.receiver->audio_blocks(), heard + 1);
+    EXPECT_EQ(whole.program.log.all(), events);
+    EXPECT_EQ(whole.program.log.count("disconnected"), 0U) << "a delete leaves silently";
+  } while (std::next_permutation(order.begin(), order.end()));
+}
+
+enum class Inside { kConnected, kStreamReceived, kSubscribed, kCreated, kStart, kAudio, kPicture };
+void PrintTo(Inside inside, std::ostream* out) {
+  constexpr std::array<const char*, 7> kNames = {
+      "on_connected",     "on_stream_received", "subscriber",     "on_stream_created",
+      "capturer's start", "on_audio_data",      "on_render_frame"};
+  *out << kNames.at(static_cast<std::size_t>(inside));
+}
+
+class DeleteInside : public testing::TestWithParam<Inside> {};
+
+// Everything, from inside one callback, whichever it is.
+TEST_P(DeleteInside, ReturnsAndEndsAllCallbacks) {
+  LibraryUse library;
+  Participant program;
+  Sender sender({});
+  std::unique_ptr<Receiver> receiver;
+  Latch done;
+  std::atomic<bool> once{false};
+  const auto delete_all = [&] {
+    if (once.exchange(true)) return;
+    if (receiver) receiver->remove();
+    sender.remove();
+    program.remove();
+    done.open();
+  };
+  const auto hook = [&](Inside inside) {
+    return inside == GetParam() ? std::function<void()>(delete_all) : nullptr;
+  };
+  program.on_connected = hook(Inside::kConnected);
+  sender.on_created = hook(Inside::kCreated);
+  sender.on_start = hook(Inside::kStart);
+  program.on_stream_received = [&](const srn_stream* stream) {
+    receiver = std::make_unique<Receiver>(stream);
+    receiver->on_connected = hook(Inside::kSubscribed);
+    receiver->on_audio = hook(Inside::kAudio);
+    receiver->on_picture = hook(Inside::kPicture);
+    srn_session_publish(program.handle, sender.handle);
+    srn_session_subscribe(program.handle, receiver->handle);
+    if (GetParam() == Inside::kStreamReceived) delete_all();
+  };
+  ASSERT_EQ(program.connect(), SRN_SUCCESS);
+  ASSERT_TRUE(done.wait());
+  const auto events = program.log.all();
+  EXPECT_EQ(srn_destroy(), SRN_SUCCESS);
+  EXPECT_EQ(program.log.all(), events);
+  EXPECT_EQ(sender.log.count("destroy"), sender.log.count("init"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Callbacks, DeleteInside,
+                         testing::Values(Inside::kConnected, Inside::kStreamReceived,
+                                         Inside::kSubscribed, Inside::kCreated, Inside::kStart,
+                                         Inside::kAudio, Inside::kPicture));
+
+// Runs `remove` on another thread while `callback` of `inside` stands still; returns whether it
+// came back before the callback was let go.
+bool returns_during(Inside inside, const std::function<void(Whole&)>& remove) {
+  Latch entered;
+  Latch release;
+  Latch returned;
+  std::atomic<bool> once{false};
+  const auto stand = [&] {
+    if (once.exchange(true)) return;
+    entered.open();
+    release.wait();
+  };
+  Whole whole;
+  EXPECT_TRUE(whole.flows());
+  Participant late;  // sets off a state event of the session
+  switch (inside) {
+    case Inside::kAudio:
+      whole.receiver->on_audio = stand;
+      break;
+    default:
+      whole.program.on_disconnected = stand;
+      srn_session_disconnect(whole.program.handle);
+  }
+  EXPECT_TRUE(entered.wait());
+  std::thread deleter([&] {
+    remove(whole);
+    returned.open();
+  });
+  const bool early =
+      returned.wait(inside == Inside::kAudio ? std::chrono::milliseconds(kPatience) : 200ms);
+  release.open();
+  EXPECT_TRUE(returned.wait());
+  deleter.join();
+  return early;
+}
+
+TEST(Delete, WaitsForAStateEventOnAnotherThread) {
+  LibraryUse library;
+  EXPECT_FALSE(returns_during(Inside::kConnected, [](Whole& whole) { whole.program.remove(); }));
+}
+
+TEST(Delete, NeverWaitsForAMediaCallback) {
+  LibraryUse library;
+  EXPECT_TRUE(returns_during(Inside::kAudio, [](Whole& whole) {
+    EXPECT_EQ(srn_session_unsubscribe(whole.program.handle, whole.receiver->handle), SRN_SUCCESS);
+    whole.receiver->remove();
+    EXPECT_EQ(srn_session_disconnect(whole.program.handle), SRN_SUCCESS);
+    EXPECT_TRUE(whole.program.log.wait_for("disconnected"));
+    whole.program.remove();
+  }));
+}
+
+TEST(Handles, AreRefusedOnceDeletedOrOfAnotherKind) {
+  LibraryUse library;
+  srn_log_enable(SRN_LOG_LEVEL_DISABLED);
+  Whole whole;
+  srn_session* const session = whole.program.handle;
+  srn_subscriber* const subscriber = whole.receiver->handle;
+  srn_publisher* const publisher = whole.sender.handle;
+  EXPECT_EQ(srn_stream_delete(reinterpret_cast<srn_stream*>(session)), 1011);
+  EXPECT_EQ(srn_session_subscribe(session, reinterpret_cast<srn_subscriber*>(publisher)), 1011);
+  int on_stack = 0;
+  EXPECT_EQ(srn_session_disconnect(reinterpret_cast<srn_session*>(&on_stack)), 1011);
+  // A connection that is the stream's is not the program's to delete.
+  auto* const lent = const_cast<srn_connection*>(srn_stream_get_connection(whole.stream->get()));
+  EXPECT_EQ(srn_connection_delete(lent), 1011);
+  EXPECT_STREQ(srn_connection_get_id(lent), "companion");
+
+  whole.receiver->remove();
+  whole.sender.remove();
+  whole.program.remove();
+  EXPECT_EQ(srn_session_delete(session), 1011);
+  EXPECT_EQ(srn_session_disconnect(session), 1011);
+  EXPECT_EQ(srn_subscriber_delete(subscriber), 1011);
+  EXPECT_EQ(srn_subscriber_get_subscriber_id(subscriber), nullptr);
+  EXPECT_EQ(srn_publisher_delete(publisher), 1011);
+  srn_log_enable(SRN_LOG_LEVEL_ERROR);
+}
+
+TEST(Delete, HoldsWhileThreadsDeliver) {
+  LibraryUse library;
+  ScenarioFile scenario(R"({"participants": [
+    {"id": "a", "audio": {"tone_hz": 500}, "video": {"testcard": true, "width": 64, "height": 48}},
+    {"id": "b", "audio": {"tone_hz": 600}, "video": {"testcard": true, "width": 64, "height": 48}}]})");
+  Participant program;
+  ASSERT_TRUE(program.join(scenario.host()));
+  std::vector<std::thread> threads;
+  std::atomic<int> rounds{0};
+  for (std::size_t which = 1; which <= 2; ++which) {
+    const auto stream = program.wait_for_stream(which);
+    ASSERT_TRUE(stream);
+    threads.emplace_back([&program, &rounds, stream] {
+      for (int round = 0; round < 40; ++round) {
+        Receiver receiver(stream->get());
+        if (srn_session_subscribe(program.handle, receiver.handle) != SRN_SUCCESS) return;
+        if (round % 4 == 0 && !eventually([&] { return receiver.audio_blocks() > 0; })) return;
+        if (round % 2 == 0) srn_session_unsubscribe(program.handle, receiver.handle);
+        receiver.remove();
+        ++rounds;
+      }
+    });
+  }
+  for (int round = 0; round < 10; ++round) {
+    Sender sender({});
+    ASSERT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SUCCESS);
+    if (round % 2 == 0) {
+      ASSERT_TRUE(sender.log.wait_for("created"));
+    }
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(rounds, 80);
+}
+
+}  // namespace
+}  // namespace contract

@@ -1,0 +1,287 @@
+// The audio device: when its slots are called, what is mixed, recorded and carried between clocks.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sarnet/sarnet_statistics.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <fstream>
+#include <numbers>
+#include <ostream>
+#include <sstream>
+#include <thread>
+
+#include "contract/harness.h"
+
+namespace contract {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+// Calls `work` once a period, by an absolute clock, until it goes.
+class Periodic {
+ public:
+  Periodic(std::chrono::nanoseconds period, std::function<void()> work)
+      : thread_([this, period, work = std::move(work)] {
+          auto due = std::chrono::steady_clock::now();
+          while (!stopped_) {
+            work();
+            due += period;
+            std::this_thread::sleep_until(due);
+          }
+        }) {}
+  ~Periodic() {
+    stopped_ = true;
+    thread_.join();
+  }
+  Periodic(const Periodic&) = delete;
+  Periodic& operator=(const Periodic&) = delete;
+
+ private:
+  std::atomic<bool> stopped_{false};
+  std::thread thread_;
+};
+
+class Sine {
+ public:
+  Sine(int rate, int channels, double hertz) : rate_(rate), channels_(channels), hertz_(hertz) {}
+  std::vector<std::int16_t> next(std::size_t frames) {
+    std::vector<std::int16_t> samples;
+    for (std::size_t frame = 0; frame < frames; ++frame, ++position_) {
+      const double angle = 2 * std::numbers::pi * hertz_ * static_cast<double>(position_) / rate_;
+      samples.insert(samples.end(), static_cast<std::size_t>(channels_),
+                     static_cast<std::int16_t>(std::lround(8000 * std::sin(angle))));
+    }
+    return samples;
+  }
+
+ private:
+  int rate_;
+  int channels_;
+  double hertz_;
+  std::uint64_t position_ = 0;
+};
+
+int loudest(const std::vector<std::int16_t>& samples) {
+  int peak = 0;
+  for (const std::int16_t sample : samples) peak = std::max(peak, std::abs(int{sample}));
+  return peak;
+}
+
+TEST(Device, IsDrivenInOrderForEachSession) {
+  Device device;
+  LibraryUse library;
+  for (int round = 0; round < 2; ++round) {
+    SCOPED_TRACE(round);
+    // The second round is a program that stops both sides itself: the library's own orders fail.
+    device.stop_answers = round == 0;
+    const std::size_t before = device.log.all().size();
+    Participant program;
+    Latch let_go;
+    program.on_connected = [&] {
+      // Not before on_connected has returned.
+      std::this_thread::sleep_for(150ms);
+      EXPECT_EQ(device.log.all().size(), before);
+    };
+    ASSERT_TRUE(program.join());
+    ASSERT_TRUE(device.log.wait_for("start_capturer", static_cast<std::size_t>(round) + 1));
+    std::vector<std::int16_t> buffer(960);
+    EXPECT_EQ(srn_audio_device_read_render_data(buffer.data(), 480), 480U);
+    EXPECT_EQ(srn_session_disconnect(program.handle), SRN_SUCCESS);
+    EXPECT_EQ(srn_audio_device_read_render_data(buffer.data(), 480), 0U);
+    EXPECT_EQ(srn_audio_device_write_capture_data(buffer.data(), 480), SRN_SUCCESS);
+    ASSERT_TRUE(device.log.wait_for("destroy", 3 * (static_cast<std::size_t>(round) + 1)));
+    auto events = device.log.all();
+    events.erase(events.begin(), events.begin() + static_cast<std::ptrdiff_t>(before));
+    EXPECT_THAT(events,
+                ElementsAre("init", "render_settings", "init_renderer", "start_renderer",
+                            "capture_settings", "init_capturer", "start_capturer", "stop_capturer",
+                            "destroy_capturer", "stop_renderer", "destroy_renderer", "destroy"));
+  }
+}
+
+TEST(Device, StaysUpWhileAnySessionIsConnectedAndEndsWithTheLibrary) {
+  Device device;
+  {
+    LibraryUse library;
+    Participant first;
+    Participant second("another");
+    ASSERT_TRUE(first.join());
+    ASSERT_TRUE(second.join());
+    ASSERT_TRUE(device.log.wait_for("start_capturer"));
+    first.remove();
+    std::vector<std::int16_t> buffer(960);
+    EXPECT_EQ(srn_audio_device_read_render_data(buffer.data(), 480), 480U);
+    EXPECT_EQ(device.log.count("stop_renderer"), 0U);
+  }
+  EXPECT_EQ(device.log.all().back(), "destroy");
+  EXPECT_EQ(device.log.count("start_renderer"), 1U);
+}
+
+TEST(Device, WithAnUnusableFormatIsNotStarted) {
+  Device device({192000, 2}, {48000, 3});
+  LibraryUse library;
+  srn_log_enable(SRN_LOG_LEVEL_DISABLED);
+  Participant program;
+  ASSERT_TRUE(program.join());
+  ASSERT_TRUE(device.log.wait_for("capture_settings"));
+  program.remove();
+  ASSERT_TRUE(device.log.wait_for("destroy"));
+  EXPECT_THAT(device.log.all(),
+              ElementsAre("init", "render_settings", "capture_settings", "destroy"));
+  srn_log_enable(SRN_LOG_LEVEL_ERROR);
+}
+
+struct Format {
+  int rate;
+  int channels;
+};
+void PrintTo(const Format& format, std::ostream* out) {
+  *out << format.rate << " Hz, " << format.channels << " channels";
+}
+
+class Audio : public testing::TestWithParam<Format> {};
+
+// The program hears the companion's tone in its own format, and publishes its own: what the other
+// side gets is that tone, and the recording holds each sample.
+TEST_P(Audio, IsMixedCarriedAndRecordedInTheDevicesFormat) {
+  const auto [rate, channels] = GetParam();
+  const auto frames = static_cast<std::size_t>(rate / 100);
+  Device device({rate, channels}, {rate, channels});
+  LibraryUse library;
+  srn_statistics_reset();
+  ScenarioFile scenario(R"({"record": "recording",
+    "participants": [{"id": "peer", "audio": {"tone_hz": 1000, "level": 0.5}}]})");
+  std::vector<std::int16_t> sent;
+  {
+    Participant program;
+    Participant listener;
+    ASSERT_TRUE(program.join(scenario.host()));
+    ASSERT_TRUE(listener.join(scenario.host()));
+    ASSERT_TRUE(device.log.wait_for("start_capturer"));
+    Receiver peer(program.wait_for_stream()->get());
+    ASSERT_EQ(srn_session_subscribe(program.handle, peer.handle), SRN_SUCCESS);
+    Sender sender({.video = false});
+    ASSERT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SUCCESS);
+    ASSERT_TRUE(sender.log.wait_for("created"));
+    const auto stream = listener.wait_for_stream(2);
+    ASSERT_TRUE(stream);
+    Receiver receiver(stream->get());
+    ASSERT_EQ(srn_session_subscribe(listener.handle, receiver.handle), SRN_SUCCESS);
+
+    Sine sine(rate, channels, 440);
+    std::vector<std::int16_t> mix;
+    {
+      const Periodic periodic(10ms, [&] {
+        const auto block = sine.next(frames);
+        sent.insert(sent.end(), block.begin(), block.end());
+        srn_audio_device_write_capture_data(block.data(), frames);
+        std::vector<std::int16_t> heard(frames * static_cast<std::size_t>(channels));
+        if (srn_audio_device_read_render_data(heard.data(), frames) == frames) mix.swap(heard);
+      });
+      EXPECT_TRUE(eventually([&] {
+        const auto samples = receiver.samples();
+        return samples.size() > 48000 && loudest(samples) > 7000;
+      }));
+    }
+    EXPECT_LE(loudest(receiver.samples()), 8800);
+    // The device is the process's: both sessions' subscriptions are in its mix.
+    EXPECT_NEAR(loudest(mix), 16383 + 8000, 900);
+  }
+  srn_destroy();  // completes the recording
+
+  std::ifstream file(scenario.folder() / "recording" / "audio-1.wav", std::ios::binary);
+  const std::string wav{std::istreambuf_iterator<char>(file), {}};
+  const std::string bytes(reinterpret_cast<const char*>(sent.data()), sent.size() * 2);
+  ASSERT_GE(wav.size(), bytes.size());
+  EXPECT_TRUE(wav.ends_with(bytes)) << "each sample, in the device's format";
+  std::stringstream log;
+  log << std::ifstream(scenario.folder() / "recording" / "events.jsonl").rdbuf();
+  EXPECT_THAT(log.str(),
+              HasSubstr("\"audio_frames\":" +
+                        std::to_string(sent.size() / static_cast<std::size_t>(channels))));
+  EXPECT_THAT(log.str(), HasSubstr("\"audio_frames_lost\":0"));
+  EXPECT_THAT(log.str(), HasSubstr("\"event\":\"closed\""));
+  srn_statistics figures{};
+  figures.size = sizeof figures;
+  srn_statistics_get(&figures);
+  EXPECT_EQ(figures.capture_frames_written * static_cast<std::size_t>(channels), sent.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, Audio,
+                         testing::Values(Format{48000, 2}, Format{48000, 1}, Format{44100, 2},
+                                         Format{8000, 1}));
+
+// A capture clock 2 % fast and a render clock 2 % slow, for three seconds: without correction 60 ms
+// would pile up on each side and go on growing.
+TEST(Device, AbsorbsTheDriftOfTheProgramsClocks) {
+  Device device;
+  LibraryUse library;
+  srn_statistics_reset();
+  ScenarioFile scenario("{}");
+  Participant program;
+  Participant listener;
+  ASSERT_TRUE(program.join(scenario.host()));
+  ASSERT_TRUE(listener.join(scenario.host()));
+  ASSERT_TRUE(device.log.wait_for("start_capturer"));
+  Sender sender({.video = false});
+  ASSERT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SUCCESS);
+  const auto stream = listener.wait_for_stream();
+  ASSERT_TRUE(stream);
+  Receiver receiver(stream->get());
+  ASSERT_EQ(srn_session_subscribe(listener.handle, receiver.handle), SRN_SUCCESS);
+  Sine sine(48000, 2, 440);
+  std::vector<std::int16_t> heard(960);
+  {
+    const Periodic capture(
+        9800us, [&] { srn_audio_device_write_capture_data(sine.next(480).data(), 480); });
+    const Periodic render(10200us, [&] { srn_audio_device_read_render_data(heard.data(), 480); });
+    ASSERT_TRUE(eventually([&] { return receiver.audio_blocks() >= 300; }));
+  }
+  srn_statistics figures{};
+  figures.size = sizeof figures;
+  srn_statistics_get(&figures);
+  EXPECT_GT(figures.capture_periods_written, 290U);
+  EXPECT_LT(figures.mixer_delay_us, 200'000);
+  // Unless the machine stood still, nothing was lost, and nothing clicks: no two samples are
+  // further apart than a sine of that height, a little compressed, allows.
+  if (figures.capture_underruns <= 1 && figures.capture_lateness.max < 20'000) {
+    const auto samples = receiver.samples();
+    int steepest = 0;
+    for (std::size_t frame = samples.size() / 6; frame + 2 < samples.size(); frame += 2) {
+      steepest = std::max(steepest, std::abs(samples[frame + 2] - samples[frame]));
+    }
+    EXPECT_LT(steepest, 8000 * 2 * std::numbers::pi * 440 / 48000 * 1.3);
+    EXPECT_GT(loudest(samples), 7500);
+  }
+}
+
+TEST(Device, RecordsPicturesInOrderWithRepeats) {
+  LibraryUse library;
+  ScenarioFile scenario(R"({"record": "recording"})");
+  std::string expected = "YUV4MPEG2 W64 H48 F25:1 ";
+  std::vector<std::string> frames;
+  {
+    Participant program;
+    ASSERT_TRUE(program.join(scenario.host()));
+    Sender sender({.audio = false, .fps = 25});
+    ASSERT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SUCCESS);
+    ASSERT_TRUE(sender.log.wait_for("created"));
+    for (const int shade : {30, 40, 40, 50}) {
+      const std::vector<std::uint8_t> bytes(64 * 48 * 3 / 2, static_cast<std::uint8_t>(shade));
+      ASSERT_EQ(sender.provide(64, 48, bytes), SRN_SUCCESS);
+      frames.push_back("FRAME\n" + std::string(bytes.begin(), bytes.end()));
+    }
+  }
+  srn_destroy();
+  std::ifstream file(scenario.folder() / "recording" / "video-1.y4m", std::ios::binary);
+  const std::string film{std::istreambuf_iterator<char>(file), {}};
+  EXPECT_TRUE(film.starts_with(expected)) << film.substr(0, 60);
+  EXPECT_TRUE(film.ends_with(frames[0] + frames[1] + frames[2] + frames[3]));
+}
+
+}  // namespace
+}  // namespace contract

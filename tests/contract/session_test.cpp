@@ -1,0 +1,283 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <ostream>
+#include <thread>
+
+#include "contract/harness.h"
+
+namespace contract {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr const char* kQuietScenario = "{}";
+
+TEST(Session, RaisesEventsInOrderAndAnswersTheDisconnection) {
+  LibraryUse library;
+  Participant program;
+  std::string own_id;
+  std::string own_session;
+  std::int64_t joined_at = 0;
+  program.on_connected = [&] {
+    srn_connection* const own = srn_session_get_connection(program.handle);
+    own_id = srn_connection_get_id(own);
+    own_session = srn_connection_get_session_id(own);
+    joined_at = srn_connection_get_creation_time(own);
+    srn_connection_delete(own);
+  };
+  EXPECT_EQ(srn_session_get_connection(program.handle), nullptr);
+  ASSERT_TRUE(program.join());
+  ASSERT_TRUE(program.wait_for_stream());
+  EXPECT_EQ(program.log.all()[0], "connected");
+  EXPECT_LT(program.log.position("connection+"), program.log.position("stream+"));
+  EXPECT_FALSE(own_id.empty());
+  EXPECT_EQ(own_session, "session");
+  const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                       std::chrono::system_clock::now().time_since_epoch())
+                       .count();
+  EXPECT_NEAR(static_cast<double>(joined_at), static_cast<double>(now), 60'000);
+
+  EXPECT_EQ(srn_session_disconnect(program.handle), SRN_SUCCESS);
+  ASSERT_TRUE(program.log.wait_for("disconnected", 1, std::chrono::seconds(5)));
+  EXPECT_EQ(srn_session_disconnect(program.handle), SRN_SESSION_NOT_CONNECTED);
+  EXPECT_EQ(srn_session_get_connection(program.handle), nullptr);
+  EXPECT_EQ(program.log.count("disconnected"), 1U);
+}
+
+struct HostCase {
+  const char* host;
+  srn_status status;
+  const char* error;  // of the event that follows status 0
+};
+void PrintTo(const HostCase& each, std::ostream* out) { *out << '"' << each.host << '"'; }
+
+class Host : public testing::TestWithParam<HostCase> {};
+
+TEST_P(Host, ChoosesAnEngineOrIsRefused) {
+  LibraryUse library;
+  Participant program;
+  EXPECT_EQ(program.connect(GetParam().host), GetParam().status);
+  if (GetParam().error == nullptr) return;
+  ASSERT_TRUE(program.log.wait_for(GetParam().error)) << testing::PrintToString(program.log.all());
+  EXPECT_THAT(program.log.all()[0], StartsWith(GetParam().error));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Forms, Host,
+    testing::Values(HostCase{"relay.tavrin.localhost", SRN_SUCCESS, "connected"},
+                    HostCase{"embedded:", SRN_SUCCESS, "connected"},
+                    HostCase{"embedded:/no/such/file", SRN_SUCCESS, "error 1006"},
+                    HostCase{"sfu.example.invalid", SRN_SUCCESS, "error 1006"},
+                    HostCase{"api.sarnet.localhost:8989", SRN_SUCCESS, "error 1006"},
+                    HostCase{"wss://[::1]:8989/janus", SRN_SUCCESS, "error 1006"},
+                    HostCase{"ws://127.0.0.1:8188", SRN_SUCCESS, "error 1006"},
+                    HostCase{"ws://sfu.example.invalid", SRN_SUCCESS, "error 1023"},
+                    HostCase{"", 1011, nullptr}, HostCase{"two words", 1011, nullptr},
+                    HostCase{"https://sfu.example.invalid", 1011, nullptr},
+                    HostCase{"host:70000", 1011, nullptr}, HostCase{"host:", 1011, nullptr},
+                    HostCase{"host/path", 1011, nullptr}, HostCase{"wss://", 1011, nullptr}));
+
+struct ScenarioCase {
+  const char* name;
+  const char* json;
+  std::vector<const char*> words;  // in the session's error
+};
+void PrintTo(const ScenarioCase& each, std::ostream* out) { *out << each.name; }
+
+class FailingScenario : public testing::TestWithParam<ScenarioCase> {};
+
+TEST_P(FailingScenario, EndsInOneErrorThatSaysWhy) {
+  LibraryUse library;
+  ScenarioFile scenario(GetParam().json);
+  Participant program;
+  ASSERT_EQ(program.connect(scenario.host(), "wrong"), SRN_SUCCESS);
+  ASSERT_TRUE(program.log.wait_for("error"));
+  const std::string error = program.log.all().back();
+  for (const char* word : GetParam().words) EXPECT_THAT(error, HasSubstr(word));
+  EXPECT_EQ(srn_session_disconnect(program.handle), SRN_SESSION_NOT_CONNECTED);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Reasons, FailingScenario,
+    testing::Values(
+        ScenarioCase{"token", R"({"token": "right"})", {"error 1004"}},
+        ScenarioCase{
+            "refusal", R"({"refuse": {"code": 1027, "text": "full"}})", {"error 1027 full"}},
+        ScenarioCase{"later",
+                     R"({"events": [{"at_ms": 20, "kind": "error", "code": 1022,
+                                              "text": "lost"}]})",
+                     {"error 1022 lost"}},
+        ScenarioCase{
+            "key", R"({"partcipants": []})", {"error 1006", "scenario.json", "partcipants"}},
+        ScenarioCase{"syntax", "{", {"error 1006", "scenario.json"}},
+        ScenarioCase{"no media",
+                     R"({"participants": [{"id": "a", "audio": {"file": "scenario.json"}}]})",
+                     {"error 1006", "scenario.json"}}));
+
+TEST(Session, IsEndedByTheServerAfterAllThatItCarried) {
+  LibraryUse library;
+  ScenarioFile scenario(R"({
+    "participants": [{"id": "peer", "leave_at_ms": 60, "audio": {"tone_hz": 500}}],
+    "events": [{"at_ms": 90, "kind": "disconnect"}]})");
+  Participant program;
+  std::unique_ptr<Receiver> receiver;
+  Sender sender({});
+  program.on_stream_received = [&](const srn_stream* stream) {
+    receiver = std::make_unique<Receiver>(stream);
+    srn_session_subscribe(program.handle, receiver->handle);
+    srn_session_publish(program.handle, sender.handle);
+  };
+  ASSERT_TRUE(program.join(scenario.host()));
+  ASSERT_TRUE(program.log.wait_for("disconnected"));
+  EXPECT_THAT(program.log.all(),
+              ElementsAre("connected", "connection+ peer", "stream+ peer-stream",
+                          "stream- peer-stream", "connection- peer", "disconnected"));
+  EXPECT_THAT(receiver->log.all(), ElementsAre("connected", "disconnected"));
+  EXPECT_THAT(sender.log.all(), ElementsAre("init", "settings", "start", StartsWith("created"),
+                                            "destroy", "destroyed"));
+  EXPECT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SESSION_NOT_CONNECTED);
+}
+
+TEST(Session, DisconnectsWhileItIsStillConnecting) {
+  LibraryUse library;
+  ScenarioFile scenario(R"({"join_delay_ms": 60000})");
+  Participant program;
+  EXPECT_EQ(srn_session_disconnect(program.handle), SRN_SESSION_NOT_CONNECTED);
+  ASSERT_EQ(program.connect(scenario.host()), SRN_SUCCESS);
+  EXPECT_EQ(program.connect(scenario.host()), SRN_SESSION_ILLEGAL_STATE);
+  EXPECT_EQ(srn_session_disconnect(program.handle), SRN_SUCCESS);
+  ASSERT_TRUE(program.log.wait_for("disconnected", 1, std::chrono::seconds(5)));
+  EXPECT_THAT(program.log.all(), ElementsAre("disconnected"));
+}
+
+TEST(Session, MeetsAnotherOfTheSameProcess) {
+  LibraryUse library;
+  ScenarioFile scenario(kQuietScenario);
+  Participant first;
+  Participant second;
+  Participant elsewhere("other session");
+  ASSERT_TRUE(first.join(scenario.host()));
+  ASSERT_TRUE(second.join(scenario.host()));
+  ASSERT_TRUE(elsewhere.join(scenario.host()));
+  ASSERT_TRUE(first.log.wait_for("connection+"));
+  ASSERT_TRUE(second.log.wait_for("connection+"));
+
+  Sender sender({.audio = false});
+  ASSERT_EQ(srn_session_publish(first.handle, sender.handle), SRN_SUCCESS);
+  EXPECT_EQ(srn_session_publish(first.handle, sender.handle), SRN_SESSION_ILLEGAL_STATE);
+  ASSERT_TRUE(sender.log.wait_for("created"));
+  const auto stream = second.wait_for_stream();
+  ASSERT_TRUE(stream);
+  Receiver receiver(stream->get());
+  ASSERT_EQ(srn_session_subscribe(second.handle, receiver.handle), SRN_SUCCESS);
+  ASSERT_TRUE(receiver.log.wait_for("connected"));
+  const std::vector<std::uint8_t> bytes(64 * 48 * 3 / 2, 77);
+  ASSERT_TRUE(eventually([&] {
+    EXPECT_EQ(sender.provide(64, 48, bytes), SRN_SUCCESS);
+    return receiver.pictures() > 0;
+  }));
+  EXPECT_EQ(receiver.last_picture().bytes, bytes);
+
+  EXPECT_EQ(srn_session_unpublish(first.handle, sender.handle), SRN_SUCCESS);
+  EXPECT_EQ(srn_session_unpublish(first.handle, sender.handle), SRN_SESSION_PUBLISHER_NOT_FOUND);
+  ASSERT_TRUE(receiver.log.wait_for("disconnected"));
+  ASSERT_TRUE(second.log.wait_for("stream-"));
+  first.remove();
+  ASSERT_TRUE(second.log.wait_for("connection-"));
+  // The own stream is not received back, and the other session heard of nothing.
+  EXPECT_THAT(elsewhere.log.all(), ElementsAre("connected"));
+  EXPECT_EQ(sender.log.count("destroyed"), 0U);  // the program's own wish
+}
+
+TEST(Session, PublisherAndSubscriberFailAtTheScenariosWish) {
+  LibraryUse library;
+  ScenarioFile scenario(R"({
+    "participants": [{"id": "peer", "audio": {"tone_hz": 500}}],
+    "events": [{"at_ms": 150, "kind": "publisher_error", "code": 1610, "text": "no route"},
+               {"at_ms": 151, "kind": "subscriber_error", "code": 1600, "text": "no ice"}]})");
+  Participant program;
+  std::unique_ptr<Receiver> receiver;
+  Sender sender({});
+  program.on_stream_received = [&](const srn_stream* stream) {
+    receiver = std::make_unique<Receiver>(stream);
+    srn_session_subscribe(program.handle, receiver->handle);
+    srn_session_publish(program.handle, sender.handle);
+  };
+  ASSERT_TRUE(program.join(scenario.host()));
+  ASSERT_TRUE(sender.log.wait_for("error 1610 no route"));
+  ASSERT_TRUE(receiver->log.wait_for("error 1600 no ice"));
+  EXPECT_EQ(sender.log.count("destroy"), 1U);
+  // Both may be bound again.
+  EXPECT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SUCCESS);
+  EXPECT_EQ(srn_session_subscribe(program.handle, receiver->handle), SRN_SUCCESS);
+  EXPECT_TRUE(receiver->log.wait_for("connected", 2));
+  EXPECT_TRUE(sender.log.wait_for("created", 2));
+}
+
+TEST(Session, ReportsAStreamAndACapturerThatAreNotThere) {
+  LibraryUse library;
+  ScenarioFile scenario(R"({"participants": [{"id": "peer", "audio": {"tone_hz": 500}}],
+    "events": [{"at_ms": 30, "kind": "drop_stream", "participant": "peer"}]})");
+  Participant program;
+  ASSERT_TRUE(program.join(scenario.host()));
+  const auto stream = program.wait_for_stream();
+  ASSERT_TRUE(stream);
+  ASSERT_TRUE(program.log.wait_for("stream-"));
+  Receiver receiver(stream->get());
+  EXPECT_EQ(srn_session_subscribe(program.handle, receiver.handle), SRN_SUCCESS);
+  EXPECT_TRUE(receiver.log.wait_for("error 1604"));
+  Sender sender({.init_result = false});
+  EXPECT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SUCCESS);
+  EXPECT_TRUE(sender.log.wait_for("error 1500"));
+  EXPECT_EQ(program.log.count("connection-"), 0U);
+}
+
+TEST(Library, WorksAgainAfterItsEnd) {
+  EXPECT_EQ(srn_destroy(), SRN_SUCCESS);
+  EXPECT_EQ(Participant().handle, nullptr);  // not initialised
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_EQ(srn_init(nullptr), SRN_SUCCESS);
+    EXPECT_EQ(srn_init(nullptr), SRN_SUCCESS);
+    Participant program;
+    ASSERT_TRUE(program.join());
+    const auto stream = program.wait_for_stream();
+    ASSERT_TRUE(stream);
+    Receiver receiver(stream->get());
+    ASSERT_EQ(srn_session_subscribe(program.handle, receiver.handle), SRN_SUCCESS);
+    ASSERT_TRUE(eventually([&] { return receiver.audio_blocks() > 0; }));
+    // With everything open.
+    EXPECT_EQ(srn_destroy(), SRN_SUCCESS);
+    const std::size_t heard = receiver.audio_blocks();
+    EXPECT_EQ(srn_session_disconnect(program.handle), SRN_SESSION_NOT_CONNECTED);
+    EXPECT_STREQ(srn_stream_get_id(stream->get()), "companion-stream");
+    EXPECT_EQ(receiver.audio_blocks(), heard);
+    EXPECT_EQ(program.log.count("disconnected"), 0U);
+  }
+}
+
+TEST(Handles, NullIsNeverAFault) {
+  LibraryUse library;
+  EXPECT_EQ(srn_session_disconnect(nullptr), 1011);
+  EXPECT_EQ(srn_session_connect_to_host(nullptr, "h", "", 1, 1, "t"), 1011);
+  EXPECT_EQ(srn_session_publish(nullptr, nullptr), 1011);
+  EXPECT_EQ(srn_session_settings_set_session_migration(nullptr, 1), 1011);
+  EXPECT_EQ(srn_publisher_settings_set_name(nullptr, "n"), 1011);
+  EXPECT_EQ(srn_video_capturer_provide_frame(nullptr, 0, nullptr), 1011);
+  EXPECT_EQ(srn_audio_device_write_capture_data(nullptr, 480), 1011);
+  EXPECT_EQ(srn_audio_device_read_render_data(nullptr, 480), 0U);
+  EXPECT_EQ(srn_stream_copy(nullptr), nullptr);
+  EXPECT_EQ(srn_stream_get_id(nullptr), nullptr);
+  EXPECT_EQ(srn_subscriber_new(nullptr, nullptr), nullptr);
+  EXPECT_EQ(srn_session_new_with_settings(nullptr, "s", nullptr, srn_session_settings_new()),
+            nullptr);
+  EXPECT_EQ(srn_video_frame_get_format(nullptr), SRN_VIDEO_FRAME_FORMAT_UNKNOWN);
+  EXPECT_EQ(srn_session_delete(nullptr), SRN_SUCCESS);
+  EXPECT_EQ(srn_connection_get_creation_time(nullptr), 0);
+}
+
+}  // namespace
+}  // namespace contract
