@@ -1,0 +1,334 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/log_capture.h"
+#include "media/memory_pool.h"
+#include "media/mr_video_frame.h"
+#include "support/scripted_sarnet.h"
+
+namespace {
+
+using enum MRVideoFrameFormat;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+using Pool = MemoryPool<std::uint8_t>;
+
+constexpr auto kNoFormat = static_cast<MRVideoFrameFormat>(7);
+
+std::vector<std::uint8_t> pixels(const MRVideoFrameData& data) {
+  const auto size = MRVideoFrame::bufferSize(data.width, data.height, data.format);
+  return {data.buffer, data.buffer + size};
+}
+
+using Spec = scripted_frame_spec;
+
+/// A well-formed square YUV420P picture of the library, changed as the test wants it.
+Spec square(int side, const std::function<void(Spec&)>& change) {
+  Spec spec{};
+  spec.format = SRN_VIDEO_FRAME_FORMAT_YUV420P;
+  spec.width = side;
+  spec.height = side;
+  spec.fill = 1;
+  change(spec);
+  return spec;
+}
+
+void threeOf(std::int32_t (&values)[3], std::int32_t a, std::int32_t b, std::int32_t c) {
+  values[0] = a;
+  values[1] = b;
+  values[2] = c;
+}
+
+class VideoFrame : public testing::Test {
+ protected:
+  VideoFrame() { scripted_reset(); }
+};
+
+TEST_F(VideoFrame, SizesAreThoseOfPackedPictures) {
+  const struct {
+    int width;
+    int height;
+    MRVideoFrameFormat format;
+    int size;
+  } kRows[] = {
+      {3, 3, YUV420P, 17},
+      {2, 2, YUV420P, 6},
+      {640, 480, YUV420P, 460'800},
+      {1, 1, YUV420P, 3},
+      {3, 3, RGB24, 27},
+      {3, 3, ARGB32, 36},
+      {0, 10, YUV420P, 0},
+      {10, -1, RGB24, 0},
+      {10, 10, UNKNOWN, 0},
+      {10, 10, kNoFormat, 0},
+      {65536, 16385, ARGB32, 0},
+      {2'147'483'647, 2'147'483'647, YUV420P, 0},
+      {100'000, 100'000, YUV420P, 0},
+      {32'768, 65'535, YUV420P, 0},
+      {32'768, 16'383, ARGB32, 2'147'352'576},
+  };
+  for (const auto& row : kRows) {
+    EXPECT_EQ(MRVideoFrame::bufferSize(row.width, row.height, row.format), row.size)
+        << row.width << "x" << row.height << " " << row.format;
+  }
+}
+
+TEST_F(VideoFrame, CreateNeedsSizeFormatAndMemory) {
+  const std::uint8_t byte = 0;
+  const struct {
+    std::function<std::unique_ptr<MRVideoFrame>()> create;
+    const char* error;
+  } kRows[] = {
+      {[] { return MRVideoFrame::create(0, 2, YUV420P); },
+       "create: Cannot create frame with non-positive dimensions"},
+      {[] { return MRVideoFrame::create(2, -2, YUV420P); },
+       "create: Cannot create frame with non-positive dimensions"},
+      {[] { return MRVideoFrame::create(2, 2, UNKNOWN); },
+       "create: Cannot create frame with unknown format"},
+      {[] { return MRVideoFrame::create(100'000, 100'000, RGB24); },
+       "create: Cannot create frame, memory allocation failure"},
+      {[] { return MRVideoFrame::create(2, 2, nullptr, RGB24); }, "create : buffer is nullptr"},
+      {[&] { return MRVideoFrame::create(65536, 16385, &byte, ARGB32); },
+       "create: Cannot create frame, memory allocation failure"},
+  };
+  for (const auto& row : kRows) {
+    LogCapture logs(log4cxx::Level::getWarn());
+    EXPECT_EQ(row.create(), nullptr) << row.error;
+    EXPECT_THAT(logs.lines(),
+                ElementsAre(std::string("ERROR MRVideoFrame MRVideoFrame::") + row.error));
+  }
+}
+
+TEST_F(VideoFrame, BlackIsBlackInEachFormat) {
+  const std::vector<std::uint8_t> noise(64, 0xAB);
+  const struct {
+    MRVideoFrameFormat format;
+    std::vector<std::uint8_t> black;
+  } kRows[] = {
+      {YUV420P, {16, 16, 16, 16, 128, 128}},
+      {RGB24, std::vector<std::uint8_t>(12, 0)},
+      {ARGB32, std::vector<std::uint8_t>(16, 0)},
+  };
+  for (const auto& row : kRows) {
+    const auto frame = MRVideoFrame::create(2, 2, noise.data(), row.format);
+    ASSERT_NE(frame, nullptr);
+    EXPECT_THAT(pixels(frame->getFrameData()), testing::Each(0xAB));
+    frame->fillBlackColor();
+    EXPECT_EQ(pixels(frame->getFrameData()), row.black) << row.format;
+  }
+}
+
+TEST_F(VideoFrame, IsWrappedOnceForTheLibraryWithoutACopy) {
+  LogCapture logs(log4cxx::Level::getWarn());
+  auto frame = MRVideoFrame::create(4, 2, RGB24);
+  scripted_fail("srn_video_frame_new_contiguous_memory_wrapper", 1, 1);
+  EXPECT_EQ(frame->toSrnVideoFrame(), nullptr);
+  EXPECT_THAT(logs.lines(), ElementsAre("ERROR MRVideoFrame MRVideoFrame::toSrnVideoFrame: Cannot "
+                                        "create SRN video frame"));
+  const auto wrapped = frame->toSrnVideoFrame();
+  ASSERT_NE(wrapped, nullptr);
+  EXPECT_EQ(frame->toSrnVideoFrame(), wrapped);
+  EXPECT_EQ(scripted_live("frame"), 1);
+  EXPECT_EQ(srn_video_frame_get_buffer(wrapped.get()), frame->getFrameData().buffer);
+  EXPECT_EQ(srn_video_frame_get_buffer_size(wrapped.get()), 24U);
+  EXPECT_EQ(srn_video_frame_get_format(wrapped.get()), SRN_VIDEO_FRAME_FORMAT_RGB24);
+}
+
+TEST_F(VideoFrame, LetsGoOfTheWrapperAndReturnsTheBuffer) {
+  const int size = MRVideoFrame::bufferSize(34, 18, ARGB32);
+  const std::size_t pooled = Pool::instance().getPoolSize(size);
+  auto frame = MRVideoFrame::create(34, 18, ARGB32);
+  frame->toSrnVideoFrame();
+  frame.reset();
+  EXPECT_EQ(scripted_live("frame"), 0);
+  EXPECT_EQ(Pool::instance().getPoolSize(size), std::max<std::size_t>(pooled, 1));
+}
+
+TEST_F(VideoFrame, SharedPixelsLiveAsLongAsAnyCopyOfTheirOwner) {
+  EXPECT_EQ(MRVideoFrame::share(nullptr).buffer, nullptr);
+  const std::vector<std::uint8_t> picture(6, 9);
+  auto frame = MRVideoFrame::create(2, 2, picture.data(), YUV420P);
+  const std::uint8_t* buffer = frame->getFrameData().buffer;
+  EXPECT_EQ(frame->getFrameData().keep_alive, nullptr);
+  const std::size_t pooled = Pool::instance().getPoolSize(6);
+  std::shared_ptr<const void> owner;
+  {
+    const MRVideoFrameData data = MRVideoFrame::share(std::move(frame));
+    EXPECT_EQ(data,
+              (MRVideoFrameData{.width = 2, .height = 2, .buffer = buffer, .format = YUV420P}));
+    owner = data.keep_alive;
+  }
+  EXPECT_EQ(Pool::instance().getPoolSize(6), pooled);
+  EXPECT_EQ(std::vector<std::uint8_t>(buffer, buffer + 6), picture);
+  owner.reset();
+  EXPECT_EQ(Pool::instance().getPoolSize(6), pooled + 1);
+}
+
+TEST_F(VideoFrame, PacksWhatTheLibraryGives) {
+  // 3 x 3: planes of 3 x 3, 2 x 2, 2 x 2; a byte is fill + 50 * plane + row + column.
+  const std::vector<std::uint8_t> whole = {1,  2,  3,  2,  3,   4,   3,   4,  5,
+                                           51, 52, 52, 53, 101, 102, 102, 103};
+  const std::vector<std::uint8_t> short_planes = {1,  2,  3,   16,  16,  16,  16,  16, 16,
+                                                  51, 52, 128, 128, 128, 128, 128, 128};
+  const struct {
+    const char* name;
+    scripted_frame_spec spec;
+    std::vector<std::uint8_t> expected;
+  } kRows[] = {
+      {"packed", square(3, [](Spec&) {}), whole},
+      {"padded", square(3, [](Spec& s) { threeOf(s.stride, 8, 4, 4); }), whole},
+      {"without one buffer", square(3, [](Spec&) {}), whole},
+      {"claiming more rows than the format has",
+       square(3,
+              [](Spec& s) {
+                threeOf(s.stride, 8, 8, 8);
+                threeOf(s.rows, 500, 500, 500);
+              }),
+       whole},
+      {"with too few rows",
+       square(3,
+              [](Spec& s) {
+                threeOf(s.stride, 8, 8, 8);
+                threeOf(s.rows, 1, 1, -1);
+              }),
+       short_planes},
+  };
+  for (const auto& row : kRows) {
+    // A recycled buffer that shows something else.
+    MRVideoFrame::create(3, 3, std::vector<std::uint8_t>(17, 0xEE).data(), YUV420P).reset();
+    srn_video_frame* given = scripted_frame_new(&row.spec);
+    const bool no_buffer = std::string(row.name) == "without one buffer";
+    scripted_fail("srn_video_frame_get_buffer", 1, no_buffer ? 1 : 0);
+    const auto frame = MRVideoFrame::fromSrnVideoFrame(given);
+    ASSERT_NE(frame, nullptr) << row.name;
+    EXPECT_EQ(pixels(frame->getFrameData()), row.expected) << row.name;
+    srn_video_frame_delete(given);
+  }
+}
+
+TEST_F(VideoFrame, RefusesWhatItCannotPack) {
+  const struct {
+    scripted_frame_spec spec;
+    const char* error;
+  } kRows[] = {
+      {square(4, [](Spec& s) { s.buffer_size = -1; }),
+       "Cannot create frame from video_frame with empty buffer"},
+      {square(4, [](Spec& s) { s.format = SRN_VIDEO_FRAME_FORMAT_NV12; }),
+       "Unsupported video frame format 2, only supported video format is YUV420P"},
+      {square(4,
+              [](Spec& s) {
+                s.width = 0;
+                s.buffer_size = 24;
+              }),
+       "Cannot create frame with non-positive dimensions"},
+      {square(4, [](Spec& s) { s.buffer_size = 23; }),
+       "Buffer length is less than minimum required for the format and dimensions, "
+       "buffer_length = 23, expected_buffer_length = 24"},
+      {square(4,
+              [](Spec& s) {
+                s.missing = 2;
+                s.buffer_size = 25;
+              }),
+       "plane_buffer is null"},
+      {square(4,
+              [](Spec& s) {
+                threeOf(s.stride, 8, 1, 8);
+                s.buffer_size = 99;
+              }),
+       "Plane stride is less than expected, cannot copy data correctly"},
+  };
+  for (const auto& row : kRows) {
+    const std::size_t pooled = Pool::instance().getPoolSize(24);
+    srn_video_frame* given = scripted_frame_new(&row.spec);
+    ASSERT_NE(given, nullptr) << row.error;
+    LogCapture logs(log4cxx::Level::getWarn());
+    EXPECT_EQ(MRVideoFrame::fromSrnVideoFrame(given), nullptr) << row.error;
+    EXPECT_THAT(logs.lines(),
+                ElementsAre(std::string("ERROR MRVideoFrame MRVideoFrame::fromSrnVideoFrame: ") +
+                            row.error));
+    EXPECT_GE(Pool::instance().getPoolSize(24), pooled);
+    srn_video_frame_delete(given);
+  }
+  LogCapture logs(log4cxx::Level::getWarn());
+  EXPECT_EQ(MRVideoFrame::fromSrnVideoFrame(nullptr), nullptr);
+  EXPECT_THAT(logs.lines(), ElementsAre(HasSubstr("Cannot create frame from null video_frame")));
+}
+
+TEST_F(VideoFrame, FormatsHaveNamesAndLibraryNumbers) {
+  const struct {
+    MRVideoFrameFormat format;
+    const char* name;
+    srn_video_frame_format library;
+  } kRows[] = {{YUV420P, "YUV420P", SRN_VIDEO_FRAME_FORMAT_YUV420P},
+               {RGB24, "RGB24", SRN_VIDEO_FRAME_FORMAT_RGB24},
+               {ARGB32, "ARGB32", SRN_VIDEO_FRAME_FORMAT_ARGB32},
+               {UNKNOWN, "UNKNOWN", SRN_VIDEO_FRAME_FORMAT_UNKNOWN}};
+  for (const auto& row : kRows) {
+    std::ostringstream text;
+    text << row.format;
+    EXPECT_EQ(text.str(), row.name);
+    EXPECT_EQ(MRVideoFrameFormatUtils::to_snt_video_frame_format(row.name), row.format);
+    EXPECT_EQ(MRVideoFrameFormatUtils::to_srn_video_frame_format(row.format), row.library);
+  }
+  for (const char* name : {"yuv420p", "I420", "", "RGB24 "}) {
+    EXPECT_EQ(MRVideoFrameFormatUtils::to_snt_video_frame_format(name), UNKNOWN) << name;
+  }
+}
+
+TEST(MemoryPool, GivesBackTheLastBufferOfExactlyThatSize) {
+  auto& pool = MemoryPool<int>::instance();
+  auto first = pool.getBuffer(4);
+  auto second = pool.getBuffer(4);
+  EXPECT_EQ(std::vector<int>(first.get(), first.get() + 4), std::vector<int>(4, 0));
+  first[0] = 1;
+  second[0] = 2;
+  EXPECT_TRUE(pool.returnBuffer(4, std::move(first)));
+  EXPECT_TRUE(pool.returnBuffer(4, std::move(second)));
+  EXPECT_EQ(pool.getPoolSize(4), 2U);
+  EXPECT_EQ(pool.getBuffer(5)[0], 0);
+  EXPECT_EQ(pool.getBuffer(4)[0], 2);
+  EXPECT_EQ(pool.getBuffer(4)[0], 1);
+  for (const int size : {0, -1}) {
+    EXPECT_EQ(pool.getBuffer(size), nullptr);
+    EXPECT_FALSE(pool.returnBuffer(size, std::make_unique<int[]>(1)));
+    EXPECT_EQ(pool.getPoolSize(size), 0U);
+  }
+  EXPECT_FALSE(pool.returnBuffer(4, nullptr));
+  EXPECT_TRUE(pool.returnBuffer(4, std::make_unique<int[]>(4)));
+  pool.clear();
+  EXPECT_EQ(pool.getPoolSize(4), 0U);
+}
+
+TEST(MemoryPool, NeverGivesOneBufferToTwo) {
+  auto& pool = MemoryPool<std::atomic<int>>::instance();
+  std::atomic<int> collisions{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < 2000; ++round) {
+        auto buffer = pool.getBuffer(3);
+        if (buffer[0].fetch_add(1) != 0) ++collisions;
+        buffer[0].fetch_sub(1);
+        pool.returnBuffer(3, std::move(buffer));
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(collisions, 0);
+  EXPECT_LE(pool.getPoolSize(3), 4U);
+}
+
+}  // namespace
