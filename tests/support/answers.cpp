@@ -112,26 +112,22 @@ bool deliverError(srn_session& session, int32_t code, const Text& text) {
 }
 
 bool deliverPublisherStream(srn_publisher& publisher, PublisherSlot slot, srn_stream* stream) {
-  const auto function = publisher.table->*slot;
-  void* user_data = nullptr;
-  if (function == nullptr ||
-      !publisher.gate.enter([&] { user_data = publisher.table->user_data; })) {
-    return false;
-  }
+  // The table is the program's, and may be gone once the publisher was deleted.
+  srn_publisher_callbacks table{};
+  if (!publisher.gate.enter([&] { table = *publisher.table; })) return false;
   const Inside inside(publisher.gate);
-  function(&publisher, user_data, stream);
+  if (table.*slot == nullptr) return false;
+  (table.*slot)(&publisher, table.user_data, stream);
   return true;
 }
 
 bool deliverPublisherError(srn_publisher& publisher, int32_t code, const Text& text) {
-  void* user_data = nullptr;
-  if (publisher.table->on_error == nullptr ||
-      !publisher.gate.enter([&] { user_data = publisher.table->user_data; })) {
-    return false;
-  }
+  srn_publisher_callbacks table{};
+  if (!publisher.gate.enter([&] { table = *publisher.table; })) return false;
   const Inside inside(publisher.gate);
-  publisher.table->on_error(&publisher, user_data, text.get(),
-                            static_cast<srn_publisher_error_code>(code));
+  if (table.on_error == nullptr) return false;
+  table.on_error(&publisher, table.user_data, text.get(),
+                 static_cast<srn_publisher_error_code>(code));
   return true;
 }
 
