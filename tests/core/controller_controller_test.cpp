@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 #include <functional>
+#include <map>
+#include <mutex>
 #include <optional>
 #include <thread>
 
@@ -56,15 +58,19 @@ class ControllerTest : public ScriptedTest {
     controller.reset();
     ScriptedTest::TearDown();
   }
-  /// Notes an event, then does what the test wants done from inside it.
+  /// Has the test do something from inside the next such event.
+  void when(const std::string& line, std::function<void()> react) {
+    const std::scoped_lock lock(reactions_mutex);
+    reactions[line] = std::move(react);
+  }
   void told(const std::string& line) {
-    heard.add(line);
-    const auto reaction = reactions.find(line);
-    if (reaction != reactions.end()) {
-      const auto react = std::move(reaction->second);
-      reactions.erase(reaction);
-      react();
+    std::function<void()> react;
+    {
+      const std::scoped_lock lock(reactions_mutex);
+      if (auto reaction = reactions.extract(line)) react = std::move(reaction.mapped());
     }
+    heard.add(line);
+    if (react) react();
   }
   bool connect(const std::string& session_id = "s", const std::string& api_key = "12345") {
     return controller->connect({session_id, "token", api_key, "ignored"}, {});
@@ -88,7 +94,8 @@ class ControllerTest : public ScriptedTest {
   }
 
   Journal heard;
-  std::map<std::string, std::function<void()>> reactions;  // the worker's, once there is a session
+  std::mutex reactions_mutex;
+  std::map<std::string, std::function<void()>> reactions;
   std::optional<MRController> controller;
 };
 
@@ -153,10 +160,10 @@ TEST_F(ControllerTest, RefusesAConnectThatCannotSucceedAndTakesTheNext) {
 
 TEST_F(ControllerTest, TearsDownInOrderWhenAsked) {
   join();
-  reactions["received stream"] = [this] {
+  when("received stream", [this] {
     // The stream is known by the time that it is told of, and the worker may wait for itself.
     EXPECT_EQ(controller->subscribe("stream", {}, {}), "subscriber-1");
-  };
+  });
   scripted_stream_received("stream", "peer", "", 1);
   EXPECT_EQ(publish(true, true), "publisher-1");
   EXPECT_TRUE(controller->isPublishing());
@@ -188,10 +195,10 @@ TEST_F(ControllerTest, TearsDownFirstWhenTheLibraryEndsTheSession) {
         Row{[] { return scripted_session_error(1022, "cut"); }, "error s cut 1022"}}) {
     scripted_reset();
     join();
-    reactions[row.event] = [this] {
+    when(row.event, [this] {
       EXPECT_FALSE(controller->isRunning());
       EXPECT_EQ(scripted_live("session"), 0);
-    };
+    });
     row.end();
     EXPECT_TRUE(heard.waitFor(row.event));
     settle();
@@ -203,9 +210,9 @@ TEST_F(ControllerTest, TearsDownFirstWhenTheLibraryEndsTheSession) {
 
 TEST_F(ControllerTest, LeavesANewSessionAloneWhenTheOldOneHasMoreToSay) {
   join();
-  reactions["error s cut 1022"] = [this] { EXPECT_TRUE(connect("next")); };
+  when("error s cut 1022", [this] { EXPECT_TRUE(connect("next")); });
   Latch queued;
-  reactions["created slow"] = [&] { EXPECT_TRUE(queued.wait()); };
+  when("created slow", [&] { EXPECT_TRUE(queued.wait()); });
   // While the worker is held up, a whole series of events of the first session queues up.
   scripted_connection_created("slow", "", 1);
   ASSERT_TRUE(heard.waitFor("created slow"));
@@ -261,12 +268,12 @@ TEST_F(ControllerTest, DeliversTheMixOnlyWhileThereIsASession) {
   ASSERT_TRUE(heard.waitFor("audio one"));
   Latch reached;
   Latch go_on;
-  reactions["created slow"] = [&] {
+  when("created slow", [&] {
     reached.open();
     EXPECT_TRUE(go_on.wait());
     EXPECT_TRUE(controller->disconnect());
     heard.add("torn down");
-  };
+  });
   scripted_connection_created("slow", "", 1);
   ASSERT_TRUE(reached.wait());
   go_on.open();
@@ -309,7 +316,6 @@ TEST_F(ControllerTest, ReportsTheSideThatHasRunDry) {
     EXPECT_TRUE(controller->clearMediaBuffers());
     EXPECT_TRUE(controller->disconnect());
     ASSERT_EQ(scripted_wait_idle(20000), 1);
-    reactions.clear();
     heard.add("-");
   }
 }
@@ -386,7 +392,7 @@ TEST_F(ControllerTest, StaysUsableWhenTheLibraryCannotBeInitialised) {
 TEST_F(ControllerTest, RunsWhatIsQueuedBeforeItEndsAndForgetsLateStreams) {
   join();
   Latch queued;
-  reactions["created slow"] = [&] { EXPECT_TRUE(queued.wait()); };
+  when("created slow", [&] { EXPECT_TRUE(queued.wait()); });
   scripted_connection_created("slow", "", 1);
   ASSERT_TRUE(heard.waitFor("created slow"));
   std::thread ending([this] { controller.reset(); });

@@ -83,7 +83,8 @@ void MRSubscriberManager::reset() {
   LOG4CXX_DEBUG(logger_, "MRSubscriberManager::reset");
   auto subscribers = std::exchange(subscribers_data_, {});
   for (auto& [stream_id, data] : subscribers) {
-    retire(std::move(data.subscriber));
+    retire(data.subscriber);
+    data.subscriber.reset();
   }
   streams_.clear();
 }
@@ -94,11 +95,11 @@ bool MRSubscriberManager::eraseSubscriber(const std::string& stream_id) {
     return false;
   }
   entry.mapped().subscriber->unsubscribe();
-  retire(std::move(entry.mapped().subscriber));
+  retire(entry.mapped().subscriber);
   return true;
 }
 
-void MRSubscriberManager::retire(std::shared_ptr<MRSubscriber> subscriber) {
+void MRSubscriberManager::retire(const std::shared_ptr<MRSubscriber>& subscriber) {
   // A callable of this subscriber, further up this very thread's stack, may be what ends it. What
   // it still holds must not keep the library's subscriber, let alone the session.
   if (subscriber.use_count() > 1) {

@@ -80,8 +80,8 @@ class MRSubscriberManager : public MRSubscriberObserver {
                                 const std::weak_ptr<const MRSubscriber>& source) const;
   /// Whether there was an entry.
   bool eraseSubscriber(const std::string& stream_id);
-  /// Lets go of a subscriber, and makes sure that the library does, too.
-  static void retire(std::shared_ptr<MRSubscriber> subscriber);
+  /// Before the manager's reference goes: makes sure that the library's subscriber goes with it.
+  static void retire(const std::shared_ptr<MRSubscriber>& subscriber);
 
   static const log4cxx::LoggerPtr& logger_;
 
