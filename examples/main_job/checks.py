@@ -126,10 +126,11 @@ def check_heard(name: str, heard: np.ndarray, channels: int, material: Material,
     matches, delays = find_speech(reduced(material.their_speech, factor), reduced(mono, factor))
     if not matches:
         return Check(name, False, "nothing to compare")
-    middle, spread = float(np.median(matches)), float(np.ptp(delays))
-    clear = float((np.array(matches) >= 0.7).mean())
-    good = middle >= 0.9 and clear >= least and spread < 1.0
-    return Check(name, good, f"correlation {middle:.3f} over {len(matches)} pieces, {clear:.0%} of them clear")
+    clear = np.array(matches) >= 0.7
+    share, middle = float(clear.mean()), float(np.median(matches))
+    in_time = share > 0 and float(np.ptp(np.array(delays)[clear])) < 1.5
+    good = middle >= 0.9 and share >= least and in_time
+    return Check(name, good, f"correlation {middle:.3f} over {len(matches)} pieces, {share:.0%} of them clear")
 
 
 def check_seen(report: Report, material: Material) -> Check:

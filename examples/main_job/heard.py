@@ -7,7 +7,8 @@ import numpy as np
 from ear import level
 
 RATE = 8000  # enough to compare speech
-WINDOW = 3000  # samples of each piece looked for: 0.375 s
+WINDOW = 1600  # samples of each piece looked for: 0.2 s
+FIRST = 3000  # of the one that is looked for everywhere
 STRETCHES = np.arange(-0.03, 0.0301, 0.0025)
 
 
@@ -46,7 +47,7 @@ def find_speech(reference: np.ndarray, heard: np.ndarray) -> tuple[list[float], 
     if not pieces or len(heard) < 4 * WINDOW:
         return [], []
     first = pieces[0]
-    rough = int(np.argmax(correlation(reference[first : first + WINDOW], heard))) - first
+    rough = int(np.argmax(correlation(reference[first : first + FIRST], heard))) - first
     matches, delays = [], []
     for at in pieces:
         begin = max(0, at + rough - RATE)

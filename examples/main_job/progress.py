@@ -42,7 +42,7 @@ class Progress:
     def _tell_events(self) -> None:
         events = self._participant.report.events
         for at, event in events[self._told :]:
-            print(f"\r{at:6.2f} s  {event:<70}", flush=True)
+            print(f"\r{at:6.2f} s  {event:<110}", flush=True)
             self._told += 1
 
     def _state(self) -> str:
