@@ -25,7 +25,7 @@ GNOME = Path("/usr/share/backgrounds/gnome")
 #: What we say: two short pieces, one that is meant to be interrupted, and a farewell.
 OUR_SPEECH = [ALSA / "Front_Center.wav", ALSA / "Side_Left.wav", VOICES / "demo-congrats.wav", VOICES / "vm-goodbye.wav"]
 OUR_PICTURES = [NATURE / "Garden.jpg", NATURE / "LadyBird.jpg", NATURE / "Storm.jpg", GNOME / "wood-l.webp"]
-OUR_SECONDS = 26
+OUR_SECONDS = 24
 
 #: What the other participant says, each with the second at which it begins, and its captions.
 THEIR_SPEECH = [(1.0, VOICES / "vm-intro.wav"), (13.5, VOICES / "dir-instr.wav")]
@@ -35,7 +35,7 @@ THEIR_CAPTIONS = [
     (14.0, "Excuse me, may I interrupt?", True),
 ]
 THEIR_PICTURES = [NATURE / f"{name}.jpg" for name in ("Aqua", "YellowFlower", "Dune", "GreenMeadow", "RainDrops")]
-THEIR_SECONDS = 30
+THEIR_SECONDS = 25
 
 
 @dataclass
