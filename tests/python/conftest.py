@@ -2,7 +2,9 @@
 
 from __future__ import annotations
 
+import contextlib
 import ctypes
+import io
 import os
 import re
 import subprocess
@@ -26,21 +28,37 @@ _LINE = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} (\w+) +\[(\w+)\] (\S+
 
 
 class Log:
-    """What the module wrote to standard output since the test began."""
+    """What the module wrote to standard output, and Python to standard error, since the test began.
 
-    def __init__(self, capfd) -> None:
-        self._capfd = capfd
-        self._out = self._err = ""
+    Files of its own: what pytest captures loses lines that another thread writes while it is read.
+    """
 
-    def _read(self) -> None:
+    def __init__(self, folder: Path) -> None:
+        self._files = [open(folder / name, "ab", buffering=0) for name in ("out", "err")]
+        self._begin = [0, 0]
+
+    @contextlib.contextmanager
+    def attached(self):
+        saved, python_err = [os.dup(1), os.dup(2)], sys.stderr
+        for number, file in enumerate(self._files, start=1):
+            os.dup2(file.fileno(), number)
+        sys.stderr = io.TextIOWrapper(io.FileIO(self._files[1].fileno(), "a", closefd=False), write_through=True)
+        try:
+            yield
+        finally:
+            self._read(0)
+            sys.stderr = python_err
+            for number, each in enumerate(saved, start=1):
+                os.dup2(each, number)
+                os.close(each)
+            sys.stdout.write(self._read(0)), sys.stderr.write(self._read(1))  # for pytest to show
+
+    def _read(self, which: int) -> str:
         ctypes.CDLL(None).fflush(None)
-        out, err = self._capfd.readouterr()
-        self._out += out
-        self._err += err
+        return Path(self._files[which].name).read_bytes()[self._begin[which] :].decode(errors="replace")
 
     def lines(self) -> list[Line]:
-        self._read()
-        return [Line(*match) for match in _LINE.findall(self._out)]
+        return [Line(*match) for match in _LINE.findall(self._read(0))]
 
     def of(self, logger: str, *levels: str) -> list[tuple[str, str]]:
         """(level, text) of one logger's lines, of these levels only if any are given."""
@@ -52,15 +70,13 @@ class Log:
 
     def errors(self) -> str:
         """Standard error."""
-        self._read()
-        return self._err
+        return self._read(1)
 
     def clear(self) -> None:
-        self._read()
-        self._out = self._err = ""
+        self._begin = [Path(file.name).stat().st_size for file in self._files]
 
-    def wait(self, level: str, text: str) -> None:
-        until(lambda: (level, text) in self.texts(), f"{level} {text}")
+    def wait(self, level: str, text: str, count: int = 1) -> None:
+        until(lambda: self.texts().count((level, text)) >= count, f"{level} {text}")
 
 
 def until(condition, what: str = "", seconds: float = DEADLINE) -> None:
@@ -101,7 +117,7 @@ class Recorder:
 class World:
     """A client on the scripted library, with the shortest ways to the states that tests begin from."""
 
-    def __init__(self, capfd) -> None:
+    def __init__(self, folder: Path) -> None:
         self.lib = scripted.lib
         import _tavrin_video
 
@@ -115,8 +131,7 @@ class World:
         from tavrin_media_relay import models
 
         self.models = models
-        self.log = Log(capfd)
-        self.log.clear()
+        self.log = Log(folder)
         self.rec = Recorder()
         self._failed: set[str] = set()
 
@@ -192,11 +207,19 @@ def quiet_end():
 
 
 @pytest.fixture
-def world(capfd, monkeypatch):
+def world(tmp_path, monkeypatch):
     monkeypatch.delenv("API_HOSTNAME", raising=False)
-    world = World(capfd)
+    world = World(tmp_path)
     yield world
     world.close()
+
+
+@pytest.hookimpl(hookwrapper=True, trylast=True)
+def pytest_runtest_call(item):
+    """Inside pytest's own capture, which it sets up anew for each phase of a test."""
+    world = item.funcargs.get("world") if hasattr(item, "funcargs") else None
+    with world.log.attached() if world else contextlib.nullcontext():
+        yield
 
 
 class Program:

@@ -236,8 +236,10 @@ def test_singletons_and_callables_keep_their_counts(world):
     world.connect(level="error")
     before = sys.getrefcount(callable_)
     counts = [sys.getrefcount(each) for each in (True, False, None)]
-    for _ in range(300):
+    for _ in range(2000):
         world.client.is_connected(), world.client.is_publishing(), world.client.unpublish()
+    for _ in range(30):
+        world.client.unpublish()
         world.client.publish(settings, on_stream_created_cb=callable_)
         world.client.publish(settings, on_error_cb=callable_)  # refused: there is one
     world.client.disconnect()

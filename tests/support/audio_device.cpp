@@ -155,10 +155,6 @@ void scheduleDeviceStart(srn_session& session) {
 }
 
 void scheduleDeviceStop(const srn_session* session) {
-  {
-    const std::lock_guard lock(device().mutex);
-    if (!device().running || device().running_for != session) return;
-  }
   strands().device.post([session] { stopNow(session); });
 }
 

@@ -113,6 +113,7 @@ void scripted_reset(void) {
   scripted::resetAudioFlow();
   strands().events.drop();
   strands().device.drop();
+  scripted::finishDevice();  // a dropped wind-down would leave it running for good
   strands().audio.drop();
   strands().frames.drop();
   strands().captions.drop();

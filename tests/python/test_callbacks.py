@@ -1,0 +1,383 @@
+"""The nineteen events: what each callable is called with, and what its failures do."""
+
+from __future__ import annotations
+
+import threading
+from datetime import datetime, timedelta
+
+import pytest
+
+LOUD = b"\x01\x02" * 960
+SUBSCRIBER, PUBLISHER, SESSION = "subscriber", "publisher", "session"
+
+
+def session(m):
+    return m.Session("session")
+
+
+def stream(m, stream_id="s", connection=("c", 1.5, "data")):
+    connection_id, seconds, data = connection
+    return m.Stream(stream_id, m.Connection(connection_id, datetime.fromtimestamp(seconds), data))
+
+
+def subscriber(m):
+    return m.Subscriber(stream(m))
+
+
+def publisher(m):
+    return m.Publisher(stream(m, "published-1", ("own-connection", 1_700_000_000, "own-data")))
+
+
+class Row:
+    """One event: where its callable goes, what raises it, and what is said about it."""
+
+    def __init__(self, owner, keyword, name, raise_event, arguments, build_failure, model, entry=None):
+        self.owner, self.keyword, self.name = owner, keyword, name
+        self.raise_event, self.arguments = raise_event, arguments
+        self.build_failure, self.model, self.entry = build_failure, model, entry
+
+
+def error_text(owner: str, text="bad \u20ac", code=-7):
+    return f"{owner} error callback: {text} ({code})"
+
+
+ROWS = [
+    Row(
+        SESSION, "on_connected_cb", "on_connected",
+        lambda w: w.lib.session_connected(), lambda m: (session(m),),
+        "Failed to create Session object for connected callback", "Session", "Session connected callback",
+    ),
+    Row(
+        SESSION, "on_disconnected_cb", "on_disconnected",
+        lambda w: w.lib.session_disconnected(), lambda m: (session(m),),
+        "Failed to create Session object for disconnected callback", "Session", "Session disconnected callback",
+    ),
+    Row(
+        SESSION, "on_error_cb", "on_error",
+        lambda w: w.lib.session_error(-7, "bad \u20ac"), lambda m: (session(m), "bad \u20ac", -7),
+        "Failed to create Session object for error callback", "Session", error_text("Session"),
+    ),
+    Row(
+        SESSION, "on_connection_created_cb", "on_connection_created",
+        lambda w: w.lib.connection_created("c", "data", 1500), lambda m: (session(m), stream(m).connection),
+        "Failed to create Session or Connection objects for callback", "Connection",
+    ),
+    Row(
+        SESSION, "on_connection_dropped_cb", "on_connection_dropped",
+        lambda w: w.lib.connection_dropped("c", "data", 1500), lambda m: (session(m), stream(m).connection),
+        "Failed to create Session or Connection objects for callback", "Session",
+    ),
+    Row(
+        SESSION, "on_stream_received_cb", "on_stream_received",
+        lambda w: w.lib.stream_received("s", "c", "data", 1500), lambda m: (session(m), stream(m)),
+        "Failed to create Session or Stream objects for callback", "Stream", "Stream received callback",
+    ),
+    Row(
+        SESSION, "on_stream_dropped_cb", "on_stream_dropped",
+        lambda w: w.lib.stream_dropped("s", "c", "data", 1500), lambda m: (session(m), stream(m)),
+        "Failed to create Session or Stream objects for callback", "Connection", "Stream dropped callback",
+    ),
+    Row(
+        SESSION, "on_audio_data_cb", "on_audio_data",
+        lambda w: True, lambda m: (session(m), ("AudioData", 48000, 2, 480, 960)),
+        "Failed to create Session or AudioData objects for callback", "AudioData",
+    ),
+    Row(
+        SESSION, "on_ready_for_audio_cb", "on_ready_for_audio",
+        lambda w: (w.lib.device_slot("stop_capturer"), w.lib.device_slot("start_capturer")),
+        lambda m: (session(m),),
+        "Failed to create Session object for ready for audio callback", "Session", "Ready for audio callback",
+    ),
+    Row(
+        SESSION, "on_media_buffer_drained_cb", "on_media_buffer_drained",
+        lambda w: w.client.add_audio(w.models.AudioData(48000, 2, 480, LOUD)),
+        lambda m: (m.MediaBufferStats(audio=m.AudioBufferStats(timedelta(0))),),
+        "Failed to create MediaBufferStats object to notify the drain of the media buffers", "MediaBufferStats",
+        "Media buffers have been drained audio: 0 ms video: null ms",
+    ),
+    Row(
+        SUBSCRIBER, "on_connected_cb", "subscriber_on_connected",
+        lambda w: w.lib.subscriber_connected("s"), lambda m: (subscriber(m),),
+        "Failed to create Subscriber object for connected callback", "Subscriber", "Subscriber connected callback",
+    ),
+    Row(
+        SUBSCRIBER, "on_disconnected_cb", "subscriber_on_disconnected",
+        lambda w: w.lib.subscriber_disconnected("s"), lambda m: (subscriber(m),),
+        "Failed to create Subscriber object for disconnected callback", "Stream", "Subscriber disconnected callback",
+    ),
+    Row(
+        SUBSCRIBER, "on_error_cb", "subscriber_on_error",
+        lambda w: w.lib.subscriber_error("s", -7, "bad \u20ac"), lambda m: (subscriber(m), "bad \u20ac", -7),
+        "Failed to create Subscriber object for error callback", "Connection", error_text("Subscriber"),
+    ),
+    Row(
+        SUBSCRIBER, "on_audio_data_cb", "subscriber_on_audio_data",
+        lambda w: w.lib.send_audio("s", LOUD), lambda m: (subscriber(m), ("AudioData", 48000, 2, 480, 960)),
+        "Failed to create Subscriber or AudioData objects for audio data callback", "AudioData",
+    ),
+    Row(
+        SUBSCRIBER, "on_render_frame_cb", "subscriber_on_render_frame",
+        lambda w: w.lib.send_frame("s", 4, 2), lambda m: (subscriber(m), ("VideoFrame", 4, 2, "YUV420P", 12)),
+        "Failed to create Subscriber or VideoFrame objects for render frame callback", "VideoResolution",
+    ),
+    Row(
+        SUBSCRIBER, "on_caption_text_cb", "subscriber_on_caption_text",
+        lambda w: w.lib.caption("s", "words \u20ac", 1), lambda m: (subscriber(m), m.CaptionsData("words \u20ac", True)),
+        "Failed to create CaptionsData object for caption text callback", "CaptionsData",
+    ),
+    Row(
+        PUBLISHER, "on_stream_created_cb", "publisher_on_stream_created",
+        lambda w: w.lib.publisher_stream_created("published-1"), lambda m: (publisher(m),),
+        "Failed to create Publisher or Stream objects for stream created callback", "Publisher",
+        "Publisher stream created callback",
+    ),
+    Row(
+        PUBLISHER, "on_stream_destroyed_cb", "publisher_on_stream_destroyed",
+        lambda w: w.lib.publisher_stream_destroyed("published-1"), lambda m: (publisher(m),),
+        "Failed to create Publisher or Stream objects for stream destroyed callback", "Publisher",
+        "Publisher stream destroyed callback",
+    ),
+    Row(
+        PUBLISHER, "on_error_cb", "publisher_on_error",
+        lambda w: w.lib.publisher_error(-7, "bad \u20ac"), lambda m: (publisher(m), "bad \u20ac", -7),
+        "Failed to create Publisher object for error callback", "Stream", error_text("Publisher"),
+    ),
+]  # fmt: skip
+
+all_rows = pytest.mark.parametrize("row", ROWS, ids=lambda row: row.name)
+
+
+def set_up(world, row, callable_) -> None:
+    """Everything stands that the event needs, and the callable is the event's."""
+    keywords = {owner: {row.keyword: callable_} if row.owner == owner else {} for owner in (SESSION, SUBSCRIBER, PUBLISHER)}
+    ready = threading.Event()
+    keywords[SESSION].setdefault("on_ready_for_audio_cb", lambda *_: ready.set())
+    world.connect(**keywords[SESSION])
+    world.publish(has_video=False, **keywords[PUBLISHER])
+    if row.owner == SUBSCRIBER:
+        everything = world.models.SubscriberSettings(subscribe_to_captions=True)
+        world.subscribe("s", settings=everything, **keywords[SUBSCRIBER])
+    if row.name == "on_media_buffer_drained":
+        assert ready.wait(20)
+    elif row.name == "on_ready_for_audio":
+        world.lib.wait_calls("srn_audio_device_write_capture_data", 1, 20_000)
+
+
+def plain(argument):
+    """Media objects by their visible facts."""
+    kind = type(argument).__name__
+    if kind == "AudioData":
+        return kind, argument.sample_rate, argument.number_of_channels, argument.number_of_frames, len(argument.sample_buffer)
+    if kind == "VideoFrame":
+        size = argument.resolution
+        return kind, size.width, size.height, argument.format, len(argument.frame_buffer)
+    return argument
+
+
+@all_rows
+def test_event_reaches_its_callable(world, row):
+    set_up(world, row, world.rec(row.name, then=lambda *_: "ignored"))
+    world.settle()
+    before = len(world.rec.named(row.name))
+    row.raise_event(world)
+    event = world.rec.wait(row.name, before + 1)
+    assert tuple(plain(each) for each in event.args) == row.arguments(world.models)
+    assert [type(each) for each in event.args] == [
+        getattr(world.models, each[0]) if isinstance(each, tuple) else type(each) for each in row.arguments(world.models)
+    ]
+    entries = [text for level, text in world.log.of("TavrinVideoClient", "DEBUG")]
+    assert (row.entry in entries) if row.entry else not [text for text in entries if row.name in text]
+
+
+@all_rows
+def test_callable_that_raises_stops_nothing(world, row):
+    def fail(*_):
+        raise (SystemExit(3) if row.name.startswith("subscriber") else ValueError)("no such luck")
+
+    set_up(world, row, world.rec(row.name, then=fail))
+    world.settle()
+    before = len(world.rec.named(row.name))
+    row.raise_event(world)
+    world.rec.wait(row.name, before + 1)
+    raised = ("ERROR", f"call_python_object_with_gil: Python function raised an exception for {row.name}")
+    world.log.wait("ERROR", f"Failed to call {row.name} callback")
+    texts = world.log.texts()
+    assert texts.index(raised) < texts.index(("ERROR", f"Failed to call {row.name} callback"))
+    assert "Traceback" in world.log.errors() and "in fail" in world.log.errors()
+    if row.name in ("subscriber_on_disconnected", "on_disconnected", "on_error"):
+        return  # that was its last event
+    if row.name in ("publisher_on_stream_destroyed", "publisher_on_error"):
+        return  # the publisher is lost: told once
+    row.raise_event(world)
+    world.rec.wait(row.name, before + 2)
+    world.log.wait("ERROR", f"Failed to call {row.name} callback", before + 2)
+
+
+@all_rows
+def test_model_that_cannot_be_built_loses_the_event(world, row, monkeypatch):
+    set_up(world, row, world.rec(row.name))
+    world.settle()
+    before = len(world.rec.named(row.name))
+
+    def fail(self, *args, **kwargs):
+        raise ValueError("not today")
+
+    with monkeypatch.context() as patch:
+        patch.setattr(getattr(world.models, row.model), "__init__", fail)
+        if row.name == "on_audio_data":
+            before = len(world.rec.named(row.name)) + 1  # one may be under way
+        row.raise_event(world)
+        world.log.wait("ERROR", row.build_failure)
+    if row.name != "on_audio_data":
+        assert len(world.rec.named(row.name)) == before
+    # Nobody reads the exception, and it does no harm to what follows.
+    assert "not today" not in world.log.errors()
+    world.settle()
+
+
+def test_caption_without_a_subscriber_object(world, monkeypatch):
+    """The one event whose two objects fail with two messages."""
+    row = next(row for row in ROWS if row.name == "subscriber_on_caption_text")
+    set_up(world, row, world.rec(row.name))
+
+    def fail(self, *args, **kwargs):
+        raise ValueError
+
+    monkeypatch.setattr(world.models.Subscriber, "__init__", fail)
+    world.lib.caption("s", "text", 1)
+    world.log.wait("ERROR", "Failed to create Subscriber object for caption text callback")
+
+
+def test_nobody_listening_builds_nothing(world, monkeypatch):
+    everything = world.models.SubscriberSettings(subscribe_to_captions=True)
+    world.connect()
+    world.subscribe("s", settings=everything)
+    world.publish(has_video=False)
+
+    def fail(self, *args, **kwargs):
+        raise AssertionError("built")
+
+    audio = world.models.AudioData(48000, 2, 480, LOUD)
+    for name in ("Session", "Subscriber", "Publisher", "AudioData", "MediaBufferStats", "CaptionsData"):
+        monkeypatch.setattr(getattr(world.models, name), "__init__", fail)
+    for row in ROWS:
+        if row.name == "on_media_buffer_drained":
+            world.client.add_audio(audio)
+        elif row.name not in ("on_disconnected", "on_error", "subscriber_on_disconnected"):
+            row.raise_event(world)
+    assert world.lib.wait_idle(20_000) == 1
+    assert not [text for level, text in world.log.of("TavrinVideoClient", "ERROR")]
+
+
+def test_unheard_media_does_not_wait_for_the_interpreter(world):
+    """The caller holds the interpreter lock while a native thread delivers: it must not need it."""
+    import ctypes
+
+    import scripted
+
+    fire = ctypes.PyDLL(str(scripted.SUPPORT / "libsarnet.so")).scripted_fire_audio  # keeps the lock
+    fire.restype, fire.argtypes = ctypes.c_double, [ctypes.c_char_p, ctypes.c_long]
+    world.connect(level="warn")
+    world.subscribe("s", on_caption_text_cb=world.rec("captions only"))
+    assert fire(b"s", 1000) > 0
+
+
+@pytest.mark.parametrize(
+    ("text", "expected"),
+    [(b"caf\xe9 \xff!", "caf\ufffd \ufffd!"), (b"cut \xe2\x82", "cut \ufffd"), (b"", ""), (None, "")],
+)
+def test_error_texts_of_any_kind(world, text, expected):
+    world.connect(on_error_cb=world.rec("session"))
+    world.subscribe("s", on_error_cb=world.rec("subscriber"))
+    world.publish(on_error_cb=world.rec("publisher"))
+    world.lib.publisher_error(2_147_483_647, text)
+    world.lib.subscriber_error("s", 0, text)
+    world.lib.session_error(-2_147_483_648, text)
+    got = [world.rec.wait(who).args[1:] for who in ("publisher", "subscriber", "session")]
+    assert got == [(expected, 2_147_483_647), (expected, 0), (expected, -2_147_483_648)]
+
+
+@pytest.mark.parametrize(("flag", "is_final"), [(1, True), (0, False), (2, False), (-1, False)])
+def test_caption_flag_and_null_text(world, flag, is_final):
+    everything = world.models.SubscriberSettings(subscribe_to_captions=True)
+    world.connect()
+    world.subscribe("s", settings=everything, on_caption_text_cb=world.rec("caption"))
+    world.lib.caption("s", None, flag)
+    caption = world.rec.wait("caption").args[1]
+    assert (caption.text, caption.is_final) == ("", is_final)
+
+
+def test_library_that_gives_nothing(world):
+    """Null handles, null texts, null records: told or dropped, never a fault."""
+    everything = world.models.SubscriberSettings(subscribe_to_captions=True)
+    names = ["on_connection_created_cb", "on_connection_dropped_cb", "on_stream_received_cb", "on_stream_dropped_cb"]
+    world.connect(**{name: world.rec(name) for name in names})
+    world.subscribe("s", settings=everything, on_audio_data_cb=world.rec("audio"), on_render_frame_cb=world.rec("frame"))
+    world.publish()
+    for what in ("connection_created", "connection_dropped", "stream_received", "stream_dropped"):
+        getattr(world.lib, what + "_null")()
+    world.lib.publisher_stream_created_null()
+    world.lib.audio_null("s")
+    world.lib.audio("s", None, 2, 480, 48000)
+    world.lib.frame_null("s")
+    world.settle()
+    assert ("ERROR", "MRStream: Recieved nullptr pointer to a stream") in world.log.texts()
+    assert ("WARN", "MRPublisher::onStreamCreated: stream is NULL") in world.log.texts()
+    assert not world.rec.named("audio") and not world.rec.named("frame")
+    world.rec.events.clear()
+    world.lib.connection_created(None, None, 0)
+    created = world.rec.wait("on_connection_created_cb").args[1]
+    assert (created.id, created.data, created.creation_time) == ("", "", datetime.fromtimestamp(0))
+    world.lib.stream_received("t", None, None, 0)
+    assert world.rec.wait("on_stream_received_cb").args[1].connection.id == ""
+
+
+def test_text_that_is_not_utf8_loses_the_event_only(world):
+    world.connect(on_connection_created_cb=world.rec("created"))
+    world.lib.connection_created(b"\xff\xfe", b"data", 0)
+    world.lib.connection_created(b"good", b"data", 0)
+    assert world.rec.wait("created").args[1].id == "good"
+    assert ("ERROR", "Failed to create Session or Connection objects for callback") in world.log.texts()
+
+
+def test_threads_of_the_events(world):
+    everything = world.models.SubscriberSettings(subscribe_to_captions=True)
+    world.ready(on_stream_received_cb=world.rec("worker"), on_audio_data_cb=world.rec("renderer"))
+    world.subscribe(
+        "s", settings=everything, on_connected_cb=world.rec("worker"), on_audio_data_cb=world.rec("audio"),
+        on_render_frame_cb=world.rec("frame"), on_caption_text_cb=world.rec("caption"),
+    )  # fmt: skip
+    world.publish(on_stream_created_cb=world.rec("worker"))
+    world.lib.send_audio("s", LOUD), world.lib.send_frame("s", 4, 2), world.lib.caption("s", "x", 1)
+    names = ("renderer", "audio", "frame", "caption")
+    media = {name: world.rec.wait(name).thread for name in names}
+    world.settle()
+    worker = {event.thread for event in world.rec.named("worker")}
+    assert len(world.rec.named("worker")) == 3 and len(worker) == 1
+    assert len({*media.values(), *worker, threading.get_native_id()}) == 6
+
+
+def test_events_come_in_the_order_of_the_library(world):
+    order = []
+    world.connect(
+        on_stream_received_cb=lambda s, stream: order.append("+" + stream.id),
+        on_stream_dropped_cb=lambda s, stream: order.append("-" + stream.id),
+        on_connection_created_cb=lambda s, connection: order.append("c" + connection.id),
+    )
+    expected = []
+    for number in range(200):
+        world.lib.connection_created(str(number), "", 0)
+        world.lib.stream_received(str(number), "c", "", 0)
+        world.lib.stream_dropped(str(number), "c", "", 0)
+        expected += [f"c{number}", f"+{number}", f"-{number}"]
+    world.settle()
+    assert order == expected
+
+
+def test_disconnect_from_a_media_callable(world):
+    """The stop on a spoken word: the delivering thread waits for the worker, which deletes its subscriber."""
+    world.connect()
+    world.subscribe("s", on_audio_data_cb=world.rec("audio", then=lambda *_: world.rec("done")(world.client.disconnect())))
+    world.lib.send_audio("s", LOUD)
+    assert world.rec.wait("done").args == (True,)
+    assert world.client.is_connected() is False and world.lib.live("subscriber") == 0
