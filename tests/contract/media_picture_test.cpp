@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -34,7 +35,7 @@ TEST(PictureConverter, ConvertsColoursByTheirPlaceInMemory) {
                       {{0, 0, 0}, {16, 128, 128}}};
   PictureConverter converter;
   for (const auto& [width, height] : {std::pair{16, 8}, std::pair{5, 3}, std::pair{1, 1}}) {
-    const auto count = static_cast<std::size_t>(width * height);
+    const auto count = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
     for (const Row& row : rows) {
       std::vector<std::uint8_t> rgb;
       std::vector<std::uint8_t> argb;
@@ -49,8 +50,9 @@ TEST(PictureConverter, ConvertsColoursByTheirPlaceInMemory) {
         ASSERT_TRUE(converter.convert(format, width, height, bytes->data(), bytes->size(), 0,
                                       picture->mutable_view()));
         const PictureView view = picture->view();
-        const int last = width * height - 1;
-        const int last_chroma = chroma_size(width) * chroma_size(height) - 1;
+        const std::ptrdiff_t last = static_cast<std::ptrdiff_t>(count) - 1;
+        const std::ptrdiff_t last_chroma =
+            static_cast<std::ptrdiff_t>(chroma_size(width)) * chroma_size(height) - 1;
         for (const int end : {0, 1}) {
           EXPECT_NEAR(view.y[end * last], row.yuv[0], 2);
           EXPECT_NEAR(view.u[end * last_chroma], row.yuv[1], 2);
@@ -91,7 +93,7 @@ TEST(PictureConverter, TurnsClockwiseAndScales) {
 
 TEST(PictureConverter, RefusesWhatWouldReadBeyondTheBuffer) {
   PictureConverter converter;
-  const std::vector<std::uint8_t> bytes(5 * 3 * 4, 77);
+  const std::vector<std::uint8_t> bytes(60, 77);
   const PictureRef target = new_picture(4, 4);
   const auto convert = [&](PixelFormat format, int width, int height, std::size_t size,
                            int rotation) {
