@@ -6,9 +6,11 @@
 #include "session_test_support.h"
 
 using namespace session_test;
-using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 namespace {
 
@@ -177,6 +179,7 @@ TEST_F(SessionTest, WaitsForTheConfirmationOfItsOwnLeaving) {
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.front(), row.first_line);
     EXPECT_EQ(log.count(kTimedOut), row.timeout == 0 ? 1 : 0);
+    EXPECT_THAT(lines, Each(Not(HasSubstr("xception in callback"))));
     // A leaving that was asked for is nothing to tell.
     EXPECT_THAT(hears.heard.lines(), ElementsAre("connected the-session"));
   }
