@@ -177,18 +177,21 @@ void AudioDevice::bring_up_capturer(Driven& driven) {
   }
 }
 
-// The program may have stopped a side itself: its slots then answer SRN_FALSE, which is no fault.
+// The program may have stopped a side itself, as it does when it leaves: it is asked first, and a
+// slot that answers SRN_FALSE all the same is no fault.
 void AudioDevice::wind_down_renderer(Driven& driven) {
+  const auto& table = driven.table;
   render_.stop();
-  call(driven.table.stop_renderer, driven.table);
-  call(driven.table.destroy_renderer, driven.table);
+  if (call(table.is_renderer_started, table)) call(table.stop_renderer, table);
+  if (call(table.is_renderer_initialized, table)) call(table.destroy_renderer, table);
   driven.renderer = false;
 }
 
 void AudioDevice::wind_down_capturer(Driven& driven) {
-  call(driven.table.stop_capturer, driven.table);
+  const auto& table = driven.table;
+  if (call(table.is_capturer_started, table)) call(table.stop_capturer, table);
   capture_.stop();
-  call(driven.table.destroy_capturer, driven.table);
+  if (call(table.is_capturer_initialized, table)) call(table.destroy_capturer, table);
   driven.capturer = false;
 }
 
