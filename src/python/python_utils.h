@@ -20,9 +20,10 @@ namespace python_utils {
 // Runs `call`, which may run Python code or wait for the interpreter lock. An interpreter that is
 // finalising ends any other thread that asks for its lock, by unwinding it. Such a thread is parked
 // instead, right here: unwound frames would give back references, buffers and the lock itself
-// without holding the lock. A parked thread costs nothing and ends with the process.
+// without holding the lock. A parked thread costs nothing and ends with the process. (An unwinding
+// that C code began has no exception object, which the sanitizer must be told.)
 template <class Call>
-auto enter_python(Call&& call) {
+__attribute__((no_sanitize("null,alignment"))) auto enter_python(Call&& call) {
   try {
     return call();
   } catch (const abi::__forced_unwind&) {
