@@ -1,0 +1,95 @@
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "media/memory_pool.h"
+#include "media/mr_audio_capturer.h"
+#include "media/mr_video_frame.h"
+#include "support/scripted_sarnet.h"
+
+namespace {
+
+constexpr int kWidth = 640;
+constexpr int kHeight = 480;
+constexpr std::size_t kAudioFrames = 960;  // 20 ms at 48 kHz
+constexpr std::size_t kAudioSamples = kAudioFrames * 2;
+
+/// What any way of taking 20 ms of audio costs at least. Over a region as large as the capturer's
+/// buffer, since that is where the samples go: one block after the other.
+void BM_AudioMemcpy(benchmark::State& state) {
+  const std::vector<std::int16_t> samples(kAudioSamples, 1);
+  std::vector<std::int16_t> buffer(MRAudioCapturer::kInjectedAudioBufferSize);
+  std::size_t at = 0;
+  for (auto _ : state) {
+    if (at + kAudioSamples > buffer.size()) at = 0;
+    std::memcpy(buffer.data() + at, samples.data(), kAudioSamples * sizeof(std::int16_t));
+    benchmark::ClobberMemory();
+    at += kAudioSamples;
+  }
+}
+
+/// `touched`: whether the capturer's buffer has been written before, so that no page is fresh.
+void BM_AddAudio(benchmark::State& state) {
+  scripted_reset();
+  scripted_log(0);
+  MRAudioCapturer capturer(std::chrono::milliseconds(10));
+  capturer.init(48000, 2);
+  capturer.start();
+  const std::vector<std::int16_t> samples(kAudioSamples, 1);
+  const MRAudioData block(samples.data(), 48000, 2, kAudioFrames);
+  if (state.range(0) != 0) {
+    while (capturer.addAudio(block)) {
+    }
+    capturer.clearAudioBuffers();
+  }
+  for (auto _ : state) {
+    if (!capturer.addAudio(block)) {
+      state.PauseTiming();
+      capturer.clearAudioBuffers();
+      state.ResumeTiming();
+    }
+  }
+  capturer.stop();
+}
+
+void BM_FrameMemcpy(benchmark::State& state) {
+  const auto size = static_cast<std::size_t>(
+      MRVideoFrame::bufferSize(kWidth, kHeight, MRVideoFrameFormat::YUV420P));
+  const std::vector<std::uint8_t> picture(size, 1);
+  std::vector<std::uint8_t> buffer(size);
+  for (auto _ : state) {
+    std::memcpy(buffer.data(), picture.data(), size);
+    benchmark::ClobberMemory();
+  }
+}
+
+void BM_FrameCreate(benchmark::State& state) {
+  const auto size = static_cast<std::size_t>(
+      MRVideoFrame::bufferSize(kWidth, kHeight, MRVideoFrameFormat::YUV420P));
+  const std::vector<std::uint8_t> picture(size, 1);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(
+        MRVideoFrame::create(kWidth, kHeight, picture.data(), MRVideoFrameFormat::YUV420P));
+  }
+}
+
+void BM_PoolGetAndReturn(benchmark::State& state) {
+  auto& pool = MemoryPool<std::uint8_t>::instance();
+  constexpr int kSize = 460'800;
+  for (auto _ : state) {
+    auto buffer = pool.getBuffer(kSize);
+    benchmark::DoNotOptimize(buffer.get());
+    pool.returnBuffer(kSize, std::move(buffer));
+  }
+}
+
+BENCHMARK(BM_AudioMemcpy);
+BENCHMARK(BM_AddAudio)->ArgName("touched")->Arg(1)->Arg(0);
+BENCHMARK(BM_FrameMemcpy);
+BENCHMARK(BM_FrameCreate);
+BENCHMARK(BM_PoolGetAndReturn)->ThreadRange(1, 2);
+
+}  // namespace
