@@ -100,7 +100,8 @@ class Library:
 
     def captured_bytes(self, start: int, samples: int) -> bytes:
         out = (ctypes.c_int16 * samples)()
-        return bytes(memoryview(out).cast("B"))[: 2 * self.captured(start, out, samples)]
+        got = self.captured(start, out, samples)
+        return bytes(out)[: 2 * got]
 
     def provided_frames(self) -> list[ProvidedFrame]:
         frames = []

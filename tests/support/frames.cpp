@@ -101,12 +101,10 @@ std::shared_ptr<srn_video_frame> makeFrame(const scripted_frame_spec& spec) {
     frame->planes[i].data = (spec.missing & (1 << i)) != 0 ? nullptr : out;
     offset += sizes[i];
   }
-  if (spec.apart == 0) {
-    frame->buffer = frame->storage.front().data();
-    frame->buffer_size = spec.buffer_size == 0    ? static_cast<size_t>(total)
-                         : spec.buffer_size == -1 ? 0
-                                                  : static_cast<size_t>(spec.buffer_size);
-  }
+  if (spec.apart == 0) frame->buffer = frame->storage.front().data();
+  frame->buffer_size = spec.buffer_size == 0    ? static_cast<size_t>(total)
+                       : spec.buffer_size == -1 ? 0
+                                                : static_cast<size_t>(spec.buffer_size);
   return frame;
 }
 

@@ -152,7 +152,7 @@ struct scripted_frame_spec {
   int32_t format;        /* as reported: srn_video_frame_format */
   int32_t width;         /* as reported */
   int32_t height;        /* as reported */
-  int32_t apart;         /* 1: planes lie apart, get_buffer gives null and size 0 */
+  int32_t apart;         /* 1: planes lie apart, get_buffer gives null */
   int32_t missing;       /* bit mask of planes whose pointer is given as null */
   int32_t fill;          /* first byte */
   int32_t stride[3];     /* bytes from row to row, 0: tight; more than the row is padding */

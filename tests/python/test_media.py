@@ -1,0 +1,359 @@
+"""add_audio, add_video, clear_media_buffers, get_media_buffer_stats, and what the library gets of them."""
+
+from __future__ import annotations
+
+import array
+import zlib
+from datetime import timedelta
+from types import SimpleNamespace
+
+import pytest
+
+PERIOD = 480
+
+
+def samples(frames: int, channels: int = 2, seed: int = 1) -> bytes:
+    """Loud everywhere and different everywhere, so that order and place can be told."""
+    return array.array("h", [(seed + 7919 * i) % 65_521 - 32_760 or 1 for i in range(frames * channels)]).tobytes()
+
+
+def audio(world, data, frames=None, channels=2, rate=48000):
+    count = len(memoryview(data).cast("B")) // 2 // channels if frames is None else frames
+    return SimpleNamespace(sample_rate=rate, number_of_channels=channels, number_of_frames=count, sample_buffer=data)
+
+
+def wait_captured(world, periods: int) -> bytes:
+    """All that the library was given, once `periods` more have come."""
+    calls = world.lib.call_count("srn_audio_device_write_capture_data")
+    assert world.lib.wait_calls("srn_audio_device_write_capture_data", calls + periods, 20_000) == 1
+    return world.lib.captured_bytes(0, world.lib.captured_total())
+
+
+def test_audio_arrives_sample_for_sample(world):
+    world.ready()
+    makers = [bytes, bytearray, memoryview, lambda data: array.array("h", data), lambda data: memoryview(data).cast("h")]
+    sent = [samples(PERIOD * 3, seed=seed) for seed in range(len(makers))]
+    for make, data in zip(makers, sent):
+        assert world.client.add_audio(audio_data=audio(world, make(data), PERIOD * 3)) is True
+    assert b"".join(sent) in wait_captured(world, 3 * len(sent) + 2)
+
+
+def test_audio_is_copied_before_the_call_returns(world):
+    world.ready()
+    data = bytearray(samples(PERIOD))
+    expected = bytes(data)
+    assert world.client.add_audio(audio(world, data)) is True
+    data[:] = bytes(len(data))
+    data.clear()  # a buffer that is still exported refuses to be resized
+    assert expected in wait_captured(world, 3)
+
+
+def test_buffer_of_a_property_that_gives_a_fresh_object(world):
+    """Nothing but the method keeps the buffer alive, and another thread frees memory meanwhile."""
+
+    class Fresh:
+        sample_rate, number_of_channels, number_of_frames = 48000, 2, PERIOD
+
+        @property
+        def sample_buffer(self):
+            return bytearray(samples(PERIOD))
+
+    world.ready()
+    for _ in range(20):
+        assert world.client.add_audio(Fresh()) is True
+    assert samples(PERIOD) * 20 in wait_captured(world, 22)
+
+
+@pytest.mark.parametrize(
+    ("change", "exception", "text"),
+    [
+        ({"number_of_frames": PERIOD + 1}, ValueError, "sample_buffer is too small"),
+        ({"number_of_channels": 3}, ValueError, "sample_buffer is too small"),
+        ({"number_of_frames": 2**31, "number_of_channels": 2**31}, ValueError, "sample_buffer is too small"),
+        ({"number_of_frames": 2**62, "number_of_channels": 4}, ValueError, "sample_buffer is too small"),
+        ({"number_of_frames": -1}, None, None),
+        ({"number_of_frames": -(2**62), "number_of_channels": -4}, None, None),
+        ({"sample_buffer": 5}, TypeError, "a bytes-like object is required, not 'int'"),
+        ({"sample_buffer": "abc"}, TypeError, "a bytes-like object is required, not 'str'"),
+        ({"sample_rate": "48000"}, TypeError, "'str' object cannot be interpreted as an integer"),
+        ({"number_of_frames": 2**70}, OverflowError, "Python int too large to convert to C long"),
+    ],
+)
+def test_audio_whose_counts_lie(world, change, exception, text):
+    world.ready()
+    data = audio(world, samples(PERIOD))
+    vars(data).update(change)
+    if exception is None:  # whichever way it is refused, nothing of it is taken
+        try:
+            assert world.client.add_audio(data) is False
+        except ValueError:
+            pass
+    else:
+        with pytest.raises(exception) as raised:
+            world.client.add_audio(data)
+        assert str(raised.value) == text
+        assert ("ERROR", "Failed to parse MRAudioData") in world.log.texts()
+    assert not any(wait_captured(world, 3))
+
+
+@pytest.mark.parametrize("missing", ["sample_buffer", "sample_rate", "number_of_channels", "number_of_frames"])
+def test_audio_that_lacks_an_attribute(world, missing):
+    data = audio(world, samples(PERIOD))
+    delattr(data, missing)
+    with pytest.raises(AttributeError, match=f"^Object has no member '{missing}'$"):
+        world.client.add_audio(data)
+    assert ("WARN", f"get_member_value: Object has no member '{missing}'") in world.log.of("PythonHelpers")
+
+
+def test_media_without_a_session(world):
+    good = world.models.AudioData(48000, 2, PERIOD, samples(PERIOD))
+    assert world.client.add_audio(good) is False
+    assert [world.client.add_video(), world.client.add_video(1, 2), world.client.add_video(x=3)] == [False] * 3
+    assert world.client.clear_media_buffers() is False
+    assert world.log.texts() == [
+        ("WARN", "MRController::addAudio: Not connected to any session."),
+        ("WARN", "Failed to inject audio data"),
+        *[("WARN", "Not connected to any session")] * 3,
+        ("WARN", "MRController::clearMediaBuffers: Not connected to any session."),
+        ("ERROR", "Failed to clear the media buffers"),
+    ]
+
+
+def test_audio_before_the_device_runs(world):
+    world.lib.auto("audio_device", 0)
+    world.connect(level="warn")
+    world.log.clear()
+    assert world.client.add_audio(audio(world, samples(PERIOD))) is False
+    assert world.log.of("TavrinVideoClient") == [("WARN", "Failed to inject audio data")]
+    assert not [text for _, text in world.log.of("MRController")]
+
+
+def test_add_audio_arguments(world):
+    for args, kwargs in [((), {}), ((1, 2), {}), ((), {"data": 1})]:
+        with pytest.raises(TypeError):
+            world.client.add_audio(*args, **kwargs)
+    assert world.log.of("TavrinVideoClient", "ERROR") == [("ERROR", "Failed to parse add_audio() args")] * 3
+
+
+def frame(world, buffer, width=64, height=48, format="YUV420P"):
+    return world.models.VideoFrame(world.models.VideoResolution(width, height), format, buffer)
+
+
+def video_settings(world, width=64, height=48, fps=30, format="YUV420P"):
+    """Also with what the model classes would refuse."""
+    resolution = SimpleNamespace(width=width, height=height)
+    picture = SimpleNamespace(resolution=resolution, fps=fps, format=format)
+    return SimpleNamespace(audio_publisher=None, audio_subscribers_mix=None, video_publisher=picture)
+
+
+def connect_with_video(world, level="warn", **picture) -> bool:
+    av = video_settings(world, **picture)
+    logging = SimpleNamespace(level=level)
+    settings = SimpleNamespace(enable_migration=False, av=av, logging=logging)
+    return world.client.connect("key", "session", "token", session_settings=settings)
+
+
+SIZES = {"YUV420P": 64 * 48 * 3 // 2, "RGB24": 64 * 48 * 3, "ARGB32": 64 * 48 * 4}
+
+
+@pytest.mark.parametrize(("format", "code"), [("YUV420P", 1), ("RGB24", 8), ("ARGB32", 6)])
+def test_pictures_arrive_byte_for_byte(world, format, code):
+    assert connect_with_video(world, format=format, fps=200)
+    world.publish(has_audio=False)
+    size = SIZES[format]
+    pictures = [bytes([number]) * size for number in range(1, 21)]
+    for picture in pictures:
+        data = bytearray(picture)
+        assert world.client.add_video(frame(world, data, format=format)) is True
+        data.clear()
+    want = [zlib.crc32(picture) for picture in pictures]
+
+    def seen():
+        distinct = []
+        for each in world.lib.provided_frames():
+            if not distinct or distinct[-1] != each.checksum:
+                distinct.append(each.checksum)
+        return distinct
+
+    from conftest import until
+
+    until(lambda: want[-1] in seen(), "the last picture")
+    black, *rest = seen()
+    assert black not in want and rest[: len(want)] == want
+    first = world.lib.provided_frames()[0]
+    assert (first.format, first.width, first.height, first.rotation, first.size) == (code, 64, 48, 0, size)
+
+
+@pytest.mark.parametrize(
+    ("change", "exception", "text"),
+    [
+        ({"frame_buffer": bytes(SIZES["YUV420P"] - 1)}, ValueError, "frame_buffer is too small"),
+        ({"frame_buffer": b""}, ValueError, "frame_buffer is too small"),
+        ({"format": "ARGB32"}, ValueError, "frame_buffer is too small"),
+        ({"resolution": (32768, 65536)}, ValueError, "frame_buffer is too small"),
+        ({"resolution": (2**31 - 1, 2**31 - 1)}, ValueError, "frame_buffer is too small"),
+        ({"resolution": (-64, 48)}, RuntimeError, "Failed to deserialize the video_frame"),
+        ({"resolution": (0, 0)}, RuntimeError, "Failed to deserialize the video_frame"),
+        ({"format": "yuv420p"}, RuntimeError, "Failed to deserialize the video_frame"),
+        ({"format": 3}, TypeError, "'format' is not a string"),
+        ({"frame_buffer": 5}, TypeError, "a bytes-like object is required, not 'int'"),
+        ({"resolution": None}, AttributeError, "Object has no member 'width'"),
+        ({"resolution": ("64", 48)}, TypeError, "'str' object cannot be interpreted as an integer"),
+    ],
+)
+def test_pictures_whose_sizes_lie(world, change, exception, text):
+    assert connect_with_video(world)
+    world.publish()
+    bad = SimpleNamespace(
+        resolution=SimpleNamespace(width=64, height=48), format="YUV420P", frame_buffer=bytes(SIZES["YUV420P"])
+    )
+    vars(bad).update(change)
+    if isinstance(bad.resolution, tuple):
+        bad.resolution = SimpleNamespace(width=bad.resolution[0], height=bad.resolution[1])
+    with pytest.raises(exception) as raised:
+        world.client.add_video(bad)
+    assert str(raised.value) == text
+    assert not world.log.of("TavrinVideoClient", "ERROR")
+
+
+def test_pictures_that_are_refused(world):
+    assert connect_with_video(world)
+    good = frame(world, bytes(SIZES["YUV420P"]))
+    assert world.client.add_video(good) is False  # nothing is published
+    world.publish()
+    with pytest.raises(TypeError, match=r"exactly 1 argument \(0 given\)"):
+        world.client.add_video(video_frame=good)
+    with pytest.raises(ValueError, match="^Python VideoFrame cannot be None$"):
+        world.client.add_video(None)
+    assert world.client.add_video(frame(world, bytes(64 * 50 * 2), height=50)) is False
+    assert world.client.add_video(frame(world, bytes(SIZES["RGB24"]), format="RGB24")) is False
+    assert world.log.of("TavrinVideoClient", "WARN") == [("WARN", "Failed to add video frame")] * 3
+    assert world.client.add_video(good, keyword="ignored") is True
+
+
+@pytest.mark.parametrize("format", ["yuv420p", "I420", "", "MJPEG"])
+def test_unknown_format_word_in_the_settings(world, format):
+    """Connect and publish go through; there is nothing to show."""
+    assert connect_with_video(world, format=format) is True
+    world.publish()
+    calls = world.lib.call_count("srn_video_capturer_provide_frame")
+    assert world.lib.wait_calls("srn_video_capturer_provide_frame", calls + 2, 20_000) == 1
+    assert world.lib.provided_count() == 0
+    assert any("Failed to provide frame to MR. status:1011" in text for _, text in world.log.texts())
+    assert world.client.unpublish() is True
+
+
+@pytest.mark.parametrize(
+    "picture", [{"width": 0}, {"height": -1}, {"fps": 0}, {"fps": -(2**31)}, {"width": 2**31}], ids=str
+)
+def test_impossible_picture_settings(world, picture):
+    assert connect_with_video(world, **picture) is False
+    assert any("MRSession::connect: Invalid video publisher settings" in text for _, text in world.log.texts())
+
+
+@pytest.mark.parametrize("picture", [{"fps": 2**31 - 1}, {"width": 2**20, "height": 2**20}], ids=str)
+def test_extreme_picture_settings(world, picture):
+    assert connect_with_video(world, **picture) is True
+    world.publish()
+    assert world.client.unpublish() is True and world.client.disconnect() is True
+
+
+@pytest.mark.parametrize(
+    ("rate", "channels"), [(-48000, 2), (48000, -2), (2**31 - 1, 2**31 - 1), (0, 0), (48000, 0)]
+)
+def test_impossible_audio_settings(world, rate, channels):
+    """Whatever the program asks for: the session works, only the sound does not."""
+    form = SimpleNamespace(sample_rate=rate, number_of_channels=channels)
+    av = SimpleNamespace(audio_publisher=form, audio_subscribers_mix=form, video_publisher=None)
+    settings = SimpleNamespace(enable_migration=False, av=av, logging=None)
+    assert world.client.connect("key", "s", "token", session_settings=settings, on_audio_data_cb=world.rec("mix"))
+    world.settle()
+    world.client.add_audio(audio(world, samples(PERIOD)))
+    world.publish()
+    world.client.get_media_buffer_stats()
+    assert world.client.disconnect() is True
+
+
+def test_stats(world):
+    assert connect_with_video(world, level="info", fps=10)
+    world.settle()
+    assert world.client.get_media_buffer_stats(1).video is None
+    assert world.lib.wait_calls("srn_audio_device_write_capture_data", 1, 20_000) == 1
+    world.publish()
+    world.log.clear()
+    assert world.client.add_audio(audio(world, samples(48000 * 2))) is True
+    for _ in range(20):
+        assert world.client.add_video(frame(world, bytes(SIZES["YUV420P"]))) is True
+    stats = world.client.get_media_buffer_stats()
+    assert timedelta(seconds=1) < stats.audio.duration <= timedelta(seconds=2)
+    assert timedelta(seconds=1) < stats.video.duration <= timedelta(seconds=2)
+    for side, each in (("Audio", stats.audio), ("Video", stats.video)):
+        text = f"{side} buffer stats: {round(each.duration.total_seconds() * 1000)} ms."
+        assert ("INFO", text) in world.log.of("TavrinVideoClient")
+    assert world.client.clear_media_buffers() is True
+    empty = world.client.get_media_buffer_stats()
+    assert empty.audio.duration == timedelta(0) and empty.video.duration <= timedelta(milliseconds=100)
+    world.client.unpublish()
+    assert world.client.get_media_buffer_stats().video is None
+
+
+def test_a_long_speech_is_counted_right(world):
+    """Past the point where a product of milliseconds leaves 32 bits."""
+    world.ready(level="error")
+    world.publish(has_video=False)
+    assert world.client.add_audio(audio(world, bytes(48000 * 4 * 120))) is True
+    assert world.client.get_media_buffer_stats().audio.duration > timedelta(seconds=115)
+
+
+@pytest.mark.parametrize(("sound", "picture"), [(True, True), (True, False), (False, True)])
+def test_drained_report(world, sound, picture):
+    av = world.models.SessionAVSettings(
+        video_publisher=world.models.SessionVideoPublisherSettings(world.models.VideoResolution(64, 48), 100)
+    )
+    world.ready(av=av, on_media_buffer_drained_cb=world.rec("drained"))
+    world.publish(has_audio=sound, has_video=picture)
+    before = len(world.rec.named("drained"))
+    assert world.client.add_audio(audio(world, samples(PERIOD))) is True
+    assert world.client.add_video(frame(world, bytes(SIZES["YUV420P"]))) in (True, False)
+    reports = [event.args[0] for event in [world.rec.wait("drained", before + 1)]]
+    if picture:
+        world.rec.wait("drained", before + 2)
+        reports = [event.args[0] for event in world.rec.named("drained")[before:]]
+    zero = timedelta(0)
+    assert any(each.audio and each.audio.duration == zero and (each.video is not None) == picture for each in reports)
+    if picture:
+        assert any(each.video and each.video.duration == zero and (each.audio is not None) == sound for each in reports)
+
+
+def test_mixed_audio_while_the_session_runs(world):
+    world.ready(on_audio_data_cb=world.rec("mix"))
+    blocks = [world.rec.wait("mix", number).args[1] for number in (1, 2, 3)]
+    numbers = [value for block in blocks for value in block.sample_buffer.tolist()]
+    assert len(numbers) == 3 * 960 and numbers == [(numbers[0] + i) % 32768 for i in range(len(numbers))]
+    assert {block.sample_rate for block in blocks} == {48000}
+    assert world.client.disconnect() is True
+    world.client.connect("key", "second", "token")  # without a callable
+    count = len(world.rec.named("mix"))
+    world.settle()
+    assert len(world.rec.named("mix")) == count
+
+
+def test_mixed_audio_ends_with_a_short_read(world):
+    world.ready(on_audio_data_cb=world.rec("mix"))
+    world.rec.wait("mix")
+    world.lib.render_answer(479)
+    world.log.wait("DEBUG", "MRAudioRenderer::loopFn: Thread finishes.")
+    assert world.lib.device_slot("is_renderer_started") == 1
+    assert world.client.disconnect() is True  # and nothing waits for it
+
+
+def test_ready_once_for_each_start(world):
+    world.ready()
+    assert world.lib.device_slot("stop_capturer") == 1
+    world.settle()
+    assert len(world.rec.named("ready")) == 1
+    assert world.lib.device_slot("start_capturer") == 1
+    world.rec.wait("ready", 2)
+    world.client.disconnect()
+    world.client.connect("key", "second", "token", on_ready_for_audio_cb=world.rec("ready"))
+    assert world.rec.wait("ready", 3).args[0].id == "second"
