@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <numbers>
 #include <ostream>
 #include <sstream>
+#include <string>
 #include <thread>
 
 #include "contract/harness.h"
@@ -20,6 +22,12 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
+
+std::string contents(const std::filesystem::path& path) {
+  std::ostringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
+}
 
 // Calls `work` once a period, by an absolute clock, until it goes.
 class Periodic {
@@ -193,18 +201,15 @@ TEST_P(Audio, IsMixedCarriedAndRecordedInTheDevicesFormat) {
   }
   srn_destroy();  // completes the recording
 
-  std::ifstream file(scenario.folder() / "recording" / "audio-1.wav", std::ios::binary);
-  const std::string wav{std::istreambuf_iterator<char>(file), {}};
+  const std::string wav = contents(scenario.folder() / "recording" / "audio-1.wav");
   const std::string bytes(reinterpret_cast<const char*>(sent.data()), sent.size() * 2);
   ASSERT_GE(wav.size(), bytes.size());
   EXPECT_TRUE(wav.ends_with(bytes)) << "each sample, in the device's format";
-  std::stringstream log;
-  log << std::ifstream(scenario.folder() / "recording" / "events.jsonl").rdbuf();
-  EXPECT_THAT(log.str(),
-              HasSubstr("\"audio_frames\":" +
-                        std::to_string(sent.size() / static_cast<std::size_t>(channels))));
-  EXPECT_THAT(log.str(), HasSubstr("\"audio_frames_lost\":0"));
-  EXPECT_THAT(log.str(), HasSubstr("\"event\":\"closed\""));
+  const std::string log = contents(scenario.folder() / "recording" / "events.jsonl");
+  EXPECT_THAT(log, HasSubstr("\"audio_frames\":" +
+                             std::to_string(sent.size() / static_cast<std::size_t>(channels))));
+  EXPECT_THAT(log, HasSubstr("\"audio_frames_lost\":0"));
+  EXPECT_THAT(log, HasSubstr("\"event\":\"closed\""));
   srn_statistics figures{};
   figures.size = sizeof figures;
   srn_statistics_get(&figures);
@@ -277,8 +282,7 @@ TEST(Device, RecordsPicturesInOrderWithRepeats) {
     }
   }
   srn_destroy();
-  std::ifstream file(scenario.folder() / "recording" / "video-1.y4m", std::ios::binary);
-  const std::string film{std::istreambuf_iterator<char>(file), {}};
+  const std::string film = contents(scenario.folder() / "recording" / "video-1.y4m");
   EXPECT_TRUE(film.starts_with(expected)) << film.substr(0, 60);
   EXPECT_TRUE(film.ends_with(frames[0] + frames[1] + frames[2] + frames[3]));
 }
