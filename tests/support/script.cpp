@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 
 namespace scripted {
 namespace {
@@ -161,7 +162,16 @@ void print(std::ostream& out, const srn_video_capturer_callbacks* table) {
 
 void Script::append(std::string line) {
   const std::lock_guard lock(mutex_);
+  if (file_ != nullptr) {
+    std::fprintf(file_, "%s\n", line.c_str());
+    std::fflush(file_);
+  }
   if (lines_.size() < kMaxLines) lines_.push_back(std::move(line));
+}
+
+Script::Script() {
+  const char* const path = std::getenv("SCRIPTED_CALLS_FILE");
+  if (path != nullptr) file_ = std::fopen(path, "a");
 }
 
 void Script::count(Fn function) {

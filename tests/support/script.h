@@ -8,6 +8,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdio>
 #include <deque>
 #include <mutex>
 #include <optional>
@@ -116,6 +117,7 @@ void print(std::ostream& out, const srn_video_capturer_callbacks* table);
 
 class Script {
  public:
+  Script();
   // Writes the call down and counts it. Gives the scripted status when this call is to fail.
   template <class... Arguments>
   std::optional<srn_status> call(Fn function, const Arguments&... arguments) {
@@ -184,6 +186,7 @@ class Script {
   std::condition_variable counted_;
   mutable std::mutex mutex_;
   std::vector<std::string> lines_;
+  std::FILE* file_ = nullptr;
   std::vector<std::string> slots_;
   std::vector<std::string> faults_;
   std::array<Failure, kFunctions> failures_{};

@@ -1,0 +1,207 @@
+"""The module as a file, its import, its one type, and the library's life in a process."""
+
+from __future__ import annotations
+
+import ctypes
+import re
+import subprocess
+
+import pytest
+import scripted
+
+MODULE = scripted.BUILD / "python" / "_tavrin_video.abi3.so"
+DOCS = {
+    "connect": "Connect to a session",
+    "disconnect": "Disconnect from a session",
+    "subscribe": "Subscribe to a stream of the connected session",
+    "unsubscribe": "Unsubscribe from a stream of the connected session",
+    "publish": "Publish a new stream to the connected session",
+    "unpublish": "Unpublish a stream from the connected session",
+    "is_publishing": "Check if the module is publishing",
+    "is_connected": "Check if the module is connected to a session",
+    "get_connection": "Get the session connection (the local client's connection). Returns None if not connected.",
+    "add_audio": "Add an AudioData object for publishing into the connected session",
+    "add_video": "Add a VideoFrame object for publishing into the connected session",
+    "clear_media_buffers": "Clear all enqueued audio and video data from the publishing buffers",
+    "get_media_buffer_stats": "Get current media buffer statistics as a MediaBufferStats object",
+}
+
+
+def tool(*command: object) -> str:
+    return subprocess.run([*map(str, command)], capture_output=True, text=True, check=True).stdout
+
+
+def test_names_and_documentation(world):
+    import _tavrin_video as module
+
+    kind = module.TavrinVideoClient
+    assert module.__doc__ == "Tavrin Video API Python wrapper"
+    assert (kind.__module__, kind.__qualname__, kind.__doc__) == (
+        "_tavrin_video", "TavrinVideoClient", "TavrinVideoClient objects",
+    )  # fmt: skip
+    methods = {name: value.__doc__ for name, value in vars(kind).items() if not name.startswith("__")}
+    assert methods == DOCS
+    with pytest.raises(TypeError):
+        type("Sub", (kind,), {})
+    assert [name for name in vars(module) if not name.startswith("__")] == ["TavrinVideoClient"]
+
+
+def test_clients_are_handles_on_one_controller(world):
+    import _tavrin_video as module
+
+    world.log.clear()
+    calls = world.lib.calls()
+    other = module.TavrinVideoClient(1, "any", thing=2)
+    second = ("WARN", "tavrin_video: Trying to create a second instance of TavrinVideoClient")
+    assert world.log.of("TavrinVideoClient", "WARN") == [second] and world.lib.calls() == calls
+    world.connect(on_stream_received_cb=world.rec("received"))
+    assert other.is_connected() is True
+    calls = world.lib.calls()
+    del other  # leaves nobody
+    assert world.lib.calls() == calls
+    world.stream()
+    world.rec.wait("received")
+
+
+def test_exports_and_imports():
+    defined = {line.split()[-1].split("@")[0] for line in tool("nm", "-D", "--defined-only", MODULE).splitlines()}
+    assert defined == {"PyInit__tavrin_video", "srn_get_device_info"}
+    library = [line.split()[-1] for line in tool("nm", "-D", "--undefined-only", MODULE).splitlines() if " srn_" in line]
+    assert len(library) > 40 and [name for name in library if not name.endswith("@sarnet")] == []
+    dynamic = tool("readelf", "-d", MODULE)
+    assert "[libsarnet.so]" in dynamic and "(RUNPATH)" in dynamic and "(RPATH)" not in dynamic
+    assert not re.search(r"NEEDED.*libpython", dynamic)
+
+
+class DeviceInfo(ctypes.Structure):
+    _fields_ = [
+        *((name, ctypes.c_char_p) for name in ("uuid", "bundle", "system", "model", "network")),
+        ("stats_callback", ctypes.c_void_p),
+        ("no_simulcast", ctypes.c_char),
+    ]
+
+
+def test_device_info(world):
+    give = ctypes.CDLL(str(MODULE)).srn_get_device_info
+    give.restype = ctypes.POINTER(DeviceInfo)
+    first, second = give(), give()
+    assert ctypes.addressof(first.contents) != ctypes.addressof(second.contents)
+    for info in (first.contents, second.contents):
+        assert (info.bundle, info.system, info.model, info.network, info.stats_callback, info.no_simulcast) == (
+            b"1.0.3", b"tavrin-media-relay-python-1.0.3", b"tavrin-media-relay", b"Unknown", None, b"n",
+        )  # fmt: skip
+        assert re.fullmatch(rb"00000000-0000-0000-0000-[0-9a-fA-F]{12}", info.uuid)
+
+
+def test_another_library_is_put_in_place_by_the_search_path(run):
+    """Only the scripted library knows these ids: it took ours's place with no rebuild."""
+    program = run(
+        """
+client = TavrinVideoClient()
+assert client.connect("key", "session", "token")
+assert lib.wait_idle(5000)
+print(client.get_connection().id)
+print(open("/proc/self/maps").read())
+"""
+    )
+    assert program.code == 0 and program.out.splitlines()[0] == "own-connection", program
+    assert set(re.findall(r"\S*/libsarnet\.so", program.out)) == {str(scripted.SUPPORT.resolve() / "libsarnet.so")}
+
+
+def test_library_is_first_called_by_the_first_client(run):
+    program = run(
+        """
+assert lib.calls() == "", lib.calls()
+client = TavrinVideoClient()
+assert [line.split("(")[0] for line in lib.calls().splitlines()] == ["srn_set_audio_device", "srn_init"]
+assert client.get_media_buffer_stats() == MediaBufferStats()
+assert client.connect("key", "session", "token", on_connected_cb=print) is True
+lib.wait_idle(5000)
+client.disconnect()
+"""
+    )
+    assert program.code == 0, program
+    # By default only warnings and errors show.
+    assert {line.level for line in program.lines} <= {"WARN", "ERROR"}
+
+
+def test_library_that_cannot_be_initialised(run):
+    program = run(
+        """
+lib.fail("srn_init", 5, 2)
+try:
+    TavrinVideoClient()
+except RuntimeError as error:
+    assert str(error) == "Failed to initialize MR library"
+else:
+    raise AssertionError
+names = [line.split("(")[0].removeprefix("srn_") for line in lib.calls().splitlines()]
+assert names == ["set_audio_device", "init", "init", "destroy"], names
+assert TavrinVideoClient().is_connected() is False
+lib.fail("srn_set_audio_device", 5, 1)
+assert TavrinVideoClient().connect("key", "session", "token") is True
+"""
+    )
+    assert program.code == 0, program
+    failed = ("ERROR", "MRController::initSntLibrary: Sarnet couldn't init the library")
+    assert [text for text in program.texts() if text[0] == "ERROR"] == [
+        failed,
+        failed,
+        ("ERROR", "Failed to initialize MR library"),
+        ("ERROR", "MRController::disconnect: MR library not initialised."),
+    ]
+
+
+def test_device_that_cannot_be_installed(run):
+    program = run('lib.fail("srn_set_audio_device", 5, 1)\nassert TavrinVideoClient().connect("k", "s", "t")')
+    assert program.code == 0, program
+    assert ("ERROR", "Failed to set the global audio device.") in program.texts()
+
+
+MODELS = (scripted.ROOT / "python/tavrin_media_relay/models.py").read_text()
+
+
+@pytest.mark.parametrize(
+    ("models", "exception", "line"),
+    [
+        (None, "ModuleNotFoundError: No module named 'tavrin_media_relay.models'", "Failed to load models module"),
+        ("1 / 0", "ZeroDivisionError: division by zero", "Failed to load models module"),
+        (MODELS + "\nSession = Session('instance')", "ImportError: Model classes are not valid", "Model classes are not valid"),
+        (MODELS + "\ndel CaptionsData", "AttributeError: .*CaptionsData", "Model classes are not valid"),
+    ],
+    ids=["missing", "broken", "no class", "name missing"],
+)
+def test_models_that_will_not_do(run, tmp_path, models, exception, line):
+    package = tmp_path / "tavrin_media_relay"
+    package.mkdir()
+    (package / "__init__.py").write_text("")
+    (package / "_checks.py").write_text((scripted.ROOT / "python/tavrin_media_relay/_checks.py").read_text())
+    if models:
+        (package / "models.py").write_text(models)
+    program = run("import _tavrin_video", prelude="", path=[tmp_path])
+    assert program.code == 1 and re.search(exception, program.err), program
+    assert "SystemError" not in program.err and [text for text in program.texts()] == [("ERROR", line)]
+
+
+def test_import_can_be_tried_again(run, tmp_path):
+    package = tmp_path / "tavrin_media_relay"
+    package.mkdir()
+    (package / "__init__.py").write_text("")
+    program = run(
+        f"""
+import sys
+for _ in range(3):
+    try:
+        import _tavrin_video
+    except ModuleNotFoundError:
+        pass
+sys.path.remove({str(tmp_path)!r})
+for name in [name for name in sys.modules if "tavrin" in name]:
+    del sys.modules[name]
+import _tavrin_video
+_tavrin_video.TavrinVideoClient()
+""",
+        prelude="",
+        path=[tmp_path],
+    )
+    assert program.code == 0, program

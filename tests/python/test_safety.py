@@ -1,0 +1,393 @@
+"""What must not crash, hang or corrupt, each in a process of its own with a time limit."""
+
+from __future__ import annotations
+
+import pytest
+from conftest import PRELUDE
+
+# Everything that can flow flows: sound and pictures of several streams from several threads, captions, mixed
+# audio, injected audio and video.
+FLOW = """
+seen = threading.Semaphore(0)
+def work(*args):
+    seen.release()
+    action(*args)
+def action(*args):
+    pass
+ready = threading.Event()
+callables = dict(on_connected_cb=work, on_stream_received_cb=work, on_error_cb=work, on_disconnected_cb=work,
+                 on_audio_data_cb=work, on_ready_for_audio_cb=lambda *_: ready.set(), on_media_buffer_drained_cb=work)
+client = TavrinVideoClient()
+small = SessionVideoPublisherSettings(VideoResolution(64, 48), 100)
+settings = SessionSettings(av=SessionAVSettings(video_publisher=small), logging=LoggingSettings(LEVEL))
+streams = [Stream(str(n), Connection()) for n in range(4)]
+everything = SubscriberSettings(subscribe_to_captions=True)
+audio = AudioData(48000, 2, 480, bytes(1920))
+frame = VideoFrame(VideoResolution(64, 48), "YUV420P", bytes(64 * 48 * 3 // 2))
+def settle():
+    assert lib.wait_idle(20000)
+    client.get_connection()
+def subscribe(stream):
+    return client.subscribe(stream, settings=everything, on_audio_data_cb=work, on_render_frame_cb=work,
+                            on_caption_text_cb=work, on_connected_cb=work, on_disconnected_cb=work)
+def start(rate=200):
+    assert client.connect("key", "session", "token", session_settings=settings, **callables)
+    for stream in streams:
+        lib.stream_received(stream.id, "c", "", 0)
+    settle()
+    assert all(subscribe(stream) for stream in streams)
+    assert client.publish(PublisherSettings("p"), on_stream_created_cb=work, on_error_cb=work)
+    assert ready.wait(20)
+    assert lib.storm_start("0,1,2,3", rate, rate, 64, 48, 3)
+    for _ in range(50):
+        assert seen.acquire(timeout=20)
+    assert client.add_audio(audio)
+"""
+
+
+def check(program, code: int = 0) -> None:
+    assert program.code == code, program
+    for sign in ("Fatal Python error", "terminate called", "AddressSanitizer", "ThreadSanitizer", "runtime error:"):
+        assert sign not in program.err, program
+
+
+def flow(text: str, level: str = "error") -> str:
+    return FLOW.replace("LEVEL", repr(level)) + text
+
+
+FAULTS = "\nassert lib.faults() == 0, lib.fault_texts()\n"
+
+ENDINGS = {
+    "at the end of the program": ("", 0),
+    "by sys.exit": ("sys.exit(3)", 3),
+    "by an exception": ("raise ValueError('end')", 1),
+    "while a callable sleeps": ("action = lambda *_: time.sleep(0.002)\ntime.sleep(0.05)", 0),
+    "while callables compute": ("action = lambda *_: sum(range(3000))\ntime.sleep(0.05)", 0),
+    "while a callable calls the client": ("action = lambda *_: client.get_media_buffer_stats()\ntime.sleep(0.05)", 0),
+    "after disconnect": ("assert client.disconnect()", 0),
+    "with a daemon thread that feeds": (
+        """
+def feed():
+    while True:
+        client.add_audio(audio), client.add_video(frame), client.is_connected()
+for _ in range(3):
+    threading.Thread(target=feed, daemon=True).start()
+time.sleep(0.05)
+""",
+        0,
+    ),
+    "with a daemon thread that subscribes": (
+        """
+def turn():
+    while True:
+        client.unsubscribe(streams[0]), subscribe(streams[0]), client.get_connection()
+threading.Thread(target=turn, daemon=True).start()
+time.sleep(0.05)
+""",
+        0,
+    ),
+}
+
+
+@pytest.mark.parametrize("ending", ENDINGS)
+def test_interpreter_exit_with_all_media_running(run, ending):
+    text, code = ENDINGS[ending]
+    for _ in range(30 if ending == "at the end of the program" else 5):
+        check(run(flow("start()\n" + text), timeout=30), code)
+
+
+def test_exit_leaves_the_library_in_order(run, tmp_path):
+    program = run(
+        flow(
+            """
+over = threading.Event()
+start(rate=50)
+action = lambda *_: over.is_set() and os.write(2, b"a callable ran")
+"""
+        ),
+        # Registered before the module's own hook, so it runs after it.
+        prelude="import atexit\natexit.register(lambda: over.set())\n" + PRELUDE,
+        SCRIPTED_CALLS_FILE=str(tmp_path / "calls"),
+    )
+    check(program)
+    names = [line.split("(")[0].removeprefix("srn_") for line in (tmp_path / "calls").read_text().splitlines()]
+    ended = [name for name in names if name in ("session_disconnect", "destroy") or name.endswith(("r_delete", "n_delete"))]
+    ended = [name for name in ended if name != "connection_delete"]
+    assert ended == [
+        *["subscriber_delete"] * 4, "publisher_delete", "session_disconnect", "session_delete", "destroy",
+    ]  # fmt: skip
+    assert names.count("session_unpublish") == 1 and names.count("session_unsubscribe") == 4
+    assert "a callable ran" not in program.err
+
+
+def test_exit_with_a_callable_that_never_returns(run):
+    program = run(flow("start()\naction = lambda *_: threading.Event().wait()\ntime.sleep(0.1)"), timeout=40)
+    check(program)
+
+
+CALLABLES_THAT = {
+    "raise": "raise ValueError('no')",
+    "exit": "sys.exit(3)",
+    "raise a base exception": "raise KeyboardInterrupt",
+    "call back": """client.get_media_buffer_stats(), client.get_connection(), client.is_publishing()
+    client.add_audio(audio), client.add_video(frame), client.clear_media_buffers()""",
+    "unsubscribe themselves": "client.unsubscribe(streams[int(args[0].stream.id)]) if isinstance(args[0], Subscriber) else 0",
+    "subscribe anew": """if isinstance(args[0], Subscriber):
+        client.unsubscribe(args[0].stream), subscribe(args[0].stream)""",
+    "disconnect": "client.disconnect()",
+    "reconnect": "client.disconnect(), client.connect('key', 'session', 'token', session_settings=settings, **callables)",
+    "publish": "client.unpublish(), client.publish(PublisherSettings('p'), on_stream_created_cb=work)",
+    "collect": "import gc; gc.collect()",
+}
+
+
+@pytest.mark.parametrize("what", CALLABLES_THAT)
+def test_callables_that(run, what):
+    program = run(
+        flow(
+            f"""
+start()
+def action(*args):
+    {CALLABLES_THAT[what]}
+for number in range(30):
+    lib.caption(str(number % 4), "text", 1)
+    lib.stream_received(str(number % 4), "c", "", 0), lib.publisher_error(1, "x")
+    time.sleep(0.01)
+action = lambda *_: None
+lib.storm_stop()
+settle()
+assert client.disconnect() is True
+lib.stream_received("0", "c", "", 0)
+seen = threading.Semaphore(0)
+assert client.connect("key", "session", "token", on_connected_cb=work)
+assert seen.acquire(timeout=20)
+client.disconnect()
+"""
+            + FAULTS,
+            level="off",
+        )
+    )
+    check(program)
+
+
+LOOPS = {
+    "state questions": """
+for _ in range(200_000):
+    client.is_connected(), client.is_publishing()
+""",
+    "waiting questions during events": """
+for number in range(1500):
+    lib.stream_received(str(number), "c", "", 0), lib.publisher_stream_created("x")
+    assert client.get_connection().id == "own-connection"
+    assert client.get_media_buffer_stats().audio is not None
+""",
+    "subscribe and unsubscribe during delivery": """
+more = [Stream("m%d" % n, Connection()) for n in range(40)]
+for stream in more:
+    lib.stream_received(stream.id, "c", "", 0)
+settle()
+end = time.monotonic() + 4
+rounds = 0
+while time.monotonic() < end or rounds < 20:
+    for stream in more:
+        assert subscribe(stream)
+    for stream in streams:
+        assert client.unsubscribe(stream) and subscribe(stream)
+    for stream in more:
+        assert client.unsubscribe(stream)
+    rounds += 1
+""",
+    "connect and disconnect during delivery": """
+for number in range(12):
+    client.disconnect()
+    start(rate=300)
+""",
+    "publish and unpublish during events": """
+for number in range(40):
+    lib.publisher_stream_created("x"), lib.publisher_stream_destroyed("x"), lib.publisher_error(1, "x")
+    client.unpublish(), client.publish(PublisherSettings("p"), on_stream_created_cb=work, on_error_cb=work)
+    client.add_video(frame), client.add_audio(audio)
+""",
+    "many threads": """
+def user(number):
+    end = time.monotonic() + 3
+    while time.monotonic() < end:
+        [lambda: (client.unsubscribe(streams[0]), subscribe(streams[0])), client.get_media_buffer_stats,
+         lambda: client.add_audio(audio), client.get_connection, lambda: client.add_video(frame),
+         lambda: (client.unpublish(), client.publish(PublisherSettings("p")))][number]()
+threads = [threading.Thread(target=user, args=(number,)) for number in range(6)]
+[thread.start() for thread in threads], [thread.join(60) for thread in threads]
+assert not any(thread.is_alive() for thread in threads)
+""",
+}
+
+
+@pytest.mark.parametrize("loop", LOOPS)
+def test_loops(run, loop):
+    text = "start(rate=-1)\n" + LOOPS[loop] + "lib.storm_stop()\nsettle()\nclient.disconnect()\n" + FAULTS
+    check(run(flow(text), timeout=90))
+
+
+def test_media_call_that_outlives_its_subscriber(run):
+    """Counted as begun by the library, then the subscriber goes, then the slot is called."""
+    program = run(
+        flow(
+            """
+start(rate=-1)
+lib.delay("media_gap", 3)
+end = time.monotonic() + 3
+while time.monotonic() < end:
+    for stream in streams:
+        assert client.unsubscribe(stream)
+        assert subscribe(stream)
+client.disconnect()
+time.sleep(0.05)
+lib.storm_stop()
+"""
+            + FAULTS
+        )
+    )
+    check(program)
+
+
+def test_library_that_calls_back_after_every_delete(run):
+    program = run(
+        flow(
+            """
+start(rate=100)
+lib.rogue(1)
+for stream in streams:
+    client.unsubscribe(stream)
+    for _ in range(20):
+        lib.caption(stream.id, "late", 1), lib.subscriber_error(stream.id, 1, "late")
+        lib.subscriber_disconnected(stream.id), lib.subscriber_connected(stream.id)
+client.disconnect()
+for _ in range(20):
+    lib.session_error(1, "late"), lib.session_disconnected(), lib.stream_received("late", "c", "", 0)
+    lib.connection_created("c", "", 0), lib.session_connected()
+assert lib.wait_idle(20000)
+lib.storm_stop()
+lib.rogue(0)
+assert client.is_connected() is False
+assert client.connect("key", "session", "token") is True and client.disconnect() is True
+"""
+        )
+    )
+    check(program)
+
+
+def test_finalisers_that_call_the_client(run):
+    """A bound method dies with its slot, and its owner's __del__ calls what is just being done."""
+    program = run(
+        """
+client = TavrinVideoClient()
+died = []
+class Owner:
+    def method(self, *_):
+        pass
+    def __del__(self):
+        died.append(1)
+        client.disconnect(), client.unsubscribe(stream), client.unpublish(), client.is_connected()
+        client.subscribe(stream, on_error_cb=print)
+stream = Stream("s", Connection())
+names = ["on_error_cb", "on_connected_cb", "on_disconnected_cb", "on_audio_data_cb", "on_stream_received_cb"]
+def owned(*names):
+    return {name: Owner().method for name in names}
+for how in (client.disconnect, client.unpublish, lambda: client.unsubscribe(stream)):
+    before = len(died)
+    assert client.connect("key", "session", "token", **owned(*names))
+    lib.stream_received("s", "c", "", 0)
+    assert lib.wait_idle(20000)
+    client.get_connection()
+    assert client.subscribe(stream, **owned(*names[:4])) is True
+    assert client.publish(PublisherSettings("p"), **owned("on_error_cb")) is True
+    how()
+    client.disconnect()
+    assert len(died) == before + 10, (how, len(died) - before)
+"""
+        + FAULTS
+    )
+    check(program)
+
+
+def test_callable_that_releases_itself_while_it_runs(run):
+    """Nothing but its slot holds a callable that is no function of Python."""
+    program = run(
+        """
+import functools, gc
+client = TavrinVideoClient()
+done = threading.Semaphore(0)
+class Work:
+    def __call__(self, *args):
+        client.disconnect()
+        gc.collect()
+        self.late = [object() for _ in range(1000)]
+        assert self.late and vars(self)
+        done.release()
+for number in range(30):
+    assert client.connect("key", "session", "token", on_connected_cb=functools.partial(Work(), number))
+    assert done.acquire(timeout=20)
+    client.disconnect()
+""",
+        PYTHONMALLOC="debug",
+    )
+    check(program)
+
+
+def test_buffers_that_change_during_the_call(run):
+    """The buffer is held for as long as it is read: a resize in between is refused, not fatal."""
+    program = run(
+        flow(
+            """
+start()
+shared = bytearray(48000 * 4)
+blocks = AudioData(48000, 2, 48000, shared)
+refused = 0
+def resize():
+    global refused
+    while not done:
+        try:
+            shared.extend(bytes(4096)), shared.__delitem__(slice(-4096, None))
+        except BufferError:
+            refused += 1
+done = False
+thread = threading.Thread(target=resize)
+thread.start()
+for _ in range(300):
+    client.add_audio(blocks), client.clear_media_buffers()
+done = True
+thread.join()
+client.disconnect()
+"""
+        )
+    )
+    check(program)
+
+
+def test_fork_free_threads_and_interrupts(run):
+    """A method that waits for the worker does not keep others from running."""
+    program = run(
+        """
+client = TavrinVideoClient()
+lib.answer("disconnected", "normal"), lib.delay("disconnected", 700)
+assert client.connect("key", "session", "token")
+assert lib.wait_idle(20000)
+ticks = []
+def tick():
+    while client.is_connected() or not ticks:
+        ticks.append(time.monotonic())
+        time.sleep(0.005)
+    end = time.monotonic() + 0.4
+    while time.monotonic() < end:
+        ticks.append(time.monotonic())
+        time.sleep(0.005)
+thread = threading.Thread(target=tick)
+thread.start()
+begin = time.monotonic()
+assert client.disconnect() is True
+assert time.monotonic() - begin > 0.5
+thread.join()
+assert len([t for t in ticks if begin < t < begin + 0.5]) > 10, len(ticks)
+"""
+    )
+    check(program)
