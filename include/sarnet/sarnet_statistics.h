@@ -33,7 +33,7 @@ struct srn_statistics {
   uint64_t capture_frames_written;  /* samples of one channel */
   uint64_t capture_silence_periods; /* calls with nothing but zeros */
   uint64_t capture_gaps;            /* periods of the grid in which the program wrote nothing */
-  uint64_t capture_underruns;       /* 10 ms of the session that had to be filled with silence */
+  uint64_t capture_underruns;       /* times that captured audio ran out, and silence went on */
   struct srn_lateness_statistics capture_lateness;
 
   /* srn_audio_device_read_render_data */

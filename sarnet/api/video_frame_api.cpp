@@ -26,8 +26,8 @@ srn_video_frame* srn_video_frame_new_contiguous_memory_wrapper(
       "srn_video_frame_new_contiguous_memory_wrapper", nullptr, [&]() -> srn_video_frame* {
         if (!VideoFrame::valid(format, width, height, buffer, buffer_size)) return nullptr;
         return Library::instance().frames.add(
-            std::make_shared<VideoFrame>(format, width, height, buffer, buffer_size,
-                                         VideoFrame::Release{release, release_argument}));
+            VideoFrame::make(format, width, height, buffer, buffer_size,
+                             VideoFrame::Release{release, release_argument}));
       });
 }
 

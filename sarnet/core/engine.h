@@ -51,7 +51,7 @@ struct PublishRequest {
 class MediaSink {
  public:
   virtual ~MediaSink() = default;
-  // 10 ms of audio as a rule, whole frames, at most 20 ms.
+  // 10 ms of audio as a rule, whole frames.
   virtual void on_audio(const AudioFormat& format, std::span<const std::int16_t> samples) = 0;
   virtual void on_picture(const PictureRef& picture) = 0;
   virtual void on_caption(std::string_view text, bool is_final) = 0;

@@ -177,11 +177,15 @@ void Subscription::on_audio(const AudioFormat& format, std::span<const std::int1
   if (ended_ || !subscriber_->wants_audio) return;
   render_source_->write(format, samples, Library::instance().audio_device.render().format());
   if (!audio_) return;
-  audio_->push([&](AudioBlock& block) {
-    block.format = format;
-    block.samples = std::min(samples.size(), block.data.size());
-    std::copy_n(samples.begin(), block.samples, block.data.begin());
-  });
+  while (!samples.empty()) {
+    const auto part = samples.first(std::min(samples.size(), kMaxSamples));
+    audio_->push([&](AudioBlock& block) {
+      block.format = format;
+      block.samples = part.size();
+      std::copy(part.begin(), part.end(), block.data.begin());
+    });
+    samples = samples.subspan(part.size());
+  }
 }
 
 void Subscription::on_picture(const PictureRef& picture) {
@@ -237,8 +241,8 @@ void Subscription::deliver_pictures() {
       srn_video_frame* handle;
       ~Lent() { table.remove(handle, HandleOwner::kLibrary); }
     };
-    const Lent lent{frames, frames.add(std::make_shared<VideoFrame>(std::exchange(picture, {})),
-                                       HandleOwner::kLibrary)};
+    const Lent lent{
+        frames, frames.add(VideoFrame::make(std::exchange(picture, {})), HandleOwner::kLibrary)};
     if (lent.handle != nullptr) {
       slots.on_render_frame(subscriber_->handle(), slots.user_data, lent.handle);
     }

@@ -96,8 +96,8 @@ class Subscription : public SubscriptionSink, public std::enable_shared_from_thi
  private:
   using Clock = std::chrono::steady_clock;
 
-  // 20 ms of the largest format.
-  static constexpr std::size_t kMaxSamples = 2 * 2 * 480;
+  // 10 ms of the largest format; longer blocks are cut.
+  static constexpr std::size_t kMaxSamples = 960;
   struct AudioBlock {
     AudioFormat format;
     std::size_t samples = 0;

@@ -61,6 +61,12 @@ bool VideoFrame::valid(int format, int width, int height, const std::uint8_t* bu
   return pixels && size >= bytes_needed(format, width, height);
 }
 
+std::pmr::memory_resource* VideoFrame::memory() {
+  // Never destroyed: a program may delete its last frame while the process exits.
+  static auto* const pool = new std::pmr::synchronized_pool_resource;
+  return pool;
+}
+
 VideoFrame::VideoFrame(srn_video_frame_format format, int width, int height,
                        const std::uint8_t* buffer, std::size_t size, Release release)
     : format_(format),

@@ -2,7 +2,10 @@
 
 #include <sarnet/sarnet.h>
 
+#include <memory>
+#include <memory_resource>
 #include <optional>
+#include <utility>
 
 #include "core/picture.h"
 #include "core/picture_converter.h"
@@ -22,6 +25,13 @@ class VideoFrame {
   // one that is too short for a layout that we know.
   static bool valid(int format, int width, int height, const std::uint8_t* buffer,
                     std::size_t size);
+
+  // By a constructor below, in recycled memory: frames come and go at the rate of the media.
+  template <class... Arguments>
+  static std::shared_ptr<VideoFrame> make(Arguments&&... arguments) {
+    return std::allocate_shared<VideoFrame>(std::pmr::polymorphic_allocator<VideoFrame>(memory()),
+                                            std::forward<Arguments>(arguments)...);
+  }
 
   VideoFrame(srn_video_frame_format format, int width, int height, const std::uint8_t* buffer,
              std::size_t size, Release release);
@@ -46,6 +56,8 @@ class VideoFrame {
   std::optional<PixelFormat> pixel_format() const;
 
  private:
+  static std::pmr::memory_resource* memory();
+
   const srn_video_frame_format format_;
   const int width_;
   const int height_;

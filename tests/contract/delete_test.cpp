@@ -2,6 +2,7 @@
 // state event on another thread, and for nothing else.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <array>
@@ -19,10 +20,11 @@ using namespace std::chrono_literals;
 
 // A program with one of everything, media flowing. Members in an order that suits no delete.
 struct Whole {
-  Whole() {
+  explicit Whole(const std::function<void(Whole&)>& set_hooks = [](Whole&) {}) {
     program.join();
     stream = program.wait_for_stream();
     receiver = std::make_unique<Receiver>(stream->get());
+    set_hooks(*this);
     srn_session_subscribe(program.handle, receiver->handle);
     srn_session_publish(program.handle, sender.handle);
   }
@@ -121,29 +123,28 @@ INSTANTIATE_TEST_SUITE_P(Callbacks, DeleteInside,
                                          Inside::kSubscribed, Inside::kCreated, Inside::kStart,
                                          Inside::kAudio, Inside::kPicture));
 
-// Runs `remove` on another thread while `callback` of `inside` stands still; returns whether it
-// came back before the callback was let go.
+// Runs `remove` on another thread while the callback `inside` stands still; returns whether it came
+// back before the callback was let go.
 bool returns_during(Inside inside, const std::function<void(Whole&)>& remove) {
   Latch entered;
   Latch release;
   Latch returned;
-  std::atomic<bool> once{false};
+  std::atomic<bool> armed{false};
   const auto stand = [&] {
-    if (once.exchange(true)) return;
+    if (!armed.exchange(false)) return;
     entered.open();
     release.wait();
   };
-  Whole whole;
+  Whole whole([&](Whole& self) {
+    if (inside == Inside::kAudio) {
+      self.receiver->on_audio = stand;
+    } else {
+      self.program.on_disconnected = stand;
+    }
+  });
   EXPECT_TRUE(whole.flows());
-  Participant late;  // sets off a state event of the session
-  switch (inside) {
-    case Inside::kAudio:
-      whole.receiver->on_audio = stand;
-      break;
-    default:
-      whole.program.on_disconnected = stand;
-      srn_session_disconnect(whole.program.handle);
-  }
+  armed = true;
+  if (inside != Inside::kAudio) srn_session_disconnect(whole.program.handle);
   EXPECT_TRUE(entered.wait());
   std::thread deleter([&] {
     remove(whole);
@@ -171,6 +172,29 @@ TEST(Delete, NeverWaitsForAMediaCallback) {
     EXPECT_TRUE(whole.program.log.wait_for("disconnected"));
     whole.program.remove();
   }));
+}
+
+// An interpreter that is going down ends the threads that ask for its lock.
+TEST(Delete, GetsOverAThreadThatEndsInsideACallback) {
+  LibraryUse library;
+  for (const bool media : {true, false}) {
+    std::atomic<bool> once{false};
+    Latch entered;
+    const auto end_thread = [&] {
+      if (once.exchange(true)) return;
+      entered.open();
+      pthread_exit(nullptr);
+    };
+    Whole whole([&](Whole& self) {
+      (media ? self.receiver->on_audio : self.sender.on_created) = end_thread;
+    });
+    EXPECT_TRUE(entered.wait());
+    EXPECT_EQ(whole.receiver->remove(), SRN_SUCCESS);
+    EXPECT_EQ(whole.sender.remove(), SRN_SUCCESS);
+    EXPECT_EQ(whole.program.remove(), SRN_SUCCESS);
+    EXPECT_EQ(srn_destroy(), SRN_SUCCESS);
+    srn_init(nullptr);
+  }
 }
 
 TEST(Handles, AreRefusedOnceDeletedOrOfAnotherKind) {

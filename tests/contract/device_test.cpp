@@ -88,7 +88,6 @@ TEST(Device, IsDrivenInOrderForEachSession) {
     device.stop_answers = round == 0;
     const std::size_t before = device.log.all().size();
     Participant program;
-    Latch let_go;
     program.on_connected = [&] {
       // Not before on_connected has returned.
       std::this_thread::sleep_for(150ms);

@@ -3,11 +3,39 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <thread>
 #include <utility>
 
+namespace {
+
+std::atomic<int> info_requests{0};
+
+}  // namespace
+
+extern "C" {
+
+struct snt_device_info {
+  const char* texts[5];
+  void (*stats_callback)(void);
+  char device_cannot_do_simulcast;
+};
+
+// The library finds this by its name and frees what it gets; the last text is left out on purpose.
+__attribute__((visibility("default"))) snt_device_info* srn_get_device_info(void) {
+  ++info_requests;
+  auto* const info = static_cast<snt_device_info*>(std::calloc(1, sizeof(snt_device_info)));
+  for (int text = 0; text < 4; ++text) info->texts[text] = strdup("test");
+  info->device_cannot_do_simulcast = 'n';
+  return info;
+}
+}
+
 namespace contract {
+
+int device_info_requests() { return info_requests; }
 
 void EventLog::add(const std::string& event) {
   const std::lock_guard lock(mutex_);
@@ -137,7 +165,45 @@ std::shared_ptr<StreamCopy> Participant::wait_for_stream(std::size_t number) {
 // ---- Receiver
 // ---------------------------------------------------------------------------------------
 
+Receivers& Receivers::instance() {
+  static auto* const receivers = new Receivers;
+  return *receivers;
+}
+
+void Receivers::add(void* receiver) {
+  const std::lock_guard lock(mutex_);
+  inside_[receiver] = 0;
+}
+
+void Receivers::remove(void* receiver) {
+  std::unique_lock lock(mutex_);
+  left_.wait(lock, [&] { return inside_[receiver] == 0; });
+  inside_.erase(receiver);
+}
+
+bool Receivers::enter(void* receiver) {
+  const std::lock_guard lock(mutex_);
+  const auto found = inside_.find(receiver);
+  if (found == inside_.end()) return false;
+  ++found->second;
+  return true;
+}
+
+void Receivers::leave(void* receiver) {
+  const std::lock_guard lock(mutex_);
+  --inside_[receiver];
+  left_.notify_all();
+}
+
+Receivers::Visit::Visit(void* receiver)
+    : receiver_(receiver), welcome_(Receivers::instance().enter(receiver)) {}
+
+Receivers::Visit::~Visit() {
+  if (welcome_) Receivers::instance().leave(receiver_);
+}
+
 Receiver::Receiver(const srn_stream* stream, Wants wants) {
+  Receivers::instance().add(this);
   srn_subscriber_callbacks callbacks{};
   callbacks.user_data = this;
   callbacks.on_connected = [](srn_subscriber*, void* data, const srn_stream*) {
@@ -153,16 +219,18 @@ Receiver::Receiver(const srn_stream* stream, Wants wants) {
   };
   if (wants.audio) {
     callbacks.on_audio_data = [](srn_subscriber*, void* data, const srn_audio_data* audio) {
-      receiver(data).take(*audio);
+      if (const Receivers::Visit visit(data); visit) receiver(data).take(*audio);
     };
   }
   if (wants.video) {
     callbacks.on_render_frame = [](srn_subscriber*, void* data, const srn_video_frame* frame) {
-      receiver(data).take(frame);
+      if (const Receivers::Visit visit(data); visit) receiver(data).take(frame);
     };
   }
   if (wants.captions) {
     callbacks.on_caption_text = [](srn_subscriber*, void* data, const char* text, srn_bool final) {
+      const Receivers::Visit visit(data);
+      if (!visit) return;
       receiver(data).log.add(std::string(final == SRN_TRUE ? "caption " : "draft ") + text);
     };
   }
@@ -172,7 +240,10 @@ Receiver::Receiver(const srn_stream* stream, Wants wants) {
   srn_subscriber_set_subscribe_to_captions(handle, wants.captions ? SRN_TRUE : SRN_FALSE);
 }
 
-Receiver::~Receiver() { remove(); }
+Receiver::~Receiver() {
+  remove();
+  Receivers::instance().remove(this);
+}
 
 int Receiver::remove() { return srn_subscriber_delete(std::exchange(handle, nullptr)); }
 

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -96,6 +97,36 @@ struct Picture {
   int width = 0;
   int height = 0;
   std::vector<std::uint8_t> bytes;
+};
+
+// The receivers that there are, by their addresses: a media callback may begin after its subscriber
+// was deleted, and must then find nothing, and a receiver goes only when no callback is inside.
+class Receivers {
+ public:
+  static Receivers& instance();
+  void add(void* receiver);
+  void remove(void* receiver);
+
+  class Visit {
+   public:
+    explicit Visit(void* receiver);
+    ~Visit();
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+    explicit operator bool() const { return welcome_; }
+
+   private:
+    void* const receiver_;
+    const bool welcome_;
+  };
+
+ private:
+  bool enter(void* receiver);
+  void leave(void* receiver);
+
+  std::mutex mutex_;
+  std::condition_variable left_;
+  std::map<void*, int> inside_;
 };
 
 // One srn_subscriber: "connected", "disconnected", "error CODE TEXT" and "caption TEXT" in its log;
@@ -207,6 +238,9 @@ class ScenarioFile {
  private:
   std::filesystem::path folder_;
 };
+
+// How often the library asked this program for its device information.
+int device_info_requests();
 
 // srn_init and srn_destroy around a test.
 class LibraryUse {

@@ -259,6 +259,16 @@ TEST(Library, WorksAgainAfterItsEnd) {
   }
 }
 
+TEST(Library, AsksTheProgramWhoItIsForEachSession) {
+  LibraryUse library;
+  const int asked = device_info_requests();
+  Participant first;
+  Participant second;
+  ASSERT_TRUE(first.join());
+  ASSERT_TRUE(second.join());
+  EXPECT_EQ(device_info_requests(), asked + 2);
+}
+
 TEST(Handles, NullIsNeverAFault) {
   LibraryUse library;
   EXPECT_EQ(srn_session_disconnect(nullptr), 1011);
