@@ -292,8 +292,7 @@ struct srn_publisher_callbacks {
                    enum srn_publisher_error_code code);
   void (*on_video_disabled)(srn_publisher* publisher, void* user_data,
                             enum srn_video_reason reason);
-  void (*on_video_enabled)(srn_publisher* publisher, void* user_data,
-                           enum srn_video_reason reason);
+  void (*on_video_enabled)(srn_publisher* publisher, void* user_data, enum srn_video_reason reason);
   void (*on_video_disable_warning)(srn_publisher* publisher, void* user_data);
   void (*on_video_disable_warning_lifted)(srn_publisher* publisher, void* user_data);
   void* user_data;

@@ -39,7 +39,7 @@ struct srn_statistics {
   /* srn_audio_device_read_render_data */
   uint64_t render_periods_read;   /* calls that asked for frames */
   uint64_t render_silent_periods; /* calls that found nothing to mix */
-  int64_t mixer_delay_us;         /* longest audio now queued in front of the mixer, of any stream */
+  int64_t mixer_delay_us; /* longest audio now queued in front of the mixer, of any stream */
 
   /* srn_video_capturer_provide_frame */
   uint64_t frames_provided; /* accepted frames, the following three kinds among them */
