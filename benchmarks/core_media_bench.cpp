@@ -27,7 +27,7 @@ void BM_AudioMemcpy(benchmark::State& state) {
   const std::vector<std::int16_t> samples(kAudioSamples, 1);
   std::vector<std::int16_t> buffer(MRAudioCapturer::kInjectedAudioBufferSize);
   std::size_t block = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     if (block == kAudioBlocks) {
       state.PauseTiming();
       std::fill(buffer.begin(), buffer.end(), std::int16_t{0});
@@ -50,7 +50,7 @@ void BM_AddAudio(benchmark::State& state) {
   const std::vector<std::int16_t> samples(kAudioSamples, 1);
   const MRAudioData block(samples.data(), 48000, 2, kAudioFrames);
   std::size_t blocks = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     if (blocks == kAudioBlocks) {
       state.PauseTiming();
       capturer.clearAudioBuffers();
@@ -68,7 +68,7 @@ void BM_FrameMemcpy(benchmark::State& state) {
       MRVideoFrame::bufferSize(kWidth, kHeight, MRVideoFrameFormat::YUV420P));
   const std::vector<std::uint8_t> picture(size, 1);
   std::vector<std::uint8_t> buffer(size);
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     std::memcpy(buffer.data(), picture.data(), size);
     benchmark::ClobberMemory();
   }
@@ -78,7 +78,7 @@ void BM_FrameCreate(benchmark::State& state) {
   const auto size = static_cast<std::size_t>(
       MRVideoFrame::bufferSize(kWidth, kHeight, MRVideoFrameFormat::YUV420P));
   const std::vector<std::uint8_t> picture(size, 1);
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     benchmark::DoNotOptimize(
         MRVideoFrame::create(kWidth, kHeight, picture.data(), MRVideoFrameFormat::YUV420P));
   }
@@ -87,7 +87,7 @@ void BM_FrameCreate(benchmark::State& state) {
 void BM_PoolGetAndReturn(benchmark::State& state) {
   auto& pool = MemoryPool<std::uint8_t>::instance();
   constexpr int kSize = 460'800;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     auto buffer = pool.getBuffer(kSize);
     benchmark::DoNotOptimize(buffer.get());
     pool.returnBuffer(kSize, std::move(buffer));

@@ -64,7 +64,7 @@ class MeasuredRunner : public PeriodicTaskRunner {
 };
 
 void BM_PeriodicTaskRunner(benchmark::State& state) {
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     MeasuredRunner runner{std::chrono::milliseconds(state.range(0))};
     runner.measure(state);
     state.SetIterationTime(std::chrono::duration<double>(kDuration).count());

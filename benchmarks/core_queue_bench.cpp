@@ -24,7 +24,7 @@ void BM_PostToRun(benchmark::State& state) {
   Percentiles percentiles(static_cast<std::size_t>(state.max_iterations));
   std::binary_semaphore ran(0);
   TimePoint run_at;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     pause(state);
     const TimePoint posted_at = Clock::now();
     queue.post([&] {
@@ -42,7 +42,7 @@ void BM_PostAndWait(benchmark::State& state) {
   EventQueue queue("bench");
   queue.start();
   Percentiles percentiles(static_cast<std::size_t>(state.max_iterations));
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     pause(state);
     const TimePoint begin = Clock::now();
     benchmark::DoNotOptimize(queue.postAndWait<bool>([] { return true; }));

@@ -172,7 +172,7 @@ TEST_F(AudioCapturer, PlaysWhatCameThenPadsThenWaitsThenFallsSilent) {
 
   // Less than a period waits for the rest of it; then all is played, odd bursts and all.
   const std::uint64_t begin = scripted_captured_total();
-  const auto samples = ramp(960 * 3 + 100);
+  const auto samples = ramp(std::size_t{960} * 3 + 100);
   ASSERT_TRUE(capturer_.addAudio({samples.data(), 48000, 2, 200}));
   logs.clear();
   ASSERT_TRUE(logs.waitFor("Begin write capture data..."));
@@ -188,7 +188,7 @@ TEST_F(AudioCapturer, PlaysWhatCameThenPadsThenWaitsThenFallsSilent) {
   const auto at_report = static_cast<std::size_t>(captured_when_drained.at(0));
   const std::vector<std::int16_t> all = captured();
   EXPECT_EQ(at_report % 960, 0U);
-  EXPECT_EQ(all.at(at_report - 960), samples.at(960 * 3));
+  EXPECT_EQ(all.at(at_report - 960), samples.at(std::size_t{960} * 3));
   EXPECT_EQ(all.at(at_report - 960 + 100), 0);
   std::vector<std::string> dry;
   for (const std::string& line : logs.lines("MRAudioCapturer")) {
@@ -209,7 +209,7 @@ TEST_F(AudioCapturer, PlaysWhatCameThenPadsThenWaitsThenFallsSilent) {
   ASSERT_TRUE(capturer_.addAudio({samples.data(), 48000, 2, 480}));
   ASSERT_TRUE(drained.waitFor(2));
   ASSERT_TRUE(waitForPeriods(3));
-  ASSERT_TRUE(capturer_.addAudio({samples.data(), 48000, 2, 480 * 3}));
+  ASSERT_TRUE(capturer_.addAudio({samples.data(), 48000, 2, std::size_t{480} * 3}));
   ASSERT_TRUE(capturer_.clearAudioBuffers());
   EXPECT_EQ(capturer_.getAudioBufferDuration(), milliseconds(0));
   ASSERT_TRUE(waitForPeriods(6));

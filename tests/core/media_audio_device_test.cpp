@@ -49,7 +49,7 @@ TEST_F(AudioDevice, TellsTheFormatsInForce) {
   EXPECT_THAT(formats(), ElementsAre(16000, 1, 8000, 1));
   // What runs keeps its format: a period is still one of 48 kHz stereo.
   ASSERT_EQ(scripted_device_slot("start_capturer"), 1);
-  const std::vector<std::int16_t> samples(960 * 100, 1);
+  const std::vector<std::int16_t> samples(std::size_t{960} * 100, 1);
   ASSERT_TRUE(device_.addAudio({samples.data(), 48000, 2, samples.size() / 2}));
   EXPECT_GT(device_.getAudioBufferDuration(), std::chrono::milliseconds(0));
   EXPECT_LE(device_.getAudioBufferDuration(), std::chrono::milliseconds(1000));

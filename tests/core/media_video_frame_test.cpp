@@ -269,13 +269,13 @@ TEST_F(VideoFrame, RefusesWhatItCannotPack) {
 
 TEST_F(VideoFrame, FormatsHaveNamesAndLibraryNumbers) {
   const struct {
-    MRVideoFrameFormat format;
     const char* name;
+    MRVideoFrameFormat format;
     srn_video_frame_format library;
-  } kRows[] = {{YUV420P, "YUV420P", SRN_VIDEO_FRAME_FORMAT_YUV420P},
-               {RGB24, "RGB24", SRN_VIDEO_FRAME_FORMAT_RGB24},
-               {ARGB32, "ARGB32", SRN_VIDEO_FRAME_FORMAT_ARGB32},
-               {UNKNOWN, "UNKNOWN", SRN_VIDEO_FRAME_FORMAT_UNKNOWN}};
+  } kRows[] = {{"YUV420P", YUV420P, SRN_VIDEO_FRAME_FORMAT_YUV420P},
+               {"RGB24", RGB24, SRN_VIDEO_FRAME_FORMAT_RGB24},
+               {"ARGB32", ARGB32, SRN_VIDEO_FRAME_FORMAT_ARGB32},
+               {"UNKNOWN", UNKNOWN, SRN_VIDEO_FRAME_FORMAT_UNKNOWN}};
   for (const auto& row : kRows) {
     std::ostringstream text;
     text << row.format;
@@ -316,6 +316,7 @@ TEST(MemoryPool, NeverGivesOneBufferToTwo) {
   auto& pool = MemoryPool<std::atomic<int>>::instance();
   std::atomic<int> collisions{0};
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
       for (int round = 0; round < 2000; ++round) {

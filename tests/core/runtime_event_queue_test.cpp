@@ -84,6 +84,7 @@ TEST(EventQueue, EveryAcceptedTaskRunsOnceWhileThreadsPostIntoAStop) {
     std::atomic<int> run{0};
     Counter posting;
     std::vector<std::thread> posters;
+    posters.reserve(3);
     for (int i = 0; i < 3; ++i) {
       posters.emplace_back([&, i] {
         posting.add();

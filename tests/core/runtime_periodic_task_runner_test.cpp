@@ -168,6 +168,7 @@ TEST(PeriodicTaskRunner, RunAndStopFromManyThreadsKeepOneLoop) {
     inside.fetch_sub(1);
   };
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&, i] {
       for (int round = 0; round < 100; ++round) {
