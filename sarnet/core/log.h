@@ -22,7 +22,7 @@ void write_log(LogLevel level, const std::string& text);
   do {                                                                       \
     if (::sarnet::log_enabled(::sarnet::LogLevel::level)) {                  \
       std::ostringstream sarnet_log_line;                                    \
-      sarnet_log_line << stream;                                             \
+      sarnet_log_line << stream; /* NOLINT(bugprone-macro-parentheses) */    \
       ::sarnet::write_log(::sarnet::LogLevel::level, sarnet_log_line.str()); \
     }                                                                        \
   } while (false)

@@ -54,7 +54,7 @@ class RenderPath {
 
  private:
   // 10 ms of the largest format: longer reads are mixed in pieces.
-  static constexpr std::size_t kMaxBlock = 2 * 480;
+  static constexpr std::size_t kMaxBlock = std::size_t{2} * 480;
 
   Counters& counters_;
   mutable std::mutex mutex_;

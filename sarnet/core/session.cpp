@@ -33,7 +33,7 @@ bool Session::in_state(State state) const {
   return state_ == state;
 }
 
-srn_status Session::connect(std::shared_ptr<Engine> engine, const JoinRequest& request) {
+srn_status Session::connect(const std::shared_ptr<Engine>& engine, const JoinRequest& request) {
   const Strand::Hold hold(*strand_);
   {
     const std::lock_guard lock(mutex_);

@@ -36,7 +36,7 @@ class Session : public SessionSink, public std::enable_shared_from_this<Session>
   const std::string& api_key() const { return api_key_; }
   const std::string& session_id() const { return session_id_; }
 
-  srn_status connect(std::shared_ptr<Engine> engine, const JoinRequest& request);
+  srn_status connect(const std::shared_ptr<Engine>& engine, const JoinRequest& request);
   srn_status disconnect();
   // srn_session_delete: leaves silently, waits for an event callback on another thread.
   void close();

@@ -34,7 +34,7 @@ class Player : public std::enable_shared_from_this<Player> {
   using Clock = std::chrono::steady_clock;
 
   static constexpr AudioFormat kFormat{48000, 2};
-  static constexpr std::size_t kBlock = 2 * 480;
+  static constexpr std::size_t kBlock = std::size_t{2} * 480;
 
   bool open(std::string& error);
   void run();
