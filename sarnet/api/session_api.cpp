@@ -53,12 +53,11 @@ srn_status srn_session_connect_to_host(srn_session* session, const char* host, c
   return guarded_status("srn_session_connect_to_host", [&]() -> srn_status {
     const auto object = Library::instance().sessions.find(session);
     if (!object || host == nullptr || token == nullptr) return kInvalid;
-    auto engine = sarnet::select_engine(host);
+    const auto engine = sarnet::select_engine(host);
     if (!engine) return kInvalid;
     sarnet::report_device_info();
-    return object->connect(std::move(engine),
-                           {object->api_key(), object->session_id(), host,
-                            path == nullptr ? "" : path, port, secure != SRN_FALSE, token});
+    return object->connect(engine, {object->api_key(), object->session_id(), host,
+                                    path == nullptr ? "" : path, port, secure != SRN_FALSE, token});
   });
 }
 

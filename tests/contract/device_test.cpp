@@ -155,7 +155,8 @@ class Audio : public testing::TestWithParam<Format> {};
 // The program hears the companion's tone in its own format, and publishes its own: what the other
 // side gets is that tone, and the recording holds each sample.
 TEST_P(Audio, IsMixedCarriedAndRecordedInTheDevicesFormat) {
-  const auto [rate, channels] = GetParam();
+  const int rate = GetParam().rate;
+  const int channels = GetParam().channels;
   const auto frames = static_cast<std::size_t>(rate / 100);
   Device device({rate, channels}, {rate, channels});
   LibraryUse library;
