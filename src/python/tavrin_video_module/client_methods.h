@@ -39,16 +39,17 @@ inline PyObject* python_bool(bool value) { return PyBool_FromLong(value ? 1 : 0)
 // arguments: other Python code runs meanwhile.
 template <class Result, class Call>
 Result call_unlocked(Result failed, Call&& call) {
+  // Begun before the lock goes and ended before it is asked for again: the controller cannot go
+  // meanwhile, and does not wait for a thread that never gets the lock back.
+  ExitGuard::Visit visit(g_exit_guard);
   PyThreadState* state = PyEval_SaveThread();
   Result result = std::move(failed);
-  {
-    const ExitGuard::Visit visit(g_exit_guard);
-    try {
-      result = call();
-    } catch (const std::exception& error) {
-      LOG4CXX_ERROR(logger, "Unexpected failure in the controller: " << error.what());
-    }
+  try {
+    result = call();
+  } catch (const std::exception& error) {
+    LOG4CXX_ERROR(logger, "Unexpected failure in the controller: " << error.what());
   }
+  visit.end();
   python_utils::enter_python([state] { PyEval_RestoreThread(state); });
   return result;
 }

@@ -1,5 +1,7 @@
 #include "tavrin_video_module/client_object.h"
 
+#include <unistd.h>
+
 #include "tavrin_video_module/callback_bridge.h"
 #include "tavrin_video_module/client_methods.h"
 
@@ -25,6 +27,7 @@ MRSessionCallbacks session_callbacks() {
 bool create_controller() {
   bool initialised = false;
   try {
+    g_controller_process = getpid();
     g_controller = std::make_unique<MRController>(session_callbacks());
     initialised = MRController::initSntLibrary();
   } catch (const std::exception& error) {

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <utility>
 
 // Keeps native threads and the end of the interpreter apart: counts who is on the way into Python
 // or inside the controller, and closes the way into Python before finalisation begins. One for the
@@ -16,19 +17,20 @@ class ExitGuard {
    public:
     // Into the controller: always let in.
     explicit Visit(ExitGuard& guard) : guard_(&guard) { guard.inside_.fetch_add(1); }
-    // Into Python: check `isOpen` before anything else.
+    // Into Python: only if `isOpen`.
     static Visit toPython(ExitGuard& guard) {
-      return guard.enterPython() ? Visit(&guard) : Visit(nullptr);
+      return Visit(guard.enterPython() ? &guard : nullptr);
     }
-    ~Visit() {
-      if (guard_ != nullptr) {
-        guard_->leave();
-      }
-    }
+    ~Visit() { end(); }
     Visit(const Visit&) = delete;
     Visit& operator=(const Visit&) = delete;
 
     bool isOpen() const { return guard_ != nullptr; }
+    void end() {
+      if (guard_ != nullptr) {
+        std::exchange(guard_, nullptr)->leave();
+      }
+    }
 
    private:
     explicit Visit(ExitGuard* guard) : guard_(guard) {}

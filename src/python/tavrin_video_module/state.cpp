@@ -1,5 +1,7 @@
 #include "tavrin_video_module/state.h"
 
+#include <unistd.h>
+
 #include <chrono>
 
 #include "support/logger.h"
@@ -32,7 +34,7 @@ bool bridge_is_stuck = false;
 // Destroys the controller, or leaves it standing for the rest of the process.
 void end_controller() {
   MRController* controller = g_controller.release();
-  if (controller == nullptr) {
+  if (controller == nullptr || getpid() != g_controller_process) {
     return;
   }
   g_exit_guard.close();
@@ -68,6 +70,7 @@ constinit PublisherCallbacks g_publisher_callbacks;
 constinit std::atomic<uint64_t> g_escaped_views{0};
 
 std::unique_ptr<MRController> g_controller;
+constinit pid_t g_controller_process = 0;
 
 static const LastResort last_resort;
 
@@ -81,6 +84,9 @@ void register_exit_hooks() {
 }
 
 void close_bridge() {
+  if (g_controller != nullptr && getpid() != g_controller_process) {
+    return;
+  }
   g_exit_guard.close();
   PyThreadState* state = PyEval_SaveThread();
   bridge_is_stuck = !g_exit_guard.waitUntilEmpty(kExitTimeout);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <log4cxx/logger.h>
+#include <sys/types.h>
 
 #include <array>
 #include <atomic>
@@ -22,6 +23,9 @@ extern ExitGuard& g_exit_guard;
 // The one controller: made with the first client object, ended by `tavrin_video_cleanup`, or at
 // process exit should that hook not have run.
 extern std::unique_ptr<MRController> g_controller;
+// The process that it was made in. A forked child has the object but none of its threads, and
+// leaves it alone at its end.
+extern pid_t g_controller_process;
 
 extern CallableSlot g_on_error_cb;
 extern CallableSlot g_on_connected_cb;
