@@ -45,7 +45,8 @@ def test_audio_view(world, channels):
         {"width": 64, "height": 48, "apart": 1},
         {"width": 7, "height": 5, "apart": 1, "stride": (16, 16, 16)},
         {"width": 64, "height": 48, "buffer_size": 99_999},  # more than there is: the planes tell
-        {"width": 64, "height": 48, "rows": (4800, 2400, 2400)},  # planes that claim more rows than the picture has
+        # Planes that claim more rows than the picture has.
+        {"width": 64, "height": 48, "buffer_size": 99_999, "rows": (4800, 2400, 2400)},
     ],
     ids=str,
 )
