@@ -216,6 +216,7 @@ TEST(Handles, AreRefusedOnceDeletedOrOfAnotherKind) {
   whole.receiver->remove();
   whole.sender.remove();
   whole.program.remove();
+  const Participant next;  // must not be taken for the one that is gone
   EXPECT_EQ(srn_session_delete(session), 1011);
   EXPECT_EQ(srn_session_disconnect(session), 1011);
   EXPECT_EQ(srn_subscriber_delete(subscriber), 1011);

@@ -87,13 +87,19 @@ TEST(Device, IsDrivenInOrderForEachSession) {
     // The second round is a program that stops both sides itself: the library's own orders fail.
     device.stop_answers = round == 0;
     const std::size_t before = device.log.all().size();
+    Latch returned;
     Participant program;
     program.on_connected = [&] {
       // Not before on_connected has returned.
       std::this_thread::sleep_for(150ms);
       EXPECT_EQ(device.log.all().size(), before);
+      returned.open();
     };
-    ASSERT_TRUE(program.join());
+    ASSERT_EQ(program.connect(), SRN_SUCCESS);
+    ASSERT_TRUE(returned.wait());
+    const auto since = std::chrono::steady_clock::now();
+    ASSERT_TRUE(device.log.wait_for("init", 1 + 3 * static_cast<std::size_t>(round)));
+    EXPECT_GE(std::chrono::steady_clock::now() - since, 50ms) << "the program may still set up";
     ASSERT_TRUE(device.log.wait_for("start_capturer", static_cast<std::size_t>(round) + 1));
     std::vector<std::int16_t> buffer(960);
     EXPECT_EQ(srn_audio_device_read_render_data(buffer.data(), 480), 480U);

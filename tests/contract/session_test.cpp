@@ -154,6 +154,23 @@ TEST(Session, DisconnectsWhileItIsStillConnecting) {
   EXPECT_THAT(program.log.all(), ElementsAre("disconnected"));
 }
 
+TEST(Session, RaisesNothingButTheAnswerOnceItLeaves) {
+  LibraryUse library;
+  ScenarioFile scenario(kQuietScenario);
+  Participant other;
+  ASSERT_TRUE(other.join(scenario.host()));
+  Participant program;
+  program.on_connected = [&] {
+    // By then the news of the other participant waits behind this callback.
+    EXPECT_TRUE(other.log.wait_for("connection+"));
+    EXPECT_EQ(srn_session_disconnect(program.handle), SRN_SUCCESS);
+  };
+  ASSERT_TRUE(program.join(scenario.host()));
+  ASSERT_TRUE(program.log.wait_for("disconnected"));
+  EXPECT_THAT(program.log.all(), ElementsAre("connected", "disconnected"));
+  EXPECT_TRUE(other.log.wait_for("connection-"));
+}
+
 TEST(Session, MeetsAnotherOfTheSameProcess) {
   LibraryUse library;
   ScenarioFile scenario(kQuietScenario);
@@ -189,6 +206,7 @@ TEST(Session, MeetsAnotherOfTheSameProcess) {
   first.remove();
   ASSERT_TRUE(second.log.wait_for("connection-"));
   // The own stream is not received back, and the other session heard of nothing.
+  EXPECT_EQ(first.log.count("stream+"), 0U);
   EXPECT_THAT(elsewhere.log.all(), ElementsAre("connected"));
   EXPECT_EQ(sender.log.count("destroyed"), 0U);  // the program's own wish
 }
