@@ -150,6 +150,22 @@ std::optional<long> get_member_value_as_long(PyObject* object, MemberName& name)
   return number;
 }
 
+PyObjectPtr get_member_value_as_function(PyObject* object, MemberName& name) {
+  PyObjectPtr value = get_member_value(object, name);
+  if (value == nullptr) {
+    LOG4CXX_WARN(logger, "get_member_value_as_function: Function not present. callback_name="
+                             << name.text());
+    return nullptr;
+  }
+  if (PyCallable_Check(value.get()) == 0) {
+    PyErr_SetString(PyExc_TypeError, "Callback is not a callable object.");
+    return nullptr;
+  }
+  LOG4CXX_DEBUG(logger,
+                "get_member_value_as_function: Function set. callback_name=" << name.text());
+  return value;
+}
+
 PyObjectPtr call_python_object_with_gil(PyObject* callable, PyObject* args, std::string_view name) {
   if (callable == nullptr) {
     LOG4CXX_WARN(logger, "call_python_object_with_gil: callable is null for " << name);

@@ -85,6 +85,9 @@ std::optional<std::string> get_member_value_as_string(PyObject* object, MemberNa
 // By truth value: the attribute need not be a bool.
 std::optional<bool> get_member_value_as_boolean(PyObject* object, MemberName& name);
 std::optional<long> get_member_value_as_long(PyObject* object, MemberName& name);
+// Of an attribute that holds a callable. What cannot be called, None too, is a TypeError, whatever
+// was pending before.
+PyObjectPtr get_member_value_as_function(PyObject* object, MemberName& name);
 
 // Calls a Python callable for a native event: the one door through which events enter Python. Takes
 // the lock itself, but the caller must hold it all the same. What the callable raises is printed
