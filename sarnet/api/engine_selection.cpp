@@ -5,10 +5,8 @@
 #include <utility>
 
 #include "core/host_address.h"
+#include "core/relay_plugin.h"
 #include "embedded/embedded_engine.h"
-#if SARNET_RELAY
-#include "relay/relay_engine.h"
-#endif
 
 namespace sarnet {
 namespace {
@@ -42,7 +40,9 @@ std::shared_ptr<Engine> relay_engine(const HostAddress& address) {
         "Connections in the clear are for this machine only, not for " + address.host);
   }
 #if SARNET_RELAY
-  return make_relay_engine(address);
+  std::string error;
+  if (auto engine = make_relay_engine(address, error)) return engine;
+  return std::make_shared<RefusingEngine>(SRN_SESSION_CONNECTION_FAILED, error);
 #else
   return std::make_shared<RefusingEngine>(
       SRN_SESSION_CONNECTION_FAILED,

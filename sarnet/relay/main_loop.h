@@ -1,0 +1,77 @@
+#pragma once
+
+#include <glib.h>
+
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace sarnet::relay {
+
+struct SourceDeleter {
+  void operator()(GSource* source) const {
+    g_source_destroy(source);
+    g_source_unref(source);
+  }
+};
+using SourceHandle = std::unique_ptr<GSource, SourceDeleter>;
+
+// The loop on which everything of one engine runs that is not media: signalling, negotiation, bus
+// messages. Its thread is whichever calls run(); the engine has it started and joined by the
+// library's thread keeper.
+class MainLoop {
+ public:
+  MainLoop();
+  ~MainLoop();
+  MainLoop(const MainLoop&) = delete;
+  MainLoop& operator=(const MainLoop&) = delete;
+
+  // Any thread. Runs `task` on the loop's thread, in the order of posting. Once the loop has ended,
+  // tasks are dropped unrun; a task that never ran is destroyed on the thread that drops it.
+  void post(std::function<void()> task);
+
+  // Makes this loop the thread's default context and runs until quit(). Once.
+  void run();
+  // Any thread. run() returns after the task that is under way.
+  void quit();
+
+  bool on_thread() const { return thread_ == std::this_thread::get_id(); }
+  // For sources that are not of this class; attach and remove them on the loop's thread.
+  GMainContext* context() const { return context_.get(); }
+
+  // Calls `action` once after `delay`, or again and again, until the handle goes. The loop's thread
+  // alone. The handle may go inside the action.
+  class Timer {
+   public:
+    Timer() = default;
+    Timer(const MainLoop& loop, std::chrono::milliseconds delay, std::function<void()> action,
+          bool repeat = false);
+    explicit operator bool() const { return source_ != nullptr; }
+    void stop() { source_.reset(); }
+
+   private:
+    SourceHandle source_;
+  };
+
+ private:
+  struct ContextDeleter {
+    void operator()(GMainContext* context) const { g_main_context_unref(context); }
+  };
+  struct WakeSource;
+  void run_posted();
+
+  std::unique_ptr<GMainContext, ContextDeleter> context_;
+  SourceHandle wake_;
+  std::atomic<std::thread::id> thread_;
+  std::atomic<bool> quitting_{false};
+
+  std::mutex mutex_;
+  std::deque<std::function<void()>> tasks_;
+  bool closed_ = false;
+};
+
+}  // namespace sarnet::relay

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <memory>
+
+#include "core/engine.h"
+#include "core/host_address.h"
+
+namespace sarnet::relay {
+
+// An engine that joins one session: a room of the server at that address. What else it needs comes
+// from the environment (see relay_settings.h).
+std::shared_ptr<Engine> make_engine(const HostAddress& address);
+
+}  // namespace sarnet::relay
