@@ -1,19 +1,18 @@
 #pragma once
 
-#include <glib.h>
-
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "relay/main_loop.h"
 
 namespace sarnet::relay {
 
 // What both kinds of peer connection need to know.
 struct PeerSettings {
-  // Where observers are told and the calls of a peer are made: the engine's main loop.
-  GMainContext* context = nullptr;
-  // Offers the addresses of 127.0.0.0/8 too, for a server on this machine.
+  // Where observers are told and the calls of a peer are made.
+  std::shared_ptr<MainLoop> loop;
+  // Talks over 127.0.0.1 alone, for a server on this machine.
   bool loopback = false;
   // How long received packets may wait for those that overtook them, in milliseconds.
   unsigned jitter_ms = 200;
