@@ -1,20 +1,24 @@
-"""`python3 -m tavrin_media_relay.relay serve | token ROOM | configure`"""
+"""`python3 -m tavrin_media_relay.relay serve | room | token ROOM | configure`"""
 
 from __future__ import annotations
 
 import argparse
 import os
 import signal
+import subprocess
 import sys
+import urllib.parse
 from pathlib import Path
 from types import FrameType
 
 from . import settings as _settings
+from .page_server import PageServer, find_page
 from .server import RelayServer, ServerError
 from .settings import Settings
 from .tokens import DAY, join_token
 
 SECRET_VARIABLE = "SARNET_RELAY_TOKEN_SECRET"
+AGENT_SECONDS = 5.0  # that a program has for leaving
 _UNITS = {"s": 1, "m": 60, "h": 3600, "d": DAY}
 
 
@@ -59,13 +63,18 @@ def settings_from(arguments: argparse.Namespace) -> Settings:
     )  # fmt: skip
 
 
+def variables_for(server: RelayServer) -> dict[str, str]:
+    variables = {"API_HOSTNAME": server.settings.host}
+    if not server.settings.loopback:
+        variables["SARNET_RELAY_CA_FILE"] = str(server.certificate)
+    return variables
+
+
 def how_to_join(server: RelayServer) -> str:
     settings = server.settings
     room = settings.rooms[0]
     token = join_token(room, settings.token_secret)
-    variables = {"API_HOSTNAME": settings.host}
-    if not settings.loopback:
-        variables["SARNET_RELAY_CA_FILE"] = str(server.certificate)
+    variables = variables_for(server)
     lines = [f"Relay server on {settings.address}, stopped with Ctrl-C. To join:", ""]
     lines += [f"  {name:<21} {value}" for name, value in variables.items()]
     lines += [f"  {'session id':<21} {room}", f"  {'token (one day)':<21} {token}", ""]
@@ -94,6 +103,41 @@ def serve(arguments: argparse.Namespace) -> int:
         print(how_to_join(server), flush=True)
         status = server.wait()
         print(f"The server ended by itself (status {status}):\n{server.log_tail()}", file=sys.stderr)
+    return 1
+
+
+def room(arguments: argparse.Namespace) -> int:
+    """The server, the page, and a program to talk to: all that there is to a first conversation."""
+    stop_on_signals()
+    settings = settings_from(arguments)
+    name = settings.rooms[0]
+    agent: subprocess.Popen[bytes] | None = None
+    with RelayServer(settings) as server:
+        pair = None if settings.loopback else (server.certificate, settings.key or server.folder / "key.pem")
+        with PageServer(settings.address, arguments.page_port, settings.port, find_page(), pair) as page:
+            fragment = urllib.parse.urlencode({"room": name, "token": join_token(name, settings.token_secret)})
+            print(how_to_join(server))
+            print(f"\nOr from a browser, with camera and microphone (Ctrl-C ends it all):\n\n  {page.url}#{fragment}\n")
+            sys.stdout.flush()
+            if arguments.agent is not None:
+                environment = os.environ | variables_for(server)
+                environment |= {"SESSION_ID": name, "TOKEN": join_token(name, settings.token_secret)}
+                command = ["setpriv", "--pdeathsig", "TERM", sys.executable, str(arguments.agent)]
+                agent = subprocess.Popen(command, env=environment, start_new_session=True)
+            try:
+                while server.wait(0.5) is None:
+                    if agent is not None and agent.poll() is not None:
+                        print(f"The program {arguments.agent} has ended (status {agent.returncode}).", file=sys.stderr)
+                        agent = None
+                print(f"The server ended by itself:\n{server.log_tail()}", file=sys.stderr)
+            finally:
+                if agent is not None:
+                    agent.terminate()
+                    try:
+                        agent.wait(AGENT_SECONDS)
+                    except subprocess.TimeoutExpired:
+                        agent.kill()
+                        agent.wait()
     return 1
 
 
@@ -128,6 +172,11 @@ def main() -> int:
     command = commands.add_parser("serve", help="start a server, tell how to join it, stop it with Ctrl-C")
     add_server_options(command)
     command.set_defaults(run=serve)
+    command = commands.add_parser("room", help="a server, the room page, and a program to talk to")
+    add_server_options(command)
+    command.add_argument("--page-port", type=int, default=8080, help="of the room page (default: 8080)")
+    command.add_argument("--agent", type=Path, help="a Python program that joins the room as well")
+    command.set_defaults(run=room)
     command = commands.add_parser("configure", help="only write the server's files")
     add_server_options(command)
     command.set_defaults(run=configure)

@@ -1,0 +1,465 @@
+// Speaks the server's protocol: one WebSocket, one peer connection for what we send, and one for each
+// participant that we see and hear. Knows nothing of the page; `RoomVisit` tells it by events.
+
+const KEEP_ALIVE_MS = 25_000; // the server forgets a session after 60 s of silence
+const REPLY_MS = 10_000;
+const RETURN_MS = 4_500; // the server keeps a broken session for 5 s
+const PLUGIN = 'janus.plugin.videoroom';
+
+const NO_SUCH_ROOM = 426;
+const ROOM_EXISTS = 427;
+
+/** A failure in words for a person; `code` is the server's number, or 0. */
+export class RelayError extends Error {
+  constructor(text, code = 0) {
+    super(text);
+    this.code = code;
+  }
+}
+
+const wait = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
+
+function inWords(code, reason) {
+  switch (code) {
+    case 403: return 'The server does not accept this token. It may have expired: ask for a new link.';
+    case 405: return 'This token does not allow rooms on this server.';
+    case NO_SUCH_ROOM: return 'There is no such room on this server.';
+    case 429: return 'This room, or making a new one, needs a pin or a key that the token does not have.';
+    case 432: return 'The room is full.';
+    case 433: return 'This token is not for this room, or it has expired. Ask for a new link.';
+    case 458: return 'The server has closed our session. Please join again.';
+    default: return `The server refused: ${reason} (${code}).`;
+  }
+}
+
+/** The two tokens and the pin that one string holds, separated by spaces. */
+export function splitToken(text) {
+  const parts = text.trim().split(/\s+/).filter(Boolean);
+  const pin = parts.find((part) => part.startsWith('pin='))?.slice(4);
+  const [realm = '', room = realm] = parts.filter((part) => !part.startsWith('pin='));
+  return {realm, room, pin};
+}
+
+/** The name in what a participant shows to others: a plain text, or JSON with the program's data. */
+export function nameOf(display, id) {
+  try {
+    const value = JSON.parse(display);
+    if (value && typeof value === 'object') display = value.name || value.data || '';
+  } catch { /* a plain name */ }
+  return (typeof display === 'string' && display.trim()) || `Guest ${String(id).slice(0, 4)}`;
+}
+
+/** A text from a data channel as a caption: {text, final}. Plain text counts as final. */
+export function parseCaption(data) {
+  try {
+    const value = JSON.parse(data);
+    if (value && typeof value === 'object') {
+      if (value.type !== 'caption' || typeof value.text !== 'string') return null;
+      return {text: value.text, final: value.final !== false};
+    }
+  } catch { /* plain text */ }
+  return {text: data, final: true};
+}
+
+/** Requests and their replies over one WebSocket, which may break and be made anew. */
+class Signalling {
+  #socket = null;
+  #session = 0;
+  #count = 0;
+  #waiting = new Map();
+  #timer = 0;
+  #closed = false;
+
+  constructor(url, token) {
+    this.url = url;
+    this.token = token;
+    this.onmessage = () => {}; // what the server says unasked
+    this.onreturn = () => {}; // true: the socket broke and we try to come back; false: we are back
+    this.onlost = () => {}; // it is over
+  }
+
+  async open() {
+    await this.#connect();
+    const reply = await this.request({janus: 'create'});
+    this.#session = reply.data.id;
+    this.#timer = setInterval(() => this.request({janus: 'keepalive'}).catch(() => {}), KEEP_ALIVE_MS);
+  }
+
+  #connect() {
+    return new Promise((resolve, reject) => {
+      const failed = () => reject(new RelayError(`Cannot reach the server at ${this.url}. Is it running?`));
+      let socket;
+      try {
+        socket = new WebSocket(this.url, 'janus-protocol');
+      } catch {
+        reject(new RelayError(`"${this.url}" is not a server's address: it looks like wss://host:port.`));
+        return;
+      }
+      const late = setTimeout(() => socket.close(), REPLY_MS);
+      socket.onopen = () => {
+        clearTimeout(late);
+        this.#socket = socket;
+        socket.onclose = () => this.#broken();
+        resolve();
+      };
+      socket.onclose = () => { clearTimeout(late); failed(); };
+      socket.onmessage = (event) => this.#read(JSON.parse(event.data));
+    });
+  }
+
+  #read(message) {
+    if (message.janus === 'ack') return; // the answer proper follows
+    const waiting = this.#waiting.get(message.transaction);
+    if (!waiting) {
+      this.onmessage(message);
+      return;
+    }
+    this.#waiting.delete(message.transaction);
+    clearTimeout(waiting.late);
+    const data = message.plugindata?.data;
+    const error = message.error ?? (data?.error_code && {code: data.error_code, reason: data.error});
+    if (error) waiting.reject(new RelayError(inWords(error.code, error.reason), error.code));
+    else waiting.resolve(message);
+  }
+
+  request(message) {
+    const transaction = `t${++this.#count}`;
+    const whole = {...message, transaction, token: this.token};
+    if (this.#session) whole.session_id = this.#session;
+    return new Promise((resolve, reject) => {
+      if (this.#socket?.readyState !== WebSocket.OPEN) {
+        reject(new RelayError('There is no connection to the server at the moment.'));
+        return;
+      }
+      const late = setTimeout(() => {
+        this.#waiting.delete(transaction);
+        reject(new RelayError('The server does not answer.'));
+      }, REPLY_MS);
+      this.#waiting.set(transaction, {resolve, reject, late});
+      this.#socket.send(JSON.stringify(whole));
+    });
+  }
+
+  /** One request to the plug-in; gives its data and the description that came with it. */
+  async ask(handle, body, jsep) {
+    const reply = await this.request({janus: 'message', handle_id: handle, body, ...(jsep && {jsep})});
+    return {data: reply.plugindata?.data ?? {}, jsep: reply.jsep};
+  }
+
+  async attach() {
+    return (await this.request({janus: 'attach', plugin: PLUGIN})).data.id;
+  }
+
+  async #broken() {
+    this.#fail(new RelayError('The connection to the server broke.'));
+    if (this.#closed) return;
+    this.onreturn(true);
+    for (const end = Date.now() + RETURN_MS; Date.now() < end && !this.#closed; await wait(400)) {
+      try {
+        await this.#connect();
+        await this.request({janus: 'claim'});
+        this.onreturn(false);
+        return;
+      } catch (error) {
+        if (error.code) break; // the server is there, but has forgotten us
+      }
+    }
+    if (!this.#closed) this.onlost();
+  }
+
+  #fail(error) {
+    for (const {reject, late} of this.#waiting.values()) {
+      clearTimeout(late);
+      reject(error);
+    }
+    this.#waiting.clear();
+  }
+
+  close() {
+    this.#closed = true;
+    clearInterval(this.#timer);
+    if (this.#socket?.readyState === WebSocket.OPEN) {
+      this.request({janus: 'destroy'}).catch(() => {});
+      this.#socket.close();
+    }
+    this.#fail(new RelayError('We have left.'));
+  }
+}
+
+/** One peer connection and its handle at the server. Candidates that come early wait. */
+class Peer {
+  #early = [];
+
+  constructor(signalling, handle, iceServers) {
+    this.signalling = signalling;
+    this.handle = handle;
+    this.connection = new RTCPeerConnection({iceServers, bundlePolicy: 'max-bundle'});
+    this.connection.onicecandidate = ({candidate}) => {
+      const {candidate: text, sdpMid, sdpMLineIndex} = candidate ?? {};
+      const wire = text ? {candidate: text, sdpMid, sdpMLineIndex} : {completed: true};
+      this.signalling.request({janus: 'trickle', handle_id: handle, candidate: wire}).catch(() => {});
+    };
+  }
+
+  async setRemote(jsep) {
+    await this.connection.setRemoteDescription(jsep);
+    for (const candidate of this.#early.splice(0)) await this.#add(candidate);
+  }
+
+  async addCandidate(candidate) {
+    if (this.connection.remoteDescription) await this.#add(candidate);
+    else this.#early.push(candidate);
+  }
+
+  async #add(candidate) {
+    if (!candidate.candidate) return;
+    await this.connection.addIceCandidate(candidate).catch(() => {}); // of a kind that we cannot use
+  }
+
+  close() {
+    this.connection.close();
+    this.signalling.request({janus: 'detach', handle_id: this.handle}).catch(() => {});
+  }
+}
+
+/** Browsers play one channel of a stereo stream unless the answer asks for both. */
+function wantStereo(answer, offer) {
+  if (!/^a=fmtp:.*\bstereo=1/m.test(offer)) return answer;
+  const opus = /^a=rtpmap:(\d+) opus\//im.exec(answer)?.[1];
+  return opus ? answer.replace(new RegExp(`^(a=fmtp:${opus} .*)$`, 'm'), '$1;stereo=1') : answer;
+}
+
+/**
+ * A visit to a room. Events (CustomEvent, `detail` in brackets): participant {id, name}, gone {id},
+ * media {id, stream}, unpublished {id}, caption {id, text, final}, returning {broken}, trouble {text},
+ * ended {text}.
+ */
+export class RoomVisit extends EventTarget {
+  #signalling;
+  #handle = 0;
+  #privateId = 0;
+  #token;
+  #channel = null;
+  #peers = new Map(); // handle -> Peer
+  #feeds = new Map(); // participant -> {peer, streams}
+  #known = new Map(); // participant -> name
+  #over = false;
+
+  constructor({url, room, token, name, iceServers = []}) {
+    super();
+    this.room = room;
+    this.name = name;
+    this.id = '';
+    this.iceServers = iceServers;
+    this.publishing = null; // RTCPeerConnection of what we send
+    this.#token = splitToken(token);
+    this.#signalling = new Signalling(url, this.#token.realm);
+    this.#signalling.onmessage = (message) => this.#hear(message);
+    this.#signalling.onreturn = (broken) => this.#tell('returning', {broken});
+    this.#signalling.onlost = () => this.#end('The connection to the server was lost.');
+  }
+
+  #tell(type, detail) {
+    if (!this.#over) this.dispatchEvent(new CustomEvent(type, {detail}));
+  }
+
+  /** Enters the room, shows `stream` (or nothing but captions) to it, and starts to see the others. */
+  async join(stream) {
+    try {
+      await this.#signalling.open();
+      this.#handle = await this.#signalling.attach();
+      const joined = await this.#enter();
+      this.id = joined.id;
+      this.#privateId = joined.private_id;
+      await this.#publish(stream);
+      for (const {id, display} of joined.attendees ?? []) this.#meet(id, display);
+      this.#see(joined.publishers);
+    } catch (error) {
+      this.leave();
+      throw error;
+    }
+  }
+
+  async #enter() {
+    const {room: token, pin} = this.#token;
+    const request = {
+      request: 'join', ptype: 'publisher', room: this.room, display: this.name, token, ...(pin && {pin}),
+    };
+    try {
+      return (await this.#signalling.ask(this.#handle, request)).data;
+    } catch (error) {
+      if (error.code !== NO_SUCH_ROOM) throw error;
+    }
+    const create = {
+      request: 'create', room: this.room, notify_joining: true, publishers: 50, videocodec: 'vp8,h264',
+      bitrate: 3_000_000, fir_freq: 10, signed_tokens: token.includes(`room=${this.room}:`),
+      ...(pin && {pin}),
+    };
+    await this.#signalling.ask(this.#handle, create).catch((error) => {
+      if (error.code !== ROOM_EXISTS) throw error; // somebody else was faster
+    });
+    return (await this.#signalling.ask(this.#handle, request)).data;
+  }
+
+  async #publish(stream) {
+    const peer = this.#peer(this.#handle);
+    this.publishing = peer.connection;
+    for (const track of stream?.getTracks() ?? []) {
+      peer.connection.addTransceiver(track, {direction: 'sendonly', streams: [stream]});
+    }
+    this.#channel = peer.connection.createDataChannel('captions');
+    this.#watch(peer, () => this.#tell('trouble', {text: 'Others can no longer see and hear you: the media connection failed.'}));
+    await peer.connection.setLocalDescription();
+    const {jsep} = await this.#signalling.ask(this.#handle, {request: 'configure'}, peer.connection.localDescription);
+    if (!jsep) throw new RelayError('The server did not take what we wanted to send.');
+    await peer.setRemote(jsep);
+  }
+
+  #peer(handle) {
+    const peer = new Peer(this.#signalling, handle, this.iceServers);
+    this.#peers.set(handle, peer);
+    return peer;
+  }
+
+  #watch(peer, failed) {
+    peer.connection.onconnectionstatechange = () => {
+      if (peer.connection.connectionState === 'failed') failed();
+    };
+  }
+
+  #hear(message) {
+    const peer = this.#peers.get(message.sender);
+    if (message.janus === 'trickle') peer?.addCandidate(message.candidate);
+    else if (message.janus === 'timeout') this.#end('The server has ended our session.');
+    else if (message.janus === 'event') this.#event(message, peer);
+  }
+
+  #event({plugindata, jsep}, peer) {
+    const data = plugindata?.data ?? {};
+    if (jsep?.type === 'offer' && peer) {
+      this.#answer(peer, jsep).catch((error) => this.#tell('trouble', {text: error.message}));
+    }
+    if (data.joining) this.#meet(data.joining.id, data.joining.display);
+    if (data.publishers) this.#see(data.publishers);
+    // The server may say it more than once, and of somebody who has left already.
+    if (data.unpublished && data.unpublished !== 'ok') this.#forget(data.unpublished);
+    if (data.leaving === 'ok' || data.kicked === this.id) this.#end('You were removed from the room.');
+    else if (data.leaving || data.kicked) this.#gone(data.leaving ?? data.kicked);
+    if (data.videoroom === 'destroyed') this.#end('The room was closed.');
+  }
+
+  #meet(id, display) {
+    if (this.#known.has(id) || id === this.id) return;
+    this.#known.set(id, nameOf(display, id));
+    this.#tell('participant', {id, name: this.#known.get(id)});
+  }
+
+  #see(publishers = []) {
+    for (const {id, display, streams = []} of publishers) {
+      if (id === this.id) continue;
+      this.#meet(id, display);
+      const shape = streams.map(({mid, type}) => `${mid} ${type}`).join();
+      if (this.#feeds.get(id)?.shape === shape) continue;
+      this.#forget(id, true);
+      this.#subscribe(id, shape).catch((error) => {
+        if (this.#feeds.get(id)?.shape !== shape) return; // it went away meanwhile
+        this.#forget(id);
+        this.#tell('trouble', {text: `Cannot show ${this.#known.get(id)}: ${error.message}`});
+      });
+    }
+  }
+
+  async #subscribe(id, shape, again = true) {
+    const feed = {shape, peer: null};
+    this.#feeds.set(id, feed);
+    const handle = await this.#signalling.attach();
+    const peer = feed.peer = this.#peer(handle);
+    const {connection} = peer;
+    const stream = new MediaStream();
+    connection.ontrack = ({track}) => {
+      stream.addTrack(track);
+      this.#tell('media', {id, stream});
+    };
+    const listen = (channel) => {
+      channel.binaryType = 'arraybuffer';
+      channel.onmessage = ({data}) => {
+        const caption = parseCaption(typeof data === 'string' ? data : new TextDecoder().decode(data));
+        if (caption) this.#tell('caption', {id, ...caption});
+      };
+    };
+    connection.ondatachannel = ({channel}) => listen(channel);
+    this.#watch(peer, () => {
+      if (this.#feeds.get(id) !== feed) return;
+      this.#forget(id);
+      if (again) this.#subscribe(id, shape, false).catch(() => {});
+      else this.#tell('trouble', {text: `The connection to ${this.#known.get(id)}'s media failed.`});
+    });
+    const {room: token, pin} = this.#token;
+    const {jsep} = await this.#signalling.ask(handle, {
+      request: 'join', ptype: 'subscriber', room: this.room, private_id: this.#privateId, token,
+      streams: [{feed: id}], ...(pin && {pin}),
+    });
+    if (this.#feeds.get(id) !== feed) { // it went away while we asked
+      this.#drop(peer);
+      return;
+    }
+    // The server sends nothing on data channels unless we open this one.
+    if (/^m=application/m.test(jsep.sdp)) peer.opener = () => listen(connection.createDataChannel('JanusDataChannel'));
+    await this.#answer(peer, jsep);
+  }
+
+  async #answer(peer, jsep) {
+    const {connection} = peer;
+    await peer.setRemote(jsep);
+    peer.opener?.();
+    peer.opener = null;
+    const answer = await connection.createAnswer();
+    answer.sdp = wantStereo(answer.sdp, jsep.sdp);
+    await connection.setLocalDescription(answer);
+    await this.#signalling.ask(peer.handle, {request: 'start'}, connection.localDescription);
+  }
+
+  #drop(peer) {
+    this.#peers.delete(peer.handle);
+    peer.close();
+  }
+
+  #forget(id, quietly = false) {
+    const feed = this.#feeds.get(id);
+    if (!feed) return;
+    this.#feeds.delete(id);
+    if (feed.peer) this.#drop(feed.peer);
+    if (!quietly) this.#tell('unpublished', {id});
+  }
+
+  #gone(id) {
+    this.#forget(id);
+    if (this.#known.delete(id)) this.#tell('gone', {id});
+  }
+
+  /** Sends a caption to everyone; false if the way is not open (yet). */
+  caption(text, final) {
+    if (this.#channel?.readyState !== 'open') return false;
+    this.#channel.send(JSON.stringify({type: 'caption', text, final}));
+    return true;
+  }
+
+  /** The peer connection for each participant that we see or hear: [[id, name, RTCPeerConnection]]. */
+  connections() {
+    return [...this.#feeds].filter(([, feed]) => feed.peer)
+      .map(([id, feed]) => [id, this.#known.get(id), feed.peer.connection]);
+  }
+
+  #end(text) {
+    this.#tell('ended', {text});
+    this.leave();
+  }
+
+  leave() {
+    if (this.#over) return;
+    this.#over = true;
+    if (this.id) this.#signalling.ask(this.#handle, {request: 'leave'}).catch(() => {});
+    for (const peer of this.#peers.values()) peer.connection.close();
+    this.#signalling.close();
+  }
+}
