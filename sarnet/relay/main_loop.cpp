@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "relay/guarded.h"
+
 namespace sarnet::relay {
 namespace {
 
@@ -19,7 +21,7 @@ struct TimerAction {
 gboolean run_timer(gpointer data) {
   // A copy: the action may destroy the timer that owns it.
   const TimerAction timer = *static_cast<TimerAction*>(data);
-  timer.action();
+  guarded("A timer", timer.action);
   return timer.repeat ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
 }
 
@@ -61,7 +63,7 @@ void MainLoop::run_posted() {
   while (!tasks.empty()) {
     const Action task = std::move(tasks.front());
     tasks.pop_front();
-    task();
+    guarded("A task", task);
   }
 }
 

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <libsoup/soup.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace sarnet::relay {
+
+struct GObjectDeleter {
+  void operator()(void* object) const { g_object_unref(object); }
+};
+template <class Object>
+using GObjectHandle = std::unique_ptr<Object, GObjectDeleter>;
+
+// One WebSocket to the server, opened once. The main loop's thread alone; the callbacks come from
+// the loop, never from inside a call, and none after close().
+class JanusSocket : public std::enable_shared_from_this<JanusSocket> {
+ public:
+  struct Callbacks {
+    std::function<void()> opened;
+    std::function<void(std::string_view)> received;
+    // Could not be opened, or was closed by the other side. Once, and the last.
+    std::function<void(const std::string& reason)> failed;
+  };
+
+  explicit JanusSocket(Callbacks callbacks);
+  ~JanusSocket();
+  JanusSocket(const JanusSocket&) = delete;
+  JanusSocket& operator=(const JanusSocket&) = delete;
+
+  // `ca_file` (PEM) replaces the system's certificate authorities unless it is empty. False, and
+  // `error` set, when it cannot be read.
+  bool open(const std::string& url, const std::string& ca_file, std::string& error);
+  // Dropped unless the socket is open.
+  void send(const std::string& text);
+  // At once, without the other side's farewell. May be repeated.
+  void close();
+
+ private:
+  static void on_connected(GObject* session, GAsyncResult* result, gpointer data);
+  static void on_message(SoupWebsocketConnection*, int type, GBytes* bytes, gpointer self);
+  static void on_closed(SoupWebsocketConnection*, gpointer self);
+  void connected(GAsyncResult* result);
+  void fail(const std::string& reason);
+
+  Callbacks callbacks_;
+  GObjectHandle<SoupSession> session_;
+  GObjectHandle<GCancellable> cancellable_;
+  GObjectHandle<SoupWebsocketConnection> connection_;
+  bool closed_ = false;
+};
+
+}  // namespace sarnet::relay
