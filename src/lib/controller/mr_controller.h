@@ -141,6 +141,7 @@ class MRController final : public MRSessionObserver {
 
   EventQueue event_queue_;
   const MRSessionCallbacks session_callbacks_;
+  MRSessionSettings session_settings_;
 
   /// What the renderer's thread reads. It may still be reading when the next session is being
   /// connected, so the ids that were ever shown to it stay.

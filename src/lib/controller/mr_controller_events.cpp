@@ -19,12 +19,14 @@ void raise(const Callback& callback, const Arguments&... arguments) {
 
 void MRController::onSessionConnected(const std::string& session_id) {
   LOG4CXX_DEBUG(logger_, "MRController::onSessionConnected: session_id:" << session_id);
-  // At once, not on the worker: the library starts the capturer soon after this has returned, and a
-  // worker that is kept busy meanwhile would lose the news for good.
-  audio_device_wrapper_->setOnCapturerStartedCallback(
-      [this, session_id = session_id] { onSessionReadyToPublish(session_id); });
-  event_queue_.post(
-      [this, session_id = session_id] { raise(session_callbacks_.on_connected, session_id); });
+  event_queue_.post([this, generation = session_generation_.load(), session_id = session_id] {
+    if (generation == session_generation_) {
+      audio_device_wrapper_->updateSettings(session_settings_.audio);
+      audio_device_wrapper_->setOnCapturerStartedCallback(
+          [this, session_id] { onSessionReadyToPublish(session_id); });
+    }
+    raise(session_callbacks_.on_connected, session_id);
+  });
 }
 
 void MRController::onSessionDisconnected(const std::string& session_id) {

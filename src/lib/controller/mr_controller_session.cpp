@@ -53,7 +53,7 @@ bool MRController::connectInternal(MRSessionInfo& session_info,
   }
   LOG4CXX_DEBUG(logger_, "MRController::connect: with session_info: "
                              << session_info << ", session_settings: " << session_settings);
-  audio_device_wrapper_->updateSettings(session_settings.audio);
+  session_settings_ = session_settings;
   // From here on what is still queued of an earlier session is stale, and so are streams that it
   // left.
   ++session_generation_;
