@@ -44,6 +44,20 @@ struct PublishRequest {
   bool has_audio = false;
   bool has_video = false;
   int video_fps = 30;
+  bool stereo = false;
+  bool opus_dtx = false;
+  bool captions = false;
+};
+
+// What a subscriber can do without; a size or rate of 0: any.
+struct MediaWishes {
+  bool audio = true;
+  bool video = true;
+  int max_width = 0;
+  int max_height = 0;
+  float max_framerate = 0;
+
+  bool operator==(const MediaWishes&) const = default;
 };
 
 // Takes media. Called on threads of the engine, or of the core for what the program publishes.
@@ -117,6 +131,10 @@ class Engine {
 
   // Answered by subscribed() or subscription_failed().
   virtual void subscribe(const std::string& stream_id, std::shared_ptr<SubscriptionSink> sink) = 0;
+  // Not answered. Spares the other side what is not wished for, as far as the engine can; the core
+  // leaves it out in any case.
+  virtual void prefer(const std::shared_ptr<SubscriptionSink>& /*sink*/,
+                      const MediaWishes& /*wishes*/) {}
   // Not answered.
   virtual void unsubscribe(const std::shared_ptr<SubscriptionSink>& sink) = 0;
 };

@@ -48,6 +48,16 @@ bool Publisher::unbind(const void* session) {
   return true;
 }
 
+bool Publisher::send_caption(std::string_view text, bool is_final) {
+  if (!captions_) return false;
+  std::shared_ptr<Publication> publication;
+  {
+    const std::lock_guard lock(mutex_);
+    publication = publication_;
+  }
+  return publication && publication->send_caption(text, is_final);
+}
+
 void Publisher::close() {
   std::shared_ptr<Publication> publication;
   {
@@ -136,9 +146,10 @@ void Publication::begin() {
 void Publication::begin_on_strand() {
   const EventGate::Pass pass(publisher_->gate_);
   if (!pass || !publisher_->is_current(this)) return;
-  PublishRequest request{publisher_->id(), publisher_->settings().name,
-                         publisher_->settings().audio_track, publisher_->settings().video_track,
-                         kDefaultFps};
+  const PublisherSettings& settings = publisher_->settings();
+  PublishRequest request{publisher_->id(),     settings.name,        settings.audio_track,
+                         settings.video_track, kDefaultFps,          settings.stereo,
+                         settings.opus_dtx,    publisher_->captions_};
   if (!publisher_->init_capturer(request.video_fps)) {
     failed(SRN_PUBLISHER_UNABLE_TO_PUBLISH, "The video capturer could not be initialised");
     return;
@@ -156,7 +167,7 @@ void Publication::begin_on_strand() {
       stream_ = stream;
       // Under the lock, so that end() finds either nothing or all of it.
       if (request.has_audio) {
-        Library::instance().audio_device.capture().add(stream, publisher_->settings().stereo);
+        Library::instance().audio_device.capture().add(stream, settings.stereo);
       }
       if (request.has_video) publisher_->video_->connect(stream, request.video_fps);
     }
@@ -191,6 +202,14 @@ void Publication::end() {
     // Bound again in the meantime: the capturer is the new binding's.
     if (pass && self->publisher_->is_current(nullptr)) self->publisher_->stop_capturer();
   });
+}
+
+bool Publication::send_caption(std::string_view text, bool is_final) {
+  // Under the lock, so that captions of several threads go out one at a time; sinks only post.
+  const std::lock_guard lock(mutex_);
+  if (!stream_) return false;
+  stream_->on_caption(text, is_final);
+  return true;
 }
 
 void Publication::session_over() {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "core/engine.h"
 #include "core/event_gate.h"
@@ -41,6 +42,8 @@ class Publisher : public std::enable_shared_from_this<Publisher> {
   const std::string& id() const { return id_; }
   const PublisherSettings& settings() const { return settings_; }
   void set_captions(bool enabled) { captions_ = enabled; }
+  // False when nothing is published, or not with captions. Any thread; does not wait.
+  bool send_caption(std::string_view text, bool is_final);
 
   // Makes the binding to a session and starts it on the session's strand. Null when the publisher
   // is bound already or closed.
@@ -92,6 +95,7 @@ class Publication : public PublicationSink, public std::enable_shared_from_this<
   // Stops the media and leaves the engine; the capturer's end is posted. Any thread, any number of
   // times, no event.
   void end();
+  bool send_caption(std::string_view text, bool is_final);
   // On the strand: ends it because the session is over, and tells the program.
   void session_over();
 

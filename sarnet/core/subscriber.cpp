@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <utility>
 
 #include "core/library.h"
@@ -42,11 +43,29 @@ std::shared_ptr<Subscription> Subscriber::bind(const void* session, std::shared_
   }
   try {
     subscription->begin();
+    if (wishes() != MediaWishes{}) subscription->prefer(wishes());
   } catch (...) {
     subscription->end();
     throw;
   }
   return subscription;
+}
+
+MediaWishes Subscriber::wishes() const {
+  const std::uint64_t size = max_resolution;
+  const auto clamped = [](std::uint64_t side) {
+    return static_cast<int>(std::min<std::uint64_t>(side, std::numeric_limits<int>::max()));
+  };
+  return {wants_audio, wants_video, clamped(size >> 32), clamped(size & 0xffffffff), max_framerate};
+}
+
+void Subscriber::wishes_changed() {
+  std::shared_ptr<Subscription> subscription;
+  {
+    const std::lock_guard lock(mutex_);
+    subscription = subscription_;
+  }
+  if (subscription) subscription->prefer(wishes());
 }
 
 bool Subscriber::unbind(const void* session) {
@@ -122,6 +141,10 @@ void Subscription::start_threads() {
   if (captions_) {
     keeper.start("srn-caption", [self = shared_from_this()] { self->deliver_captions(); });
   }
+}
+
+void Subscription::prefer(const MediaWishes& wishes) {
+  if (!ended_) engine_->prefer(shared_from_this(), wishes);
 }
 
 void Subscription::end() {

@@ -48,6 +48,9 @@ class Subscriber : public std::enable_shared_from_this<Subscriber> {
   std::atomic<float> max_framerate{0};           // frames per second, 0: any
   std::atomic<std::uint64_t> max_resolution{0};  // width << 32 | height, 0: any
 
+  // After a change of the above: tells the engine.
+  void wishes_changed();
+
   // As with Publisher.
   std::shared_ptr<Subscription> bind(const void* session, std::shared_ptr<Strand> strand,
                                      std::shared_ptr<Engine> engine);
@@ -59,6 +62,8 @@ class Subscriber : public std::enable_shared_from_this<Subscriber> {
   void forget(const Subscription* subscription);
 
  private:
+  MediaWishes wishes() const;
+
   const StreamInfo stream_;
   const srn_subscriber_callbacks slots_;
   const std::string id_;
@@ -81,6 +86,7 @@ class Subscription : public SubscriptionSink, public std::enable_shared_from_thi
   const void* session() const { return session_; }
   // Throws std::system_error when a delivery thread cannot be made.
   void begin();
+  void prefer(const MediaWishes& wishes);
   // Stops all delivery. Any thread, any number of times, waits for no callback, raises no event.
   void end();
   // On the strand: ends it because the session is over, and tells the program.
