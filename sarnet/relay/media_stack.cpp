@@ -1,0 +1,65 @@
+#include <array>
+#include <mutex>
+#include <string>
+
+#include "relay/peer_connection.h"
+
+namespace sarnet::relay {
+
+namespace {
+
+// What the pipelines name, and the Debian package that has it.
+struct Part {
+  const char* element;
+  const char* package;
+};
+constexpr const char* kBase = "gstreamer1.0-plugins-base";
+constexpr const char* kGood = "gstreamer1.0-plugins-good";
+constexpr const char* kBad = "gstreamer1.0-plugins-bad";
+constexpr std::array<Part, 18> kParts{{{"appsrc", kBase},
+                                       {"appsink", kBase},
+                                       {"opusenc", kBase},
+                                       {"opusdec", kBase},
+                                       {"rtpbin", kGood},
+                                       {"rtpopuspay", kGood},
+                                       {"rtpopusdepay", kGood},
+                                       {"rtpvp8pay", kGood},
+                                       {"rtpvp8depay", kGood},
+                                       {"vp8enc", kGood},
+                                       {"vp8dec", kGood},
+                                       {"rtph264pay", kGood},
+                                       {"rtph264depay", kGood},
+                                       {"openh264enc", kBad},
+                                       {"openh264dec", kBad},
+                                       {"webrtcbin", kBad},
+                                       {"dtlssrtpenc", kBad},
+                                       {"nicesrc", "gstreamer1.0-nice"}}};
+
+std::string prepare() {
+  GError* error = nullptr;
+  if (gst_init_check(nullptr, nullptr, &error) == FALSE) {
+    const ErrorPtr owned(error);
+    return std::string("the media stack does not start: ") + (owned ? owned->message : "unknown");
+  }
+  for (const Part& part : kParts) {
+    GstElementFactory* factory = gst_element_factory_find(part.element);
+    if (factory == nullptr) {
+      return std::string("the media stack has no ") + part.element + " (package " + part.package +
+             ")";
+    }
+    gst_object_unref(factory);
+  }
+  return {};
+}
+
+}  // namespace
+
+bool media_stack_ready(std::string& error) {
+  static std::once_flag once;
+  static std::string failure;
+  std::call_once(once, [] { failure = prepare(); });
+  error = failure;
+  return failure.empty();
+}
+
+}  // namespace sarnet::relay
