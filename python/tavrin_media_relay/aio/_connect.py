@@ -1,0 +1,41 @@
+"""How a session is joined."""
+
+from __future__ import annotations
+
+from typing import Optional
+
+from ..models import SessionSettings
+from ._checks import number, of_type
+from ._opening import Opening
+from .session import Session
+
+
+def connect(
+    application_id: str,
+    session_id: str,
+    token: str,
+    *,
+    settings: Optional[SessionSettings] = None,
+    timeout: float = 30.0,
+) -> Opening[Session]:
+    """Joins a session: `async with connect(...) as session:`, or `session = await connect(...)` and, in the end,
+    `await session.close()`.
+
+    settings: forms of the media, log level. timeout: seconds until the attempt is given up.
+
+    Raises SessionError if the session refuses, fails or doesn't answer, TypeError or ValueError for bad arguments.
+    A process is in one session at a time. When joining is cancelled, it is taken back before the cancellation goes
+    on, so that the next `connect` starts clean.
+    """
+    for name, value in (("application_id", application_id), ("session_id", session_id), ("token", token)):
+        of_type(name, value, str)
+    if settings is not None:
+        of_type("settings", settings, SessionSettings)
+    number("timeout", timeout, 0.0, 1e9, "seconds")
+
+    async def begin() -> Session:
+        session = Session(session_id, settings or SessionSettings())
+        await session.open(application_id, token, timeout)
+        return session
+
+    return Opening(begin)

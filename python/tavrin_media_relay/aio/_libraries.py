@@ -1,0 +1,38 @@
+"""Shared libraries that the module has brought into the process, for the few calls made on them directly."""
+
+from __future__ import annotations
+
+import ctypes
+import functools
+import re
+
+_DEBIAN = {"libsamplerate": ("libsamplerate.so.0", "libsamplerate0"), "libyuv": ("libyuv.so.0", "libyuv0")}
+
+
+def _mapped(name: str) -> str | None:
+    """The path of a library in this process. A wheel may have put letters and digits behind its name."""
+    wanted = re.compile(rf"/({re.escape(name)}(-[0-9a-f]+)?\.so[.0-9]*)$")
+    with open("/proc/self/maps", encoding="utf-8", errors="surrogateescape") as maps:
+        for line in maps:
+            path = line.rstrip("\n").partition("/")[2]
+            if wanted.search("/" + path):
+                return "/" + path
+    return None
+
+
+def find_sarnet() -> ctypes.CDLL | None:
+    """The real-time library that the module runs on; None before the module is imported."""
+    path = _mapped("libsarnet")
+    return ctypes.CDLL(path) if path else None
+
+
+@functools.cache
+def load(name: str, purpose: str) -> ctypes.CDLL:
+    """A helping library: the one in the process, else the system's."""
+    soname, package = _DEBIAN[name]
+    try:
+        return ctypes.CDLL(_mapped(name) or soname)
+    except OSError as error:
+        raise RuntimeError(
+            f"{purpose} needs {soname}, which is not on this machine (Debian: apt-get install {package})"
+        ) from error

@@ -1,0 +1,94 @@
+"""The async iterators that programs see, and how the module's records become frames."""
+
+from __future__ import annotations
+
+import time
+from typing import Generic, Optional, TypeVar
+
+from ..models import AudioData
+from ._channel import Policy, bounded
+from ._checks import integer
+from ._fan import Fan
+from ._resample import Converter
+from .frames import AudioFrame
+
+T = TypeVar("T")
+
+#: Default capacities: half a second of audio, a fifth of video, and more captions than anybody speaks.
+AUDIO_CAPACITY = 50
+VIDEO_CAPACITY = 6
+CAPTIONS_CAPACITY = 100
+
+
+class MediaIterator(Generic[T]):
+    """An async iterator over media, with a bounded queue. One task at a time may wait on it."""
+
+    def __init__(self, fan: Fan[T], capacity: Optional[int], policy: Policy, default: int) -> None:
+        self._channel = fan.open(bounded(capacity, policy, default))
+
+    @property
+    def capacity(self) -> int:
+        """Items that are kept for a slow consumer."""
+        return self._channel.capacity
+
+    @property
+    def waiting(self) -> int:
+        """Items that wait now."""
+        return self._channel.waiting
+
+    @property
+    def delivered(self) -> int:
+        """Items taken so far."""
+        return self._channel.delivered
+
+    @property
+    def dropped(self) -> int:
+        """Items that gave way to newer ones so far."""
+        return self._channel.dropped
+
+    def __aiter__(self) -> MediaIterator[T]:
+        return self
+
+    async def __anext__(self) -> T:
+        return await self._channel.__anext__()
+
+    async def aclose(self) -> None:
+        """Stops listening. What is queued is let go."""
+        await self._channel.aclose()
+
+
+class AudioIterator(MediaIterator[AudioFrame]):
+    """Audio, in another form if one was asked for. The conversion runs where the frames are taken."""
+
+    def __init__(
+        self,
+        fan: Fan[AudioFrame],
+        capacity: Optional[int],
+        policy: Policy,
+        sample_rate: Optional[int],
+        channels: Optional[int],
+    ) -> None:
+        self._rate = None if sample_rate is None else integer("sample_rate", sample_rate, 8000, 48000)
+        self._channels = None if channels is None else integer("channels", channels, 1, 2)
+        super().__init__(fan, capacity, policy, AUDIO_CAPACITY)
+        self._converter: Optional[Converter] = None
+
+    async def __anext__(self) -> AudioFrame:
+        while True:
+            frame = await super().__anext__()
+            rate, channels = self._rate or frame.sample_rate, self._channels or frame.channels
+            form = (frame.sample_rate, frame.channels)
+            if (rate, channels) == form:
+                return frame
+            if self._converter is None or self._converter.form_in != form:
+                self._converter = Converter(*form, rate, channels)
+            samples = self._converter.convert(frame.samples)
+            if samples:  # the first blocks only fill the filter
+                return AudioFrame(rate, channels, memoryview(samples), frame.arrived)
+
+
+def take_audio(fan: Fan[AudioFrame], audio: AudioData) -> None:
+    """On the module's thread."""
+    now = time.monotonic()
+    samples = memoryview(audio.sample_buffer)
+    fan.put(AudioFrame(audio.sample_rate, audio.number_of_channels, samples, now), now)

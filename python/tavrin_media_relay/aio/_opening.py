@@ -1,0 +1,39 @@
+"""What is begun with `async with` (and ended with the block), or with `await` (and ended with `close`)."""
+
+from __future__ import annotations
+
+from types import TracebackType
+from typing import Any, Awaitable, Callable, Generator, Generic, Optional, Protocol, TypeVar
+
+
+class _Closable(Protocol):
+    async def close(self) -> None: ...
+
+
+T = TypeVar("T", bound=_Closable)
+
+
+class Opening(Generic[T]):
+    """Nothing has happened yet: `async with` or `await` begins, and gives what was asked for."""
+
+    def __init__(self, begin: Callable[[], Awaitable[T]]) -> None:
+        self._begin = begin
+        self._opened: Optional[T] = None
+
+    def __await__(self) -> Generator[Any, None, T]:
+        return self._begin().__await__()
+
+    async def __aenter__(self) -> T:
+        if self._opened is not None:
+            raise RuntimeError("this has been opened already: ask for a new one")
+        self._opened = await self._begin()
+        return self._opened
+
+    async def __aexit__(
+        self,
+        kind: Optional[type[BaseException]],
+        error: Optional[BaseException],
+        traceback: Optional[TracebackType],
+    ) -> None:
+        if self._opened is not None:
+            await self._opened.close()

@@ -1,0 +1,96 @@
+"""What the two outputs of a publisher share: back-pressure, running dry, and being cut short."""
+
+from __future__ import annotations
+
+import asyncio
+from typing import Callable, Literal
+
+from . import _native
+from ._channel import Signal
+from .errors import PublisherError
+
+#: How long the session may take nothing of what is written, in s.
+_PATIENCE = 5.0
+_RETRY = 0.05
+
+
+def queued() -> tuple[float, float]:
+    """Milliseconds of audio and of video that wait in the module. Waits for the module's worker."""
+    stats = _native.client().get_media_buffer_stats()
+    if not stats:
+        return 0.0, 0.0
+    sides = (stats.audio, stats.video)
+    audio, video = (side.duration.total_seconds() * 1000 if side is not None else 0.0 for side in sides)
+    return audio, video
+
+
+class Output:
+    """One of the two. Everything but `added` is the loop's own.
+
+    The module takes what it is given at once and for minutes on end, so it is asked how much it holds, but only
+    when what has been added since the last answer could have reached the limit.
+    """
+
+    def __init__(self, side: Literal[0, 1], limit: float) -> None:
+        self.changed = Signal()
+        self.added = 0
+        """Counts what was handed to the module. Read by the module's worker too."""
+        self.cut_ms = 0.0
+        """What writes that a clear has ended had not handed over."""
+        self.written_ms = 0.0
+        self.turn = asyncio.Lock()
+        """Held by the task that writes, and by a clear."""
+        self.side = side
+        """0 for audio, 1 for video: its place in what `queued` gives."""
+        self._limit = limit
+        self._at_most = 0.0  # ms in the module's queue: when last asked, and all that was added since
+        self._dry = 0  # the count up to which the queue is known to have run dry
+        self.cuts = 0
+
+    def ran_dry(self, count: int) -> None:
+        """The module's queue was empty after so many additions."""
+        self._dry = max(self._dry, count)
+        if count == self.added:
+            self._at_most = 0.0
+        self.changed.notify()
+
+    def emptied(self) -> None:
+        """After a clear, while nobody writes."""
+        self.ran_dry(self.added)
+
+    def cut(self) -> None:
+        """Ends the writes under way."""
+        self.cuts += 1
+        self.changed.notify()
+
+    async def room(self, ms: float, cuts: int) -> bool:
+        """Waits until so much more may be queued; False if a clear came first. The turn is held."""
+        while True:
+            self.changed.check()
+            if cuts != self.cuts:
+                return False
+            if self._at_most <= 0 or self._at_most + ms <= self._limit:
+                return True
+            self._at_most = (await _native.call(queued))[self.side]
+            excess = self._at_most + ms - self._limit
+            if excess > 0 and self._at_most > 0 and cuts == self.cuts:
+                await self.changed.wait(max(excess / 1000, 0.001))
+
+    async def hand_over(self, add: Callable[[], bool], ms: float) -> None:
+        """Gives the module something that there is room for. The turn is held."""
+        end = asyncio.get_running_loop().time() + _PATIENCE
+        # Counted before: a notice that the queue is dry, on its way now, must not count for this.
+        self.added += 1
+        while not add():
+            if asyncio.get_running_loop().time() > end:
+                raise PublisherError(
+                    PublisherError.TIMED_OUT, f"the session has taken nothing for {_PATIENCE:g} s"
+                )
+            await self.changed.wait(_RETRY)
+        self._at_most += ms
+        self.written_ms += ms
+
+    async def wait_dry(self) -> None:
+        need = self.added
+        while self._dry < need:
+            await self.changed.wait()

@@ -1,0 +1,74 @@
+"""Who and what is in a session now, and the iterators that are told what changes."""
+
+from __future__ import annotations
+
+import weakref
+from typing import Optional
+
+from ..models import Connection, Stream
+from . import events
+from ._channel import Channel, Waker, bounded
+
+_CAPACITY = 1000
+
+
+class Presence:
+    """All of it runs on the loop."""
+
+    def __init__(self, waker: Waker) -> None:
+        self.connections: dict[str, Connection] = {}
+        self.streams: dict[str, Stream] = {}
+        self._waker = waker
+        self._listeners: tuple[weakref.ref[Channel[events.Event]], ...] = ()
+        self._last: Optional[events.Event] = None
+        self._closed = False
+
+    def listen(self, capacity: Optional[int]) -> Channel[events.Event]:
+        """An iterator that begins with what is there now."""
+        present: list[events.Event] = [events.ConnectionCreated(each) for each in self.connections.values()]
+        present += [events.StreamReceived(each) for each in self.streams.values()]
+        if self._last is not None:
+            present.append(self._last)
+        kept = max(bounded(capacity, "drop_oldest", _CAPACITY), len(present))
+        channel: Channel[events.Event] = Channel(self._waker, kept, "events")
+        for event in present:
+            channel.put(event, self._waker.loop.time())
+        if self._closed:
+            channel.close()
+        else:
+            living = tuple(each for each in self._listeners if each() is not None)
+            self._listeners = (*living, weakref.ref(channel))
+        return channel
+
+    def tell(self, event: events.Event) -> None:
+        for each in self._listeners:
+            listener = each()
+            if listener is not None:
+                listener.put(event, self._waker.loop.time())
+
+    def close(self, last: Optional[events.Event]) -> None:
+        """The end of every iterator, after an event that tells of it if there is one."""
+        self._closed = True
+        if last is not None:
+            self._last = last
+            self.tell(last)
+        for each in self._listeners:
+            listener = each()
+            if listener is not None:
+                listener.close()
+
+    def connection_created(self, connection: Connection) -> None:
+        self.connections[connection.id] = connection
+        self.tell(events.ConnectionCreated(connection))
+
+    def connection_dropped(self, connection: Connection) -> None:
+        self.connections.pop(connection.id, None)
+        self.tell(events.ConnectionDropped(connection))
+
+    def stream_received(self, stream: Stream) -> None:
+        self.streams[stream.id] = stream
+        self.tell(events.StreamReceived(stream))
+
+    def stream_dropped(self, stream: Stream) -> None:
+        self.streams.pop(stream.id, None)
+        self.tell(events.StreamDropped(stream))

@@ -1,0 +1,145 @@
+"""The audio side of a publisher."""
+
+from __future__ import annotations
+
+from array import array
+from typing import TYPE_CHECKING, Any, Optional
+
+from ..models import AudioData, SessionAudioSettings
+from . import _native
+from ._checks import integer
+from ._output import Output
+from ._resample import Converter, Samples
+
+if TYPE_CHECKING:
+    from .publisher import Publisher
+
+#: Samples are handed over in pieces of this length, ms; so much sooner does a clear take hold.
+_PIECE = 100
+_PERIODS_A_SECOND = 100
+
+
+def as_samples(samples: Any, channels: Optional[int], default: int) -> tuple[memoryview, int]:
+    """A flat view on 16-bit samples, and how many channels they have."""
+    if channels is not None:
+        channels = integer("channels", channels, 1, 2)
+    try:
+        view = memoryview(samples)
+    except TypeError:
+        raise TypeError(
+            f"samples must be a buffer of 16-bit integers (bytes, array('h'), numpy int16), not {samples!r:.80}"
+        ) from None
+    if not view.c_contiguous:
+        raise ValueError(
+            f"samples must be contiguous, not of shape {view.shape} with strides {view.strides}: copy them first"
+        )
+    if view.format not in ("h", "<h", "=h", "B", "b", "c"):
+        raise TypeError(f"samples must be 16-bit integers ('h') or their bytes, not items of format {view.format!r}")
+    if view.ndim == 2 and view.itemsize == 2:
+        frames, width = view.shape or (0, 0)
+        if width not in (1, 2) or (channels or width) != width:
+            asked = f" with channels={channels}" if channels else ""
+            raise ValueError(f"samples must be of shape (frames, channels), one or two of them, not {view.shape}{asked}")
+        channels = width
+    elif view.ndim != 1:
+        raise ValueError(f"samples must be flat or of shape (frames, channels), not {view.shape}")
+    channels = channels or default
+    if view.nbytes % (2 * channels):
+        raise ValueError(f"samples must be whole frames of {2 * channels} bytes; {view.nbytes} bytes are not")
+    if view.nbytes == 0:
+        return memoryview(b"").cast("h"), channels
+    if view.format in ("<h", "=h"):
+        view = memoryview(view.tobytes())
+    return view.cast("B").cast("h"), channels
+
+
+class AudioOutput:
+    """Sound for our stream. Writes of several tasks come after one another."""
+
+    def __init__(self, publisher: Publisher, form: SessionAudioSettings, limit: float) -> None:
+        self._publisher = publisher
+        self._rate, self._channels = form.sample_rate, form.number_of_channels
+        self._output = Output(0, limit)
+        self._converter: Optional[Converter] = None
+        self._begun = 0  # frames since silence last began: the module starts with a full period only
+
+    @property
+    def sample_rate(self) -> int:
+        """Hz: the session's form, which needs no conversion."""
+        return self._rate
+
+    @property
+    def channels(self) -> int:
+        """The session's number of channels."""
+        return self._channels
+
+    async def write(
+        self, samples: Any, *, sample_rate: Optional[int] = None, channels: Optional[int] = None
+    ) -> bool:
+        """Says some samples: 16-bit, native byte order, any contiguous buffer of any length.
+
+        sample_rate: of these samples, 8000 to 48000 Hz; None: the session's. Another rate is resampled, and a
+            stream of writes at one rate is resampled as one piece.
+        channels: of these samples, 1 or 2; None: what an array of shape (frames, channels) has, else the
+            session's.
+
+        Waits while more than the publisher's `audio_queue` is queued. The buffer must not be changed before it
+        returns. Gives False if `clear` has cut it short, True when all has been handed over.
+        """
+        output = self._output
+        output.changed.check()
+        self._publisher.check()
+        rate = self._rate if sample_rate is None else integer("sample_rate", sample_rate, 8000, 48000)
+        view, channels = as_samples(samples, channels, self._channels)
+        cuts, done = output.cuts, 0
+        async with output.turn:
+            await self._publisher.audio_ready()
+            await self._change_form(rate, channels, cuts)
+            piece = rate * _PIECE // 1000 * channels
+            while done < len(view):
+                part = view[done : done + piece]
+                if not await output.room(len(part) / channels / rate * 1000, cuts):
+                    output.cut_ms += (len(view) - done) / channels / rate * 1000
+                    return False
+                await self._add(self._converter.convert(part) if self._converter else part)
+                done += len(part)
+        return True
+
+    async def drained(self) -> None:
+        """Waits until all that was written has been taken from the module's queue, as the module tells."""
+        output = self._output
+        async with output.turn:
+            await self._change_form(self._rate, self._channels, output.cuts)
+            period = self._rate // _PERIODS_A_SECOND
+            if self._begun % period:
+                await self._add(array("h", bytes((period - self._begun % period) * self._channels * 2)))
+        await output.wait_dry()
+
+    async def clear(self) -> int:
+        """Falls silent at once, as for barge-in: ends writes under way, and drops what is queued.
+
+        Gives the milliseconds of sound that will not be heard: what was queued, and what the ended writes had
+        left. Pictures that are queued are dropped with it.
+        """
+        return round((await self._publisher.clear())[0])
+
+    async def _change_form(self, rate: int, channels: int, cuts: int) -> None:
+        """Ready to convert from this form; the end of what came in another goes out first."""
+        old, same = self._converter, (rate, channels) == (self._rate, self._channels)
+        if old is None and same or old is not None and old.form_in == (rate, channels):
+            return
+        self._converter = None if same else Converter(rate, channels, self._rate, self._channels)
+        if old is not None and cuts == self._output.cuts:
+            await self._add(old.flush())
+
+    async def _add(self, samples: Samples) -> None:
+        frames = len(samples) // self._channels
+        if frames:
+            data = AudioData(self._rate, self._channels, frames, samples)
+            self._begun += frames
+            await self._output.hand_over(lambda: _native.client().add_audio(data), frames / self._rate * 1000)
+
+    def forget(self) -> None:
+        """After a clear: what the resampler holds belongs to what was dropped."""
+        self._converter = None
+        self._begun = 0

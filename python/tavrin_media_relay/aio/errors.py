@@ -1,0 +1,41 @@
+"""What the asyncio face raises, beside TypeError and ValueError for bad arguments."""
+
+from __future__ import annotations
+
+from typing import Final
+
+
+class MediaError(Exception):
+    """Something that the session or its server refused, or that went wrong there."""
+
+    NOT_STARTED: Final = -1
+    """`code` of what the module did not even start; the log tells more."""
+    TIMED_OUT: Final = -2
+    """`code` of what got no answer in time."""
+    BUSY: Final = -3
+    """`code` of what is there once at a time, and there already."""
+
+    def __init__(self, code: int, message: str) -> None:
+        super().__init__(code, message)
+        self.code = code
+        """The session's own code (positive), or one of the three above."""
+        self.message = message
+
+    def __str__(self) -> str:
+        return f"{self.message} (code {self.code})"
+
+
+class SessionError(MediaError):
+    """The session could not be joined, or has failed."""
+
+
+class PublisherError(MediaError):
+    """Our stream could not be published, or has failed."""
+
+
+class SubscriberError(MediaError):
+    """A stream could not be subscribed to, or the subscription has failed."""
+
+
+class ClosedError(RuntimeError):
+    """Used after its end: the message tells what ended, and how."""

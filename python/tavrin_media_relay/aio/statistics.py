@@ -1,0 +1,103 @@
+"""Figures of a session: the library's own, and what this face did with the media."""
+
+from __future__ import annotations
+
+import ctypes
+import json
+from dataclasses import dataclass, field
+from typing import TYPE_CHECKING, Any, Optional
+
+from . import _libraries
+from ._channel import Totals
+
+if TYPE_CHECKING:
+    from .session import Session
+
+
+@dataclass(frozen=True, slots=True)
+class Received:
+    """One kind of media of one source."""
+
+    received: int = 0
+    """Told by the module."""
+    delivered: int = 0
+    """Taken from the iterators, all of them together."""
+    dropped: int = 0
+    """Given up by the iterators, for slow consumers."""
+    delay_p50: float = 0.0
+    """Seconds from the module's call to the consumer's body: a bound within a factor of two, so are the others."""
+    delay_p99: float = 0.0
+    delay_max: float = 0.0
+    callable_p50: float = 0.0
+    """Seconds that the module's thread was kept."""
+    callable_p99: float = 0.0
+    callable_max: float = 0.0
+
+
+@dataclass(frozen=True, slots=True)
+class StreamFigures:
+    """What came of one subscribed stream."""
+
+    audio: Received = field(default_factory=Received)
+    video: Received = field(default_factory=Received)
+    captions: Received = field(default_factory=Received)
+
+
+@dataclass(frozen=True, slots=True)
+class Statistics:
+    """What `Session.statistics()` gives; `dataclasses.asdict` makes plain data of it."""
+
+    library: Optional[dict[str, Any]]
+    """Pacing, gaps, repeated and dropped pictures: counters of our real-time library since it was loaded. None with
+    a library that keeps none."""
+    mix: Received
+    """The mixed audio of the session."""
+    streams: dict[str, StreamFigures]
+    """By stream id: what is subscribed to now."""
+    audio_written_ms: float
+    """By the present publisher."""
+    video_written_ms: float
+
+
+def _received(totals: Totals) -> Received:
+    delays, spent = totals.delays, totals.spent
+    return Received(
+        totals.received,
+        totals.delivered,
+        totals.dropped,
+        delays.quantile(0.5),
+        delays.quantile(0.99),
+        delays.maximum,
+        spent.quantile(0.5),
+        spent.quantile(0.99),
+        spent.maximum,
+    )
+
+
+def library_statistics() -> Optional[dict[str, Any]]:
+    """The counters of the real-time library in this process; None if there is none that keeps any."""
+    library = _libraries.find_sarnet()
+    function = getattr(library, "srn_statistics_json", None) if library is not None else None
+    if function is None:
+        return None
+    function.restype = ctypes.c_size_t
+    function.argtypes = [ctypes.c_char_p, ctypes.c_size_t]
+    capacity = 16384
+    while True:  # it may grow from one call to the next
+        buffer = ctypes.create_string_buffer(capacity)
+        length = function(buffer, capacity)
+        if length < capacity:
+            figures: dict[str, Any] = json.loads(buffer.value)
+            return figures
+        capacity = length + 1024
+
+
+def of_session(session: Session) -> Statistics:
+    streams = {
+        stream_id: StreamFigures(
+            _received(each.audio_fan.totals), _received(each.video_fan.totals), _received(each.caption_fan.totals)
+        )
+        for stream_id, each in session.subscribers.items()
+    }
+    written = session.publisher.written_ms if session.publisher is not None else (0.0, 0.0)
+    return Statistics(library_statistics(), _received(session.mix_totals), streams, written[0], written[1])
