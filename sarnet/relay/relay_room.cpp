@@ -13,15 +13,6 @@ std::int64_t epoch_ms() {
       .count();
 }
 
-std::vector<FeedMedium> media_in(const json& participant) {
-  std::vector<FeedMedium> media;
-  for (const json& each : member(participant, "streams")) {
-    if (flag_of(each, "disabled")) continue;
-    media.push_back({text_of(each, "mid"), text_of(each, "type"), flag_of(each, "simulcast")});
-  }
-  return media;
-}
-
 }  // namespace
 
 RelayRoom::RelayRoom(std::string session_id, std::string own_id, RoomObserver& observer)
@@ -62,9 +53,9 @@ void RelayRoom::resynchronise(const json& participants) {
   }
 }
 
-const std::vector<FeedMedium>* RelayRoom::media_of(const std::string& stream_id) const {
-  const auto found = members_.find(stream_id);
-  return found != members_.end() && found->second.publishing ? &found->second.media : nullptr;
+bool RelayRoom::has_stream(const std::string& id) const {
+  const auto found = members_.find(id);
+  return found != members_.end() && found->second.publishing;
 }
 
 RelayRoom::Member* RelayRoom::enter(const json& participant) {
@@ -88,9 +79,7 @@ RelayRoom::Member* RelayRoom::enter(const json& participant) {
 
 void RelayRoom::publishes(const json& participant) {
   Member* const member = enter(participant);
-  if (member == nullptr) return;
-  member->media = media_in(participant);
-  if (!member->publishing) add_stream(*member, text_of(participant, "id"));
+  if (member != nullptr && !member->publishing) add_stream(*member, text_of(participant, "id"));
 }
 
 void RelayRoom::add_stream(Member& member, const std::string& id) {

@@ -2,7 +2,6 @@
 
 #include <map>
 #include <string>
-#include <vector>
 
 #include "core/engine.h"
 #include "relay/room_member.h"
@@ -33,8 +32,7 @@ class RelayRoom {
   // The full list of participants: what came and went while nobody told us.
   void resynchronise(const json& participants);
 
-  // Null for a stream that is not there.
-  const std::vector<FeedMedium>* media_of(const std::string& stream_id) const;
+  bool has_stream(const std::string& id) const;
 
  private:
   struct Member {
@@ -43,7 +41,6 @@ class RelayRoom {
     bool is_connection = true;
     bool publishing = false;
     StreamInfo stream;
-    std::vector<FeedMedium> media;
   };
   using Members = std::map<std::string, Member>;
 

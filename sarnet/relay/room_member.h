@@ -24,11 +24,4 @@ struct Display {
 Display parse_display(const std::string& text);
 std::string format_display(const Display& display);
 
-// One medium of a published stream, as the server lists it.
-struct FeedMedium {
-  std::string mid;
-  std::string type;  // "audio", "video" or "data"
-  bool simulcast = false;
-};
-
 }  // namespace sarnet::relay
