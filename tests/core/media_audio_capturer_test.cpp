@@ -1,32 +1,22 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <chrono>
 #include <cstdint>
-#include <functional>
 #include <limits>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "core/log_capture.h"
-#include "core/waiting.h"
+#include "core_test.h"
 #include "media/mr_audio_capturer.h"
-#include "support/scripted_sarnet.h"
+
+using namespace core_test;
+using std::chrono::milliseconds;
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
 
 namespace {
 
-using std::chrono::milliseconds;
-using testing::Contains;
-using testing::Each;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-
 constexpr const char* kWrite = "srn_audio_device_write_capture_data";
+const std::string kMemmove = "WARN MRAudioCapturer::addAudio: Memmove to accomodate new data.. ";
 constexpr std::size_t kCapacity = MRAudioCapturer::kInjectedAudioBufferSize;
 
 /// Samples that tell their own position, and are never 0.
@@ -62,68 +52,51 @@ bool waitForPeriods(long more) {
   return scripted_wait_calls(kWrite, scripted_call_count(kWrite) + more, 20'000) == 1;
 }
 
-class AudioCapturer : public testing::Test {
+class AudioCapturer : public ScriptedTest {
  protected:
-  AudioCapturer() { scripted_reset(); }
-
   /// Ends the loop, with the state left at Running: from then on nothing takes audio away.
   void breakLoop() {
-    LogCapture logs(log4cxx::Level::getError());
+    const LogCapture logs(log4cxx::Level::getError());
     capturer_.setOnAudioBuffersDrainedCallback([] { throw std::runtime_error("broken"); });
     ASSERT_TRUE(capturer_.addAudio(mono(ramp(480))));
     ASSERT_TRUE(
-        logs.waitFor("An error occurred running the AudioCapturer task: Exception "
-                     "occurred running loop: broken"));
+        logs.await("ERROR An error occurred running the AudioCapturer task: Exception "
+                   "occurred running loop: broken"));
   }
 
   MRAudioCapturer capturer_{milliseconds(10)};
 };
 
 TEST_F(AudioCapturer, AnswersEachLifeCycleCallByItsState) {
-  LogCapture logs(log4cxx::Level::getWarn());
   const auto samples = ramp(480);
-  const struct {
-    std::function<bool()> call;
-    bool result;
-    const char* warning;
-  } kSteps[] = {
-      {[&] { return capturer_.start(); }, false, "start: Not initialized"},
-      {[&] { return capturer_.stop(); }, false, "stop: Not initialized"},
-      {[&] { return capturer_.destroy(); }, false, "destroy: Not initialized"},
-      {[&] { return capturer_.clearAudioBuffers(); }, false,
-       "clearAudioBuffers: audio capturer is not initialized"},
-      {[&] { return capturer_.getAudioBufferDuration().count() != 0; }, false,
-       "getAudioBufferDuration: Not initialized"},
-      {[&] { return capturer_.addAudio(mono(samples)); }, false, ""},
-      {[&] { return capturer_.init(48000, 1); }, true, ""},
-      {[&] { return capturer_.init(48000, 1); }, false, "init: Already initialized"},
-      {[&] { return capturer_.stop(); }, false, "stop: Not running"},
-      {[&] { return capturer_.addAudio(mono(samples)); }, false, ""},
-      {[&] { return capturer_.start(); }, true, ""},
-      {[&] { return capturer_.start(); }, false, "start: ALREADY started !!!"},
-      {[&] { return capturer_.addAudio(mono(samples)); }, true, ""},
-      {[&] {
-         return capturer_.addAudio({nullptr, 48000, 1, 480});
-       },
-       false, ""},
-      {[&] { return capturer_.stop(); }, true, ""},
-      {[&] { return capturer_.addAudio(mono(samples)); }, false, ""},
-      {[&] { return capturer_.start(); }, true, ""},
-      {[&] { return capturer_.destroy(); }, true, "destroy: destroy called before stop"},
-      {[&] { return capturer_.isInitialized() || capturer_.isRunning(); }, false, ""},
-  };
-  int step = 0;
-  for (const auto& row : kSteps) {
-    logs.clear();
-    EXPECT_EQ(row.call(), row.result) << step;
-    const std::string warning = row.warning;
-    EXPECT_EQ(logs.lines("MRAudioCapturer"),
-              warning.empty()
-                  ? std::vector<std::string>()
-                  : std::vector<std::string>{"WARN MRAudioCapturer MRAudioCapturer::" + warning})
-        << step;
-    ++step;
-  }
+  const auto init = [&] { return capturer_.init(48000, 1); };
+  const auto start = [&] { return capturer_.start(); };
+  const auto stop = [&] { return capturer_.stop(); };
+  const auto destroy = [&] { return capturer_.destroy(); };
+  const auto add = [&] { return capturer_.addAudio(mono(samples)); };
+  const auto add_null = [&] { return capturer_.addAudio({nullptr, 48000, 1, 480}); };
+  const auto length = [&] { return capturer_.getAudioBufferDuration().count() != 0; };
+  expectSteps("MRAudioCapturer",
+              {{start, false, "start: Not initialized"},
+               {stop, false, "stop: Not initialized"},
+               {destroy, false, "destroy: Not initialized"},
+               {[&] { return capturer_.clearAudioBuffers(); }, false,
+                "clearAudioBuffers: audio capturer is not initialized"},
+               {length, false, "getAudioBufferDuration: Not initialized"},
+               {add, false},
+               {init},
+               {init, false, "init: Already initialized"},
+               {stop, false, "stop: Not running"},
+               {add, false},
+               {start},
+               {start, false, "start: ALREADY started !!!"},
+               {add},
+               {add_null, false},
+               {stop},
+               {add, false},
+               {start},
+               {destroy, true, "destroy: destroy called before stop"},
+               {[&] { return capturer_.isInitialized() || capturer_.isRunning(); }, false}});
 }
 
 TEST_F(AudioCapturer, RefusesFormatsWhosePeriodCannotBeHeld) {
@@ -141,7 +114,7 @@ TEST_F(AudioCapturer, RefusesFormatsWhosePeriodCannotBeHeld) {
     const long before = scripted_call_count(kWrite);
     EXPECT_EQ(capturer_.init(row.rate, row.channels), row.usable) << row.rate;
     if (!row.usable) {
-      EXPECT_THAT(logs.lines(), ElementsAre(HasSubstr("MRAudioCapturer::init: ")));
+      EXPECT_EQ(logs.count("WARN MRAudioCapturer::init: "), 1);
       continue;
     }
     scripted_capture_channels(row.channels);
@@ -155,7 +128,7 @@ TEST_F(AudioCapturer, RefusesFormatsWhosePeriodCannotBeHeld) {
 }
 
 TEST_F(AudioCapturer, PlaysWhatCameThenPadsThenWaitsThenFallsSilent) {
-  LogCapture logs;
+  LogCapture logs(log4cxx::Level::getTrace(), "MRAudioCapturer");
   scripted_capture_channels(2);
   std::vector<std::uint64_t> captured_when_drained;
   Counter drained;
@@ -175,13 +148,12 @@ TEST_F(AudioCapturer, PlaysWhatCameThenPadsThenWaitsThenFallsSilent) {
   const auto samples = ramp(std::size_t{960} * 3 + 100);
   ASSERT_TRUE(capturer_.addAudio({samples.data(), 48000, 2, 200}));
   logs.clear();
-  ASSERT_TRUE(logs.waitFor("Begin write capture data..."));
-  ASSERT_TRUE(logs.waitFor("Begin write capture data..."));
+  ASSERT_TRUE(logs.await("TRACE Begin write capture data...", 2));
   EXPECT_EQ(capturer_.getAudioBufferDuration(), milliseconds(200 * 1000 / 48000));
   EXPECT_THAT(sound(begin), IsEmpty());
   logs.clear();
   ASSERT_TRUE(capturer_.addAudio({samples.data() + 400, 8000, 2, (samples.size() - 400) / 2}));
-  ASSERT_TRUE(drained.waitFor(1));
+  ASSERT_TRUE(drained.await(1));
   ASSERT_TRUE(waitForPeriods(3));
   EXPECT_EQ(sound(begin), samples);
   // The report came before any silence, and right behind the padded rest.
@@ -190,26 +162,24 @@ TEST_F(AudioCapturer, PlaysWhatCameThenPadsThenWaitsThenFallsSilent) {
   EXPECT_EQ(at_report % 960, 0U);
   EXPECT_EQ(all.at(at_report - 960), samples.at(std::size_t{960} * 3));
   EXPECT_EQ(all.at(at_report - 960 + 100), 0);
-  std::vector<std::string> dry;
-  for (const std::string& line : logs.lines("MRAudioCapturer")) {
-    if (line.find("without data=") != std::string::npos || line.find("DEBUG") == 0) {
-      dry.push_back(line);
-    }
-    if (dry.size() == 6) break;
-  }
-  const std::string trace = "TRACE MRAudioCapturer No data available (cycles without data=";
+  std::vector<std::string> dry = logs.lines();
+  std::erase_if(dry, [](const std::string& line) {
+    return line.find("without data=") == std::string::npos && !line.starts_with("DEBUG");
+  });
+  dry.resize(6);
+  const std::string trace = "TRACE No data available (cycles without data=";
   EXPECT_THAT(dry,
-              ElementsAre(trace + "1), silence tolerated...",
-                          "DEBUG MRAudioCapturer Audio buffers are drained",
+              ElementsAre(trace + "1), silence tolerated...", "DEBUG Audio buffers are drained",
                           trace + "2), silence tolerated...", trace + "3), silence tolerated...",
                           trace + "4), writing explicit silence...",
                           trace + "5), writing explicit silence..."));
 
   // Once a spell: again after more data, not after a clear.
   ASSERT_TRUE(capturer_.addAudio({samples.data(), 48000, 2, 480}));
-  ASSERT_TRUE(drained.waitFor(2));
+  ASSERT_TRUE(drained.await(2));
   ASSERT_TRUE(waitForPeriods(3));
-  ASSERT_TRUE(capturer_.addAudio({samples.data(), 48000, 2, std::size_t{480} * 3}));
+  const auto second = ramp(96'000);  // not played before the clear, however slow the machine
+  ASSERT_TRUE(capturer_.addAudio({second.data(), 48000, 2, 48'000}));
   ASSERT_TRUE(capturer_.clearAudioBuffers());
   EXPECT_EQ(capturer_.getAudioBufferDuration(), milliseconds(0));
   ASSERT_TRUE(waitForPeriods(6));
@@ -220,17 +190,16 @@ TEST_F(AudioCapturer, TakesExactlyItsCapacityAndNeverOverwrites) {
   ASSERT_TRUE(capturer_.init(48000, 1));
   ASSERT_TRUE(capturer_.start());
   breakLoop();
-  LogCapture logs(log4cxx::Level::getWarn());
+  LogCapture logs(log4cxx::Level::getWarn(), "MRAudioCapturer");
   const std::vector<std::int16_t> samples(kCapacity, 1);
   // The write index stands at 480, so that taking all of it needs room made at the front first.
   ASSERT_TRUE(capturer_.addAudio(mono(samples)));
-  EXPECT_THAT(logs.lines(), ElementsAre("WARN MRAudioCapturer MRAudioCapturer::addAudio: Memmove "
-                                        "to accomodate new data.. 28800000"));
+  EXPECT_THAT(logs.lines(), ElementsAre(kMemmove + "28800000"));
   EXPECT_EQ(capturer_.getAudioBufferDuration(), milliseconds(600'000));
   logs.clear();
   EXPECT_FALSE(capturer_.addAudio({samples.data(), 48000, 1, 1}));
   EXPECT_THAT(logs.lines(),
-              ElementsAre("WARN MRAudioCapturer MRAudioCapturer::addAudio: Not enough space in "
+              ElementsAre("WARN MRAudioCapturer::addAudio: Not enough space in "
                           "buffer for new data of length: 1 injected_write_index_: 28800000 "
                           "injected buffer size: 28800000, read index: 0"));
   EXPECT_TRUE(capturer_.stop());
@@ -256,7 +225,7 @@ TEST_F(AudioCapturer, RefusesCountsThatNoBufferHolds) {
   for (const auto& row : kRows) {
     LogCapture logs(log4cxx::Level::getWarn());
     EXPECT_FALSE(capturer_.addAudio({&sample, 48000, row.channels, row.frames}));
-    EXPECT_THAT(logs.lines("MRAudioCapturer"), Contains(HasSubstr("Not enough space in buffer")));
+    EXPECT_EQ(logs.count("WARN MRAudioCapturer::addAudio: Not enough space in buffer"), 1);
   }
   EXPECT_EQ(capturer_.getAudioBufferDuration(), milliseconds(0));
 }
@@ -271,8 +240,7 @@ TEST_F(AudioCapturer, KeepsTheOrderThroughACompaction) {
   while (sound(begin).size() < 480) ASSERT_TRUE(waitForPeriods(1));
   // Would end exactly at the end of the buffer; even that makes room first.
   ASSERT_TRUE(capturer_.addAudio({samples.data(), 48000, 1, 480}));
-  EXPECT_THAT(logs.lines("MRAudioCapturer"),
-              Contains(HasSubstr("Memmove to accomodate new data.. 480")));
+  EXPECT_EQ(logs.count(kMemmove + "480"), 1);
   ASSERT_TRUE(waitForPeriods(5));
   const auto heard = sound(begin);
   ASSERT_GE(heard.size(), 480U * 5);
@@ -285,7 +253,7 @@ TEST_F(AudioCapturer, ConsumesWhatTheLibraryRefuses) {
   ASSERT_TRUE(capturer_.start());
   scripted_fail(kWrite, 1234, -1);
   ASSERT_TRUE(capturer_.addAudio(mono(ramp(960))));
-  ASSERT_TRUE(logs.waitFor("MRAudioCapturer task failed. Status:1234 OUT"));
+  ASSERT_TRUE(logs.await("WARN MRAudioCapturer task failed. Status:1234 OUT"));
   ASSERT_TRUE(waitForPeriods(3));
   EXPECT_EQ(capturer_.getAudioBufferDuration(), milliseconds(0));
   scripted_fail(kWrite, 0, 0);

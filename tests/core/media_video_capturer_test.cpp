@@ -1,31 +1,25 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdint>
-#include <functional>
 #include <limits>
-#include <memory>
-#include <sstream>
+#include <numeric>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "core/log_capture.h"
-#include "core/waiting.h"
+#include "core_test.h"
 #include "media/mr_video_capturer.h"
-#include "support/scripted_sarnet.h"
+
+using namespace core_test;
+using std::chrono::milliseconds;
+using testing::ElementsAre;
 
 namespace {
 
 using enum MRVideoFrameFormat;
-using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
+const std::string kBroken =
+    "ERROR MRVideoCapturer::runInjectedVideoTask: An error occurred running the MRVideoCapturer "
+    "task.";
 constexpr const char* kProvide = "srn_video_capturer_provide_frame";
 
 std::unique_ptr<MRVideoFrame> picture(int width = 4, int height = 2, std::uint8_t value = 77) {
@@ -47,14 +41,12 @@ class Capturer : public MRVideoCapturer {
 
   /// Ends the loop while the capturer counts as running: the test then asks for each frame itself.
   void breakLoop() {
-    LogCapture logs(log4cxx::Level::getError());
+    const LogCapture logs(log4cxx::Level::getError());
     init();
     ASSERT_TRUE(start());
     setOnVideoBufferDrainedCallback([] { throw std::runtime_error("broken"); });
     ASSERT_TRUE(addVideo(picture()));
-    ASSERT_TRUE(logs.waitFor(
-        "MRVideoCapturer::runInjectedVideoTask: An error occurred running the MRVideoCapturer "
-        "task."));
+    ASSERT_TRUE(logs.await(kBroken));
     setOnVideoBufferDrainedCallback(nullptr);
   }
 
@@ -62,15 +54,10 @@ class Capturer : public MRVideoCapturer {
   const srn_video_capturer_callbacks& table() const { return *getSrnCallbacks(); }
 };
 
-class VideoCapturer : public testing::Test {
- protected:
-  VideoCapturer() { scripted_reset(); }
-};
+using VideoCapturer = ScriptedTest;
 
-class VideoCapturerAtRate : public testing::TestWithParam<std::pair<int, int>> {
- protected:
-  VideoCapturerAtRate() { scripted_reset(); }
-};
+class VideoCapturerAtRate : public ScriptedTest,
+                            public testing::WithParamInterface<std::pair<int, int>> {};
 
 TEST_P(VideoCapturerAtRate, RepeatsTheLastFrameForTwoSecondsThenShowsBlack) {
   const auto [fps, drained_at] = GetParam();
@@ -104,11 +91,10 @@ TEST_P(VideoCapturerAtRate, RepeatsTheLastFrameForTwoSecondsThenShowsBlack) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Rates, VideoCapturerAtRate,
-                         testing::Values(std::pair(1, 1), std::pair(3, 1), std::pair(4, 2),
-                                         std::pair(30, 2), std::pair(120, 2)));
+                         testing::Values(std::pair(3, 1), std::pair(4, 2), std::pair(120, 2)));
 
 TEST_F(VideoCapturer, TakesOnlyFramesOfItsStreamAndAsManyAsItHolds) {
-  LogCapture logs(log4cxx::Level::getWarn());
+  const LogCapture logs(log4cxx::Level::getWarn(), "MRVideoCapturer");
   Capturer capturer(30);
   const auto rgb = [] { return MRVideoFrame::create(4, 2, RGB24); };
   EXPECT_FALSE(capturer.addVideo(picture()));
@@ -122,18 +108,15 @@ TEST_F(VideoCapturer, TakesOnlyFramesOfItsStreamAndAsManyAsItHolds) {
   for (int i = 0; i < 150; ++i) ASSERT_TRUE(capturer.addVideo(picture()));
   EXPECT_FALSE(capturer.addVideo(picture()));
   EXPECT_EQ(capturer.getVideoBufferDuration(), milliseconds(5000));
-  const std::string name = " MRVideoCapturer MRVideoCapturer::";
-  EXPECT_THAT(
-      logs.lines("MRVideoCapturer"),
-      ElementsAre("WARN" + name + "addVideo: Not running",
-                  "WARN" + name + "clearVideoBuffers: video capturer is not running",
-                  "WARN" + name + "stop: Not running",
-                  HasSubstr("An error occurred running the MRVideoCapturer task."),
-                  "WARN" + name + "addVideo: Frame is null",
-                  "WARN" + name + "addVideo: Frame size mismatch. Expected: 4x2 Got: 2x2",
-                  "WARN" + name + "addVideo: Frame size mismatch. Expected: 4x2 Got: 4x4",
-                  "WARN" + name + "addVideo: Frame format mismatch. Expected: YUV420P Got: RGB24",
-                  "ERROR" + name + "addVideo: Video buffer is full."));
+  const std::string warn = "WARN MRVideoCapturer::";
+  const std::string add = warn + "addVideo: Frame ";
+  EXPECT_THAT(logs.lines(), ElementsAre(warn + "addVideo: Not running",
+                                        warn + "clearVideoBuffers: video capturer is not running",
+                                        warn + "stop: Not running", kBroken, add + "is null",
+                                        add + "size mismatch. Expected: 4x2 Got: 2x2",
+                                        add + "size mismatch. Expected: 4x2 Got: 4x4",
+                                        add + "format mismatch. Expected: YUV420P Got: RGB24",
+                                        "ERROR MRVideoCapturer::addVideo: Video buffer is full."));
   EXPECT_TRUE(capturer.clearVideoBuffers());
   EXPECT_EQ(capturer.getVideoBufferDuration(), milliseconds(0));
   // The picture holds: what is repeated is the frame before the clear.
@@ -170,17 +153,17 @@ TEST_F(VideoCapturer, ProvidesFramesInOrderAndKeepsQueuedOnesOverAStop) {
   }
   shown.erase(std::unique(shown.begin(), shown.end()), shown.end());
   std::vector<int> expected(30);
-  for (int i = 0; i < 30; ++i) expected[static_cast<std::size_t>(i)] = i + 1;
+  std::iota(expected.begin(), expected.end(), 1);
   EXPECT_EQ(shown, expected);
 }
 
 TEST_F(VideoCapturer, StandsAFormatThatNoFrameCanHave) {
-  LogCapture logs(log4cxx::Level::getError());
+  const LogCapture logs(log4cxx::Level::getError());
   Capturer capturer(100, UNKNOWN);
   ASSERT_TRUE(capturer.init());
   ASSERT_TRUE(capturer.start());
-  EXPECT_TRUE(logs.waitFor(
-      "MRVideoCapturer::runInjectedVideoTask: Failed to provide frame to MR. status:1011"));
+  EXPECT_TRUE(logs.await(
+      "ERROR MRVideoCapturer::runInjectedVideoTask: Failed to provide frame to MR. status:1011"));
   EXPECT_FALSE(capturer.addVideo(picture()));
   EXPECT_TRUE(capturer.destroy());
 }
@@ -214,16 +197,13 @@ TEST_F(VideoCapturer, AnswersTheLibraryFromItsSettings) {
     EXPECT_EQ(settings.expected_delay, 0);
     EXPECT_EQ(settings.mirror_on_local_render, SRN_FALSE);
     EXPECT_EQ(table.stop, nullptr);
-    LogCapture logs(log4cxx::Level::getError());
+    const LogCapture logs(log4cxx::Level::getError());
     EXPECT_EQ(table.init(nullptr, nullptr), SRN_FALSE);
     EXPECT_EQ(table.destroy(nullptr, nullptr), SRN_FALSE);
     EXPECT_EQ(table.get_capture_settings(nullptr, nullptr, &settings), SRN_FALSE);
     EXPECT_EQ(table.start(nullptr, nullptr), SRN_FALSE);
-    const std::string misnamed =
-        "ERROR MRVideoCapturer MRVideoCapturer::OnGetCaptureSettings: user_data is null";
-    EXPECT_THAT(logs.lines(),
-                ElementsAre(misnamed, misnamed, misnamed,
-                            "ERROR MRVideoCapturer MRVideoCapturer::OnStart: user_data is null"));
+    EXPECT_EQ(logs.count("ERROR MRVideoCapturer::OnGetCaptureSettings: user_data is null"), 3);
+    EXPECT_EQ(logs.count("ERROR MRVideoCapturer::OnStart: user_data is null"), 1);
   }
 }
 
@@ -252,20 +232,6 @@ TEST_F(VideoCapturer, SurvivesItsLifeCycleBeingPlayedUnderTheFeed) {
   ended = true;
   feeder.join();
   library.join();
-  EXPECT_EQ(scripted_faults(), 0);
-}
-
-TEST(VideoSettings, AreValidWithPositiveFiguresAndHaveATextForm) {
-  const MRVideoSettings settings{.width = 640, .height = 480, .fps = 30, .format = UNKNOWN};
-  EXPECT_TRUE(settings.isValid());
-  for (const MRVideoSettings& bad : {MRVideoSettings{.width = 0, .height = 480, .fps = 30},
-                                     MRVideoSettings{.width = 640, .height = -1, .fps = 30},
-                                     MRVideoSettings{.width = 640, .height = 480, .fps = 0}}) {
-    EXPECT_FALSE(bad.isValid());
-  }
-  std::ostringstream text;
-  text << settings;
-  EXPECT_EQ(text.str(), "MRVideoSettings: {width: 640, height: 480, fps: 30, format: UNKNOWN}");
 }
 
 }  // namespace

@@ -1,29 +1,19 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <functional>
-#include <memory>
-#include <set>
 #include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "core/log_capture.h"
+#include "core_test.h"
 #include "media/memory_pool.h"
 #include "media/mr_video_frame.h"
-#include "support/scripted_sarnet.h"
+
+using namespace core_test;
+using testing::ElementsAre;
 
 namespace {
 
 using enum MRVideoFrameFormat;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-
 using Pool = MemoryPool<std::uint8_t>;
 
 constexpr auto kNoFormat = static_cast<MRVideoFrameFormat>(7);
@@ -36,7 +26,8 @@ std::vector<std::uint8_t> pixels(const MRVideoFrameData& data) {
 using Spec = scripted_frame_spec;
 
 /// A well-formed square YUV420P picture of the library, changed as the test wants it.
-Spec square(int side, const std::function<void(Spec&)>& change) {
+template <class Change>
+Spec square(int side, Change change) {
   Spec spec{};
   spec.format = SRN_VIDEO_FRAME_FORMAT_YUV420P;
   spec.width = side;
@@ -46,16 +37,13 @@ Spec square(int side, const std::function<void(Spec&)>& change) {
   return spec;
 }
 
-void threeOf(std::int32_t (&values)[3], std::int32_t a, std::int32_t b, std::int32_t c) {
-  values[0] = a;
-  values[1] = b;
-  values[2] = c;
+void stride(Spec& spec, int y, int u, int v, std::vector<int> rows = {0, 0, 0}) {
+  const int strides[] = {y, u, v};
+  std::copy_n(strides, 3, spec.stride);
+  std::copy_n(rows.begin(), 3, spec.rows);
 }
 
-class VideoFrame : public testing::Test {
- protected:
-  VideoFrame() { scripted_reset(); }
-};
+using VideoFrame = ScriptedTest;
 
 TEST_F(VideoFrame, SizesAreThoseOfPackedPictures) {
   const struct {
@@ -63,23 +51,19 @@ TEST_F(VideoFrame, SizesAreThoseOfPackedPictures) {
     int height;
     MRVideoFrameFormat format;
     int size;
-  } kRows[] = {
-      {3, 3, YUV420P, 17},
-      {2, 2, YUV420P, 6},
-      {640, 480, YUV420P, 460'800},
-      {1, 1, YUV420P, 3},
-      {3, 3, RGB24, 27},
-      {3, 3, ARGB32, 36},
-      {0, 10, YUV420P, 0},
-      {10, -1, RGB24, 0},
-      {10, 10, UNKNOWN, 0},
-      {10, 10, kNoFormat, 0},
-      {65536, 16385, ARGB32, 0},
-      {2'147'483'647, 2'147'483'647, YUV420P, 0},
-      {100'000, 100'000, YUV420P, 0},
-      {32'768, 65'535, YUV420P, 0},
-      {32'768, 16'383, ARGB32, 2'147'352'576},
-  };
+  } kRows[] = {{3, 3, YUV420P, 17},
+               {640, 480, YUV420P, 460'800},
+               {1, 1, YUV420P, 3},
+               {3, 3, RGB24, 27},
+               {3, 3, ARGB32, 36},
+               {0, 10, YUV420P, 0},
+               {10, -1, RGB24, 0},
+               {10, 10, UNKNOWN, 0},
+               {10, 10, kNoFormat, 0},
+               {65536, 16385, ARGB32, 0},
+               {100'000, 100'000, YUV420P, 0},
+               {32'768, 65'535, YUV420P, 0},
+               {32'768, 16'383, ARGB32, 2'147'352'576}};
   for (const auto& row : kRows) {
     EXPECT_EQ(MRVideoFrame::bufferSize(row.width, row.height, row.format), row.size)
         << row.width << "x" << row.height << " " << row.format;
@@ -88,28 +72,20 @@ TEST_F(VideoFrame, SizesAreThoseOfPackedPictures) {
 
 TEST_F(VideoFrame, CreateNeedsSizeFormatAndMemory) {
   const std::uint8_t byte = 0;
-  const struct {
-    std::function<std::unique_ptr<MRVideoFrame>()> create;
-    const char* error;
-  } kRows[] = {
-      {[] { return MRVideoFrame::create(0, 2, YUV420P); },
-       "create: Cannot create frame with non-positive dimensions"},
-      {[] { return MRVideoFrame::create(2, -2, YUV420P); },
-       "create: Cannot create frame with non-positive dimensions"},
-      {[] { return MRVideoFrame::create(2, 2, UNKNOWN); },
-       "create: Cannot create frame with unknown format"},
-      {[] { return MRVideoFrame::create(100'000, 100'000, RGB24); },
-       "create: Cannot create frame, memory allocation failure"},
-      {[] { return MRVideoFrame::create(2, 2, nullptr, RGB24); }, "create : buffer is nullptr"},
-      {[&] { return MRVideoFrame::create(65536, 16385, &byte, ARGB32); },
-       "create: Cannot create frame, memory allocation failure"},
-  };
-  for (const auto& row : kRows) {
-    LogCapture logs(log4cxx::Level::getWarn());
-    EXPECT_EQ(row.create(), nullptr) << row.error;
-    EXPECT_THAT(logs.lines(),
-                ElementsAre(std::string("ERROR MRVideoFrame MRVideoFrame::") + row.error));
-  }
+  const LogCapture logs(log4cxx::Level::getWarn());
+  EXPECT_EQ(MRVideoFrame::create(0, 2, YUV420P), nullptr);
+  EXPECT_EQ(MRVideoFrame::create(2, -2, YUV420P), nullptr);
+  EXPECT_EQ(MRVideoFrame::create(2, 2, UNKNOWN), nullptr);
+  EXPECT_EQ(MRVideoFrame::create(100'000, 100'000, RGB24), nullptr);
+  EXPECT_EQ(MRVideoFrame::create(65536, 16385, &byte, ARGB32), nullptr);
+  EXPECT_EQ(MRVideoFrame::create(2, 2, nullptr, RGB24), nullptr);
+  const std::string error = "ERROR MRVideoFrame::create: Cannot create frame";
+  EXPECT_THAT(
+      logs.lines(),
+      ElementsAre(error + " with non-positive dimensions", error + " with non-positive dimensions",
+                  error + " with unknown format", error + ", memory allocation failure",
+                  error + ", memory allocation failure",
+                  "ERROR MRVideoFrame::create : buffer is nullptr"));
 }
 
 TEST_F(VideoFrame, BlackIsBlackInEachFormat) {
@@ -132,11 +108,11 @@ TEST_F(VideoFrame, BlackIsBlackInEachFormat) {
 }
 
 TEST_F(VideoFrame, IsWrappedOnceForTheLibraryWithoutACopy) {
-  LogCapture logs(log4cxx::Level::getWarn());
+  const LogCapture logs(log4cxx::Level::getWarn());
   auto frame = MRVideoFrame::create(4, 2, RGB24);
   scripted_fail("srn_video_frame_new_contiguous_memory_wrapper", 1, 1);
   EXPECT_EQ(frame->toSrnVideoFrame(), nullptr);
-  EXPECT_THAT(logs.lines(), ElementsAre("ERROR MRVideoFrame MRVideoFrame::toSrnVideoFrame: Cannot "
+  EXPECT_THAT(logs.lines(), ElementsAre("ERROR MRVideoFrame::toSrnVideoFrame: Cannot "
                                         "create SRN video frame"));
   const auto wrapped = frame->toSrnVideoFrame();
   ASSERT_NE(wrapped, nullptr);
@@ -187,25 +163,21 @@ TEST_F(VideoFrame, PacksWhatTheLibraryGives) {
     const char* name;
     scripted_frame_spec spec;
     std::vector<std::uint8_t> expected;
-  } kRows[] = {
-      {"packed", square(3, [](Spec&) {}), whole},
-      {"padded", square(3, [](Spec& s) { threeOf(s.stride, 8, 4, 4); }), whole},
-      {"without one buffer", square(3, [](Spec&) {}), whole},
-      {"claiming more rows than the format has",
-       square(3,
-              [](Spec& s) {
-                threeOf(s.stride, 8, 8, 8);
-                threeOf(s.rows, 500, 500, 500);
-              }),
-       whole},
-      {"with too few rows",
-       square(3,
-              [](Spec& s) {
-                threeOf(s.stride, 8, 8, 8);
-                threeOf(s.rows, 1, 1, -1);
-              }),
-       short_planes},
-  };
+  } kRows[] = {{"packed", square(3, [](Spec&) {}), whole},
+               {"padded", square(3, [](Spec& s) { stride(s, 8, 4, 4); }), whole},
+               {"without one buffer", square(3, [](Spec&) {}), whole},
+               {"claiming more rows than the format has",
+                square(3,
+                       [](Spec& s) {
+                         stride(s, 8, 8, 8, {500, 500, 500});
+                       }),
+                whole},
+               {"with too few rows",
+                square(3,
+                       [](Spec& s) {
+                         stride(s, 8, 8, 8, {1, 1, -1});
+                       }),
+                short_planes}};
   for (const auto& row : kRows) {
     // A recycled buffer that shows something else.
     MRVideoFrame::create(3, 3, std::vector<std::uint8_t>(17, 0xEE).data(), YUV420P).reset();
@@ -220,6 +192,7 @@ TEST_F(VideoFrame, PacksWhatTheLibraryGives) {
 }
 
 TEST_F(VideoFrame, RefusesWhatItCannotPack) {
+  const std::string kFrom = "ERROR MRVideoFrame::fromSrnVideoFrame: ";
   const struct {
     scripted_frame_spec spec;
     const char* error;
@@ -228,43 +201,28 @@ TEST_F(VideoFrame, RefusesWhatItCannotPack) {
        "Cannot create frame from video_frame with empty buffer"},
       {square(4, [](Spec& s) { s.format = SRN_VIDEO_FRAME_FORMAT_NV12; }),
        "Unsupported video frame format 2, only supported video format is YUV420P"},
-      {square(4,
-              [](Spec& s) {
-                s.width = 0;
-                s.buffer_size = 24;
-              }),
+      {square(4, [](Spec& s) { s.width = 0, s.buffer_size = 24; }),
        "Cannot create frame with non-positive dimensions"},
       {square(4, [](Spec& s) { s.buffer_size = 23; }),
        "Buffer length is less than minimum required for the format and dimensions, "
        "buffer_length = 23, expected_buffer_length = 24"},
-      {square(4,
-              [](Spec& s) {
-                s.missing = 2;
-                s.buffer_size = 25;
-              }),
-       "plane_buffer is null"},
-      {square(4,
-              [](Spec& s) {
-                threeOf(s.stride, 8, 1, 8);
-                s.buffer_size = 99;
-              }),
+      {square(4, [](Spec& s) { s.missing = 2, s.buffer_size = 25; }), "plane_buffer is null"},
+      {square(4, [](Spec& s) { stride(s, 8, 1, 8), s.buffer_size = 99; }),
        "Plane stride is less than expected, cannot copy data correctly"},
   };
   for (const auto& row : kRows) {
     const std::size_t pooled = Pool::instance().getPoolSize(24);
     srn_video_frame* given = scripted_frame_new(&row.spec);
     ASSERT_NE(given, nullptr) << row.error;
-    LogCapture logs(log4cxx::Level::getWarn());
+    const LogCapture logs(log4cxx::Level::getWarn());
     EXPECT_EQ(MRVideoFrame::fromSrnVideoFrame(given), nullptr) << row.error;
-    EXPECT_THAT(logs.lines(),
-                ElementsAre(std::string("ERROR MRVideoFrame MRVideoFrame::fromSrnVideoFrame: ") +
-                            row.error));
+    EXPECT_THAT(logs.lines(), ElementsAre(kFrom + row.error));
     EXPECT_GE(Pool::instance().getPoolSize(24), pooled);
     srn_video_frame_delete(given);
   }
-  LogCapture logs(log4cxx::Level::getWarn());
+  const LogCapture logs(log4cxx::Level::getWarn());
   EXPECT_EQ(MRVideoFrame::fromSrnVideoFrame(nullptr), nullptr);
-  EXPECT_THAT(logs.lines(), ElementsAre(HasSubstr("Cannot create frame from null video_frame")));
+  EXPECT_EQ(logs.count(kFrom + "Cannot create frame from null video_frame"), 1);
 }
 
 TEST_F(VideoFrame, FormatsHaveNamesAndLibraryNumbers) {

@@ -1,32 +1,19 @@
-#include <gmock/gmock.h>
+#include <utility>
 
-#include <sstream>
-#include <thread>
-
-#include "runtime/event_queue.h"
+#include "core_test.h"
 #include "session/mr_subscriber_manager.h"
-#include "session_test_support.h"
 
-using namespace session_test;
-using testing::Contains;
+using namespace core_test;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
 
-class SubscriberTest : public ScriptedTest {
+class SubscriberTest : public JoinedTest {
  protected:
-  SubscriberTest() {
-    queue.start();
-    session = MRSession::connect(sessionInfo(), {}, &observer);
-    EXPECT_TRUE(observer.heard.waitFor("connected the-session"));
-    addStream("stream");
-  }
+  SubscriberTest() { addStream("stream"); }
   void TearDown() override {
     queue.postAndWait([this] { manager.reset(); });
-    session.reset();
-    queue.stop();
-    ScriptedTest::TearDown();
+    JoinedTest::TearDown();
   }
   void addStream(const std::string& id) {
     srn_stream* const stream = scripted_stream_new(id.c_str(), "peer", "data", "the-session", 5);
@@ -47,7 +34,7 @@ class SubscriberTest : public ScriptedTest {
     };
     result.data.on_render_frame = [this](const MRStreamInfo&, const MRVideoFrameData& frame) {
       heard.add("frame " + std::to_string(frame.width));
-      kept.push_back(frame.keep_alive);
+      kept = frame.keep_alive;
       pixels = frame.buffer;
     };
     result.data.on_caption_text = [this](const MRStreamInfo&, const std::string& text, bool last) {
@@ -55,97 +42,75 @@ class SubscriberTest : public ScriptedTest {
     };
     return result;
   }
-  std::string subscribe(const MRSubscriberSettings& settings = all(), const char* id = "stream") {
+  std::string subscribe(const MRSubscriberSettings& settings, const char* id = "stream") {
     return queue.postAndWait<std::string>(
         [&] { return manager.subscribe(id, callbacks(), session, settings); });
+  }
+  std::string subscribe() { return subscribeWith(callbacks()); }
+  std::string subscribeWith(const MRSubscriberCallbacks& what) {
+    return queue.postAndWait<std::string>(
+        [&] { return manager.subscribe("stream", what, session, kAll); });
   }
   bool unsubscribe() {
     return queue.postAndWait<bool>([this] { return manager.unsubscribe("stream"); });
   }
-  void settle() {
-    queue.flush();
-    ASSERT_EQ(scripted_wait_idle(20000), 1);
-    queue.flush();
-  }
-  static MRSubscriberSettings all() { return {true, true, true, {}, {}}; }
 
-  Journal heard;
-  std::vector<std::shared_ptr<const void>> kept;
+  const MRSubscriberSettings kAll{true, true, true, {}, {}};
+  std::shared_ptr<const void> kept;
   const uint8_t* pixels = nullptr;
-  RecordingObserver observer;
-  std::shared_ptr<MRSession> session;
-  EventQueue queue{"test"};
   MRSubscriberManager manager{queue};
 };
 
 TEST_F(SubscriberTest, AsksTheLibraryForWhatIsWantedInOrder) {
-  struct Row {
-    MRSubscriberSettings settings;
-    std::string slots;
-    std::vector<std::string> calls;
-  };
-  const std::vector<Row> rows{
-      {{true, false, false, 15.0F, Resolution{640, 480}},
-       "on_connected on_disconnected on_error on_audio_data user_data",
-       {"srn_subscriber_set_subscribe_to_video(subscriber=1, enabled=0)",
-        "srn_subscriber_set_subscribe_to_audio(subscriber=1, enabled=1)",
-        "srn_subscriber_set_subscribe_to_captions(subscriber=1, enabled=0)"}},
-      {{false, true, true, 15.0F, Resolution{640, 480}},
-       "on_connected on_disconnected on_render_frame on_caption_text on_error user_data",
-       {"srn_subscriber_set_subscribe_to_video(subscriber=2, enabled=1)",
-        "srn_subscriber_set_preferred_resolution(subscriber=2, width=640, height=480)",
-        "srn_subscriber_set_preferred_framerate(subscriber=2, framerate=15)",
-        "srn_subscriber_set_subscribe_to_audio(subscriber=2, enabled=0)",
-        "srn_subscriber_set_subscribe_to_captions(subscriber=2, enabled=1)"}},
-  };
   scripted_answer("subscriber_connected", "none");
-  int number = 0;
-  for (const Row& row : rows) {
-    const std::string n = std::to_string(++number);
-    ASSERT_EQ(scripted_wait_idle(20000), 1);
-    const auto before = split(scripted_calls()).size();
-    EXPECT_EQ(subscribe(row.settings), "subscriber-" + n);
-    auto calls = split(scripted_calls());
-    calls.erase(calls.begin(), calls.begin() + static_cast<long>(before));
-    std::vector<std::string> expected{"srn_subscriber_new(stream=3, callbacks=[" + row.slots +
-                                      "])"};
-    expected.insert(expected.end(), row.calls.begin(), row.calls.end());
-    expected.push_back("srn_session_subscribe(session=1, subscriber=" + n + ")");
-    expected.push_back("srn_subscriber_get_subscriber_id(subscriber=" + n + ")");
-    EXPECT_EQ(calls, expected);
-    EXPECT_TRUE(unsubscribe());
-  }
+  ASSERT_EQ(scripted_wait_idle(20000), 1);
+  const std::string before = scripted_calls();
+  EXPECT_EQ(subscribe({true, false, false, 15.0F, Resolution{640, 480}}), "subscriber-1");
+  EXPECT_TRUE(unsubscribe());
+  EXPECT_EQ(subscribe({false, true, true, 15.0F, Resolution{640, 480}}), "subscriber-2");
+  EXPECT_EQ(std::string(scripted_calls()).substr(before.size()), R"(
+srn_subscriber_new(stream=3, callbacks=[on_connected on_disconnected on_error on_audio_data user_data])
+srn_subscriber_set_subscribe_to_video(subscriber=1, enabled=0)
+srn_subscriber_set_subscribe_to_audio(subscriber=1, enabled=1)
+srn_subscriber_set_subscribe_to_captions(subscriber=1, enabled=0)
+srn_session_subscribe(session=1, subscriber=1)
+srn_subscriber_get_subscriber_id(subscriber=1)
+srn_session_unsubscribe(session=1, subscriber=1)
+srn_subscriber_delete(subscriber=1)
+srn_subscriber_new(stream=3, callbacks=[on_connected on_disconnected on_render_frame on_caption_text on_error user_data])
+srn_subscriber_set_subscribe_to_video(subscriber=2, enabled=1)
+srn_subscriber_set_preferred_resolution(subscriber=2, width=640, height=480)
+srn_subscriber_set_preferred_framerate(subscriber=2, framerate=15)
+srn_subscriber_set_subscribe_to_audio(subscriber=2, enabled=0)
+srn_subscriber_set_subscribe_to_captions(subscriber=2, enabled=1)
+srn_session_subscribe(session=1, subscriber=2)
+srn_subscriber_get_subscriber_id(subscriber=2))");
 }
 
 TEST_F(SubscriberTest, GivesUpAtTheFirstFailureAndLeavesNothing) {
-  const std::string kStatic = "ERROR MRSubscriber::subscribe (static): ";
-  const std::vector<std::pair<const char*, std::string>> rows{
-      {"srn_subscriber_new",
-       kStatic +
-           "Couldn't create subscriber for stream:MRStreamInfo: {streamId: stream, connection: "
-           "MRConnectionInfo: {connectionId: peer, creationTime: 5, data: data, sessionId: "
-           "the-session}}"},
-      {"srn_subscriber_set_subscribe_to_video",
-       kStatic + "Failed to configure video subscription. status:7"},
-      {"srn_subscriber_set_preferred_resolution",
-       kStatic + "Failed to set preferred resolution. status:7"},
-      {"srn_subscriber_set_preferred_framerate",
-       kStatic + "Failed to set preferred framerate. status:7"},
-      {"srn_subscriber_set_subscribe_to_audio",
-       kStatic + "Failed to configure audio subscription. status:7"},
-      {"srn_subscriber_set_subscribe_to_captions",
-       kStatic + "Failed to configure caption subscription. status:7"},
-      {"srn_session_subscribe", kStatic + "Failed to bind subscriber to session. status:7"},
+  const std::string kGivenUp =
+      "ERROR MRSubscriberManager::subscribe: Couldn't subscribe to stream. stream_id:stream";
+  const std::vector<std::pair<const char*, const char*>> rows{
+      {"subscriber_new",
+       "Couldn't create subscriber for stream:MRStreamInfo: {streamId: stream, connection: "
+       "MRConnectionInfo: {connectionId: peer, creationTime: 5, data: data, sessionId: "
+       "the-session}}"},
+      {"subscriber_set_subscribe_to_video", "Failed to configure video subscription. status:7"},
+      {"subscriber_set_preferred_resolution", "Failed to set preferred resolution. status:7"},
+      {"subscriber_set_preferred_framerate", "Failed to set preferred framerate. status:7"},
+      {"subscriber_set_subscribe_to_audio", "Failed to configure audio subscription. status:7"},
+      {"subscriber_set_subscribe_to_captions",
+       "Failed to configure caption subscription. status:7"},
+      {"session_subscribe", "Failed to bind subscriber to session. status:7"},
   };
   for (const auto& [function, line] : rows) {
     SCOPED_TRACE(function);
-    scripted_fail(function, 7, 1);
+    scripted_fail((std::string("srn_") + function).c_str(), 7, 1);
     const LogCapture log(log4cxx::Level::getError());
     EXPECT_EQ(subscribe({true, true, false, 15.0F, Resolution{640, 480}}), "");
-    EXPECT_THAT(log.lines(),
-                ElementsAre(line,
-                            "ERROR MRSubscriberManager::subscribe: Couldn't subscribe to "
-                            "stream. stream_id:stream"));
+    EXPECT_THAT(
+        log.lines(),
+        ElementsAre(std::string("ERROR MRSubscriber::subscribe (static): ") + line, kGivenUp));
     EXPECT_EQ(scripted_live("subscriber"), 0);
   }
   EXPECT_EQ(scripted_call_count("srn_session_unsubscribe"), 0);
@@ -154,7 +119,9 @@ TEST_F(SubscriberTest, GivesUpAtTheFirstFailureAndLeavesNothing) {
 
 TEST_F(SubscriberTest, RefusesWhatCannotBeSubscribedTo) {
   const LogCapture log(log4cxx::Level::getWarn());
-  EXPECT_EQ(subscribe(all(), "unknown"), "");
+  EXPECT_EQ(subscribe(kAll, "unknown"), "");
+  addStream("stream");  // the first of an id stays
+  queue.postAndWait([this] { manager.removeStream("unknown"); });
   EXPECT_EQ(subscribe({false, false, true, {}, {}}), "");
   const auto alive = std::exchange(session, nullptr);
   EXPECT_EQ(subscribe(), "");
@@ -167,6 +134,8 @@ TEST_F(SubscriberTest, RefusesWhatCannotBeSubscribedTo) {
   EXPECT_THAT(
       log.lines(),
       ElementsAre("WARN " + kManager + "subscribe: Stream not connected. stream_id:unknown",
+                  "WARN " + kManager + "addStream: Stream already exists. stream_id:stream",
+                  "WARN " + kManager + "removeStream: Stream doesn't exist. stream_id:unknown",
                   "ERROR MRSubscriber::subscribe: At least one of subscribe_to_audio or "
                   "subscribe_to_video must be true",
                   "ERROR " + kManager + "subscribe: Couldn't subscribe to stream. stream_id:stream",
@@ -233,7 +202,7 @@ TEST_F(SubscriberTest, MayGoWhileItsMediaAreBeingDelivered) {
     EXPECT_TRUE(go_on.wait());
     heard.add(label + " " + stream.connection.connection_id);
   };
-  queue.postAndWait([&] { manager.subscribe("stream", slow, session, all()); });
+  subscribeWith(slow);
   slow = {};
   scripted_caption("stream", "first", 0);
   scripted_caption("stream", "second", 0);
@@ -299,10 +268,10 @@ TEST_F(SubscriberTest, MayBeReplacedByItsOwnCallback) {
     EXPECT_TRUE(manager.unsubscribe("stream"));
     // The library's side is gone at once, the record stays for the callback.
     EXPECT_EQ(scripted_live("subscriber"), 0);
-    EXPECT_EQ(manager.subscribe("stream", callbacks(), session, all()), "subscriber-2");
+    EXPECT_EQ(manager.subscribe("stream", callbacks(), session, kAll), "subscriber-2");
     heard.add("replaced " + subscriber.getStreamInfo().stream_id);
   };
-  queue.postAndWait([&] { manager.subscribe("stream", again, session, all()); });
+  subscribeWith(again);
   settle();
   Latch queued;
   queue.post([&] { EXPECT_TRUE(queued.wait()); });
@@ -326,8 +295,8 @@ TEST_F(SubscriberTest, LetsTheSessionGoFromItsOwnCallback) {
     EXPECT_EQ(scripted_call_count("srn_session_delete"), 1);
     heard.add("ended");
   };
-  queue.postAndWait([&] { manager.subscribe("stream", ending, session, all()); });
-  ASSERT_TRUE(heard.waitFor("ended"));
+  subscribeWith(ending);
+  ASSERT_TRUE(heard.await("ended"));
   EXPECT_THAT(callNames({"srn_session_unsubscribe", "srn_subscriber_delete", "srn_stream_delete",
                          "srn_session_disconnect", "srn_session_delete"}),
               ElementsAre("srn_stream_delete", "srn_stream_delete", "srn_session_unsubscribe",
@@ -335,20 +304,9 @@ TEST_F(SubscriberTest, LetsTheSessionGoFromItsOwnCallback) {
                           "srn_session_delete"));
 }
 
-TEST_F(SubscriberTest, KeepsTheFirstStreamOfAnId) {
-  const LogCapture log;
-  addStream("stream");
-  queue.postAndWait([this] { manager.removeStream("unknown"); });
-  EXPECT_THAT(
-      log.lines(),
-      ElementsAre(
-          "WARN MRSubscriberManager::addStream: Stream already exists. stream_id:stream",
-          "WARN MRSubscriberManager::removeStream: Stream doesn't exist. stream_id:unknown"));
-  EXPECT_EQ(scripted_live("stream"), 1);
-}
-
 TEST_F(SubscriberTest, ReportsAFailureToUnbindAndGoesOn) {
   subscribe();
+  settle();
   scripted_fail("srn_session_unsubscribe", 1112, 1);
   const LogCapture log(log4cxx::Level::getError());
   EXPECT_TRUE(unsubscribe());
@@ -357,17 +315,6 @@ TEST_F(SubscriberTest, ReportsAFailureToUnbindAndGoesOn) {
                   "ERROR MRSubscriber::unsubscribe: Failed to unbind subscriber from session. "
                   "status:1112, session_:0x.*, subscriber_:0x.*")));
   EXPECT_EQ(scripted_live("subscriber"), 0);
-}
-
-TEST(SubscriberRecords, PrintThemselves) {
-  std::ostringstream out;
-  out << MRSubscriberInfo{"id", "stream", "session"} << MRSubscriberSettings{}
-      << MRSubscriberSettings{false, true, true, 12.5F, Resolution{640, 480}};
-  EXPECT_EQ(out.str(),
-            "MRSubscriberInfo: {subscriberId: id, sessionId: session, publisherStreamId: "
-            "stream}MRSubscriberSettings: {wantsAudio: 1, wantsVideo: 1, wantsCaptions: "
-            "0}MRSubscriberSettings: {wantsAudio: 0, wantsVideo: 1, wantsCaptions: 1, "
-            "preferredFramerate: 12.5, preferredResolution: {width: 640 height: 480}}");
 }
 
 }  // namespace

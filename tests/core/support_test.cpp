@@ -35,18 +35,16 @@ TEST(DeviceInfo, ReadsOnlyUsableAddresses) {
   const struct {
     const char* file;
     const char* address;
-  } kRows[] = {
-      {"02:42:ac:11:00:02\n", "0242ac110002"},
-      {"02:42:AC:11:00:02", "0242AC110002"},
-      {"0242ac110002\nsecond line\n", "0242ac110002"},
-      {"", ""},
-      {"\n02:42:ac:11:00:02\n", ""},
-      {"00:00:00:00:00:00\n", ""},
-      {"02:42:ac:11:00\n", ""},
-      {"02:42:ac:11:00:02:03\n", ""},
-      {"02:42:ac:11:00:0g\n", ""},
-      {"02:42:ac:11:00:0\xe4\n", ""},
-  };
+  } kRows[] = {{"02:42:ac:11:00:02\n", "0242ac110002"},
+               {"02:42:AC:11:00:02", "0242AC110002"},
+               {"0242ac110002\nsecond line\n", "0242ac110002"},
+               {"", ""},
+               {"\n02:42:ac:11:00:02\n", ""},
+               {"00:00:00:00:00:00\n", ""},
+               {"02:42:ac:11:00\n", ""},
+               {"02:42:ac:11:00:02:03\n", ""},
+               {"02:42:ac:11:00:0g\n", ""},
+               {"02:42:ac:11:00:0\xe4\n", ""}};
   for (const auto& row : kRows) {
     std::istringstream file(row.file);
     EXPECT_EQ(mr::readMacAddress(file), row.address) << row.file;
@@ -61,6 +59,7 @@ TEST(DeviceInfo, GivesANewRecordAtEachCall) {
     }
     std::free(info);
   };
+  mr::setWrapperLanguage("cpp");
   snt_device_info* first = srn_get_device_info();
   mr::setWrapperLanguage("python");
   snt_device_info* second = srn_get_device_info();
