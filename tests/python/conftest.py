@@ -126,8 +126,8 @@ class World:
         self.lib.reset()
         self.lib.media_on_delivery_threads(1)
         # An answer before the callables are stored is lost, by design: the events are told by hand.
-        self.lib.auto("stream_created", 0)
-        self.lib.auto("subscriber_connected", 0)
+        self.lib.answer("stream_created", "none")
+        self.lib.answer("subscriber_connected", "none")
         from tavrin_media_relay import models
 
         self.models = models
@@ -184,7 +184,7 @@ class World:
     def mend(self) -> None:
         for function in self._failed:
             self.lib.fail(function, 0, 0)
-        self.lib.auto("disconnected", 1)
+        self.lib.answer("disconnected", "normal")
         self.lib.delay("disconnected", 0)
         self.lib.render_block(0)
 

@@ -51,7 +51,6 @@ class ProvidedFrame(ctypes.Structure):
         ("size", ctypes.c_uint64),
         ("checksum", ctypes.c_uint32),
         ("first", ctypes.c_uint8 * 12),
-        ("time_ns", ctypes.c_int64),
     ]
 
 

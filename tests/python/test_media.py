@@ -120,7 +120,7 @@ def test_media_without_a_session(world):
 
 
 def test_audio_before_the_device_runs(world):
-    world.lib.auto("audio_device", 0)
+    world.lib.answer("audio_device", "none")
     world.connect(level="warn")
     world.log.clear()
     assert world.client.add_audio(audio(world, samples(PERIOD))) is False

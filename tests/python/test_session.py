@@ -373,7 +373,7 @@ def test_reconnect_from_inside_on_error_survives_the_old_sessions_end(world):
 
 
 def test_is_connected_from_connect_to_the_end(world):
-    world.lib.auto("connected", 0)
+    world.lib.answer("connected", "none")
     assert world.client.is_connected() is False
     world.connect()
     assert world.client.is_connected() is True and world.client.is_connected(1, x=2) is True
@@ -385,7 +385,7 @@ def test_get_connection(world):
     assert world.client.get_connection() is None
     no_session = ("WARN", "MRController::getSessionConnectionInfo: No session")
     assert world.log.texts().count(no_session) == 1
-    world.lib.auto("connected", 0)
+    world.lib.answer("connected", "none")
     world.connect()
     assert world.client.get_connection(1, x=2) is None
     assert world.log.texts().count(no_session) == 1

@@ -10,14 +10,13 @@
 #include "handles.h"
 #include "scripted_sarnet.h"
 
-struct srn_video_frame : scripted::Handle {
+struct srn_video_frame : scripted::HandleOf<scripted::Kind::frame> {
   struct Plane {
     const uint8_t* data = nullptr;
     int32_t stride = 0;
     int32_t rows = 0;
   };
 
-  srn_video_frame() : Handle(scripted::Kind::frame) {}
   ~srn_video_frame() override;
 
   srn_video_frame_format format = SRN_VIDEO_FRAME_FORMAT_UNKNOWN;

@@ -1,9 +1,8 @@
 #include "handles.h"
 
-#include <algorithm>
+#include <array>
 #include <chrono>
 #include <deque>
-#include <string_view>
 
 #include "script.h"
 
@@ -13,47 +12,37 @@ namespace {
 constexpr size_t kQuarantine = 16'384;
 constexpr size_t kRemembered = 64;
 constexpr std::chrono::seconds kLongestWait{20};
-
-constexpr std::array<const char*, static_cast<size_t>(Kind::count)> kKindNames = {
+constexpr auto kKinds = static_cast<size_t>(Kind::count);
+constexpr std::array<std::string_view, kKinds> kKindNames = {
     "session", "session_settings", "publisher", "publisher_settings", "subscriber",
     "stream",  "connection",       "frame",     "capturer",           "device"};
 
+struct OfKind {
+  long numbers = 0;
+  long live = 0;
+  std::deque<std::shared_ptr<Handle>> newest_first;
+};
+
+// Only what callbacks come for is looked up again.
+bool isRemembered(Kind kind) {
+  return kind == Kind::session || kind == Kind::publisher || kind == Kind::subscriber;
+}
+
 struct Registry {
-  std::array<std::atomic<long>, kKindNames.size()> numbers{};
-  std::array<std::atomic<long>, kKindNames.size()> live{};
-  std::mutex quarantine_mutex;
-  std::deque<std::shared_ptr<Handle>> retired;
   std::mutex mutex;
-  std::vector<std::shared_ptr<srn_session>> sessions;
-  std::vector<std::shared_ptr<srn_publisher>> publishers;
-  std::vector<std::shared_ptr<srn_subscriber>> subscribers;
-  long chosen_session = 0;
+  std::array<OfKind, kKinds> kinds;
+  std::deque<std::shared_ptr<Handle>> retired;
+  std::atomic<long> chosen_session{0};
+
+  OfKind& of(Kind kind) { return kinds[static_cast<size_t>(kind)]; }
 };
 
 Registry& registry() {
-  static Registry* const instance = new Registry;
+  static auto* const instance = new Registry;
   return *instance;
 }
 
-// Keeps the newest: all that live, and a few that were deleted, for rogue mode.
-template <class T>
-void remember(std::vector<std::shared_ptr<T>>& list, const std::shared_ptr<T>& handle) {
-  const std::lock_guard lock(registry().mutex);
-  if (list.size() >= kRemembered) {
-    std::erase_if(list, [](const auto& each) { return !each->alive.load(); });
-  }
-  list.push_back(handle);
-}
-
-template <class T, class Wanted>
-std::shared_ptr<T> newest(const std::vector<std::shared_ptr<T>>& list, Wanted wanted) {
-  const bool rogue = script().rogue.load();
-  const std::lock_guard lock(registry().mutex);
-  const auto found = std::find_if(list.rbegin(), list.rend(), [&](const auto& each) {
-    return (rogue || each->alive.load()) && wanted(*each);
-  });
-  return found == list.rend() ? nullptr : *found;
-}
+std::string nameOf(Kind kind) { return std::string(kKindNames[static_cast<size_t>(kind)]); }
 
 }  // namespace
 
@@ -62,6 +51,13 @@ bool Gate::mayStart() const { return (bound_ && !closed_) || (rogue_ && script()
 bool Gate::open() const {
   const std::lock_guard lock(mutex_);
   return mayStart();
+}
+
+bool Gate::enter() {
+  const std::lock_guard lock(mutex_);
+  if (!mayStart()) return false;
+  running_.push_back(std::this_thread::get_id());
+  return true;
 }
 
 void Gate::leave() {
@@ -85,112 +81,98 @@ void Gate::close() {
   if (!quiet) script().fault("a delete waited too long for a callback");
 }
 
-long nextNumber(Kind kind) { return ++registry().numbers[static_cast<size_t>(kind)]; }
-
-void countLive(Kind kind, int change) {
-  registry().live[static_cast<size_t>(kind)].fetch_add(change);
+void adoptHandle(const std::shared_ptr<Handle>& handle) {
+  const std::lock_guard lock(registry().mutex);
+  auto& [numbers, alive, newest_first] = registry().of(handle->kind);
+  handle->number = ++numbers;
+  handle->self = handle;
+  ++alive;
+  if (!isRemembered(handle->kind)) return;
+  if (newest_first.size() >= kRemembered) {
+    std::erase_if(newest_first, [](const auto& each) { return !each->alive.load(); });
+  }
+  newest_first.push_front(handle);
 }
 
-long live(const char* kind) {
-  const auto found = std::find_if(kKindNames.begin(), kKindNames.end(), [kind](const char* each) {
-    return kind != nullptr && std::string_view(each) == kind;
-  });
-  return found == kKindNames.end() ? -1 : registry().live[found - kKindNames.begin()].load();
-}
-
-void restartNumbers() {
-  for (auto& number : registry().numbers) number.store(0);
+long live(std::string_view kind) {
+  const std::lock_guard lock(registry().mutex);
+  const auto found = std::find(kKindNames.begin(), kKindNames.end(), kind);
+  return found == kKindNames.end() ? -1 : registry().kinds[found - kKindNames.begin()].live;
 }
 
 bool isValid(const Handle* handle, Kind kind, const char* function) {
   if (handle == nullptr) return false;
-  if (handle->kind != kind) {
-    script().fault(std::string(function) + ": not a handle of the kind " +
-                   kKindNames[static_cast<size_t>(kind)]);
-    return false;
-  }
-  if (!handle->alive.load()) {
-    script().fault(std::string(function) + ": " + kKindNames[static_cast<size_t>(kind)] + ' ' +
-                   std::to_string(handle->number) + " was deleted before");
-    return false;
-  }
-  return true;
+  if (handle->kind == kind && handle->alive.load()) return true;
+  script().fault(std::string(function) + ": " +
+                 (handle->kind == kind
+                      ? nameOf(kind) + ' ' + std::to_string(handle->number) + " was deleted before"
+                      : "not a handle of the kind " + nameOf(kind)));
+  return false;
 }
 
 bool retire(Handle* handle, Kind kind, const char* function) {
   if (!isValid(handle, kind, function)) return false;
-  if (handle->self == nullptr) {
-    script().fault(std::string(function) + ": the handle is borrowed");
+  if (handle->self == nullptr || !handle->alive.exchange(false)) {
+    script().fault(std::string(function) +
+                   (handle->self ? ": two deletes at once" : ": the handle is borrowed"));
     return false;
   }
-  if (!handle->alive.exchange(false)) {
-    script().fault(std::string(function) + ": two deletes at once");
-    return false;
+  {
+    const std::lock_guard lock(registry().mutex);
+    --registry().of(kind).live;
   }
-  countLive(kind, -1);
   quarantine(std::move(handle->self));
   return true;
 }
 
 void quarantine(std::shared_ptr<Handle> handle) {
+  if (handle == nullptr) return;
   handle->alive.store(false);
   std::shared_ptr<Handle> oldest;  // destroyed after the lock
-  Registry& all = registry();
-  const std::lock_guard lock(all.quarantine_mutex);
-  all.retired.push_back(std::move(handle));
-  if (all.retired.size() > kQuarantine) {
-    oldest = std::move(all.retired.front());
-    all.retired.pop_front();
+  const std::lock_guard lock(registry().mutex);
+  auto& retired = registry().retired;
+  retired.push_back(std::move(handle));
+  if (retired.size() > kQuarantine) {
+    oldest = std::move(retired.front());
+    retired.pop_front();
   }
 }
 
-void rememberSession(const std::shared_ptr<srn_session>& session) {
-  remember(registry().sessions, session);
-}
-
-void rememberPublisher(const std::shared_ptr<srn_publisher>& publisher) {
-  remember(registry().publishers, publisher);
-}
-
-void rememberSubscriber(const std::shared_ptr<srn_subscriber>& subscriber) {
-  remember(registry().subscribers, subscriber);
-}
-
-void forgetHandles() {
-  Registry& all = registry();
-  const std::lock_guard lock(all.mutex);
-  all.sessions.clear();
-  all.publishers.clear();
-  all.subscribers.clear();
-  all.chosen_session = 0;
-}
-
-void chooseSession(long number) {
+std::vector<std::shared_ptr<Handle>> handles(Kind kind) {
+  const bool rogue = script().rogue.load();
   const std::lock_guard lock(registry().mutex);
-  registry().chosen_session = number;
+  const auto& all = registry().of(kind).newest_first;
+  std::vector<std::shared_ptr<Handle>> found;
+  std::copy_if(all.begin(), all.end(), std::back_inserter(found),
+               [rogue](const auto& each) { return rogue || each->alive.load(); });
+  return found;
 }
 
 std::shared_ptr<srn_session> currentSession() {
-  long chosen = 0;
-  {
-    const std::lock_guard lock(registry().mutex);
-    chosen = registry().chosen_session;
-  }
-  return newest(registry().sessions, [chosen](const srn_session& session) {
-    return chosen == 0 || session.number == chosen;
-  });
+  const long chosen = registry().chosen_session.load();
+  return newest<srn_session>(
+      [chosen](const auto& session) { return chosen == 0 || session.number == chosen; });
 }
 
 std::shared_ptr<srn_publisher> currentPublisher() {
-  return newest(registry().publishers, [](const srn_publisher&) { return true; });
+  return newest<srn_publisher>([](const auto&) { return true; });
 }
 
 std::shared_ptr<srn_subscriber> subscriberOf(const char* stream_id) {
-  if (stream_id == nullptr) return nullptr;
-  return newest(registry().subscribers, [stream_id](const srn_subscriber& subscriber) {
-    const char* const id = subscriber.stream->id.get();
-    return id != nullptr && std::string_view(id) == stream_id && subscriber.gate.open();
+  return newest<srn_subscriber>([id = text(stream_id)](const auto& subscriber) {
+    return id && subscriber.stream.id == id && subscriber.gate.open();
   });
+}
+
+void chooseSession(long number) { registry().chosen_session.store(number); }
+
+void forgetHandles() {
+  const std::lock_guard lock(registry().mutex);
+  for (OfKind& kind : registry().kinds) {
+    kind.numbers = 0;
+    kind.newest_first.clear();
+  }
+  registry().chosen_session.store(0);
 }
 
 }  // namespace scripted

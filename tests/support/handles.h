@@ -4,19 +4,21 @@
 
 #include <sarnet/sarnet.h>
 
-#include <array>
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
 namespace scripted {
 
-enum class Kind : uint32_t {
+enum class Kind {
   session,
   session_settings,
   publisher,
@@ -43,187 +45,151 @@ struct Handle {
   std::shared_ptr<Handle> self;
 };
 
+template <Kind handle_kind>
+struct HandleOf : Handle {
+  static constexpr Kind kKind = handle_kind;
+  HandleOf() : Handle(handle_kind) {}
+};
+
 // Says whether callbacks of a handle may start, and lets a delete wait for those that are running.
 // A delete from inside a callback of the same handle does not wait for itself.
 class Gate {
  public:
   // `rogue`: in rogue mode callbacks start at any time.
-  explicit Gate(bool rogue) : rogue_(rogue) {}
+  explicit Gate(bool rogue, bool bound) : rogue_(rogue), bound_(bound) {}
   bool open() const;
-  // Counts a state callback in; false when the handle was deleted or is not bound. `prepare` runs
-  // under the gate's lock: what it reads cannot change by then.
-  template <class Prepare>
-  bool enter(Prepare prepare) {
-    const std::lock_guard lock(mutex_);
-    if (!mayStart()) return false;
-    prepare();
-    running_.push_back(std::this_thread::get_id());
+  // Runs the callback; false when the handle was deleted or is not bound. Counted out also when the
+  // thread is ended by unwinding inside the callback.
+  template <class Callback>
+  bool pass(Callback callback) {
+    if (!enter()) return false;
+    const struct Inside {
+      Gate& gate;
+      ~Inside() { gate.leave(); }
+    } inside{*this};
+    callback();
     return true;
   }
-  void leave();
   void bind(bool bound);
   // No callback starts any more; waits for running ones.
   void close();
 
  private:
   bool mayStart() const;
+  bool enter();
+  void leave();
 
   const bool rogue_;
   mutable std::mutex mutex_;
   std::condition_variable left_;
   std::vector<std::thread::id> running_;
-  bool bound_ = false;
+  bool bound_;
   bool closed_ = false;
 };
 
-// Leaves the gate also when the thread is ended by unwinding inside the callback.
-class Inside {
- public:
-  explicit Inside(Gate& gate) : gate_(gate) {}
-  ~Inside() { gate_.leave(); }
-  Inside(const Inside&) = delete;
-  Inside& operator=(const Inside&) = delete;
-
- private:
-  Gate& gate_;
-};
-
 // A text that may be null.
-class Text {
- public:
-  Text() = default;
-  explicit Text(const char* text) : null_(text == nullptr), value_(text == nullptr ? "" : text) {}
-  const char* get() const { return null_ ? nullptr : value_.c_str(); }
-
- private:
-  bool null_ = true;
-  std::string value_;
-};
-
-struct ConnectionFacts {
-  Text id;
-  Text data;
-  Text session_id;
-  int64_t creation_time = 0;
-};
+using Text = std::optional<std::string>;
+inline Text text(const char* given) { return given == nullptr ? Text() : Text(given); }
+inline const char* given(const Text& text) { return text ? text->c_str() : nullptr; }
 
 }  // namespace scripted
 
-struct srn_connection : scripted::Handle {
-  explicit srn_connection(scripted::ConnectionFacts connection_facts)
-      : Handle(scripted::Kind::connection), facts(std::move(connection_facts)) {}
-  const scripted::ConnectionFacts facts;
+struct srn_connection : scripted::HandleOf<scripted::Kind::connection> {
+  scripted::Text id;
+  scripted::Text data;
+  scripted::Text session_id;
+  int64_t creation_time = 0;
 };
 
-struct srn_stream : scripted::Handle {
-  srn_stream(scripted::Text stream_id, std::shared_ptr<srn_connection> stream_connection)
-      : Handle(scripted::Kind::stream),
-        id(std::move(stream_id)),
-        connection(std::move(stream_connection)) {}
+struct srn_stream : scripted::HandleOf<scripted::Kind::stream> {
+  srn_stream(scripted::Text stream_id, std::shared_ptr<const srn_connection> stream_connection)
+      : id(std::move(stream_id)), connection(std::move(stream_connection)) {}
   const scripted::Text id;
-  const std::shared_ptr<srn_connection> connection;  // null: none
+  const std::shared_ptr<const srn_connection> connection;  // null: none
 };
 
-struct srn_session_settings : scripted::Handle {
-  srn_session_settings() : Handle(scripted::Kind::session_settings) {}
-};
+struct srn_session_settings : scripted::HandleOf<scripted::Kind::session_settings> {};
 
-struct srn_session : scripted::Handle {
+struct srn_session : scripted::HandleOf<scripted::Kind::session> {
   srn_session(const char* session_id, const srn_session_callbacks& callbacks)
-      : Handle(scripted::Kind::session), id(session_id), table(callbacks) {
-    gate.bind(true);
-  }
+      : id(session_id), table(callbacks) {}
   const std::string id;
   const srn_session_callbacks table;
-  scripted::Gate gate{true};
+  scripted::Gate gate{true, true};
   std::atomic<bool> open{false};    // from a successful connect to the end
   std::atomic<bool> joined{false};  // from on_connected to the end
 };
 
-struct srn_video_capturer : scripted::Handle {
-  srn_video_capturer() : Handle(scripted::Kind::capturer) {}
-};
+struct srn_video_capturer : scripted::HandleOf<scripted::Kind::capturer> {};
+struct srn_audio_device : scripted::HandleOf<scripted::Kind::device> {};
 
-struct srn_publisher_settings : scripted::Handle {
-  srn_publisher_settings() : Handle(scripted::Kind::publisher_settings) {}
+struct srn_publisher_settings : scripted::HandleOf<scripted::Kind::publisher_settings> {
   bool video_track = true;
   const srn_video_capturer_callbacks* capturer = nullptr;
 };
 
-struct srn_publisher : scripted::Handle {
-  srn_publisher(const srn_publisher_callbacks* callbacks, const srn_publisher_settings& settings)
-      : Handle(scripted::Kind::publisher),
-        table(callbacks),
-        video_track(settings.video_track),
-        has_capturer(settings.capturer != nullptr) {
-    if (has_capturer) capturer_table = *settings.capturer;
-    capturer_gate.bind(true);
+struct srn_publisher : scripted::HandleOf<scripted::Kind::publisher> {
+  srn_publisher(const srn_publisher_callbacks& callbacks, const srn_publisher_settings& settings)
+      : table(callbacks) {
+    if (settings.video_track && settings.capturer != nullptr) capturer_table = *settings.capturer;
   }
-  const srn_publisher_callbacks* const table;  // by address: `user_data` is read for each call
-  const bool video_track;
-  const bool has_capturer;
-  srn_video_capturer_callbacks capturer_table{};
+  const srn_publisher_callbacks& table;  // the program's: `user_data` is read for each call
+  std::optional<srn_video_capturer_callbacks> capturer_table;
   srn_video_capturer capturer;
   std::string id;
-  scripted::Gate gate{false};
-  scripted::Gate capturer_gate{false};
+  scripted::Gate gate{false, false};
+  scripted::Gate capturer_gate{false, true};
   std::atomic<bool> capturer_initialised{false};
 };
 
-struct srn_subscriber : scripted::Handle {
+struct srn_subscriber : scripted::HandleOf<scripted::Kind::subscriber> {
   srn_subscriber(const srn_stream& of_stream, const srn_subscriber_callbacks& callbacks)
-      : Handle(scripted::Kind::subscriber),
-        stream(std::make_shared<srn_stream>(of_stream.id, of_stream.connection)),
-        table(callbacks) {}
-  const std::shared_ptr<srn_stream> stream;
+      : stream(of_stream.id, of_stream.connection), table(callbacks) {}
+  srn_stream stream;
   const srn_subscriber_callbacks table;
   std::string id;
-  scripted::Gate gate{true};
+  scripted::Gate gate{true, false};
   std::mutex audio_turn;
   std::mutex frame_turn;
   std::mutex caption_turn;
 };
 
-struct srn_audio_device : scripted::Handle {
-  srn_audio_device() : Handle(scripted::Kind::device) {}
-};
-
 namespace scripted {
 
 // Numbers the handle and makes it the program's: it lives until `retire`.
+void adoptHandle(const std::shared_ptr<Handle>& handle);
 template <class T>
-T* adopt(std::shared_ptr<T> handle);
-// The next number of the kind.
-long nextNumber(Kind kind);
-void countLive(Kind kind, int change);
-long live(const char* kind);
-void restartNumbers();
+T* adopt(const std::shared_ptr<T>& handle) {
+  adoptHandle(handle);
+  return handle.get();
+}
+template <class T>
+std::shared_ptr<T> shared(T* handle) {
+  return std::static_pointer_cast<T>(handle->self);
+}
+long live(std::string_view kind);
 
 // Whether the handle is one of its kind and not deleted. Null is false without a fault.
 bool isValid(const Handle* handle, Kind kind, const char* function);
 // Ends the handle's life; false with a fault when it is not the program's to delete.
 bool retire(Handle* handle, Kind kind, const char* function);
-// Keeps what a callback was given until well after the callback.
+// Keeps what a callback was given until well after the callback; null: nothing.
 void quarantine(std::shared_ptr<Handle> handle);
 
-template <class T>
-T* adopt(std::shared_ptr<T> handle) {
-  T* const raw = handle.get();
-  raw->number = nextNumber(raw->kind);
-  countLive(raw->kind, 1);
-  raw->self = std::move(handle);
-  return raw;
+// Those adopted since the last reset, newest first, the deleted ones only in rogue mode.
+std::vector<std::shared_ptr<Handle>> handles(Kind kind);
+template <class T, class Wanted>
+std::shared_ptr<T> newest(Wanted wanted) {
+  for (const auto& handle : handles(T::kKind)) {
+    const auto found = std::static_pointer_cast<T>(handle);
+    if (wanted(*found)) return found;
+  }
+  return nullptr;
 }
-
-// The live handles with callbacks, newest last.
-void rememberSession(const std::shared_ptr<srn_session>& session);
-void rememberPublisher(const std::shared_ptr<srn_publisher>& publisher);
-void rememberSubscriber(const std::shared_ptr<srn_subscriber>& subscriber);
-void forgetHandles();
-void chooseSession(long number);
-// In rogue mode deleted ones are found as well.
 std::shared_ptr<srn_session> currentSession();
 std::shared_ptr<srn_publisher> currentPublisher();
 std::shared_ptr<srn_subscriber> subscriberOf(const char* stream_id);
+void chooseSession(long number);
+void forgetHandles();
 
 }  // namespace scripted

@@ -1,77 +1,74 @@
 #include "script.h"
 
-#include <algorithm>
+#include <dlfcn.h>
+
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <utility>
 
 namespace scripted {
 namespace {
 
-// A runaway loop in a test must not fill the memory.
-constexpr size_t kMaxLines = 500'000;
+using Clock = std::chrono::steady_clock;
 
-constexpr std::array<const char*, kFunctions> kNames = {
-#define X(name) #name,
-    SCRIPTED_STATE_FUNCTIONS(X) SCRIPTED_MEDIA_FUNCTIONS(X)
-#undef X
+// A runaway loop in a test must not fill the memory.
+constexpr size_t kMostText = 64 << 20;
+constexpr size_t kMostFaults = 1000;
+
+struct Functions {
+  std::mutex mutex;
+  std::map<std::string, Function> named;
 };
 
-std::string joined(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines) {
-    if (!text.empty()) text += '\n';
-    text += line;
-  }
-  return text;
+Functions& functions() {
+  static auto* const instance = new Functions;
+  return *instance;
 }
 
-struct NamedSlot {
-  const char* name;
-  bool filled;
-};
+bool isExported(const char* name) {
+  Dl_info self{};
+  dladdr(reinterpret_cast<const void*>(&functionNamed), &self);
+  void* const library = dlopen(self.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
+  const bool found = library != nullptr && dlsym(library, name) != nullptr;
+  if (library != nullptr) dlclose(library);
+  return found;
+}
 
-void printSlots(std::ostream& out, std::initializer_list<NamedSlot> slots) {
-  out << '[';
-  const char* separator = "";
-  for (const NamedSlot& slot : slots) {
-    if (!slot.filled) continue;
-    out << separator << slot.name;
-    separator = " ";
+// A table of callbacks is pointers and nothing else.
+void printSlots(std::ostream& out, const void* table, size_t size, const char* names) {
+  if (table == nullptr) return print(out, table);
+  std::vector<const void*> slots(size / sizeof(void*));
+  std::memcpy(slots.data(), table, size);
+  std::istringstream words(names);
+  const char* separator = "[";
+  for (const void* slot : slots) {
+    std::string word;
+    words >> word;
+    if (slot != nullptr) out << std::exchange(separator, " ") << word;
   }
   out << ']';
 }
 
 }  // namespace
 
-std::optional<Fn> functionNamed(const char* name) {
-  if (name == nullptr) return std::nullopt;
-  const auto found = std::find_if(kNames.begin(), kNames.end(), [name](const char* each) {
-    return std::string_view(each) == name;
-  });
-  if (found == kNames.end()) return std::nullopt;
-  return static_cast<Fn>(found - kNames.begin());
+Function* functionNamed(const char* name) {
+  if (name == nullptr || std::strncmp(name, "srn_", 4) != 0) return nullptr;
+  const std::lock_guard lock(functions().mutex);
+  auto& named = functions().named;
+  const auto found = named.find(name);
+  if (found != named.end()) return &found->second;
+  return isExported(name) ? &named.try_emplace(name, name).first->second : nullptr;
 }
-
-const char* nameOf(Fn function) { return kNames[static_cast<size_t>(function)]; }
 
 void print(std::ostream& out, const char* text) {
   if (text == nullptr) {
     out << "null";
-    return;
+  } else {
+    out << '"' << text << '"';
   }
-  out << '"';
-  for (const char* at = text; *at != '\0'; ++at) {
-    if (*at == '\n') {
-      out << "\\n";
-    } else {
-      out << *at;
-    }
-  }
-  out << '"';
 }
-
-void print(std::ostream& out, int64_t number) { out << number; }
-void print(std::ostream& out, float number) { out << number; }
 
 void print(std::ostream& out, const Handle* handle) {
   if (handle == nullptr) {
@@ -83,90 +80,66 @@ void print(std::ostream& out, const Handle* handle) {
 
 void print(std::ostream& out, const void* pointer) { out << (pointer == nullptr ? "null" : "set"); }
 
-#define SLOT(name) \
-  NamedSlot { #name, table->name != nullptr }
 void print(std::ostream& out, const srn_session_callbacks* table) {
-  if (table == nullptr) return print(out, static_cast<const void*>(nullptr));
-  printSlots(out, {SLOT(on_connected),
-                   SLOT(on_disconnected),
-                   SLOT(on_connection_created),
-                   SLOT(on_connection_dropped),
-                   SLOT(on_stream_received),
-                   SLOT(on_stream_dropped),
-                   SLOT(on_stream_has_audio_changed),
-                   SLOT(on_stream_has_video_changed),
-                   SLOT(on_stream_has_captions_changed),
-                   SLOT(on_stream_video_dimensions_changed),
-                   SLOT(on_stream_video_type_changed),
-                   SLOT(on_signal_received),
-                   SLOT(on_reconnection_started),
-                   SLOT(on_reconnected),
-                   SLOT(on_archive_started),
-                   SLOT(on_archive_stopped),
-                   SLOT(on_error),
-                   SLOT(on_mute_forced),
-                   SLOT(user_data),
-                   SLOT(reserved)});
+  printSlots(out, table, sizeof *table,
+             "on_connected on_disconnected on_connection_created on_connection_dropped "
+             "on_stream_received on_stream_dropped on_stream_has_audio_changed "
+             "on_stream_has_video_changed on_stream_has_captions_changed "
+             "on_stream_video_dimensions_changed on_stream_video_type_changed on_signal_received "
+             "on_reconnection_started on_reconnected on_archive_started on_archive_stopped "
+             "on_error on_mute_forced user_data reserved");
 }
 
 void print(std::ostream& out, const srn_publisher_callbacks* table) {
-  if (table == nullptr) return print(out, static_cast<const void*>(nullptr));
-  printSlots(out, {SLOT(on_stream_created), SLOT(on_stream_destroyed), SLOT(on_render_frame),
-                   SLOT(on_audio_level_updated), SLOT(on_publisher_mute_forced),
-                   SLOT(on_audio_stats), SLOT(on_video_stats), SLOT(on_error),
-                   SLOT(on_video_disabled), SLOT(on_video_enabled), SLOT(on_video_disable_warning),
-                   SLOT(on_video_disable_warning_lifted), SLOT(user_data), SLOT(reserved)});
+  printSlots(out, table, sizeof *table,
+             "on_stream_created on_stream_destroyed on_render_frame on_audio_level_updated "
+             "on_publisher_mute_forced on_audio_stats on_video_stats on_error on_video_disabled "
+             "on_video_enabled on_video_disable_warning on_video_disable_warning_lifted user_data "
+             "reserved");
 }
 
 void print(std::ostream& out, const srn_subscriber_callbacks* table) {
-  if (table == nullptr) return print(out, static_cast<const void*>(nullptr));
   printSlots(
-      out, {SLOT(on_connected), SLOT(on_disconnected), SLOT(on_reconnected), SLOT(on_render_frame),
-            SLOT(on_video_disabled), SLOT(on_video_enabled), SLOT(on_audio_disabled),
-            SLOT(on_audio_enabled), SLOT(on_video_data_received), SLOT(on_video_disable_warning),
-            SLOT(on_caption_text), SLOT(on_video_disable_warning_lifted), SLOT(on_audio_stats),
-            SLOT(on_video_stats), SLOT(on_audio_level_updated), SLOT(on_error), SLOT(on_audio_data),
-            SLOT(user_data), SLOT(reserved)});
+      out, table, sizeof *table,
+      "on_connected on_disconnected on_reconnected on_render_frame on_video_disabled "
+      "on_video_enabled on_audio_disabled on_audio_enabled on_video_data_received "
+      "on_video_disable_warning on_caption_text on_video_disable_warning_lifted "
+      "on_audio_stats on_video_stats on_audio_level_updated on_error on_audio_data user_data "
+      "reserved");
 }
 
 void print(std::ostream& out, const srn_audio_device_callbacks* table) {
-  if (table == nullptr) return print(out, static_cast<const void*>(nullptr));
-  printSlots(out, {SLOT(init),
-                   SLOT(destroy),
-                   SLOT(init_capturer),
-                   SLOT(destroy_capturer),
-                   SLOT(start_capturer),
-                   SLOT(stop_capturer),
-                   SLOT(is_capturer_initialized),
-                   SLOT(is_capturer_started),
-                   SLOT(get_estimated_capture_delay),
-                   SLOT(get_capture_settings),
-                   SLOT(init_renderer),
-                   SLOT(destroy_renderer),
-                   SLOT(start_renderer),
-                   SLOT(stop_renderer),
-                   SLOT(is_renderer_initialized),
-                   SLOT(is_renderer_started),
-                   SLOT(get_estimated_render_delay),
-                   SLOT(get_render_settings),
-                   SLOT(user_data),
-                   SLOT(reserved)});
+  printSlots(out, table, sizeof *table,
+             "init destroy init_capturer destroy_capturer start_capturer stop_capturer "
+             "is_capturer_initialized is_capturer_started get_estimated_capture_delay "
+             "get_capture_settings init_renderer destroy_renderer start_renderer stop_renderer "
+             "is_renderer_initialized is_renderer_started get_estimated_render_delay "
+             "get_render_settings user_data reserved");
 }
 
 void print(std::ostream& out, const srn_video_capturer_callbacks* table) {
-  if (table == nullptr) return print(out, static_cast<const void*>(nullptr));
-  printSlots(out, {SLOT(init), SLOT(destroy), SLOT(start), SLOT(stop), SLOT(get_capture_settings),
-                   SLOT(user_data), SLOT(reserved)});
+  printSlots(out, table, sizeof *table,
+             "init destroy start stop get_capture_settings user_data reserved");
 }
-#undef SLOT
 
-void Script::append(std::string line) {
-  const std::lock_guard lock(mutex_);
-  if (file_ != nullptr) {
-    std::fprintf(file_, "%s\n", line.c_str());
-    std::fflush(file_);
+std::optional<srn_status> Function::failure() {
+  int left = failures.load();
+  while (left > 0 && !failures.compare_exchange_weak(left, left - 1)) {
   }
-  if (lines_.size() < kMaxLines) lines_.push_back(std::move(line));
+  return left == 0 ? std::nullopt : std::optional(status.load());
+}
+
+Function::Function(const std::string& function_name)
+    : name(function_name),
+      times(name.ends_with("_data") || name.ends_with("provide_frame") ? kTimes : 0) {}
+
+void Function::count() {
+  if (!times.empty()) {
+    const std::chrono::nanoseconds now = Clock::now().time_since_epoch();
+    times[static_cast<size_t>(calls.load()) % kTimes].store(now.count());
+  }
+  ++calls;
+  script().wakeWaiters();
 }
 
 Script::Script() {
@@ -174,102 +147,65 @@ Script::Script() {
   if (path != nullptr) file_ = std::fopen(path, "a");
 }
 
-void Script::count(Fn function) {
-  counts_[static_cast<size_t>(function)].fetch_add(1);
-  // Sequentially consistent on both sides: a waiter that is not seen here sees the new count.
-  if (waiters_.load() != 0) {
-    const std::lock_guard lock(mutex_);
-    counted_.notify_all();
-  }
-}
-
-std::optional<srn_status> Script::failure(Fn function) {
-  const auto index = static_cast<size_t>(function);
-  if (!may_fail_[index].load(std::memory_order_acquire)) return std::nullopt;
+void Script::append(std::string line) {
+  line += '\n';
   const std::lock_guard lock(mutex_);
-  Failure& failure = failures_[index];
-  if (failure.times == 0) return std::nullopt;
-  if (failure.times > 0) --failure.times;
-  return failure.status;
-}
-
-void Script::setText(Fn function, const char* text) {
-  const std::lock_guard lock(mutex_);
-  const char*& current = texts_[static_cast<size_t>(function)];
-  current = text == nullptr ? nullptr : kept_texts_.emplace_back(text).c_str();
-}
-
-const char* Script::text(Fn function) const {
-  const std::lock_guard lock(mutex_);
-  return texts_[static_cast<size_t>(function)];
-}
-
-void Script::slot(std::string_view name, int result) {
-  const std::lock_guard lock(mutex_);
-  if (slots_.size() < kMaxLines) {
-    slots_.push_back(std::string(name) + '=' + std::to_string(result));
+  if (lines_.size() < kMostText) lines_ += line;
+  if (file_ != nullptr) {
+    std::fputs(line.c_str(), file_);
+    std::fflush(file_);
   }
 }
 
 void Script::fault(const std::string& text) {
   const std::lock_guard lock(mutex_);
-  if (faults_.size() < kMaxLines) faults_.push_back(text);
-}
-
-void Script::reset() {
-  const std::lock_guard lock(mutex_);
-  for (auto& count : counts_) count.store(0);
-  for (auto& flag : may_fail_) flag.store(false);
-  failures_.fill({});
-  texts_.fill(nullptr);
-  lines_.clear();
-  slots_.clear();
-  faults_.clear();
-  log_on.store(true);
-  log_media.store(false);
-  rogue.store(false);
-}
-
-void Script::fail(Fn function, srn_status status, int times) {
-  const std::lock_guard lock(mutex_);
-  const auto index = static_cast<size_t>(function);
-  failures_[index] = {.status = status, .times = times};
-  may_fail_[index].store(times != 0, std::memory_order_release);
-}
-
-bool Script::waitCalls(Fn function, long count, int timeout_ms) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  waiters_.fetch_add(1);
-  std::unique_lock lock(mutex_);
-  const bool reached =
-      counted_.wait_until(lock, deadline, [&] { return calls(function) >= count; });
-  lock.unlock();
-  waiters_.fetch_sub(1);
-  return reached;
+  if (faults_.size() < kMostFaults) faults_.push_back(text);
 }
 
 std::string Script::log() const {
   const std::lock_guard lock(mutex_);
-  return joined(lines_);
+  return lines_.substr(0, lines_.empty() ? 0 : lines_.size() - 1);
 }
 
-std::string Script::slots() const {
+std::vector<std::string> Script::faults() const {
   const std::lock_guard lock(mutex_);
-  return joined(slots_);
+  return faults_;
 }
 
-std::string Script::faultTexts() const {
+void Script::reset() {
+  {
+    const std::lock_guard lock(functions().mutex);
+    for (auto& [name, function] : functions().named) {
+      function.calls.store(0);
+      function.failures.store(0);
+    }
+  }
   const std::lock_guard lock(mutex_);
-  return joined(faults_);
+  lines_.clear();
+  faults_.clear();
+  log_on.store(true);
+  rogue.store(false);
 }
 
-long Script::faults() const {
+bool Script::waitCalls(const Function& function, long count, int timeout_ms) {
+  ++waiters_;
+  std::unique_lock lock(mutex_);
+  const bool reached = counted_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                                         [&] { return function.calls.load() >= count; });
+  lock.unlock();
+  --waiters_;
+  return reached;
+}
+
+void Script::wakeWaiters() {
+  // Sequentially consistent on both sides: a waiter that is not seen here sees the new count.
+  if (waiters_.load() == 0) return;
   const std::lock_guard lock(mutex_);
-  return static_cast<long>(faults_.size());
+  counted_.notify_all();
 }
 
 Script& script() {
-  static Script* const instance = new Script;
+  static auto* const instance = new Script;
   return *instance;
 }
 

@@ -11,39 +11,23 @@
 
 namespace scripted {
 
-// Tasks posted anywhere and not yet done.
-class Backlog {
- public:
-  void add();
-  void remove(long tasks);
-  bool waitEmpty(std::chrono::steady_clock::time_point deadline);
-
- private:
-  std::mutex mutex_;
-  std::condition_variable empty_;
-  long tasks_ = 0;
-};
-
 // The thread starts with the first task, and again after a stop.
 class Strand {
  public:
-  explicit Strand(Backlog& backlog) : backlog_(backlog) {}
+  using Milliseconds = std::chrono::milliseconds;
 
-  void post(std::chrono::milliseconds delay, std::function<void()> task);
-  void post(std::function<void()> task) { post(std::chrono::milliseconds{0}, std::move(task)); }
-  // Drops what has not begun and waits for what has, but on the strand's own thread.
+  void post(std::function<void()> task, Milliseconds delay = Milliseconds{0});
+  // Drops what has not begun and waits for what has. Not on the strand's own thread.
   void drop();
-  // The same, and joins. Not on the strand's own thread.
+  // The same, and joins.
   void stop();
-  // Stops after all tasks that are due.
-  void finish();
+  // Whether nothing is left to do by then.
+  bool waitIdle(std::chrono::steady_clock::time_point deadline);
   bool isCurrent() const;
 
  private:
   void run();
-  void dropLocked();
 
-  Backlog& backlog_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::multimap<std::chrono::steady_clock::time_point, std::function<void()>> tasks_;
@@ -53,12 +37,11 @@ class Strand {
 };
 
 struct Strands {
-  Backlog backlog;
-  Strand events{backlog};
-  Strand device{backlog};
-  Strand audio{backlog};
-  Strand frames{backlog};
-  Strand captions{backlog};
+  Strand events;
+  Strand device;
+  Strand audio;
+  Strand frames;
+  Strand captions;
 };
 
 // Never destroyed; without srn_destroy the threads end with the process.
