@@ -1,0 +1,44 @@
+// Captions that the program sends with its own stream.
+#include <gtest/gtest.h>
+#include <sarnet/sarnet_captions.h>
+
+#include <string>
+
+#include "contract/harness.h"
+
+namespace contract {
+namespace {
+
+TEST(Captions, ReachSubscribersOfAStreamThatHasThem) {
+  LibraryUse library;
+  const ScenarioFile nobody(R"({"participants": []})");
+  Participant speaker;
+  Participant reader;
+  ASSERT_TRUE(speaker.join(nobody.host()));
+  ASSERT_TRUE(reader.join(nobody.host()));
+  Sender sender({.video = false});
+  EXPECT_EQ(srn_publisher_send_caption(sender.handle, "too early", SRN_TRUE), 1015);
+  ASSERT_EQ(srn_session_publish(speaker.handle, sender.handle), SRN_SUCCESS);
+  const auto stream = reader.wait_for_stream();
+  ASSERT_TRUE(stream);
+  Receiver receiver(stream->get());
+  ASSERT_EQ(srn_session_subscribe(reader.handle, receiver.handle), SRN_SUCCESS);
+  ASSERT_TRUE(receiver.log.wait_for("connected"));
+
+  EXPECT_EQ(srn_captions_send("not asked for", SRN_TRUE), 1015);
+  ASSERT_EQ(srn_publisher_set_publish_captions(sender.handle, SRN_TRUE), SRN_SUCCESS);
+  EXPECT_EQ(srn_publisher_send_caption(sender.handle, "", SRN_TRUE), 1011);
+  const std::string longest(SRN_CAPTION_MAX_BYTES, 'x');
+  EXPECT_EQ(srn_publisher_send_caption(sender.handle, (longest + 'x').c_str(), SRN_TRUE), 1011);
+  EXPECT_EQ(srn_publisher_send_caption(sender.handle, "Grüße", SRN_FALSE), SRN_SUCCESS);
+  EXPECT_EQ(srn_captions_send(longest.c_str(), SRN_TRUE), SRN_SUCCESS);
+  EXPECT_TRUE(receiver.log.wait_for("caption " + longest));
+  EXPECT_EQ(receiver.log.count("caption "), 1U);
+  EXPECT_EQ(receiver.log.count("draft Grüße"), 1U);
+
+  EXPECT_EQ(srn_session_unpublish(speaker.handle, sender.handle), SRN_SUCCESS);
+  EXPECT_EQ(srn_captions_send("too late", SRN_TRUE), 1015);
+}
+
+}  // namespace
+}  // namespace contract
