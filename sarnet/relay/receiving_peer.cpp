@@ -32,12 +32,11 @@ class PipelineReceiver final : public ReceivingPeer,
       if (const auto caption = decode_caption(text))
         sink->on_caption(caption->text, caption->is_final);
     });
+    quicken_feedback(connection_->webrtc(), video_ssrc_);
     connect_weakly(connection_->webrtc(), "pad-added",
-                   G_CALLBACK(+[](GstElement* webrtc, GstPad* pad, gpointer data) {
+                   G_CALLBACK(+[](GstElement*, GstPad* pad, gpointer data) {
                      const auto self = lock_weak<PipelineReceiver>(data);
-                     if (self && gst_pad_get_direction(pad) == GST_PAD_SRC) {
-                       self->take_stream(webrtc, pad);
-                     }
+                     if (self && gst_pad_get_direction(pad) == GST_PAD_SRC) self->take_stream(pad);
                    }),
                    weak_from_this());
     connect_weakly(connection_->webrtc(), "on-new-transceiver",
@@ -68,20 +67,18 @@ class PipelineReceiver final : public ReceivingPeer,
 
  private:
   // On a thread of the media stack.
-  void take_stream(GstElement* webrtc, GstPad* pad) {
-    if (!quick_.exchange(true)) {
-      quicken_feedback(webrtc);
-    }
+  void take_stream(GstPad* pad) {
     const StreamCaps caps = stream_caps(pad);
     if (caps.is_video) {
-      attribute_feedback_to(webrtc, caps.ssrc);
+      *video_ssrc_ = caps.ssrc;
     }
     StreamDecoder::attach(connection_->pipeline(), pad, sink_);
   }
 
   const std::shared_ptr<MediaSink> sink_;
   std::shared_ptr<PeerConnection> connection_;
-  std::atomic<bool> quick_{false};
+  const std::shared_ptr<std::atomic<std::uint32_t>> video_ssrc_ =
+      std::make_shared<std::atomic<std::uint32_t>>(0);
   bool has_channel_ = false;
 };
 

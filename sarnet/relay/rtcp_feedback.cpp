@@ -1,6 +1,7 @@
 #include "relay/rtcp_feedback.h"
 
-#include <memory>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "relay/rtcp_order.h"
@@ -10,50 +11,67 @@ namespace sarnet::relay {
 
 namespace {
 
-constexpr guint64 kMinInterval = 20 * GST_MSECOND;
+using VideoSsrc = std::shared_ptr<std::atomic<std::uint32_t>>;
 
-ElementPtr rtp_bin(GstElement* webrtc) {
-  return ElementPtr(gst_bin_get_by_name(GST_BIN(webrtc), "rtpbin"));
-}
+// One urgent report may go between two regular ones, so these must be frequent. They are held to 5
+// % of the bandwidth; what the media stack finds out by itself is far too little in the first
+// seconds.
+constexpr guint64 kMinInterval = 20 * GST_MSECOND;
+constexpr double kBandwidth = 4e6;
 
 GstPadProbeReturn reorder(GstPad*, GstPadProbeInfo* info, gpointer data) {
+  const std::uint32_t ssrc = **static_cast<VideoSsrc*>(data);
+  if (ssrc == 0) {
+    return GST_PAD_PROBE_OK;
+  }
   GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
   std::vector<std::uint8_t> packet(gst_buffer_get_size(buffer));
   gst_buffer_extract(buffer, 0, packet.data(), packet.size());
-  if (!put_report_first(packet, *static_cast<std::uint32_t*>(data))) {
-    return GST_PAD_PROBE_OK;
+  if (put_report_first(packet, ssrc)) {
+    GstBuffer* changed = gst_buffer_new_memdup(packet.data(), packet.size());
+    gst_buffer_copy_into(changed, buffer, GST_BUFFER_COPY_METADATA, 0, static_cast<gsize>(-1));
+    gst_buffer_unref(buffer);
+    GST_PAD_PROBE_INFO_DATA(info) = changed;
   }
-  GstBuffer* changed = gst_buffer_new_memdup(packet.data(), packet.size());
-  gst_buffer_copy_into(changed, buffer, GST_BUFFER_COPY_METADATA, 0, static_cast<gsize>(-1));
-  gst_buffer_unref(buffer);
-  GST_PAD_PROBE_INFO_DATA(info) = changed;
   return GST_PAD_PROBE_OK;
+}
+
+void on_element(GstBin*, GstElement* element, gpointer) {
+  const GstElementFactory* factory = gst_element_get_factory(element);
+  if (factory == nullptr || std::string_view(GST_OBJECT_NAME(factory)) != "rtpsession") {
+    return;
+  }
+  // When it plays it sets the time of its first report, so it must know by then.
+  GObject* session = nullptr;
+  g_object_get(element, "internal-session", &session, nullptr);
+  if (const GObjectPtr held(session); held) {
+    g_object_set(session, "rtcp-min-interval", kMinInterval, "bandwidth", kBandwidth,
+                 "rtcp-reduced-size", TRUE, nullptr);
+  }
+}
+
+void on_pad(GstElement*, GstPad* pad, gpointer data) {
+  const TextPtr name(gst_pad_get_name(pad));
+  if (std::string_view(name.get()).starts_with("send_rtcp_src_")) {
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, &reorder,
+                      new VideoSsrc(*static_cast<VideoSsrc*>(data)),
+                      [](gpointer owned) { delete static_cast<VideoSsrc*>(owned); });
+  }
 }
 
 }  // namespace
 
-void quicken_feedback(GstElement* webrtc) {
-  GObject* session = nullptr;
-  if (const ElementPtr bin = rtp_bin(webrtc)) {
-    g_signal_emit_by_name(bin.get(), "get-internal-session", 0, &session);
-  }
-  const GObjectPtr held(session);
-  if (!held) {
+void quicken_feedback(GstElement* webrtc, std::shared_ptr<std::atomic<std::uint32_t>> video_ssrc) {
+  const ElementPtr bin(gst_bin_get_by_name(GST_BIN(webrtc), "rtpbin"));
+  if (!bin) {
     SARNET_LOG(kWarn, "relay: lost packets will be reported late");
     return;
   }
-  g_object_set(session, "rtcp-min-interval", kMinInterval, "rtcp-reduced-size", TRUE, nullptr);
-}
-
-void attribute_feedback_to(GstElement* webrtc, std::uint32_t video_ssrc) {
-  const ElementPtr bin = rtp_bin(webrtc);
-  const PadPtr pad(bin ? gst_element_get_static_pad(bin.get(), "send_rtcp_src_0") : nullptr);
-  if (!pad) {
-    SARNET_LOG(kWarn, "relay: the server may not understand reports of lost packets");
-    return;
-  }
-  gst_pad_add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER, &reorder, new std::uint32_t(video_ssrc),
-                    [](gpointer data) { delete static_cast<std::uint32_t*>(data); });
+  g_signal_connect(bin.get(), "element-added", G_CALLBACK(&on_element), nullptr);
+  g_signal_connect_data(
+      bin.get(), "pad-added", G_CALLBACK(&on_pad), new VideoSsrc(std::move(video_ssrc)),
+      [](gpointer owned, GClosure*) { delete static_cast<VideoSsrc*>(owned); },
+      static_cast<GConnectFlags>(0));
 }
 
 }  // namespace sarnet::relay

@@ -1,16 +1,18 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 
 #include "relay/gst_handles.h"
 
 namespace sarnet::relay {
 
-// Makes reports of loss leave at once. Left alone, the media stack sends one urgent report in five
-// seconds, and a second loss freezes the picture until the next. Once media arrive.
-void quicken_feedback(GstElement* webrtc);
-
-// Has every report attributed to that stream (see rtcp_order.h), for as long as webrtcbin lives.
-void attribute_feedback_to(GstElement* webrtc, std::uint32_t video_ssrc);
+// Makes what webrtcbin reports of received media leave at once, and in a form that servers
+// attribute to the stream it is about (see rtcp_order.h). Left alone, the media stack sends one
+// urgent report in five seconds, and the second lost packet freezes the picture until the next.
+//
+// Before anything is negotiated. `video_ssrc` is 0 until the stream of pictures is known.
+void quicken_feedback(GstElement* webrtc, std::shared_ptr<std::atomic<std::uint32_t>> video_ssrc);
 
 }  // namespace sarnet::relay
