@@ -236,7 +236,7 @@ async def media_in() -> None:
         events=[{"at_ms": 2500, "kind": "drop_stream", "participant": "talker"}],
     )
     async with connect() as session:
-        stream = await stream_of(session)
+        stream, events = await stream_of(session), session.events()
         async with session.subscribe(stream, captions=True) as subscriber:
             slow, latest = subscriber.audio_frames(capacity=7), subscriber.video_frames(policy="latest")
             speech = subscriber.audio_frames(sample_rate=16000, channels=1, capacity=1000)
@@ -272,6 +272,9 @@ async def media_in() -> None:
             assert [each async for each in subscriber.video_frames()] == [] and not subscriber.active
         with pytest.raises(aio.ClosedError, match="has been closed"):
             subscriber.audio_frames()
+        async for event in events:
+            if isinstance(event, aio.StreamDropped):
+                break
         assert session.streams == ()
         with pytest.raises(aio.SubscriberError):
             await session.subscribe(stream)
