@@ -1,0 +1,42 @@
+"""Speaks back what it hears, one second later.
+
+Usage: ./dev python examples/echo.py [SECONDS]
+"""
+
+import asyncio
+import os
+import sys
+
+from tavrin_media_relay import aio
+
+WHERE = [os.environ.get(f"TAVRIN_{name}", default) for name, default in
+         (("APP", "examples-app"), ("SESSION", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
+DELAY = 1.0
+
+
+async def echo(session: aio.Session, publisher: aio.Publisher) -> None:
+    form = publisher.audio
+    heard = session.audio_frames(sample_rate=form.sample_rate, channels=form.channels)
+    # What is queued is the delay: silence first, then each piece as it comes.
+    await form.write(bytes(int(DELAY * form.sample_rate) * form.channels * 2))
+    async for frame in heard:
+        await form.write(frame.samples)
+
+
+async def main(seconds: float) -> None:
+    async with aio.connect(*WHERE) as session:
+        # Room for the delay, and some more.
+        async with session.publish("Echo", video=False, audio_queue=DELAY + 0.5) as publisher:
+            talking = asyncio.create_task(echo(session, publisher))
+            try:
+                async with asyncio.timeout(seconds):
+                    async for event in session.events():  # listen to everybody
+                        if isinstance(event, aio.StreamReceived):
+                            await session.subscribe(event.stream, video=False)
+            except TimeoutError:
+                print(f"Echoed {publisher.written_ms[0] / 1000 - DELAY:.1f} s")
+            finally:
+                talking.cancel()
+
+
+asyncio.run(main(float(sys.argv[1]) if len(sys.argv) > 1 else 60))

@@ -1,0 +1,38 @@
+"""Writes what the first stream says to a WAV file: 16 kHz, one channel, as speech recognisers like it.
+
+Usage: ./dev python examples/listen.py OUT.wav [SECONDS]
+"""
+
+import asyncio
+import os
+import sys
+import wave
+
+from tavrin_media_relay import aio
+
+WHERE = [os.environ.get(f"TAVRIN_{name}", default) for name, default in
+         (("APP", "examples-app"), ("SESSION", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
+RATE = 16000
+
+
+async def main(path: str, seconds: float) -> None:
+    with wave.open(path, "wb") as file:
+        file.setnchannels(1)
+        file.setsampwidth(2)
+        file.setframerate(RATE)
+        async with aio.connect(*WHERE) as session:
+            async for event in session.events():
+                if isinstance(event, aio.StreamReceived):
+                    break
+            async with session.subscribe(event.stream, video=False) as subscriber:
+                frames = subscriber.audio_frames(sample_rate=RATE, channels=1)
+                async for frame in frames:  # ends when the stream goes
+                    file.writeframes(frame.samples)
+                    if file.tell() >= seconds * RATE:
+                        break
+        print(f"Wrote {file.tell() / RATE:.1f} s to {path}; {frames.dropped} frames were lost")
+
+
+if len(sys.argv) < 2:
+    sys.exit(__doc__)
+asyncio.run(main(sys.argv[1], float(sys.argv[2]) if len(sys.argv) > 2 else 10))
