@@ -12,7 +12,9 @@ import sys
 import threading
 import time
 from collections import namedtuple
+from datetime import datetime
 from pathlib import Path
+from types import SimpleNamespace
 
 import pytest
 
@@ -128,6 +130,7 @@ class World:
         # An answer before the callables are stored is lost, by design: the events are told by hand.
         self.lib.answer("stream_created", "none")
         self.lib.answer("subscriber_connected", "none")
+        self.lib.answer("audio_device", "none")
         from tavrin_media_relay import models
 
         self.models = models
@@ -136,21 +139,16 @@ class World:
         self._failed: set[str] = set()
 
     def connect(self, level="debug", av=None, **callables) -> None:
-        """Joined, with the log at `level`."""
-        self.connect_only(level=level, av=av, **callables)
-        self.settle()
-
-    def connect_only(self, level="debug", av=None, **callables) -> None:
-        settings = self.models.SessionSettings(av=av, logging=self.models.LoggingSettings(level))
+        """Joined, with the log at `level`; `av` may be anything with the attributes."""
+        settings = SimpleNamespace(enable_migration=False, av=av, logging=self.models.LoggingSettings(level))
         assert self.client.connect("key", "session", "token", session_settings=settings, **callables) is True
+        self.settle()
 
     def stream(self, stream_id="s", received=True):
         """A stream object; known to the module unless told otherwise."""
         if received:
             self.lib.stream_received(stream_id, "c", "data", 1500)
             self.settle()
-        from datetime import datetime
-
         connection = self.models.Connection("c", datetime.fromtimestamp(1.5), "data")
         return self.models.Stream(stream_id, connection)
 
@@ -168,9 +166,13 @@ class World:
         self.settle()
 
     def ready(self, **arguments) -> None:
-        """Joined, and the audio device runs."""
-        self.connect(on_ready_for_audio_cb=self.rec("ready"), **arguments)
-        self.rec.wait("ready")
+        """Joined, and the audio device runs: started once the module knows that it is joined."""
+        ready = arguments.pop("on_ready_for_audio_cb", None) or self.rec("ready")
+        before = self.lib.call_count("srn_audio_device_write_capture_data")
+        self.connect(on_ready_for_audio_cb=ready, **arguments)
+        assert self.lib.device_start() == 1
+        assert self.lib.wait_calls("srn_audio_device_write_capture_data", before + 1, int(DEADLINE * 1000)) == 1
+        self.settle()
 
     def settle(self) -> None:
         """All events of the library are delivered, and the worker has done all that was posted."""

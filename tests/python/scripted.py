@@ -28,6 +28,7 @@ _TYPES = {
     "uint64_t": ctypes.c_uint64,
     "const char*": ctypes.c_char_p,
 }
+YUV420P = 1
 
 
 class FrameSpec(ctypes.Structure):
@@ -52,9 +53,6 @@ class ProvidedFrame(ctypes.Structure):
         ("checksum", ctypes.c_uint32),
         ("first", ctypes.c_uint8 * 12),
     ]
-
-
-YUV420P, ARGB32, RGB24 = 1, 6, 8
 
 
 def _argument_type(declaration: str) -> object:

@@ -147,20 +147,20 @@ ROWS = [
 all_rows = pytest.mark.parametrize("row", ROWS, ids=lambda row: row.name)
 
 
-def set_up(world, row, callable_) -> None:
-    """Everything stands that the event needs, and the callable is the event's."""
+def fail(self, *args, **kwargs):
+    raise ValueError("not today")
+
+
+def set_up(world, row, callable_) -> int:
+    """Everything stands that the event needs, the callable is the event's. How often it has come by now."""
     keywords = {owner: {row.keyword: callable_} if row.owner == owner else {} for owner in (SESSION, SUBSCRIBER, PUBLISHER)}
-    ready = threading.Event()
-    keywords[SESSION].setdefault("on_ready_for_audio_cb", lambda *_: ready.set())
-    world.connect(**keywords[SESSION])
+    world.ready(**keywords[SESSION])
     world.publish(has_video=False, **keywords[PUBLISHER])
     if row.owner == SUBSCRIBER:
         everything = world.models.SubscriberSettings(subscribe_to_captions=True)
         world.subscribe("s", settings=everything, **keywords[SUBSCRIBER])
-    if row.name == "on_media_buffer_drained":
-        assert ready.wait(20)
-    elif row.name == "on_ready_for_audio":
-        world.lib.wait_calls("srn_audio_device_write_capture_data", 1, 20_000)
+    world.settle()
+    return len(world.rec.named(row.name))
 
 
 def plain(argument):
@@ -176,9 +176,7 @@ def plain(argument):
 
 @all_rows
 def test_event_reaches_its_callable(world, row):
-    set_up(world, row, world.rec(row.name, then=lambda *_: "ignored"))
-    world.settle()
-    before = len(world.rec.named(row.name))
+    before = set_up(world, row, world.rec(row.name, then=lambda *_: "ignored"))
     row.raise_event(world)
     event = world.rec.wait(row.name, before + 1)
     assert tuple(plain(each) for each in event.args) == row.arguments(world.models)
@@ -191,19 +189,17 @@ def test_event_reaches_its_callable(world, row):
 
 @all_rows
 def test_callable_that_raises_stops_nothing(world, row):
-    def fail(*_):
+    def raising(*_):
         raise (SystemExit(3) if row.name.startswith("subscriber") else ValueError)("no such luck")
 
-    set_up(world, row, world.rec(row.name, then=fail))
-    world.settle()
-    before = len(world.rec.named(row.name))
+    before = set_up(world, row, world.rec(row.name, then=raising))
     row.raise_event(world)
     world.rec.wait(row.name, before + 1)
     raised = ("ERROR", f"call_python_object_with_gil: Python function raised an exception for {row.name}")
     world.log.wait("ERROR", f"Failed to call {row.name} callback")
     texts = world.log.texts()
     assert texts.index(raised) < texts.index(("ERROR", f"Failed to call {row.name} callback"))
-    assert "Traceback" in world.log.errors() and "in fail" in world.log.errors()
+    assert "Traceback" in world.log.errors() and "in raising" in world.log.errors()
     if row.name in ("subscriber_on_disconnected", "on_disconnected", "on_error"):
         return  # that was its last event
     if row.name in ("publisher_on_stream_destroyed", "publisher_on_error"):
@@ -215,13 +211,7 @@ def test_callable_that_raises_stops_nothing(world, row):
 
 @all_rows
 def test_model_that_cannot_be_built_loses_the_event(world, row, monkeypatch):
-    set_up(world, row, world.rec(row.name))
-    world.settle()
-    before = len(world.rec.named(row.name))
-
-    def fail(self, *args, **kwargs):
-        raise ValueError("not today")
-
+    before = set_up(world, row, world.rec(row.name))
     with monkeypatch.context() as patch:
         patch.setattr(getattr(world.models, row.model), "__init__", fail)
         if row.name == "on_audio_data":
@@ -239,34 +229,25 @@ def test_caption_without_a_subscriber_object(world, monkeypatch):
     """The one event whose two objects fail with two messages."""
     row = next(row for row in ROWS if row.name == "subscriber_on_caption_text")
     set_up(world, row, world.rec(row.name))
-
-    def fail(self, *args, **kwargs):
-        raise ValueError
-
     monkeypatch.setattr(world.models.Subscriber, "__init__", fail)
     world.lib.caption("s", "text", 1)
     world.log.wait("ERROR", "Failed to create Subscriber object for caption text callback")
 
 
 def test_nobody_listening_builds_nothing(world, monkeypatch):
-    everything = world.models.SubscriberSettings(subscribe_to_captions=True)
-    world.connect()
-    world.subscribe("s", settings=everything)
+    world.ready()
+    world.subscribe("s", settings=world.models.SubscriberSettings(subscribe_to_captions=True))
     world.publish(has_video=False)
-
-    def fail(self, *args, **kwargs):
-        raise AssertionError("built")
-
     audio = world.models.AudioData(48000, 2, 480, LOUD)
-    for name in ("Session", "Subscriber", "Publisher", "AudioData", "MediaBufferStats", "CaptionsData"):
+    for name in ("Subscriber", "Publisher", "AudioData", "MediaBufferStats", "CaptionsData"):
         monkeypatch.setattr(getattr(world.models, name), "__init__", fail)
     for row in ROWS:
         if row.name == "on_media_buffer_drained":
             world.client.add_audio(audio)
-        elif row.name not in ("on_disconnected", "on_error", "subscriber_on_disconnected"):
+        elif row.name not in ("on_disconnected", "on_error", "subscriber_on_disconnected", "on_ready_for_audio"):
             row.raise_event(world)
     assert world.lib.wait_idle(20_000) == 1
-    assert not [text for level, text in world.log.of("TavrinVideoClient", "ERROR")]
+    assert not world.log.of("TavrinVideoClient", "ERROR")
 
 
 def test_unheard_media_does_not_wait_for_the_interpreter(world):
@@ -297,26 +278,23 @@ def test_error_texts_of_any_kind(world, text, expected):
     assert got == [(expected, 2_147_483_647), (expected, 0), (expected, -2_147_483_648)]
 
 
-@pytest.mark.parametrize(("flag", "is_final"), [(1, True), (0, False), (2, False), (-1, False)])
-def test_caption_flag_and_null_text(world, flag, is_final):
-    everything = world.models.SubscriberSettings(subscribe_to_captions=True)
-    world.connect()
-    world.subscribe("s", settings=everything, on_caption_text_cb=world.rec("caption"))
-    world.lib.caption("s", None, flag)
-    caption = world.rec.wait("caption").args[1]
-    assert (caption.text, caption.is_final) == ("", is_final)
-
-
 def test_library_that_gives_nothing(world):
     """Null handles, null texts, null records: told or dropped, never a fault."""
     everything = world.models.SubscriberSettings(subscribe_to_captions=True)
     names = ["on_connection_created_cb", "on_connection_dropped_cb", "on_stream_received_cb", "on_stream_dropped_cb"]
     world.connect(**{name: world.rec(name) for name in names})
-    world.subscribe("s", settings=everything, on_audio_data_cb=world.rec("audio"), on_render_frame_cb=world.rec("frame"))
+    world.subscribe(
+        "s", settings=everything, on_audio_data_cb=world.rec("audio"), on_render_frame_cb=world.rec("frame"),
+        on_caption_text_cb=world.rec("caption"),
+    )  # fmt: skip
     world.publish()
     for what in ("connection_created", "connection_dropped", "stream_received", "stream_dropped"):
         getattr(world.lib, what + "_null")()
     world.lib.publisher_stream_created_null()
+    for flag, is_final in [(1, True), (0, False), (2, False), (-1, False)]:
+        world.rec.events.clear()
+        world.lib.caption("s", None, flag)
+        assert world.rec.wait("caption").args[1] == world.models.CaptionsData("", is_final)
     world.lib.audio_null("s")
     world.lib.audio("s", None, 2, 480, 48000)
     world.lib.frame_null("s")
@@ -325,18 +303,12 @@ def test_library_that_gives_nothing(world):
     assert ("WARN", "MRPublisher::onStreamCreated: stream is NULL") in world.log.texts()
     assert not world.rec.named("audio") and not world.rec.named("frame")
     world.rec.events.clear()
+    world.lib.connection_created(b"\xff\xfe", b"data", 0)  # not UTF-8: loses the event only
     world.lib.connection_created(None, None, 0)
     created = world.rec.wait("on_connection_created_cb").args[1]
     assert (created.id, created.data, created.creation_time) == ("", "", datetime.fromtimestamp(0))
     world.lib.stream_received("t", None, None, 0)
     assert world.rec.wait("on_stream_received_cb").args[1].connection.id == ""
-
-
-def test_text_that_is_not_utf8_loses_the_event_only(world):
-    world.connect(on_connection_created_cb=world.rec("created"))
-    world.lib.connection_created(b"\xff\xfe", b"data", 0)
-    world.lib.connection_created(b"good", b"data", 0)
-    assert world.rec.wait("created").args[1].id == "good"
     assert ("ERROR", "Failed to create Session or Connection objects for callback") in world.log.texts()
 
 
@@ -372,12 +344,3 @@ def test_events_come_in_the_order_of_the_library(world):
         expected += [f"c{number}", f"+{number}", f"-{number}"]
     world.settle()
     assert order == expected
-
-
-def test_disconnect_from_a_media_callable(world):
-    """The stop on a spoken word: the delivering thread waits for the worker, which deletes its subscriber."""
-    world.connect()
-    world.subscribe("s", on_audio_data_cb=world.rec("audio", then=lambda *_: world.rec("done")(world.client.disconnect())))
-    world.lib.send_audio("s", LOUD)
-    assert world.rec.wait("done").args == (True,)
-    assert world.client.is_connected() is False and world.lib.live("subscriber") == 0

@@ -87,7 +87,6 @@ def no_member(name):
         (CONNECT, picture(resolution=namespace(width=1)), AttributeError, no_member("height")),
         (CONNECT, picture(fps="30"), TypeError, "'str' object cannot be interpreted as an integer"),
         (CONNECT, picture(format=b"YUV420P"), TypeError, "'format' is not a string"),
-        (PUBLISH, None, TypeError, "Python PublisherSettings object is None"),
         (PUBLISH, publisher(name=""), ValueError, "PublisherSettings name cannot be empty"),
         (PUBLISH, publisher(name=7), TypeError, "'name' is not a string"),
         (PUBLISH, publisher(has_video=NoTruth()), LookupError, "no truth in it"),
@@ -198,14 +197,3 @@ def test_attributes_are_read_in_order(world):
     values = {"audio_settings": audio, "enable_captions": False, "has_video": False, "has_audio": True, "name": "p"}
     assert world.client.publish(Reads(order, **values)) is True
     assert order == ["name", "has_audio", "has_video", "enable_captions", "audio_settings", "enable_stereo_mode", "enable_opus_dtx"]
-
-
-def test_streams_that_the_module_gave_are_taken_back(world):
-    world.connect(on_stream_received_cb=world.rec("received"))
-    world.lib.stream_received("caf\u00e9", "c\u20ac", "d", 1_700_000_000_123)
-    stream = world.rec.wait("received").args[1]
-    world.settle()
-    assert world.client.subscribe(stream, on_connected_cb=world.rec("connected")) is True
-    world.lib.subscriber_connected("caf\u00e9")
-    assert world.rec.wait("connected").args[0].stream == stream
-    assert "creationTime: 1700000000123, data: d" in "".join(text for _, text in world.log.texts())

@@ -96,43 +96,13 @@ def test_audio_whose_counts_lie(world, change, exception, text):
     assert not any(wait_captured(world, 3))
 
 
-@pytest.mark.parametrize("missing", ["sample_buffer", "sample_rate", "number_of_channels", "number_of_frames"])
-def test_audio_that_lacks_an_attribute(world, missing):
-    data = audio(world, samples(PERIOD))
-    delattr(data, missing)
-    with pytest.raises(AttributeError, match=f"^Object has no member '{missing}'$"):
-        world.client.add_audio(data)
-    assert ("WARN", f"get_member_value: Object has no member '{missing}'") in world.log.of("PythonHelpers")
-
-
-def test_media_without_a_session(world):
-    good = world.models.AudioData(48000, 2, PERIOD, samples(PERIOD))
-    assert world.client.add_audio(good) is False
-    assert [world.client.add_video(), world.client.add_video(1, 2), world.client.add_video(x=3)] == [False] * 3
-    assert world.client.clear_media_buffers() is False
-    assert world.log.texts() == [
-        ("WARN", "MRController::addAudio: Not connected to any session."),
-        ("WARN", "Failed to inject audio data"),
-        *[("WARN", "Not connected to any session")] * 3,
-        ("WARN", "MRController::clearMediaBuffers: Not connected to any session."),
-        ("ERROR", "Failed to clear the media buffers"),
-    ]
-
-
-def test_audio_before_the_device_runs(world):
-    world.lib.answer("audio_device", "none")
-    world.connect(level="warn")
-    world.log.clear()
-    assert world.client.add_audio(audio(world, samples(PERIOD))) is False
-    assert world.log.of("TavrinVideoClient") == [("WARN", "Failed to inject audio data")]
-    assert not [text for _, text in world.log.of("MRController")]
-
-
-def test_add_audio_arguments(world):
-    for args, kwargs in [((), {}), ((1, 2), {}), ((), {"data": 1})]:
-        with pytest.raises(TypeError):
-            world.client.add_audio(*args, **kwargs)
-    assert world.log.of("TavrinVideoClient", "ERROR") == [("ERROR", "Failed to parse add_audio() args")] * 3
+def test_audio_that_lacks_an_attribute(world):
+    for missing in ("sample_buffer", "sample_rate", "number_of_channels", "number_of_frames"):
+        data = audio(world, samples(PERIOD))
+        delattr(data, missing)
+        with pytest.raises(AttributeError, match=f"^Object has no member '{missing}'$"):
+            world.client.add_audio(data)
+        assert ("WARN", f"get_member_value: Object has no member '{missing}'") in world.log.of("PythonHelpers")
 
 
 def frame(world, buffer, width=64, height=48, format="YUV420P"):
@@ -148,8 +118,7 @@ def video_settings(world, width=64, height=48, fps=30, format="YUV420P"):
 
 def connect_with_video(world, level="warn", **picture) -> bool:
     av = video_settings(world, **picture)
-    logging = SimpleNamespace(level=level)
-    settings = SimpleNamespace(enable_migration=False, av=av, logging=logging)
+    settings = SimpleNamespace(enable_migration=False, av=av, logging=SimpleNamespace(level=level))
     return world.client.connect("key", "session", "token", session_settings=settings)
 
 
@@ -204,6 +173,8 @@ def test_pictures_arrive_byte_for_byte(world, format, code):
 def test_pictures_whose_sizes_lie(world, change, exception, text):
     assert connect_with_video(world)
     world.publish()
+    for other in (frame(world, bytes(64 * 50 * 2), height=50), frame(world, bytes(SIZES["RGB24"]), format="RGB24")):
+        assert world.client.add_video(other) is False  # sound, but not what was agreed on
     bad = SimpleNamespace(
         resolution=SimpleNamespace(width=64, height=48), format="YUV420P", frame_buffer=bytes(SIZES["YUV420P"])
     )
@@ -216,22 +187,7 @@ def test_pictures_whose_sizes_lie(world, change, exception, text):
     assert not world.log.of("TavrinVideoClient", "ERROR")
 
 
-def test_pictures_that_are_refused(world):
-    assert connect_with_video(world)
-    good = frame(world, bytes(SIZES["YUV420P"]))
-    assert world.client.add_video(good) is False  # nothing is published
-    world.publish()
-    with pytest.raises(TypeError, match=r"exactly 1 argument \(0 given\)"):
-        world.client.add_video(video_frame=good)
-    with pytest.raises(ValueError, match="^Python VideoFrame cannot be None$"):
-        world.client.add_video(None)
-    assert world.client.add_video(frame(world, bytes(64 * 50 * 2), height=50)) is False
-    assert world.client.add_video(frame(world, bytes(SIZES["RGB24"]), format="RGB24")) is False
-    assert world.log.of("TavrinVideoClient", "WARN") == [("WARN", "Failed to add video frame")] * 3
-    assert world.client.add_video(good, keyword="ignored") is True
-
-
-@pytest.mark.parametrize("format", ["yuv420p", "I420", "", "MJPEG"])
+@pytest.mark.parametrize("format", ["yuv420p", ""])
 def test_unknown_format_word_in_the_settings(world, format):
     """Connect and publish go through; there is nothing to show."""
     assert connect_with_video(world, format=format) is True
@@ -243,42 +199,34 @@ def test_unknown_format_word_in_the_settings(world, format):
     assert world.client.unpublish() is True
 
 
-@pytest.mark.parametrize(
-    "picture", [{"width": 0}, {"height": -1}, {"fps": 0}, {"fps": -(2**31)}, {"width": 2**31}], ids=str
-)
-def test_impossible_picture_settings(world, picture):
-    assert connect_with_video(world, **picture) is False
-    assert any("MRSession::connect: Invalid video publisher settings" in text for _, text in world.log.texts())
+def test_impossible_and_extreme_picture_settings(world):
+    for picture in [{"width": 0}, {"height": -1}, {"fps": 0}, {"fps": -(2**31)}, {"width": 2**31}]:
+        world.log.clear()
+        assert connect_with_video(world, **picture) is False, picture
+        assert any("MRSession::connect: Invalid video publisher settings" in text for _, text in world.log.texts())
+    for picture in [{"fps": 2**31 - 1}, {"width": 2**20, "height": 2**20}]:
+        assert connect_with_video(world, **picture) is True, picture
+        world.publish()
+        assert world.client.unpublish() is True and world.client.disconnect() is True
 
 
-@pytest.mark.parametrize("picture", [{"fps": 2**31 - 1}, {"width": 2**20, "height": 2**20}], ids=str)
-def test_extreme_picture_settings(world, picture):
-    assert connect_with_video(world, **picture) is True
-    world.publish()
-    assert world.client.unpublish() is True and world.client.disconnect() is True
-
-
-@pytest.mark.parametrize(
-    ("rate", "channels"), [(-48000, 2), (48000, -2), (2**31 - 1, 2**31 - 1), (0, 0), (48000, 0)]
-)
-def test_impossible_audio_settings(world, rate, channels):
+def test_impossible_audio_settings(world):
     """Whatever the program asks for: the session works, only the sound does not."""
-    form = SimpleNamespace(sample_rate=rate, number_of_channels=channels)
-    av = SimpleNamespace(audio_publisher=form, audio_subscribers_mix=form, video_publisher=None)
-    settings = SimpleNamespace(enable_migration=False, av=av, logging=None)
-    assert world.client.connect("key", "s", "token", session_settings=settings, on_audio_data_cb=world.rec("mix"))
-    world.settle()
-    world.client.add_audio(audio(world, samples(PERIOD)))
-    world.publish()
-    world.client.get_media_buffer_stats()
-    assert world.client.disconnect() is True
+    for rate, channels in [(-48000, 2), (48000, -2), (2**31 - 1, 2**31 - 1), (0, 0), (48000, 0)]:
+        form = SimpleNamespace(sample_rate=rate, number_of_channels=channels)
+        av = SimpleNamespace(audio_publisher=form, audio_subscribers_mix=form, video_publisher=None)
+        world.connect(av=av, on_audio_data_cb=world.rec("mix"))
+        assert world.lib.device_start() == 1
+        world.settle()
+        world.client.add_audio(audio(world, samples(PERIOD)))
+        world.publish()
+        world.client.get_media_buffer_stats()
+        assert world.client.disconnect() is True
 
 
 def test_stats(world):
-    assert connect_with_video(world, level="info", fps=10)
-    world.settle()
+    world.ready(level="info", av=video_settings(world, fps=10))
     assert world.client.get_media_buffer_stats(1).video is None
-    assert world.lib.wait_calls("srn_audio_device_write_capture_data", 1, 20_000) == 1
     world.publish()
     world.log.clear()
     assert world.client.add_audio(audio(world, samples(48000 * 2))) is True
@@ -295,30 +243,20 @@ def test_stats(world):
     assert empty.audio.duration == timedelta(0) and empty.video.duration <= timedelta(milliseconds=100)
     world.client.unpublish()
     assert world.client.get_media_buffer_stats().video is None
-
-
-def test_a_long_speech_is_counted_right(world):
-    """Past the point where a product of milliseconds leaves 32 bits."""
-    world.ready(level="error")
-    world.publish(has_video=False)
+    # Past the point where a product of milliseconds leaves 32 bits.
     assert world.client.add_audio(audio(world, bytes(48000 * 4 * 120))) is True
     assert world.client.get_media_buffer_stats().audio.duration > timedelta(seconds=115)
 
 
 @pytest.mark.parametrize(("sound", "picture"), [(True, True), (True, False), (False, True)])
 def test_drained_report(world, sound, picture):
-    av = world.models.SessionAVSettings(
-        video_publisher=world.models.SessionVideoPublisherSettings(world.models.VideoResolution(64, 48), 100)
-    )
-    world.ready(av=av, on_media_buffer_drained_cb=world.rec("drained"))
+    world.ready(av=video_settings(world, fps=100), on_media_buffer_drained_cb=world.rec("drained"))
     world.publish(has_audio=sound, has_video=picture)
     before = len(world.rec.named("drained"))
     assert world.client.add_audio(audio(world, samples(PERIOD))) is True
     assert world.client.add_video(frame(world, bytes(SIZES["YUV420P"]))) in (True, False)
-    reports = [event.args[0] for event in [world.rec.wait("drained", before + 1)]]
-    if picture:
-        world.rec.wait("drained", before + 2)
-        reports = [event.args[0] for event in world.rec.named("drained")[before:]]
+    world.rec.wait("drained", before + (2 if picture else 1))
+    reports = [event.args[0] for event in world.rec.named("drained")[before:]]
     zero = timedelta(0)
     assert any(each.audio and each.audio.duration == zero and (each.video is not None) == picture for each in reports)
     if picture:
@@ -355,5 +293,5 @@ def test_ready_once_for_each_start(world):
     assert world.lib.device_slot("start_capturer") == 1
     world.rec.wait("ready", 2)
     world.client.disconnect()
-    world.client.connect("key", "second", "token", on_ready_for_audio_cb=world.rec("ready"))
-    assert world.rec.wait("ready", 3).args[0].id == "second"
+    world.ready()
+    world.rec.wait("ready", 3)

@@ -84,7 +84,6 @@ def test_missing_rows_are_black_not_an_older_picture(world):
     [
         {"width": 64, "height": 48, "format": 6},
         {"width": 64, "height": 48, "format": 0},
-        {"width": 64, "height": 48, "format": 12},
         {"width": 64, "height": 48, "apart": 1, "missing": 2},
         {"width": 64, "height": 48, "buffer_size": 1},
         {"width": 64, "height": 48, "apart": 1, "buffer_size": -1},
