@@ -40,11 +40,11 @@ export function splitToken(text) {
   return {realm, room, pin};
 }
 
-/** The name in what a participant shows to others: a plain text, or JSON with the program's data. */
+/** The name in what a participant shows to others: a plain text, or JSON with a program's stream and data. */
 export function nameOf(display, id) {
   try {
     const value = JSON.parse(display);
-    if (value && typeof value === 'object') display = value.name || value.data || '';
+    if (value && typeof value === 'object') display = value.stream || value.data || '';
   } catch { /* a plain name */ }
   return (typeof display === 'string' && display.trim()) || `Guest ${String(id).slice(0, 4)}`;
 }
@@ -230,7 +230,8 @@ function wantStereo(answer, offer) {
 }
 
 /**
- * A visit to a room. Events (CustomEvent, `detail` in brackets): participant {id, name}, gone {id},
+ * A visit to a room. Events (CustomEvent, `detail` in brackets): participant {id, name} (again when the name
+ * changes), gone {id},
  * media {id, stream}, unpublished {id}, caption {id, text, final}, returning {broken}, trouble {text},
  * ended {text}.
  */
@@ -349,9 +350,10 @@ export class RoomVisit extends EventTarget {
   }
 
   #meet(id, display) {
-    if (this.#known.has(id) || id === this.id) return;
-    this.#known.set(id, nameOf(display, id));
-    this.#tell('participant', {id, name: this.#known.get(id)});
+    const name = nameOf(display, id); // which a program may settle only when it publishes
+    if (id === this.id || this.#known.get(id) === name) return;
+    this.#known.set(id, name);
+    this.#tell('participant', {id, name});
   }
 
   #see(publishers = []) {

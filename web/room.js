@@ -97,16 +97,22 @@ async function tryDevices() {
 
 const hue = (text) => [...text].reduce((sum, letter) => (sum * 31 + letter.codePointAt(0)) % 360, 7);
 
-function makeTile(id, name) {
-  const element = $('tile').content.firstElementChild.cloneNode(true);
-  element.dataset.id = id;
+function nameTile(tile, name) {
+  const {element} = tile;
+  tile.name = name;
   element.setAttribute('aria-label', name);
   element.style.setProperty('--hue', hue(name));
   element.querySelector('.who').textContent = name;
   element.querySelector('.meter').setAttribute('aria-label', `Loudness of ${name}`);
   element.querySelector('.initials').textContent =
     name.split(/\s+/).slice(0, 2).map((word) => [...word][0] ?? '').join('').toUpperCase();
+}
+
+function makeTile(id, name) {
+  const element = $('tile').content.firstElementChild.cloneNode(true);
+  element.dataset.id = id;
   const tile = {element, name, meter: null, clear: 0};
+  nameTile(tile, name);
   tiles.set(id, tile);
   $('tiles').append(element);
   countPresence();
@@ -174,6 +180,10 @@ function serverUrl() {
 function listen(to) {
   const on = (type, act) => to.addEventListener(type, ({detail}) => { if (visit === to) act(detail); });
   on('participant', ({id, name}) => {
+    if (tiles.has(id)) {
+      nameTile(tiles.get(id), name);
+      return;
+    }
     makeTile(id, name).element.querySelector('.state').textContent = 'listening';
     say(`${name} is here.`);
   });

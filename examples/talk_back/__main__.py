@@ -67,7 +67,8 @@ class TalkBack:
                 audio_publisher=form,
                 audio_subscribers_mix=form,
                 video_publisher=tavrin.SessionVideoPublisherSettings(size, FPS, "RGB24"),
-            )
+            ),
+            logging=tavrin.LoggingSettings(level="error"),
         )
         if not self.client.connect(
             application,
