@@ -10,14 +10,16 @@ machine shows as a wide spread. Native work of the core is part of every number.
 from __future__ import annotations
 
 import argparse
+import contextlib
 import ctypes
 import itertools
 import json
 import statistics
+import subprocess
 import sys
 import threading
 import time
-from typing import Any, Callable
+from typing import Any, Callable, Iterator, Sequence
 
 
 def resident_kib() -> int:
@@ -51,6 +53,7 @@ def load_scripted() -> ctypes.CDLL:
     for name in ("scripted_fire_audio", "scripted_fire_frames"):
         getattr(library, name).restype = ctypes.c_double
     library.scripted_storm_stop.restype = ctypes.c_long
+    library.scripted_times.restype = ctypes.c_size_t
     library.scripted_log(0)
     return library
 
@@ -81,11 +84,15 @@ class Session:
             self.streams.append(stream)
             arrived.release()
 
+        library.scripted_answer(b"audio_device", b"none")
         assert self.client.connect(
             "key", "session", "token",
+            session_settings=models.SessionSettings(logging=models.LoggingSettings("error")),
             on_stream_received_cb=on_stream,
             on_ready_for_audio_cb=lambda _session: ready.set(),
         )
+        assert library.scripted_wait_idle(10000) == 1 and self.client.get_connection() is not None
+        assert library.scripted_device_start() == 1
         assert ready.wait(10), "the audio capturer did not start"
         for number in range(STREAMS):
             library.scripted_stream_received(b"stream-%d" % number, b"peer", b"data", ctypes.c_int64(0))
@@ -159,7 +166,9 @@ def events(session: Session) -> dict[str, dict[str, float]]:
 
 
 def many_streams(session: Session, seconds: float) -> dict[str, float]:
-    """Per cent of one core: nothing but the session, with media nobody listens to, with callables."""
+    """Per cent of one core: nothing but the session, with the ticks of the delivering thread, with media
+    nobody listens to, with callables. What is delivered was prepared before, and costs its thread a look
+    for the subscriber and the call."""
     calls = 0
 
     def count(_subscriber: models.Subscriber, _media: Any) -> None:
@@ -171,18 +180,22 @@ def many_streams(session: Session, seconds: float) -> dict[str, float]:
         time.sleep(seconds)
         return 100 * (time.process_time() - cpu) / (time.monotonic() - start)
 
+    def storm() -> float:
+        rates = ctypes.c_double(100), ctypes.c_double(30)
+        session.library.scripted_storm_start(ids, *rates, WIDTH, HEIGHT, 1)
+        try:
+            return load()
+        finally:
+            session.library.scripted_storm_stop()
+
     ids = ",".join(stream.id for stream in session.streams).encode()
-    loads = {"idle": load()}
+    loads = {"idle": load(), "ticks without subscribers": storm()}
     for label, callables in (
         ("nobody listens", {}),
         ("with callables", {"on_audio_data_cb": count, "on_render_frame_cb": count}),
     ):
         session.subscribe(STREAMS, **callables)
-        session.library.scripted_storm_start(
-            ids, ctypes.c_double(100), ctypes.c_double(30), WIDTH, HEIGHT, 2
-        )
-        loads[label] = load()
-        session.library.scripted_storm_stop()
+        loads[label] = storm()
         for stream in session.streams:
             session.client.unsubscribe(stream)
     loads["share of the boundary"] = loads["with callables"] - loads["nobody listens"]
@@ -190,16 +203,62 @@ def many_streams(session: Session, seconds: float) -> dict[str, float]:
     return loads
 
 
+@contextlib.contextmanager
+def busy_processes(count: int) -> Iterator[None]:
+    running = [subprocess.Popen([sys.executable, "-c", "while True: pass"]) for _ in range(count)]
+    try:
+        yield
+    finally:
+        for process in running:
+            process.kill()
+            process.wait()
+
+
+def pacing(session: Session, seconds: float) -> dict[str, dict[str, float]]:
+    """Microseconds by which intervals differ from the period, beside those of a bare clock in the same
+    seconds: a native thread that does nothing but sleep until the next instant."""
+    audio_ns, video_ns = 10_000_000, 1_000_000_000 // 30
+    session.client.clear_media_buffers()  # silence and the black picture, each period
+
+    def off(times: Sequence[int], period: int) -> dict[str, float]:
+        deviations = sorted(abs(after - before - period) / 1000 for before, after in zip(times, times[1:]))
+        last = len(deviations) - 1
+        return {"p50": deviations[last // 2], "p99": deviations[last * 99 // 100], "max": deviations[last]}
+
+    def measure(label: str) -> None:
+        ticks = (ctypes.c_int64 * round(seconds * 1e9 / audio_ns))()
+        start = time.monotonic_ns()
+        session.library.scripted_bare_ticks(ctypes.c_int64(audio_ns), ticks, ctypes.c_size_t(len(ticks)))
+        results[f"{label}, bare clock"] = off(list(ticks), audio_ns)
+        for name, function, period in (
+            ("audio", b"srn_audio_device_write_capture_data", audio_ns),
+            ("video", b"srn_video_capturer_provide_frame", video_ns),
+        ):
+            times = (ctypes.c_int64 * 4096)()
+            count = session.library.scripted_times(function, times, ctypes.c_size_t(len(times)))
+            within = [each for each in times[:count] if each >= start]
+            assert len(within) > 0.5 * seconds * 1e9 / period, f"{name} came {len(within)} times"
+            results[f"{label}, {name}"] = off(within, period)
+
+    results: dict[str, dict[str, float]] = {}
+    measure("idle")
+    with busy_processes(2):
+        measure("two busy processes")
+    return results
+
+
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--json", metavar="FILE", help="write the numbers to FILE, too")
     parser.add_argument("--seconds", type=float, default=5, help="length of each load measurement")
+    parser.add_argument("--pacing-seconds", type=float, default=10, help="length of each pacing measurement")
     arguments = parser.parse_args()
 
     session = Session(load_scripted())
     results = {
         "microseconds": injection(session) | events(session),
         "per cent of a core, 20 streams": many_streams(session, arguments.seconds),
+        "microseconds off the period": pacing(session, arguments.pacing_seconds),
         "resident MiB": {
             "interpreter": START_KIB / 1024,
             "models imported": MODELS_KIB / 1024,
@@ -214,10 +273,12 @@ def main() -> None:
     for title, values in results.items():
         print(title)
         for name, value in values.items():
-            if isinstance(value, dict):
+            if not isinstance(value, dict):
+                text = f"{value:9.2f}"
+            elif "median" in value:
                 text = f"{value['median']:9.2f}   ({value['min']:.2f} to {value['max']:.2f})"
             else:
-                text = f"{value:9.2f}"
+                text = "   ".join(f"{key} {number:8.1f}" for key, number in value.items())
             print(f"  {name:40s} {text}")
     if arguments.json:
         with open(arguments.json, "w", encoding="utf-8") as file:
