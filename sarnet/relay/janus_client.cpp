@@ -184,6 +184,10 @@ void JanusClient::request(json message, Answer answer, bool acknowledged_is_answ
       this->answer(transaction, late);
     });
   }
+  // Tokens and addresses stay out of the log.
+  SARNET_LOG(kDebug, "relay: asks " << text_of(message, "janus") << ' '
+                                    << text_of(member(message, "body"), "request") << " as "
+                                    << transaction << " on " << number_of(message, "handle_id"));
   std::string text = message.dump(-1, ' ', false, json::error_handler_t::replace);
   if (now || state_ == State::kOpen) {
     socket_->send(text);
@@ -209,6 +213,9 @@ void JanusClient::received(std::string_view text) {
   }
   const std::string kind = text_of(message, "janus");
   const std::string transaction = text_of(message, "transaction");
+  SARNET_LOG(kDebug, "relay: hears " << kind << ' ' << text_of(plugin_data(message), "videoroom")
+                                     << " to " << transaction << " on "
+                                     << number_of(message, "sender"));
   if (const auto found = pending_.find(transaction); found != pending_.end()) {
     if (kind != "ack" || found->second.acknowledged_is_answer) {
       answer(transaction, make_reply(std::move(message)));

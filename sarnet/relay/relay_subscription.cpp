@@ -21,6 +21,17 @@ int layer_for_rate(const MediaWishes& wishes) {
   return wishes.max_framerate <= 8 ? 0 : wishes.max_framerate <= 15 ? 1 : 2;
 }
 
+// Has the server begin the DTLS handshake. When we begin it, our first packet often comes before
+// the server is ready for it, and goes out again only a second later.
+std::string with_active_server(std::string sdp) {
+  constexpr std::string_view kEither = "a=setup:actpass";
+  constexpr std::string_view kActive = "a=setup:active";
+  for (auto at = sdp.find(kEither); at != std::string::npos; at = sdp.find(kEither, at)) {
+    sdp.replace(at, kEither.size(), kActive);
+  }
+  return sdp;
+}
+
 }  // namespace
 
 json wishes_request(const std::vector<FeedMedium>& media, const MediaWishes& wishes,
@@ -105,7 +116,7 @@ void RelaySubscription::take_offer(const json& data, const std::string& sdp) {
     fail({SRN_SUBSCRIBER_WEBRTC_ERROR, "Subscribing is not possible: " + error});
     return;
   }
-  if (!sdp.empty()) peer_->set_remote_offer(sdp);
+  if (!sdp.empty()) peer_->set_remote_offer(with_active_server(sdp));
 }
 
 void RelaySubscription::on_local_description(const std::string& type, const std::string& sdp) {

@@ -7,8 +7,10 @@
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <numbers>
+#include <span>
 #include <thread>
 
 #include "contract/harness.h"
@@ -38,6 +40,14 @@ std::int64_t ms_since(Clock::time_point start) {
 long entries(const char* folder) {
   return std::distance(std::filesystem::directory_iterator(folder),
                        std::filesystem::directory_iterator());
+}
+
+long resident_pages() {
+  std::ifstream file("/proc/self/statm");
+  long total = 0;
+  long resident = 0;
+  file >> total >> resident;
+  return resident;
 }
 
 class Periodic {
@@ -94,21 +104,19 @@ class Program {
   Periodic video_;
 };
 
-// The tone's share of all that was heard in the last half second.
-double tone_share(const std::vector<std::int16_t>& stereo) {
-  constexpr std::size_t kFrames = 24000;
-  if (stereo.size() < 2 * kFrames) return 0;
-  double sine = 0;
-  double cosine = 0;
-  double power = 0;
-  for (std::size_t i = 0; i < kFrames; ++i) {
-    const double sample = stereo[stereo.size() - 2 * kFrames + 2 * i];
-    const double phase = 2 * std::numbers::pi * 1000 / 48000 * static_cast<double>(i);
-    sine += sample * std::sin(phase);
-    cosine += sample * std::cos(phase);
-    power += sample * sample;
+// Whether the last tenth of a second held a loud tone of about 1 kHz: its rate may still be drawn
+// by a few per cent towards the device's.
+bool holds_the_tone(const std::vector<std::int16_t>& stereo) {
+  constexpr std::size_t kSamples = 2 * 4800;
+  if (stereo.size() < kSamples) return false;
+  const std::span<const std::int16_t> last(stereo.end() - kSamples, stereo.end());
+  int crossings = 0;
+  int peak = 0;
+  for (std::size_t i = 2; i < last.size(); i += 2) {
+    crossings += (last[i - 2] < 0) != (last[i] < 0) ? 1 : 0;
+    peak = std::max(peak, std::abs(static_cast<int>(last[i])));
   }
-  return power == 0 ? 0 : 2 * (sine * sine + cosine * cosine) / power / kFrames;
+  return peak > 4000 && crossings > 190 && crossings < 210;
 }
 
 bool shows_the_picture(const Picture& picture) {
@@ -121,6 +129,7 @@ bool shows_the_picture(const Picture& picture) {
 class Room : public testing::Test {
  protected:
   void SetUp() override {
+    if (!setting("SARNET_TEST_LOG").empty()) srn_log_enable(SRN_LOG_LEVEL_DEBUG);
     if (host().empty()) GTEST_SKIP() << "SARNET_TEST_HOST names no server";
   }
 };
@@ -159,7 +168,7 @@ TEST_F(Room, ProgramsMeetHearAndSeeEachOtherAndPart) {
     };
     ASSERT_EQ(srn_session_subscribe(listener->handle, receiver.handle), SRN_SUCCESS);
     EXPECT_TRUE(receiver.log.wait_for("connected"));
-    EXPECT_TRUE(eventually([&] { return tone_share(receiver.samples()) > 0.9; }));
+    EXPECT_TRUE(eventually([&] { return holds_the_tone(receiver.samples()); }));
     EXPECT_TRUE(eventually([&] { return shows_the_picture(receiver.last_picture()); }));
     std::cout << "first audio after " << first_audio << " ms, first picture after " << first_picture
               << " ms\n";
@@ -203,9 +212,11 @@ TEST_F(Room, AnAudienceSeesAStreamComeAndGoTwiceAndTwoAtOnce) {
 }
 
 TEST_F(Room, LeavesNothingBehind) {
+  const std::string asked = setting("SARNET_TEST_ROUNDS");
+  const int rounds = asked.empty() ? 12 : std::stoi(asked);
   long threads = 0;
   long files = 0;
-  for (int round = 0; round < 12; ++round) {
+  for (int round = 0; round < rounds; ++round) {
     {
       LibraryUse library;
       Participant speaker(room());
@@ -225,7 +236,9 @@ TEST_F(Room, LeavesNothingBehind) {
       ASSERT_EQ(srn_destroy(), SRN_SUCCESS);
       const auto took = ms_since(leaving);
       EXPECT_LT(took, 2000);
-      if (round % 4 == 3) std::cout << "left after " << took << " ms\n";
+      if (round % 4 == 3) {
+        std::cout << "left after " << took << " ms, resident pages " << resident_pages() << '\n';
+      }
     }
     if (round != 3) continue;
     threads = entries("/proc/self/task");
