@@ -27,25 +27,25 @@ from tavrin_media_relay.models import (
     VideoFrame,
 )
 
-class SessionCallback(Protocol):
+class _SessionCallback(Protocol):
     def __call__(self, session: Session, /) -> object: ...
 
-class SessionErrorCallback(Protocol):
+class _SessionErrorCallback(Protocol):
     def __call__(self, session: Session, message: str, code: int, /) -> object: ...
 
-class ConnectionCallback(Protocol):
+class _ConnectionCallback(Protocol):
     def __call__(self, session: Session, connection: Connection, /) -> object: ...
 
-class StreamCallback(Protocol):
+class _StreamCallback(Protocol):
     def __call__(self, session: Session, stream: Stream, /) -> object: ...
 
-class SessionAudioCallback(Protocol):
+class _SessionAudioCallback(Protocol):
     def __call__(self, session: Session, audio: AudioData, /) -> object: ...
 
-class SubscriberErrorCallback(Protocol):
+class _SubscriberErrorCallback(Protocol):
     def __call__(self, subscriber: Subscriber, message: str, code: int, /) -> object: ...
 
-class PublisherErrorCallback(Protocol):
+class _PublisherErrorCallback(Protocol):
     def __call__(self, publisher: Publisher, message: str, code: int, /) -> object: ...
 
 @final
@@ -66,15 +66,15 @@ class TavrinVideoClient:
         token: str,
         *,
         session_settings: Optional[SessionSettings] = None,
-        on_error_cb: Optional[SessionErrorCallback] = None,
-        on_connected_cb: Optional[SessionCallback] = None,
-        on_disconnected_cb: Optional[SessionCallback] = None,
-        on_connection_created_cb: Optional[ConnectionCallback] = None,
-        on_connection_dropped_cb: Optional[ConnectionCallback] = None,
-        on_stream_received_cb: Optional[StreamCallback] = None,
-        on_stream_dropped_cb: Optional[StreamCallback] = None,
-        on_audio_data_cb: Optional[SessionAudioCallback] = None,
-        on_ready_for_audio_cb: Optional[SessionCallback] = None,
+        on_error_cb: Optional[_SessionErrorCallback] = None,
+        on_connected_cb: Optional[_SessionCallback] = None,
+        on_disconnected_cb: Optional[_SessionCallback] = None,
+        on_connection_created_cb: Optional[_ConnectionCallback] = None,
+        on_connection_dropped_cb: Optional[_ConnectionCallback] = None,
+        on_stream_received_cb: Optional[_StreamCallback] = None,
+        on_stream_dropped_cb: Optional[_StreamCallback] = None,
+        on_audio_data_cb: Optional[_SessionAudioCallback] = None,
+        on_ready_for_audio_cb: Optional[_SessionCallback] = None,
         on_media_buffer_drained_cb: Optional[Callable[[MediaBufferStats], object]] = None,
     ) -> bool:
         """Starts to join a session.
@@ -114,7 +114,7 @@ class TavrinVideoClient:
         stream: Stream,
         *,
         settings: Optional[SubscriberSettings] = None,
-        on_error_cb: Optional[SubscriberErrorCallback] = None,
+        on_error_cb: Optional[_SubscriberErrorCallback] = None,
         on_connected_cb: Optional[Callable[[Subscriber], object]] = None,
         on_disconnected_cb: Optional[Callable[[Subscriber], object]] = None,
         on_audio_data_cb: Optional[Callable[[Subscriber, AudioData], object]] = None,
@@ -142,7 +142,7 @@ class TavrinVideoClient:
         self,
         settings: PublisherSettings,
         *,
-        on_error_cb: Optional[PublisherErrorCallback] = None,
+        on_error_cb: Optional[_PublisherErrorCallback] = None,
         on_stream_created_cb: Optional[Callable[[Publisher], object]] = None,
         on_stream_destroyed_cb: Optional[Callable[[Publisher], object]] = None,
     ) -> bool:
