@@ -80,10 +80,16 @@ bool PeerConnection::build(std::string& error) {
 }
 
 void PeerConnection::add_ice_servers() {
+  GObject* agent = nullptr;
+  g_object_get(webrtc_, "ice-agent", &agent, nullptr);
+  const GObjectPtr owned(agent);
+  GObject* nice = nullptr;
+  g_object_get(agent, "agent", &nice, nullptr);
+  if (const GObjectPtr owned_nice(nice); owned_nice) {
+    // It would ask the network's routers, by multicast, to open ports.
+    g_object_set(nice, "upnp", FALSE, nullptr);
+  }
   if (settings_.loopback) {
-    GObject* agent = nullptr;
-    g_object_get(webrtc_, "ice-agent", &agent, nullptr);
-    const GObjectPtr owned(agent);
     gboolean added = FALSE;
     g_signal_emit_by_name(agent, "add-local-ip-address", "127.0.0.1", &added);
     if (added == FALSE) {
