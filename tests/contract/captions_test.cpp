@@ -23,7 +23,7 @@ TEST(Captions, ReachSubscribersOfAStreamThatHasThem) {
   ASSERT_TRUE(stream);
   Receiver receiver(stream->get());
   ASSERT_EQ(srn_session_subscribe(reader.handle, receiver.handle), SRN_SUCCESS);
-  ASSERT_TRUE(receiver.log.wait_for("connected"));
+  ASSERT_TRUE(receiver.log.await("connected"));
 
   EXPECT_EQ(srn_captions_send("not asked for", SRN_TRUE), 1015);
   ASSERT_EQ(srn_publisher_set_publish_captions(sender.handle, SRN_TRUE), SRN_SUCCESS);
@@ -32,9 +32,9 @@ TEST(Captions, ReachSubscribersOfAStreamThatHasThem) {
   EXPECT_EQ(srn_publisher_send_caption(sender.handle, (longest + 'x').c_str(), SRN_TRUE), 1011);
   EXPECT_EQ(srn_publisher_send_caption(sender.handle, "Grüße", SRN_FALSE), SRN_SUCCESS);
   EXPECT_EQ(srn_captions_send(longest.c_str(), SRN_TRUE), SRN_SUCCESS);
-  EXPECT_TRUE(receiver.log.wait_for("caption " + longest));
-  EXPECT_EQ(receiver.log.count("caption "), 1U);
-  EXPECT_EQ(receiver.log.count("draft Grüße"), 1U);
+  EXPECT_TRUE(receiver.log.await("caption " + longest));
+  EXPECT_EQ(receiver.log.count("caption "), 1);
+  EXPECT_EQ(receiver.log.count("draft Grüße"), 1);
 
   EXPECT_EQ(srn_session_unpublish(speaker.handle, sender.handle), SRN_SUCCESS);
   EXPECT_EQ(srn_captions_send("too late", SRN_TRUE), 1015);

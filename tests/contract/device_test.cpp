@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <numbers>
-#include <ostream>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -86,28 +85,29 @@ TEST(Device, IsDrivenInOrderForEachSession) {
     SCOPED_TRACE(round);
     // The second round is a program that stops both sides itself: the library's own orders fail.
     device.stop_answers = round == 0;
-    const std::size_t before = device.log.all().size();
+    const std::size_t before = device.log.lines().size();
+    std::chrono::steady_clock::time_point since;
     Latch returned;
     Participant program;
     program.on_connected = [&] {
       // Not before on_connected has returned.
       std::this_thread::sleep_for(150ms);
-      EXPECT_EQ(device.log.all().size(), before);
+      EXPECT_EQ(device.log.lines().size(), before);
+      since = std::chrono::steady_clock::now();
       returned.open();
     };
     ASSERT_EQ(program.connect(), SRN_SUCCESS);
     ASSERT_TRUE(returned.wait());
-    const auto since = std::chrono::steady_clock::now();
-    ASSERT_TRUE(device.log.wait_for("init", 1 + 3 * static_cast<std::size_t>(round)));
+    ASSERT_TRUE(device.log.await("init", 1 + 3 * round));
     EXPECT_GE(std::chrono::steady_clock::now() - since, 50ms) << "the program may still set up";
-    ASSERT_TRUE(device.log.wait_for("start_capturer", static_cast<std::size_t>(round) + 1));
+    ASSERT_TRUE(device.log.await("start_capturer", round + 1));
     std::vector<std::int16_t> buffer(960);
     EXPECT_EQ(srn_audio_device_read_render_data(buffer.data(), 480), 480U);
     EXPECT_EQ(srn_session_disconnect(program.handle), SRN_SUCCESS);
     EXPECT_EQ(srn_audio_device_read_render_data(buffer.data(), 480), 0U);
     EXPECT_EQ(srn_audio_device_write_capture_data(buffer.data(), 480), SRN_SUCCESS);
-    ASSERT_TRUE(device.log.wait_for("destroy", 3 * (static_cast<std::size_t>(round) + 1)));
-    auto events = device.log.all();
+    ASSERT_TRUE(device.log.await("destroy", 3 * (round + 1)));
+    auto events = device.log.lines();
     events.erase(events.begin(), events.begin() + static_cast<std::ptrdiff_t>(before));
     EXPECT_THAT(events,
                 ElementsAre("init", "render_settings", "init_renderer", "start_renderer",
@@ -124,14 +124,14 @@ TEST(Device, StaysUpWhileAnySessionIsConnectedAndEndsWithTheLibrary) {
     Participant second("another");
     ASSERT_TRUE(first.join());
     ASSERT_TRUE(second.join());
-    ASSERT_TRUE(device.log.wait_for("start_capturer"));
+    ASSERT_TRUE(device.log.await("start_capturer"));
     first.remove();
     std::vector<std::int16_t> buffer(960);
     EXPECT_EQ(srn_audio_device_read_render_data(buffer.data(), 480), 480U);
-    EXPECT_EQ(device.log.count("stop_renderer"), 0U);
+    EXPECT_EQ(device.log.count("stop_renderer"), 0);
   }
-  EXPECT_EQ(device.log.all().back(), "destroy");
-  EXPECT_EQ(device.log.count("start_renderer"), 1U);
+  EXPECT_EQ(device.log.lines().back(), "destroy");
+  EXPECT_EQ(device.log.count("start_renderer"), 1);
 }
 
 TEST(Device, WithAnUnusableFormatIsNotStarted) {
@@ -140,29 +140,21 @@ TEST(Device, WithAnUnusableFormatIsNotStarted) {
   srn_log_enable(SRN_LOG_LEVEL_DISABLED);
   Participant program;
   ASSERT_TRUE(program.join());
-  ASSERT_TRUE(device.log.wait_for("capture_settings"));
+  ASSERT_TRUE(device.log.await("capture_settings"));
   program.remove();
-  ASSERT_TRUE(device.log.wait_for("destroy"));
-  EXPECT_THAT(device.log.all(),
+  ASSERT_TRUE(device.log.await("destroy"));
+  EXPECT_THAT(device.log.lines(),
               ElementsAre("init", "render_settings", "capture_settings", "destroy"));
   srn_log_enable(SRN_LOG_LEVEL_ERROR);
 }
 
-struct Format {
-  int rate;
-  int channels;
-};
-void PrintTo(const Format& format, std::ostream* out) {
-  *out << format.rate << " Hz, " << format.channels << " channels";
-}
-
-class Audio : public testing::TestWithParam<Format> {};
+class Audio : public testing::TestWithParam<srn_audio_device_settings> {};
 
 // The program hears the companion's tone in its own format, and publishes its own: what the other
 // side gets is that tone, and the recording holds each sample.
 TEST_P(Audio, IsMixedCarriedAndRecordedInTheDevicesFormat) {
-  const int rate = GetParam().rate;
-  const int channels = GetParam().channels;
+  const int rate = GetParam().sampling_rate;
+  const int channels = GetParam().number_of_channels;
   const auto frames = static_cast<std::size_t>(rate / 100);
   Device device({rate, channels}, {rate, channels});
   LibraryUse library;
@@ -175,38 +167,37 @@ TEST_P(Audio, IsMixedCarriedAndRecordedInTheDevicesFormat) {
     Participant listener;
     ASSERT_TRUE(program.join(scenario.host()));
     ASSERT_TRUE(listener.join(scenario.host()));
-    ASSERT_TRUE(device.log.wait_for("start_capturer"));
+    ASSERT_TRUE(device.log.await("start_capturer"));
     Receiver peer(program.wait_for_stream()->get());
     ASSERT_EQ(srn_session_subscribe(program.handle, peer.handle), SRN_SUCCESS);
     Sender sender({.video = false});
     ASSERT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SUCCESS);
-    ASSERT_TRUE(sender.log.wait_for("created"));
+    ASSERT_TRUE(sender.log.await("created"));
     const auto stream = listener.wait_for_stream(2);
     ASSERT_TRUE(stream);
     Receiver receiver(stream->get());
     ASSERT_EQ(srn_session_subscribe(listener.handle, receiver.handle), SRN_SUCCESS);
 
     Sine sine(rate, channels, 440);
-    std::vector<std::int16_t> mix;
+    std::atomic<int> mixed{0};  // the loudest sample of the mix
     {
       const Periodic periodic(10ms, [&] {
         const auto block = sine.next(frames);
         sent.insert(sent.end(), block.begin(), block.end());
         srn_audio_device_write_capture_data(block.data(), frames);
         std::vector<std::int16_t> heard(frames * static_cast<std::size_t>(channels));
-        if (srn_audio_device_read_render_data(heard.data(), frames) != frames) return;
-        // The last 200 ms: long enough for the peaks of both tones to meet.
-        mix.insert(mix.end(), heard.begin(), heard.end());
-        if (mix.size() > 20 * heard.size()) mix.erase(mix.begin(), mix.begin() + std::ssize(heard));
+        srn_audio_device_read_render_data(heard.data(), frames);
+        mixed = std::max(mixed.load(), loudest(heard));
       });
+      // The device is the process's: both sessions' subscriptions are in its mix, and the peaks of
+      // both tones meet sooner or later.
       EXPECT_TRUE(eventually([&] {
         const auto samples = receiver.samples();
-        return samples.size() > 48000 && loudest(samples) > 7000;
-      }));
+        return samples.size() > 48000 && loudest(samples) > 7000 && mixed > 16383 + 7100;
+      })) << mixed;
     }
     EXPECT_LE(loudest(receiver.samples()), 8800);
-    // The device is the process's: both sessions' subscriptions are in its mix.
-    EXPECT_NEAR(loudest(mix), 16383 + 8000, 900);
+    EXPECT_LE(mixed, 16383 + 8900);
   }
   srn_destroy();  // completes the recording
 
@@ -226,8 +217,9 @@ TEST_P(Audio, IsMixedCarriedAndRecordedInTheDevicesFormat) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, Audio,
-                         testing::Values(Format{48000, 2}, Format{48000, 1}, Format{44100, 2},
-                                         Format{8000, 1}));
+                         testing::Values(srn_audio_device_settings{48000, 2},
+                                         srn_audio_device_settings{44100, 1},
+                                         srn_audio_device_settings{8000, 1}));
 
 // A capture clock 2 % fast and a render clock 2 % slow, for three seconds: without correction 60 ms
 // would pile up on each side and go on growing.
@@ -240,7 +232,7 @@ TEST(Device, AbsorbsTheDriftOfTheProgramsClocks) {
   Participant listener;
   ASSERT_TRUE(program.join(scenario.host()));
   ASSERT_TRUE(listener.join(scenario.host()));
-  ASSERT_TRUE(device.log.wait_for("start_capturer"));
+  ASSERT_TRUE(device.log.await("start_capturer"));
   Sender sender({.video = false});
   ASSERT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SUCCESS);
   const auto stream = listener.wait_for_stream();
@@ -258,7 +250,7 @@ TEST(Device, AbsorbsTheDriftOfTheProgramsClocks) {
   srn_statistics figures{};
   figures.size = sizeof figures;
   srn_statistics_get(&figures);
-  EXPECT_GT(figures.capture_periods_written, 290U);
+  EXPECT_GT(figures.capture_periods_written, 250U);
   EXPECT_LT(figures.mixer_delay_us, 200'000);
   // Unless the machine stood still, nothing was lost, and nothing clicks: no two samples are
   // further apart than a sine of that height, a little compressed, allows.
@@ -276,24 +268,23 @@ TEST(Device, AbsorbsTheDriftOfTheProgramsClocks) {
 TEST(Device, RecordsPicturesInOrderWithRepeats) {
   LibraryUse library;
   ScenarioFile scenario(R"({"record": "recording"})");
-  std::string expected = "YUV4MPEG2 W64 H48 F25:1 ";
-  std::vector<std::string> frames;
+  std::string frames;
   {
     Participant program;
     ASSERT_TRUE(program.join(scenario.host()));
     Sender sender({.audio = false, .fps = 25});
     ASSERT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SUCCESS);
-    ASSERT_TRUE(sender.log.wait_for("created"));
+    ASSERT_TRUE(sender.log.await("created"));
     for (const int shade : {30, 40, 40, 50}) {
       const std::vector<std::uint8_t> bytes(64 * 48 * 3 / 2, static_cast<std::uint8_t>(shade));
       ASSERT_EQ(sender.provide(64, 48, bytes), SRN_SUCCESS);
-      frames.push_back("FRAME\n" + std::string(bytes.begin(), bytes.end()));
+      frames += "FRAME\n" + std::string(bytes.begin(), bytes.end());
     }
   }
   srn_destroy();
   const std::string film = contents(scenario.folder() / "recording" / "video-1.y4m");
-  EXPECT_TRUE(film.starts_with(expected)) << film.substr(0, 60);
-  EXPECT_TRUE(film.ends_with(frames[0] + frames[1] + frames[2] + frames[3]));
+  EXPECT_TRUE(film.starts_with("YUV4MPEG2 W64 H48 F25:1 ")) << film.substr(0, 60);
+  EXPECT_TRUE(film.ends_with(frames));
 }
 
 }  // namespace

@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <fstream>
 #include <thread>
-#include <utility>
 
 namespace {
 
@@ -37,55 +37,8 @@ namespace contract {
 
 int device_info_requests() { return info_requests; }
 
-void EventLog::add(const std::string& event) {
-  const std::lock_guard lock(mutex_);
-  events_.push_back(event);
-  changed_.notify_all();
-}
-
-std::size_t EventLog::count(const std::string& prefix) const {
-  const std::lock_guard lock(mutex_);
-  return static_cast<std::size_t>(
-      std::count_if(events_.begin(), events_.end(),
-                    [&](const std::string& each) { return each.starts_with(prefix); }));
-}
-
-bool EventLog::wait_for(const std::string& prefix, std::size_t count,
-                        std::chrono::milliseconds patience) {
-  std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, patience, [&] {
-    return static_cast<std::size_t>(std::count_if(
-               events_.begin(), events_.end(),
-               [&](const std::string& each) { return each.starts_with(prefix); })) >= count;
-  });
-}
-
-std::vector<std::string> EventLog::all() const {
-  const std::lock_guard lock(mutex_);
-  return events_;
-}
-
-int EventLog::position(const std::string& prefix) const {
-  const std::lock_guard lock(mutex_);
-  const auto found = std::find_if(events_.begin(), events_.end(), [&](const std::string& each) {
-    return each.starts_with(prefix);
-  });
-  return found == events_.end() ? -1 : static_cast<int>(found - events_.begin());
-}
-
-void Latch::open() {
-  const std::lock_guard lock(mutex_);
-  open_ = true;
-  changed_.notify_all();
-}
-
-bool Latch::wait(std::chrono::milliseconds patience) {
-  std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, patience, [this] { return open_; });
-}
-
 bool eventually(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -93,17 +46,19 @@ bool eventually(const std::function<bool()>& condition) {
   return true;
 }
 
-// ---- Participant
-// ------------------------------------------------------------------------------------
-
 namespace {
 
 Participant& participant(void* user_data) { return *static_cast<Participant*>(user_data); }
-Receiver& receiver(void* user_data) { return *static_cast<Receiver*>(user_data); }
 Sender& sender(void* user_data) { return *static_cast<Sender*>(user_data); }
+srn_bool srn(bool value) { return value ? SRN_TRUE : SRN_FALSE; }
 
-std::string numbered(const char* event, int code, const char* text) {
-  return std::string(event) + ' ' + std::to_string(code) + ' ' + text;
+std::string numbered(int code, const char* text) {
+  return "error " + std::to_string(code) + ' ' + text;
+}
+
+void note(Journal& log, const std::string& event, const std::function<void()>& hook) {
+  log.add(event);
+  if (hook) hook();
 }
 
 }  // namespace
@@ -111,12 +66,10 @@ std::string numbered(const char* event, int code, const char* text) {
 Participant::Participant(const std::string& session_id, const std::string& api_key) {
   callbacks_.user_data = this;
   callbacks_.on_connected = [](srn_session*, void* data) {
-    participant(data).log.add("connected");
-    if (participant(data).on_connected) participant(data).on_connected();
+    note(participant(data).log, "connected", participant(data).on_connected);
   };
   callbacks_.on_disconnected = [](srn_session*, void* data) {
-    participant(data).log.add("disconnected");
-    if (participant(data).on_disconnected) participant(data).on_disconnected();
+    note(participant(data).log, "disconnected", participant(data).on_disconnected);
   };
   callbacks_.on_connection_created = [](srn_session*, void* data, const srn_connection* who) {
     participant(data).log.add(std::string("connection+ ") + srn_connection_get_id(who));
@@ -138,114 +91,74 @@ Participant::Participant(const std::string& session_id, const std::string& api_k
   };
   callbacks_.on_error = [](srn_session*, void* data, const char* text,
                            enum srn_session_error_code code) {
-    participant(data).log.add(numbered("error", code, text));
+    participant(data).log.add(numbered(code, text));
   };
   handle = srn_session_new_with_settings(api_key.c_str(), session_id.c_str(), &callbacks_,
                                          srn_session_settings_new());
 }
 
-Participant::~Participant() { remove(); }
-
-srn_status Participant::remove() { return srn_session_delete(std::exchange(handle, nullptr)); }
-
-srn_status Participant::connect(const std::string& host, const std::string& token) {
-  return srn_session_connect_to_host(handle, host.c_str(), "", 443, SRN_TRUE, token.c_str());
-}
-
-bool Participant::join(const std::string& host, const std::string& token) {
-  return connect(host, token) == SRN_SUCCESS && log.wait_for("connected");
-}
-
 std::shared_ptr<StreamCopy> Participant::wait_for_stream(std::size_t number) {
-  if (!log.wait_for("stream+", number)) return nullptr;
+  if (!log.await("stream+", static_cast<long>(number))) return nullptr;
   const std::lock_guard lock(mutex_);
   return streams_[number - 1];
 }
 
-// ---- Receiver
-// ---------------------------------------------------------------------------------------
-
-Receivers& Receivers::instance() {
-  static auto* const receivers = new Receivers;
-  return *receivers;
+template <class Use>
+void Receiver::visit(void* door, Use use) {
+  auto& open = *static_cast<Door*>(door);
+  const std::shared_lock lock(open.mutex);
+  if (open.receiver != nullptr) use(*open.receiver);
 }
 
-void Receivers::add(void* receiver) {
-  const std::lock_guard lock(mutex_);
-  inside_[receiver] = 0;
-}
-
-void Receivers::remove(void* receiver) {
-  std::unique_lock lock(mutex_);
-  left_.wait(lock, [&] { return inside_[receiver] == 0; });
-  inside_.erase(receiver);
-}
-
-bool Receivers::enter(void* receiver) {
-  const std::lock_guard lock(mutex_);
-  const auto found = inside_.find(receiver);
-  if (found == inside_.end()) return false;
-  ++found->second;
-  return true;
-}
-
-void Receivers::leave(void* receiver) {
-  const std::lock_guard lock(mutex_);
-  --inside_[receiver];
-  left_.notify_all();
-}
-
-Receivers::Visit::Visit(void* receiver)
-    : receiver_(receiver), welcome_(Receivers::instance().enter(receiver)) {}
-
-Receivers::Visit::~Visit() {
-  if (welcome_) Receivers::instance().leave(receiver_);
-}
-
-Receiver::Receiver(const srn_stream* stream, Wants wants) {
-  Receivers::instance().add(this);
+Receiver::Receiver(const srn_stream* stream, Wants wants)
+    : door_([this]() -> Door& {
+        static auto* const doors = new std::deque<Door>;  // for callbacks however late
+        static std::mutex mutex;
+        const std::lock_guard lock(mutex);
+        Door& door = doors->emplace_back();
+        door.receiver = this;
+        return door;
+      }()) {
   srn_subscriber_callbacks callbacks{};
-  callbacks.user_data = this;
+  callbacks.user_data = &door_;
   callbacks.on_connected = [](srn_subscriber*, void* data, const srn_stream*) {
-    receiver(data).log.add("connected");
-    if (receiver(data).on_connected) receiver(data).on_connected();
+    visit(data, [](Receiver& self) { note(self.log, "connected", self.on_connected); });
   };
   callbacks.on_disconnected = [](srn_subscriber*, void* data) {
-    receiver(data).log.add("disconnected");
+    visit(data, [](Receiver& self) { self.log.add("disconnected"); });
   };
   callbacks.on_error = [](srn_subscriber*, void* data, const char* text,
                           enum srn_subscriber_error_code code) {
-    receiver(data).log.add(numbered("error", code, text));
+    visit(data, [=](Receiver& self) { self.log.add(numbered(code, text)); });
   };
   if (wants.audio) {
     callbacks.on_audio_data = [](srn_subscriber*, void* data, const srn_audio_data* audio) {
-      if (const Receivers::Visit visit(data); visit) receiver(data).take(*audio);
+      visit(data, [audio](Receiver& self) { self.take(*audio); });
     };
   }
   if (wants.video) {
     callbacks.on_render_frame = [](srn_subscriber*, void* data, const srn_video_frame* frame) {
-      if (const Receivers::Visit visit(data); visit) receiver(data).take(frame);
+      visit(data, [frame](Receiver& self) { self.take(frame); });
     };
   }
   if (wants.captions) {
     callbacks.on_caption_text = [](srn_subscriber*, void* data, const char* text, srn_bool final) {
-      const Receivers::Visit visit(data);
-      if (!visit) return;
-      receiver(data).log.add(std::string(final == SRN_TRUE ? "caption " : "draft ") + text);
+      visit(data, [=](Receiver& self) {
+        self.log.add(std::string(final == SRN_TRUE ? "caption " : "draft ") + text);
+      });
     };
   }
   handle = srn_subscriber_new(stream, &callbacks);
-  srn_subscriber_set_subscribe_to_audio(handle, wants.audio ? SRN_TRUE : SRN_FALSE);
-  srn_subscriber_set_subscribe_to_video(handle, wants.video ? SRN_TRUE : SRN_FALSE);
-  srn_subscriber_set_subscribe_to_captions(handle, wants.captions ? SRN_TRUE : SRN_FALSE);
+  srn_subscriber_set_subscribe_to_audio(handle, srn(wants.audio));
+  srn_subscriber_set_subscribe_to_video(handle, srn(wants.video));
+  srn_subscriber_set_subscribe_to_captions(handle, srn(wants.captions));
 }
 
 Receiver::~Receiver() {
   remove();
-  Receivers::instance().remove(this);
+  const std::unique_lock lock(door_.mutex);
+  door_.receiver = nullptr;
 }
-
-int Receiver::remove() { return srn_subscriber_delete(std::exchange(handle, nullptr)); }
 
 void Receiver::take(const srn_audio_data& data) {
   {
@@ -280,57 +193,48 @@ Picture Receiver::last_picture() const {
   return last_;
 }
 
-// ---- Sender
-// -----------------------------------------------------------------------------------------
-
 Sender::Sender(Options options) : options_(options) {
   callbacks_.user_data = this;
   callbacks_.on_stream_created = [](srn_publisher*, void* data, const srn_stream* stream) {
-    if (data == nullptr) return;
-    sender(data).log.add(std::string("created ") + srn_stream_get_id(stream));
-    if (sender(data).on_created) sender(data).on_created();
+    note(sender(data).log, std::string("created ") + srn_stream_get_id(stream),
+         sender(data).on_created);
   };
   callbacks_.on_stream_destroyed = [](srn_publisher*, void* data, const srn_stream*) {
-    if (data != nullptr) sender(data).log.add("destroyed");
+    sender(data).log.add("destroyed");
   };
   callbacks_.on_error = [](srn_publisher*, void* data, const char* text,
                            enum srn_publisher_error_code code) {
-    if (data != nullptr) sender(data).log.add(numbered("error", code, text));
+    sender(data).log.add(numbered(code, text));
   };
   capturer_callbacks_.user_data = this;
-  capturer_callbacks_.init = [](const srn_video_capturer* capturer, void* data) -> srn_bool {
+  capturer_callbacks_.init = [](const srn_video_capturer* capturer, void* data) {
     sender(data).capturer_ = capturer;
     sender(data).log.add("init");
-    return sender(data).options_.init_result ? SRN_TRUE : SRN_FALSE;
+    return srn(sender(data).options_.init_result);
   };
   capturer_callbacks_.get_capture_settings = [](const srn_video_capturer*, void* data,
-                                                srn_video_capturer_settings* settings) -> srn_bool {
+                                                srn_video_capturer_settings* settings) {
     sender(data).log.add("settings");
     *settings = {SRN_VIDEO_FRAME_FORMAT_YUV420P, 64, 48, sender(data).options_.fps, 0, SRN_FALSE};
-    return SRN_TRUE;
+    return srn(true);
   };
-  capturer_callbacks_.start = [](const srn_video_capturer*, void* data) -> srn_bool {
-    sender(data).log.add("start");
-    if (sender(data).on_start) sender(data).on_start();
-    return SRN_TRUE;
+  capturer_callbacks_.start = [](const srn_video_capturer*, void* data) {
+    note(sender(data).log, "start", sender(data).on_start);
+    return srn(true);
   };
-  capturer_callbacks_.destroy = [](const srn_video_capturer*, void* data) -> srn_bool {
+  capturer_callbacks_.destroy = [](const srn_video_capturer*, void* data) {
     sender(data).log.add("destroy");
-    return SRN_TRUE;
+    return srn(true);
   };
   srn_publisher_settings* const settings = srn_publisher_settings_new();
   srn_publisher_settings_set_name(settings, "sender");
-  srn_publisher_settings_set_audio_track(settings, options.audio ? SRN_TRUE : SRN_FALSE);
-  srn_publisher_settings_set_video_track(settings, options.video ? SRN_TRUE : SRN_FALSE);
-  srn_publisher_settings_set_stereo(settings, options.stereo ? SRN_TRUE : SRN_FALSE);
+  srn_publisher_settings_set_audio_track(settings, srn(options.audio));
+  srn_publisher_settings_set_video_track(settings, srn(options.video));
+  srn_publisher_settings_set_stereo(settings, SRN_TRUE);
   srn_publisher_settings_set_video_capturer(settings, &capturer_callbacks_);
   handle = srn_publisher_new_with_settings(&callbacks_, settings);
   srn_publisher_settings_delete(settings);
 }
-
-Sender::~Sender() { remove(); }
-
-int Sender::remove() { return srn_publisher_delete(std::exchange(handle, nullptr)); }
 
 srn_status Sender::provide(int width, int height, const std::vector<std::uint8_t>& bytes) {
   srn_video_frame* const frame = srn_video_frame_new_contiguous_memory_wrapper(
@@ -341,86 +245,69 @@ srn_status Sender::provide(int width, int height, const std::vector<std::uint8_t
   return status;
 }
 
-// ---- Device
-// -----------------------------------------------------------------------------------------
+// A slot's name, as a template argument.
+template <std::size_t N>
+struct Name {
+  constexpr Name(const char (&name)[N]) { std::copy_n(name, N, text); }
+  char text[N];
+};
 
 struct DeviceSlots {
+  using Handle = const srn_audio_device*;
   static Device& device(void* user_data) { return *static_cast<Device*>(user_data); }
 
-  static srn_bool note(void* data, const char* slot, bool result = true) {
+  template <Name kSlot>
+  static srn_bool note(Handle, void* data) {
     Device& self = device(data);
     const bool alone = self.inside_.fetch_add(1) == 0;
-    self.log.add(alone ? slot : std::string(slot) + " again");
+    self.log.add(alone ? kSlot.text : std::string(kSlot.text) + " again");
     --self.inside_;
-    return result ? SRN_TRUE : SRN_FALSE;
+    return SRN_TRUE;
   }
-  static srn_bool change(void* data, const char* slot, std::atomic<bool> Device::*state,
-                         bool value) {
-    if (!value && !device(data).stop_answers) return note(data, slot, false);
-    device(data).*state = value;
-    return note(data, slot);
+  template <Name kSlot, Device::State Device::*kState, bool kValue>
+  static srn_bool change(Handle handle, void* data) {
+    Device& self = device(data);
+    const bool answer = kValue || self.stop_answers;
+    if (answer) self.*kState = kValue;
+    note<kSlot>(handle, data);
+    return srn(answer);
+  }
+  template <Device::State Device::*kState>
+  static srn_bool is(Handle, void* data) {
+    return srn(device(data).*kState);
+  }
+  template <Name kSlot, const srn_audio_device_settings Device::*kSettings>
+  static srn_bool tell(Handle handle, void* data, srn_audio_device_settings* settings) {
+    *settings = device(data).*kSettings;
+    return note<kSlot>(handle, data);
   }
 };
 
 Device::Device(srn_audio_device_settings capture, srn_audio_device_settings render)
     : capture_(capture), render_(render) {
   using Slots = DeviceSlots;
-  using Handle = const srn_audio_device*;
   auto& table = callbacks_;
   table.user_data = this;
-  table.init = [](Handle, void* data) { return Slots::note(data, "init"); };
-  table.destroy = [](Handle, void* data) { return Slots::note(data, "destroy"); };
-  table.init_capturer = [](Handle, void* data) {
-    return Slots::change(data, "init_capturer", &Device::capturer_initialized_, true);
-  };
-  table.destroy_capturer = [](Handle, void* data) {
-    return Slots::change(data, "destroy_capturer", &Device::capturer_initialized_, false);
-  };
-  table.start_capturer = [](Handle, void* data) {
-    return Slots::change(data, "start_capturer", &Device::capturer_started_, true);
-  };
-  table.stop_capturer = [](Handle, void* data) {
-    return Slots::change(data, "stop_capturer", &Device::capturer_started_, false);
-  };
-  table.init_renderer = [](Handle, void* data) {
-    return Slots::change(data, "init_renderer", &Device::renderer_initialized_, true);
-  };
-  table.destroy_renderer = [](Handle, void* data) {
-    return Slots::change(data, "destroy_renderer", &Device::renderer_initialized_, false);
-  };
-  table.start_renderer = [](Handle, void* data) {
-    return Slots::change(data, "start_renderer", &Device::renderer_started_, true);
-  };
-  table.stop_renderer = [](Handle, void* data) {
-    return Slots::change(data, "stop_renderer", &Device::renderer_started_, false);
-  };
-  table.is_capturer_initialized = [](Handle, void* data) -> srn_bool {
-    return Slots::device(data).capturer_initialized_ ? SRN_TRUE : SRN_FALSE;
-  };
-  table.is_capturer_started = [](Handle, void* data) -> srn_bool {
-    return Slots::device(data).capturer_started_ ? SRN_TRUE : SRN_FALSE;
-  };
-  table.is_renderer_initialized = [](Handle, void* data) -> srn_bool {
-    return Slots::device(data).renderer_initialized_ ? SRN_TRUE : SRN_FALSE;
-  };
-  table.is_renderer_started = [](Handle, void* data) -> srn_bool {
-    return Slots::device(data).renderer_started_ ? SRN_TRUE : SRN_FALSE;
-  };
-  table.get_capture_settings = [](Handle, void* data, srn_audio_device_settings* settings) {
-    *settings = Slots::device(data).capture_;
-    return Slots::note(data, "capture_settings");
-  };
-  table.get_render_settings = [](Handle, void* data, srn_audio_device_settings* settings) {
-    *settings = Slots::device(data).render_;
-    return Slots::note(data, "render_settings");
-  };
+  table.init = &Slots::note<"init">;
+  table.destroy = &Slots::note<"destroy">;
+  table.init_capturer = &Slots::change<"init_capturer", &Device::capturer_initialized_, true>;
+  table.destroy_capturer =
+      &Slots::change<"destroy_capturer", &Device::capturer_initialized_, false>;
+  table.start_capturer = &Slots::change<"start_capturer", &Device::capturer_started_, true>;
+  table.stop_capturer = &Slots::change<"stop_capturer", &Device::capturer_started_, false>;
+  table.init_renderer = &Slots::change<"init_renderer", &Device::renderer_initialized_, true>;
+  table.destroy_renderer =
+      &Slots::change<"destroy_renderer", &Device::renderer_initialized_, false>;
+  table.start_renderer = &Slots::change<"start_renderer", &Device::renderer_started_, true>;
+  table.stop_renderer = &Slots::change<"stop_renderer", &Device::renderer_started_, false>;
+  table.is_capturer_initialized = &Slots::is<&Device::capturer_initialized_>;
+  table.is_capturer_started = &Slots::is<&Device::capturer_started_>;
+  table.is_renderer_initialized = &Slots::is<&Device::renderer_initialized_>;
+  table.is_renderer_started = &Slots::is<&Device::renderer_started_>;
+  table.get_capture_settings = &Slots::tell<"capture_settings", &Device::capture_>;
+  table.get_render_settings = &Slots::tell<"render_settings", &Device::render_>;
   srn_set_audio_device(&callbacks_);
 }
-
-Device::~Device() { srn_set_audio_device(nullptr); }
-
-// ---- ScenarioFile
-// -----------------------------------------------------------------------------------
 
 ScenarioFile::ScenarioFile(const std::string& json) {
   static std::atomic<int> number{0};
@@ -429,7 +316,5 @@ ScenarioFile::ScenarioFile(const std::string& json) {
   std::filesystem::create_directories(folder_);
   std::ofstream(folder_ / "scenario.json") << json;
 }
-
-ScenarioFile::~ScenarioFile() { std::filesystem::remove_all(folder_); }
 
 }  // namespace contract

@@ -3,50 +3,18 @@
 #include <sarnet/sarnet.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "support/waiting.h"
+
 namespace contract {
-
-// Long enough for a busy machine under a sanitizer; nothing waits that long when all is well.
-constexpr std::chrono::seconds kPatience{30};
-
-// What happened, in order, on any thread; tests wait for it.
-class EventLog {
- public:
-  void add(const std::string& event);
-  // Whether `count` events that start with `prefix` have come in time.
-  bool wait_for(const std::string& prefix, std::size_t count = 1,
-                std::chrono::milliseconds patience = kPatience);
-  std::vector<std::string> all() const;
-  // Of the first event with that prefix, or -1.
-  int position(const std::string& prefix) const;
-  std::size_t count(const std::string& prefix) const;
-
- private:
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::string> events_;
-};
-
-// A gate that a callback stands at until the test opens it.
-class Latch {
- public:
-  void open();
-  bool wait(std::chrono::milliseconds patience = kPatience);
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool open_ = false;
-};
 
 bool eventually(const std::function<bool()>& condition);
 
@@ -69,20 +37,24 @@ class Participant {
  public:
   explicit Participant(const std::string& session_id = "session",
                        const std::string& api_key = "key");
-  ~Participant();
+  ~Participant() { remove(); }
   Participant(const Participant&) = delete;
   Participant& operator=(const Participant&) = delete;
 
   srn_status connect(const std::string& host = "api.sarnet.localhost",
-                     const std::string& token = "token");
+                     const std::string& token = "token") {
+    return srn_session_connect_to_host(handle, host.c_str(), "", 443, SRN_TRUE, token.c_str());
+  }
   // Connects and waits; false when there was no on_connected.
-  bool join(const std::string& host = "api.sarnet.localhost", const std::string& token = "token");
-  srn_status remove();
-  // The first stream that came, once it has.
+  bool join(const std::string& host = "api.sarnet.localhost", const std::string& token = "token") {
+    return connect(host, token) == SRN_SUCCESS && log.await("connected");
+  }
+  srn_status remove() { return srn_session_delete(std::exchange(handle, nullptr)); }
+  // The stream that came as the `number`th, once it has.
   std::shared_ptr<StreamCopy> wait_for_stream(std::size_t number = 1);
 
   srn_session* handle = nullptr;
-  EventLog log;
+  Journal log;
   std::function<void()> on_connected;
   std::function<void(const srn_stream*)> on_stream_received;
   std::function<void()> on_disconnected;
@@ -99,38 +71,8 @@ struct Picture {
   std::vector<std::uint8_t> bytes;
 };
 
-// The receivers that there are, by their addresses: a media callback may begin after its subscriber
-// was deleted, and must then find nothing, and a receiver goes only when no callback is inside.
-class Receivers {
- public:
-  static Receivers& instance();
-  void add(void* receiver);
-  void remove(void* receiver);
-
-  class Visit {
-   public:
-    explicit Visit(void* receiver);
-    ~Visit();
-    Visit(const Visit&) = delete;
-    Visit& operator=(const Visit&) = delete;
-    explicit operator bool() const { return welcome_; }
-
-   private:
-    void* const receiver_;
-    const bool welcome_;
-  };
-
- private:
-  bool enter(void* receiver);
-  void leave(void* receiver);
-
-  std::mutex mutex_;
-  std::condition_variable left_;
-  std::map<void*, int> inside_;
-};
-
-// One srn_subscriber: "connected", "disconnected", "error CODE TEXT" and "caption TEXT" in its log;
-// sound and pictures are kept. Hooks run inside the callbacks.
+// One srn_subscriber: "connected", "disconnected", "error CODE TEXT", "caption TEXT" and
+// "draft TEXT" in its log; sound and pictures are kept. Hooks run inside the callbacks.
 class Receiver {
  public:
   struct Wants {
@@ -143,7 +85,7 @@ class Receiver {
   ~Receiver();
   Receiver(const Receiver&) = delete;
   Receiver& operator=(const Receiver&) = delete;
-  int remove();
+  int remove() { return srn_subscriber_delete(std::exchange(handle, nullptr)); }
 
   std::size_t audio_blocks() const { return audio_blocks_; }
   std::size_t pictures() const { return pictures_; }
@@ -151,15 +93,24 @@ class Receiver {
   Picture last_picture() const;
 
   srn_subscriber* handle = nullptr;
-  EventLog log;
+  Journal log;
   std::function<void()> on_connected;
   std::function<void()> on_audio;
   std::function<void()> on_picture;
 
  private:
+  // A media callback may begin after its subscriber was deleted. It must then find nobody, and
+  // whoever is found must stay until it has left.
+  struct Door {
+    std::shared_mutex mutex;
+    Receiver* receiver;
+  };
+  template <class Use>
+  static void visit(void* door, Use use);
   void take(const srn_audio_data& data);
   void take(const srn_video_frame* frame);
 
+  Door& door_;
   std::atomic<std::size_t> audio_blocks_{0};
   std::atomic<std::size_t> pictures_{0};
   mutable std::mutex mutex_;
@@ -174,20 +125,19 @@ class Sender {
   struct Options {
     bool audio = true;
     bool video = true;
-    bool stereo = true;
     int fps = 30;
     bool init_result = true;
   };
   explicit Sender(Options options);
-  ~Sender();
+  ~Sender() { remove(); }
   Sender(const Sender&) = delete;
   Sender& operator=(const Sender&) = delete;
-  int remove();
+  int remove() { return srn_publisher_delete(std::exchange(handle, nullptr)); }
   // One YUV420P picture of packed bytes, straight to the capturer.
   srn_status provide(int width, int height, const std::vector<std::uint8_t>& bytes);
 
   srn_publisher* handle = nullptr;
-  EventLog log;
+  Journal log;
   std::function<void()> on_created;
   std::function<void()> on_start;
 
@@ -204,31 +154,32 @@ class Device {
  public:
   explicit Device(srn_audio_device_settings capture = {48000, 2},
                   srn_audio_device_settings render = {48000, 2});
-  ~Device();
+  ~Device() { srn_set_audio_device(nullptr); }
   Device(const Device&) = delete;
   Device& operator=(const Device&) = delete;
 
-  EventLog log;
+  Journal log;
   std::atomic<bool> stop_answers{true};  // what stop_* and destroy_* answer
 
  private:
+  friend struct DeviceSlots;
+  using State = std::atomic<bool>;
+
   srn_audio_device_callbacks callbacks_{};
   const srn_audio_device_settings capture_;
   const srn_audio_device_settings render_;
-  std::atomic<bool> capturer_initialized_{false};
-  std::atomic<bool> renderer_initialized_{false};
-  std::atomic<bool> capturer_started_{false};
-  std::atomic<bool> renderer_started_{false};
+  State capturer_initialized_{false};
+  State renderer_initialized_{false};
+  State capturer_started_{false};
+  State renderer_started_{false};
   std::atomic<int> inside_{0};
-
-  friend struct DeviceSlots;
 };
 
 // A scenario file in a folder of its own, removed at the end.
 class ScenarioFile {
  public:
   explicit ScenarioFile(const std::string& json);
-  ~ScenarioFile();
+  ~ScenarioFile() { std::filesystem::remove_all(folder_); }
   ScenarioFile(const ScenarioFile&) = delete;
   ScenarioFile& operator=(const ScenarioFile&) = delete;
 

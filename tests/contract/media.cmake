@@ -12,6 +12,7 @@ add_executable(sarnet_media_tests ${media_test_sources}
   ${media_source_dir}/core/file_plugin.cpp
   ${media_source_dir}/core/picture.cpp
   ${media_source_dir}/core/picture_converter.cpp
+  ${media_source_dir}/core/sibling_library.cpp
   ${media_source_dir}/embedded/json_node.cpp
   ${media_source_dir}/embedded/scenario.cpp
   ${media_source_dir}/embedded/scenario_parser.cpp

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <numbers>
-#include <ostream>
 #include <random>
 #include <span>
 #include <stdexcept>
@@ -44,10 +43,6 @@ struct Conversion {
   AudioFormat to;
   double correction = 1;
 };
-void PrintTo(const Conversion& c, std::ostream* out) {
-  *out << c.from.rate << "x" << c.from.channels << " to " << c.to.rate << "x" << c.to.channels
-       << " by " << c.correction;
-}
 
 class ResamplerTest : public testing::TestWithParam<Conversion> {};
 
@@ -86,20 +81,17 @@ TEST_P(ResamplerTest, GivesTheSameSineOfTheRightLength) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Formats, ResamplerTest,
-    testing::Values(Conversion{{8000, 1}, {48000, 2}}, Conversion{{48000, 2}, {8000, 1}},
-                    Conversion{{44100, 2}, {48000, 2}}, Conversion{{11025, 1}, {16000, 1}},
-                    Conversion{{48000, 1}, {22050, 2}}, Conversion{{16000, 2}, {16000, 1}},
-                    Conversion{{48000, 1}, {48000, 1}, 1.02},
-                    Conversion{{24000, 2}, {48000, 2}, 0.98}));
+INSTANTIATE_TEST_SUITE_P(Formats, ResamplerTest,
+                         testing::Values(Conversion{{8000, 1}, {48000, 2}},
+                                         Conversion{{48000, 2}, {8000, 1}},
+                                         Conversion{{44100, 2}, {48000, 2}},
+                                         Conversion{{48000, 1}, {22050, 2}},
+                                         Conversion{{48000, 1}, {48000, 1}, 1.02}));
 
 TEST(Resampler, PassesEqualFormatsBitExactAndMixesChannelsByTheirMean) {
   std::mt19937 random(1);
   std::vector<std::int16_t> noise(960);
-  for (auto& sample : noise) {
-    sample = static_cast<std::int16_t>(random());
-  }
+  for (auto& sample : noise) sample = static_cast<std::int16_t>(random());
   std::vector<std::int16_t> output(noise.size());
   AudioResampler same({48000, 2}, {48000, 2});
   EXPECT_EQ(same.process(noise, output).produced, noise.size() / 2);
@@ -196,9 +188,6 @@ struct Drift {
   double jitter_ms;
   int writer_rate;
 };
-void PrintTo(const Drift& d, std::ostream* out) {
-  *out << d.drift << " jitter " << d.jitter_ms << " ms at " << d.writer_rate;
-}
 
 class DriftTest : public testing::TestWithParam<Drift> {};
 
@@ -217,10 +206,9 @@ TEST_P(DriftTest, IsAbsorbedWithoutClicksAndWithBoundedDelay) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Clocks, DriftTest,
-                         testing::Values(Drift{0.02, 0, 48000}, Drift{-0.02, 0, 48000},
-                                         Drift{0.025, 6, 48000}, Drift{-0.025, 6, 48000},
+                         testing::Values(Drift{0.025, 6, 48000}, Drift{-0.025, 6, 48000},
                                          Drift{0.002, 0, 48000}, Drift{-0.02, 3, 44100},
-                                         Drift{0, 0, 8000}, Drift{0.02, 3, 11025}));
+                                         Drift{0, 0, 8000}));
 
 TEST(DriftBuffer, PassesEverySampleUnchangedWhenTheClocksAgree) {
   TimeLine line({48000, 2}, {48000, 2}, 0, 6);
@@ -280,9 +268,7 @@ TEST(DriftBuffer, StartsAfreshWhenTheReaderComesBack) {
   std::vector<std::int16_t> block(480);
   const auto step = [&](std::int16_t value, bool reading) {
     buffer.write(std::vector<std::int16_t>(480, value));
-    if (reading) {
-      buffer.read(block);
-    }
+    if (reading) buffer.read(block);
   };
   for (int i = 0; i < 20; ++i) step(1000, true);
   for (int i = 0; i < 200; ++i) step(2000, false);
@@ -296,9 +282,7 @@ TEST(DriftBuffer, LetsWriterAndReaderRunAtOnce) {
   DriftBuffer buffer({16000, 1}, {16000, 1});
   const std::vector<std::int16_t> block(160, 1000);
   std::jthread writer([&] {
-    for (int i = 0; i < 20000; ++i) {
-      buffer.write(block);
-    }
+    for (int i = 0; i < 20000; ++i) buffer.write(block);
   });
   std::vector<std::int16_t> heard(160);
   bool in_range = true;
