@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import array
 import asyncio
+import ctypes
 import gc
 import json
 import math
@@ -440,6 +441,25 @@ async def interrupted() -> None:
     finally:
         assert session.over
         print("left", flush=True)
+
+
+async def lost_outcomes() -> None:
+    """On the scripted library: the events that tell of success never come, and there are no statistics."""
+    library = ctypes.CDLL("libsarnet.so")
+    for event in (b"stream_created", b"subscriber_connected"):
+        assert library.scripted_answer(event, b"none") == 1
+    async with connect() as session:
+        library.scripted_stream_received(b"s", b"c", b"", ctypes.c_int64(0))
+        stream = await stream_of(session)
+        async with session.subscribe(stream) as subscriber, session.publish("me") as publisher:
+            assert publisher.active and publisher.stream is None
+            frames, events = subscriber.audio_frames(), session.events()
+            library.scripted_subscriber_connected(b"s")
+            while await anext(events) != aio.SubscriberConnected(stream):
+                pass
+            library.scripted_audio(b"s", bytes([1]) * 1920, ctypes.c_size_t(2), ctypes.c_size_t(480), 48000)
+            assert (await anext(frames)).frame_count == 480
+            assert session.statistics().library is None
 
 
 CASES = [
