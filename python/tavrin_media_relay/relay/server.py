@@ -38,18 +38,19 @@ def find_shim() -> Path | None:
     return next((path.absolute() for path in candidates if path.is_file()), None)
 
 
-def _can_become_nobody() -> bool:
-    """True for the machine's root; false for other users, and for the root of a user namespace."""
-    if os.geteuid() != 0:
+def _can_be_nobody(folder: Path) -> bool:
+    """True for the machine's root (not for that of a user namespace) and a folder that all can reach."""
+    if os.geteuid() != 0 or Path("/proc/self/uid_map").read_text().split() != ["0", "0", "4294967295"]:
         return False
-    return Path("/proc/self/uid_map").read_text().split() == ["0", "0", "4294967295"]
+    return all(parent.stat().st_mode & 0o001 for parent in folder.resolve().parents)
 
 
 class RelayServer:
     """A context manager: `with RelayServer(Settings(...)) as server:`.
 
-    The server ends with the thread that started it, whatever ends that, and never runs as root. Starting
-    and stopping block, for at most START_SECONDS and STOP_SECONDS.
+    The server ends with the thread that started it, whatever ends that. Started by root it runs as nobody,
+    unless its folder stands in one that is closed to others. Starting and stopping block, for at most
+    START_SECONDS and STOP_SECONDS.
     """
 
     def __init__(self, settings: Settings) -> None:
@@ -98,7 +99,7 @@ class RelayServer:
             shutil.copyfile(shim, copy)
             self._written.append(copy)
             environment["LD_PRELOAD"] = str(copy)
-        if _can_become_nobody():
+        if _can_be_nobody(self.folder):
             command += ["--reuid", "nobody", "--regid", "nogroup", "--clear-groups", "--no-new-privs"]
             self._let_nobody_read()
         log = self.folder / "janus.log"

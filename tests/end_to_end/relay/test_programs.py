@@ -1,0 +1,133 @@
+"""Programs that meet in a room of a real server: what each sends, the others must receive."""
+
+from __future__ import annotations
+
+import json
+import os
+import re
+import signal
+import time
+
+import pytest
+from conftest import ADDRESS, HERE, ROOT, SECRET, Server
+
+from tavrin_media_relay.relay import join_token, realm_token, room_token
+
+
+def check_received(received: dict, maker: int) -> None:
+    """One stream's pictures, sound and captions, all by `maker`."""
+    assert received["makers"] == [maker] and received["size"] == [320, 240]
+    numbers = received["numbers"]
+    # Each picture once or, when the sender's clock ran ahead, twice; never backwards.
+    assert all(0 <= b - a for a, b in zip(numbers, numbers[1:])), numbers
+    assert len(set(numbers)) >= 0.8 * (numbers[-1] - numbers[0] + 1), numbers
+    assert received["unmarked"] <= 5, received  # black pictures of the beginning
+    left, right = received["frequencies"]
+    assert abs(left - 500 - 200 * maker) < 25 and abs(right - 600 - 200 * maker) < 25, received
+    assert received["captions"], received
+    for text, final in received["captions"]:
+        number = re.fullmatch(rf"Grüße (\d+) von {maker}", text)
+        assert number and final == (int(number[1]) % 20 == 0), text
+
+
+@pytest.mark.parametrize("address", [ADDRESS, None], ids=["over TLS", "loopback alone"])
+def test_two_programs_exchange_pictures_sound_and_captions(enter_network, tmp_path, address):
+    server = Server.on(enter_network(address), tmp_path / "server")
+    first = server.program(1)
+    own = first.wait_for("published")["id"]
+    second = server.program(2)  # comes when the first one's stream is there already
+    first.wait_for("enough")
+    second.wait_for("enough")
+
+    heard = second.leave()
+    assert heard["seconds"] < 1.5
+    assert list(heard["received"]) == [own]
+    check_received(heard["received"][own], 1)
+    first.wait_for("connection dropped")
+    events = [event["event"] for event in first.events()]
+    order = ["connected", "published", "connection", "stream", "subscribed", "stream dropped", "connection dropped"]
+    assert [event for event in events if event in order] == order, events
+    [(stream, received)] = first.leave()["received"].items()
+    check_received(received, 2)
+    assert stream != own
+
+    assert server.end(signal.SIGINT) == 0
+    assert not server.folder.exists()
+
+
+def test_a_killed_program_is_missed(server):
+    watcher, victim = server.program(1), server.program(2)
+    watcher.wait_for("enough")
+    victim.end(signal.SIGKILL)
+    # The server waits a little, in case the victim comes back.
+    gone = watcher.wait_for("stream dropped", 15)
+    watcher.wait_for("connection dropped", 5)
+    received = watcher.leave()["received"]
+    assert list(received) == [gone["id"]]
+
+
+def test_a_killed_server_is_an_error_and_leaving_stays_quick(server):
+    program = server.program(1)
+    program.wait_for("published")
+    pids = [line.split()[0] for line in os.popen(f"pgrep -f 'janus -F {server.folder}$'")]
+    assert len(pids) == 1
+    os.kill(int(pids[0]), signal.SIGKILL)
+    error = program.wait_for("session error", 20)
+    assert error["code"] == 1022 and error["text"]
+    assert program.leave()["seconds"] < 2.5
+    server.wait_for_line(lambda line: "ended by itself" in line)
+    assert server.child.wait(10) == 1
+    assert not server.folder.exists()
+
+
+def test_whoever_may_not_or_cannot_join_is_told_why(server):
+    realm = realm_token(SECRET)
+    tls, clear = f"wss://{ADDRESS}:8989", "ws://127.0.0.1:8188"
+    good = join_token("marks", SECRET)
+    certificate = str(server.folder / "cert.pem")
+    rows = {
+        "no token": (clear, "x", "", 1004),
+        "expired": (clear, join_token("marks", SECRET, -5), "", 1004),
+        "signed by somebody else": (clear, join_token("marks", "another-secret"), "", 1004),
+        "expired for the room": (clear, f"{realm} {room_token('marks', SECRET, -5)}", "", 1004),
+        "of another room": (clear, f"{realm} {room_token('other', SECRET)}", "", 1004),
+        "unknown authority": (tls, good, "", 1006),
+        "closed port": (f"wss://{ADDRESS}:9", good, certificate, 1006),
+        "unknown host": ("wss://nowhere.invalid", good, certificate, 1006),
+        "right over TLS": (tls, good, certificate, 0),
+        "right in the clear": (clear, good, "", 0),
+    }
+    asked = server.network.start(HERE / "attempts.py", json.dumps(list(rows.values())))
+    for name, row in rows.items():
+        told = asked.wait_for("attempt")
+        codes = {1006, 1021} if row[-1] == 1006 else {row[-1]}
+        assert told["code"] in codes, (name, told)
+        assert not told["code"] or len(told["text"]) > 20, (name, told)
+
+
+def test_the_token_command_finds_the_secret_of_the_running_server(server):
+    made = server.network.start(
+        "-m", "tavrin_media_relay.relay", "token", "marks", "--dir", server.folder, "--lifetime", "2m",
+        SARNET_RELAY_TOKEN_SECRET="",
+    )  # fmt: skip
+    token = made.wait_for_line(lambda line: line.count(":") == 2)
+    expiry = int(token.partition(",")[0])
+    assert 60 < expiry - time.time() <= 120
+    assert token == join_token("marks", SECRET, expiry - time.time() + 0.5)
+
+
+def test_the_example_talks_back(server):
+    """The agent that `./dev room` starts says back the tones of a program, and answers its captions."""
+    program = server.program(1, "--captions", 1, "--loud", 30)
+    program.wait_for("published")
+    variables = {"API_HOSTNAME": server.host, "SARNET_RELAY_CA_FILE": str(server.folder / "cert.pem")}
+    agent = server.network.start(
+        ROOT / "examples/talk_back", "--delay", "0.2", SESSION_ID="marks", TOKEN=join_token("marks", SECRET), **variables
+    )
+    program.wait_for("enough")
+    said = program.leave()["received"]
+    assert agent.end(signal.SIGTERM) == 0, agent.said
+    [received] = said.values()
+    assert received["size"] == [640, 480]
+    assert abs(received["frequencies"][0] - 700) < 25, received
+    assert any("I heard" in text or "You wrote: Grüße" in text for text, _ in received["captions"])
