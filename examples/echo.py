@@ -15,12 +15,10 @@ DELAY = 1.0
 
 
 async def echo(session: aio.Session, publisher: aio.Publisher) -> None:
-    form = publisher.audio
-    heard = session.audio_frames(sample_rate=form.sample_rate, channels=form.channels)
     # What is queued is the delay: silence first, then each piece as it comes.
-    await form.write(bytes(int(DELAY * form.sample_rate) * form.channels * 2))
-    async for frame in heard:
-        await form.write(frame.samples)
+    await publisher.audio.write(bytes(int(DELAY * 16000) * 2), sample_rate=16000, channels=1)
+    async for frame in session.audio_frames():
+        await publisher.audio.write(frame)
 
 
 async def main(seconds: float) -> None:

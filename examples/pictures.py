@@ -14,7 +14,8 @@ from tavrin_media_relay import SessionAVSettings, SessionSettings, SessionVideoP
 WHERE = [os.environ.get(f"TAVRIN_{name}", default) for name, default in
          (("APP", "examples-app"), ("SESSION", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
 SIZE, FPS = (640, 480), 15
-SETTINGS = SessionSettings(av=SessionAVSettings(video_publisher=SessionVideoPublisherSettings(VideoResolution(*SIZE), FPS)))
+FORM = SessionVideoPublisherSettings(VideoResolution(*SIZE), FPS)
+SETTINGS = SessionSettings(av=SessionAVSettings(video_publisher=FORM))
 
 
 async def main(paths: list[str], seconds: float) -> None:

@@ -232,8 +232,9 @@ async def video_out() -> None:
 
 
 async def media_in() -> None:
+    captions = [{"at_ms": 300, "text": "Hel", "final": False}, {"at_ms": 350, "text": "Hello"}]
     scenario(
-        participants=[{**TALKER, "captions": [{"at_ms": 300, "text": "Hel", "final": False}, {"at_ms": 350, "text": "Hello"}]}],
+        participants=[{**TALKER, "captions": captions}],
         events=[{"at_ms": 2500, "kind": "drop_stream", "participant": "talker"}],
     )
     async with connect() as session:

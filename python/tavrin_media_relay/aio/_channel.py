@@ -66,14 +66,17 @@ class Waker:
 
 
 class Delays:
-    """A histogram of times in steps of a factor of two, from 1 us up."""
+    """A histogram of times from 1 us up, in steps of at most an eighth."""
 
     def __init__(self) -> None:
-        self.counts = [0] * 40
+        self.counts = [0] * 320
         self.maximum = 0.0
 
     def add(self, seconds: float) -> None:
-        self.counts[min(int(seconds * 1e6).bit_length(), 39)] += 1
+        # The four highest bits of the number, and how many there are below them.
+        microseconds = min(int(seconds * 1e6), 1 << 40)
+        below = max(0, microseconds.bit_length() - 4)
+        self.counts[8 * below + (microseconds >> below)] += 1
         if seconds > self.maximum:
             self.maximum = seconds
 
@@ -83,7 +86,8 @@ class Delays:
         for step, count in enumerate(self.counts):
             seen += count
             if count and seen >= rank:
-                return min(float(1 << step) / 1e6, self.maximum)
+                below = max(0, step // 8 - 1)
+                return min(float((step - 8 * below + 1) << below) / 1e6, self.maximum)
         return 0.0
 
 

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import asyncio
 from array import array
 from typing import TYPE_CHECKING, Any, Optional
 
@@ -10,6 +11,7 @@ from . import _native
 from ._checks import integer
 from ._output import Output
 from ._resample import Converter, Samples
+from .frames import AudioFrame
 
 if TYPE_CHECKING:
     from .publisher import Publisher
@@ -39,7 +41,9 @@ def as_samples(samples: Any, channels: Optional[int], default: int) -> tuple[mem
         frames, width = view.shape or (0, 0)
         if width not in (1, 2) or (channels or width) != width:
             asked = f" with channels={channels}" if channels else ""
-            raise ValueError(f"samples must be of shape (frames, channels), one or two of them, not {view.shape}{asked}")
+            raise ValueError(
+                f"samples must be of shape (frames, channels), one or two of them, not {view.shape}{asked}"
+            )
         channels = width
     elif view.ndim != 1:
         raise ValueError(f"samples must be flat or of shape (frames, channels), not {view.shape}")
@@ -76,7 +80,8 @@ class AudioOutput:
     async def write(
         self, samples: Any, *, sample_rate: Optional[int] = None, channels: Optional[int] = None
     ) -> bool:
-        """Says some samples: 16-bit, native byte order, any contiguous buffer of any length.
+        """Says some samples: 16-bit, native byte order, any contiguous buffer of any length; or an `AudioFrame`,
+        which knows its own form.
 
         sample_rate: of these samples, 8000 to 48000 Hz; None: the session's. Another rate is resampled, and a
             stream of writes at one rate is resampled as one piece.
@@ -89,6 +94,8 @@ class AudioOutput:
         output = self._output
         output.changed.check()
         self._publisher.check()
+        if isinstance(samples, AudioFrame):
+            samples, sample_rate, channels = samples.samples, samples.sample_rate, samples.channels
         rate = self._rate if sample_rate is None else integer("sample_rate", sample_rate, 8000, 48000)
         view, channels = as_samples(samples, channels, self._channels)
         cuts, done = output.cuts, 0
@@ -103,6 +110,8 @@ class AudioOutput:
                     return False
                 await self._add(self._converter.convert(part) if self._converter else part)
                 done += len(part)
+                if done < len(view):
+                    await asyncio.sleep(0)  # a long text must not keep the loop
         return True
 
     async def drained(self) -> None:

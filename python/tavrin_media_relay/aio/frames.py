@@ -86,8 +86,9 @@ class VideoFrame:
         return y, u, v
 
     def to_rgb(self) -> memoryview:
-        """The picture in bytes R, G, B, of shape (height, width, 3), in memory of its own: what
-        `numpy.asarray(...)` and `PIL.Image.fromarray` take without another copy."""
+        """The picture in bytes R, G, B, of shape (height, width, 3), in memory of its own, which
+        `numpy.asarray` takes without a copy. For Pillow: `Image.frombytes("RGB", (width, height), rgb.tobytes())`.
+        """
         rgb = _pictures.convert(bytes(self.pixels), self.width, self.height, "YUV420P", "RGB24")
         return memoryview(rgb).cast("B", (self.height, self.width, 3))
 

@@ -25,7 +25,7 @@ class Received:
     dropped: int = 0
     """Given up by the iterators, for slow consumers."""
     delay_p50: float = 0.0
-    """Seconds from the module's call to the consumer's body: a bound within a factor of two, so are the others."""
+    """Seconds from the module's call to the consumer's body: at most an eighth above the true value, as the others."""
     delay_p99: float = 0.0
     delay_max: float = 0.0
     callable_p50: float = 0.0

@@ -177,4 +177,6 @@ class Subscriber:
         if self._closed:  # of a stream that has gone, iterators end at once
             raise ClosedError(f"the subscription to stream {self.stream.id!r} has been closed")
         if not wanted:
-            raise RuntimeError(f"stream {self.stream.id!r} is subscribed to without {what}: subscribe(..., {what}=True)")
+            raise RuntimeError(
+                f"stream {self.stream.id!r} is subscribed to without {what}: subscribe(..., {what}=True)"
+            )
