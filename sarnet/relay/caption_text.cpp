@@ -1,5 +1,7 @@
 #include "relay/caption_text.h"
 
+#include <glib.h>
+
 #include <cstddef>
 #include <nlohmann/json.hpp>
 
@@ -15,7 +17,8 @@ std::string encode_caption(std::string_view text, bool is_final) {
 }
 
 std::optional<CaptionText> decode_caption(std::string_view message) {
-  if (message.empty() || message.size() > kMaxMessage) {
+  if (message.empty() || message.size() > kMaxMessage ||
+      g_utf8_validate_len(message.data(), message.size(), nullptr) == FALSE) {
     return std::nullopt;
   }
   const nlohmann::json caption = nlohmann::json::parse(message, nullptr, false);

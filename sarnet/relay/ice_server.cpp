@@ -32,7 +32,11 @@ IceServer parse_ice_server(std::string_view text) {
     if (host.empty() || has_user != wants_user) {
       return {};
     }
-    std::string uri = std::string(name) + "://" + std::string(rest);
+    std::string uri = std::string(name) + "://";
+    for (const char c : has_user ? rest.substr(0, at) : "") {
+      uri += c == '@' ? "%40" : std::string(1, c);
+    }
+    uri += has_user ? rest.substr(at) : rest;
     if (scheme.kind == IceServer::Kind::kStun && host.find(':') == std::string_view::npos) {
       uri += ":3478";
     }

@@ -16,7 +16,7 @@ using VideoSsrc = std::shared_ptr<std::atomic<std::uint32_t>>;
 // One urgent report may go between two regular ones, so these must be frequent. They are held to 5
 // % of the bandwidth; what the media stack finds out by itself is far too little in the first
 // seconds.
-constexpr guint64 kMinInterval = 20 * GST_MSECOND;
+constexpr guint64 kMinInterval = 50 * GST_MSECOND;
 constexpr double kBandwidth = 4e6;
 
 GstPadProbeReturn reorder(GstPad*, GstPadProbeInfo* info, gpointer data) {
@@ -38,7 +38,12 @@ GstPadProbeReturn reorder(GstPad*, GstPadProbeInfo* info, gpointer data) {
 
 void on_element(GstBin*, GstElement* element, gpointer) {
   const GstElementFactory* factory = gst_element_get_factory(element);
-  if (factory == nullptr || std::string_view(GST_OBJECT_NAME(factory)) != "rtpsession") {
+  const std::string_view name = factory != nullptr ? GST_OBJECT_NAME(factory) : "";
+  if (name == "rtpjitterbuffer") {
+    // Otherwise the first packets wait for the full time for others that may have overtaken them.
+    g_object_set(element, "faststart-min-packets", 2, nullptr);
+  }
+  if (name != "rtpsession") {
     return;
   }
   // When it plays it sets the time of its first report, so it must know by then.

@@ -50,9 +50,15 @@ std::string without_full_intra_requests(std::string_view sdp) {
 }
 
 bool offers_data_channel(std::string_view sdp) {
+  bool in_section = false;
   bool found = false;
   for_each_line(sdp, [&](std::string_view line, std::string_view) {
-    found = line.starts_with("m=application ") && is_accepted(line);
+    if (line.starts_with("m=")) {
+      in_section = line.starts_with("m=application ");
+      found = in_section && is_accepted(line);
+    } else if (in_section && line == "a=bundle-only") {
+      found = true;  // such a section has port 0 until it is accepted
+    }
     return !found;
   });
   return found;

@@ -10,7 +10,7 @@ namespace sarnet::relay {
 // about.
 std::string without_full_intra_requests(std::string_view sdp);
 
-// Whether there is an accepted data channel in it.
+// Whether a data channel is offered, alone or as a part of the bundle.
 bool offers_data_channel(std::string_view sdp);
 
 // The encoding name ("VP8", "H264") that stands first in the accepted video section; empty when

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <future>
 
+#include "relay/sdp_text.h"
 #include "relay/services.h"
 
 namespace loopback {
@@ -95,12 +96,11 @@ class Call::Side : public sarnet::relay::PeerObserver {
  public:
   Side(Call& call, bool publishes) : call_(call), publishes_(publishes) {}
 
-  void on_local_description(const std::string& type, const std::string& sdp) override {
-    if (std::getenv("RELAY_TEST_SDP") != nullptr)
-      std::fprintf(stderr, "%s\n%s\n", type.c_str(), sdp.c_str());
+  void on_local_description(const std::string&, const std::string& sdp) override {
     if (publishes_) {
       call_.receiver_->set_remote_offer(call_.edit_offer ? call_.edit_offer(sdp) : sdp);
     } else {
+      tell([&] { call_.answer_ = sdp; });
       call_.publisher_->set_remote_answer(sdp);
     }
   }
@@ -187,15 +187,20 @@ std::string Call::failure() {
   return failure_;
 }
 
+std::string Call::answered_codec() {
+  const std::lock_guard lock(mutex_);
+  return sarnet::relay::first_video_codec(answer_);
+}
+
 void Call::feed(const std::function<bool()>& until, std::chrono::seconds limit) {
   const int channels = settings_.stereo ? 2 : 1;
   std::vector<std::int16_t> samples(static_cast<std::size_t>(480 * channels));
   const auto start = Clock::now();
-  int block = 0;
+  int fed = 0;
   for (int period = 0; Clock::now() - start < limit && !until(); ++period) {
     std::this_thread::sleep_until(start + period * 10ms);
     if (settings_.has_audio) {
-      const bool loud = block++ % 100 < 10;
+      const bool loud = blocks_sent_++ % 100 < 10;
       for (int i = 0; i < 480 * channels; ++i) {
         const double phase = 2 * M_PI * 1000 * (i / channels) / 48000.0;
         samples[static_cast<std::size_t>(i)] =
@@ -203,7 +208,8 @@ void Call::feed(const std::function<bool()>& until, std::chrono::seconds limit) 
       }
       publisher_->on_audio({48000, channels}, samples);
     }
-    if (settings_.has_video && period * settings_.fps / 100 >= pictures_sent_) {
+    if (settings_.has_video && period * settings_.fps / 100 >= fed) {
+      ++fed;
       const PictureRef picture = pool_.acquire(width, height);
       if (!picture) continue;
       for (std::size_t i = 0; i < picture->size(); ++i) {

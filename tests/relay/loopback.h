@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -77,6 +76,9 @@ class Call {
   Listener& listener() { return *listener_; }
   sarnet::relay::PublishingPeer& publisher() { return *publisher_; }
   int pictures_sent() const { return pictures_sent_; }
+  int blocks_sent() const { return blocks_sent_; }
+  // The encoding of pictures that the answer took.
+  std::string answered_codec();
   std::string failure();
 
   int width = 320;
@@ -94,12 +96,14 @@ class Call {
   std::shared_ptr<sarnet::relay::PublishingPeer> publisher_;
   std::shared_ptr<sarnet::relay::ReceivingPeer> receiver_;
   sarnet::PicturePool pool_{16};
-  std::atomic<int> pictures_sent_{0};
+  int pictures_sent_ = 0;  // the feeding thread's
+  int blocks_sent_ = 0;
   std::thread thread_;
   std::mutex mutex_;
   std::condition_variable changed_;
   int connected_ = 0;
   std::string failure_;
+  std::string answer_;
 };
 
 }  // namespace loopback

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
+
 #include "relay/loopback.h"
+#include "relay/loss.h"
 
 namespace {
 
@@ -9,18 +13,140 @@ using loopback::Listener;
 using namespace std::chrono_literals;
 using sarnet::relay::PublishSettings;
 
-TEST(Peers, CarrySoundPicturesAndCaptions) {
-  Call call({.has_audio = true, .has_video = true, .fps = 30, .stereo = true, .captions = true});
+double seconds(loopback::Clock::duration duration) {
+  return std::chrono::duration<double>(duration).count();
+}
+
+// Tells when the listener has got this much.
+std::function<bool()> got(Listener& listener, std::size_t frames, std::size_t blocks) {
+  return [&listener, frames, blocks] {
+    return listener.wait(
+        [&](const Listener& l) { return l.frames.size() >= frames && l.blocks >= blocks; }, 0ms);
+  };
+}
+
+void expect_numbers_grow(const Listener& listener) {
+  for (std::size_t i = 0; i < listener.frames.size(); ++i) {
+    EXPECT_GE(listener.frames[i].number, 0) << "frame " << i << " is damaged";
+    if (i > 0) EXPECT_GT(listener.frames[i].number, listener.frames[i - 1].number);
+  }
+}
+
+// The tone sounds in ten blocks of a hundred; coding smears it over one or two more.
+void expect_bursts(const Listener& listener) {
+  const std::size_t bursts = listener.blocks / 100;
+  EXPECT_GE(listener.loud_blocks.size(), bursts * 10 - 2);
+  EXPECT_LE(listener.loud_blocks.size(), (bursts + 1) * 12);
+  EXPECT_EQ(listener.block_sizes, std::vector<int>{480});
+}
+
+struct Kind {
+  const char* name;
+  PublishSettings settings;
+  bool prefers_h264 = false;
+};
+
+class Peers : public testing::TestWithParam<Kind> {};
+
+TEST_P(Peers, CarryWhatIsPublishedAndNoMore) {
+  const PublishSettings& settings = GetParam().settings;
+  Call call(settings);
+  call.edit_offer = [&](std::string sdp) {
+    const std::size_t line = sdp.find(" 96 97");
+    if (GetParam().prefers_h264 && line != std::string::npos) sdp.replace(line, 6, " 97 96");
+    return sdp;
+  };
   call.start();
   ASSERT_TRUE(call.connected()) << call.failure();
   Listener& listener = call.listener();
-  call.feed([&] { return listener.wait([](const Listener& l) { return l.blocks >= 300; }, 0ms); },
-            20s);
-  EXPECT_GE(listener.frames.size(), 60U);
-  EXPECT_EQ(listener.channels, 2);
+  call.feed(got(listener, settings.has_video ? 50 : 0, settings.has_audio ? 210 : 0), 20s);
+  EXPECT_EQ(listener.frames.empty(), !settings.has_video);
+  EXPECT_EQ(listener.blocks == 0, !settings.has_audio);
+  expect_numbers_grow(listener);
+  if (settings.has_audio) {
+    expect_bursts(listener);
+    EXPECT_EQ(listener.channels, settings.stereo ? 2 : 1);
+  }
+  if (settings.has_video) {
+    EXPECT_EQ(call.answered_codec(), GetParam().prefers_h264 ? "H264" : "VP8");
+    const std::size_t before = listener.frames.size();
+    call.width = 418;
+    call.height = 242;
+    call.feed(got(listener, before + 20, 0), 20s);
+    EXPECT_EQ(listener.frames.back().width, 418);
+    EXPECT_EQ(listener.frames.back().height, 242);
+    expect_numbers_grow(listener);
+  }
   call.publisher().on_caption("héllo", false);
-  EXPECT_TRUE(listener.wait([](const Listener& l) { return !l.captions.empty(); }));
+  call.publisher().on_caption("héllo \"world\"", true);
+  if (settings.captions) {
+    ASSERT_TRUE(listener.wait([](const Listener& l) { return l.captions.size() >= 2; }));
+    EXPECT_EQ(listener.captions[0], std::pair(std::string("héllo"), false));
+    EXPECT_EQ(listener.captions[1], std::pair(std::string("héllo \"world\""), true));
+  }
   call.stop();
+  EXPECT_EQ(listener.captions.size(), settings.captions ? 2U : 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, Peers,
+                         testing::Values(Kind{"everything", {.stereo = true, .captions = true}},
+                                         Kind{"sound_alone", {.has_video = false}},
+                                         Kind{"pictures_alone", {.has_audio = false}},
+                                         Kind{"h264", {.captions = true}, true}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(PeersUnderLoss, StandThreePercentEachWay) {
+  const loopback::PacketLoss loss(0.03);
+  Call call({.stereo = true, .captions = true});
+  call.width = 640;
+  call.height = 480;
+  call.start();
+  ASSERT_TRUE(call.connected()) << call.failure();
+  call.feed([] { return false; }, 10s);
+  call.stop();
+  const Listener& listener = call.listener();
+  EXPECT_GT(loopback::PacketLoss::lost(), 40);
+  EXPECT_GE(static_cast<double>(listener.frames.size()), 0.85 * call.pictures_sent());
+  expect_numbers_grow(listener);
+  for (std::size_t i = 1; i < listener.frames.size(); ++i) {
+    EXPECT_LT(seconds(listener.frames[i].at - listener.frames[i - 1].at), 1.0) << "frame " << i;
+  }
+  // All but what was still under way.
+  EXPECT_GE(static_cast<double>(listener.blocks), 0.95 * call.blocks_sent());
+  EXPECT_LT(seconds(listener.longest_silence), 0.5);
+  expect_bursts(listener);
+}
+
+std::size_t entries(const char* folder) {
+  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder),
+                                                std::filesystem::directory_iterator()));
+}
+
+TEST(PeersAgainAndAgain, LeaveNothingBehind) {
+  std::size_t threads = 0;
+  std::size_t files = 0;
+  for (int round = 0; round < 6; ++round) {
+    {
+      Call call({.stereo = true, .captions = true});
+      call.start();
+      // The second half ends before it is connected.
+      if (round < 4) {
+        ASSERT_TRUE(call.connected()) << call.failure();
+        call.feed(got(call.listener(), 2, 2), 20s);
+      }
+    }
+    if (round == 1) {
+      threads = entries("/proc/self/task");
+      files = entries("/proc/self/fd");
+    }
+  }
+  EXPECT_LE(entries("/proc/self/fd"), files);
+  // Threads go back to a pool, which keeps them for a moment.
+  const auto limit = loopback::Clock::now() + 5s;
+  while (entries("/proc/self/task") > 3 && loopback::Clock::now() < limit)
+    std::this_thread::yield();
+  EXPECT_LE(entries("/proc/self/task"), 3U);
+  EXPECT_GT(threads, 3U);
 }
 
 }  // namespace

@@ -263,5 +263,18 @@ TEST_F(Room, RefusesTokensThatAreNotForIt) {
   }
 }
 
+TEST_F(Room, TrustsOnlyTheAuthoritiesThatItIsGiven) {
+  LibraryUse library;
+  Participant program(room());
+  ASSERT_EQ(program.connect(setting("SARNET_TEST_TLS_HOST"), token()), SRN_SUCCESS);
+  ASSERT_TRUE(program.log.wait_for("error 1006 Cannot connect to wss://"));
+  EXPECT_THAT(program.log.all().front(), HasSubstr("certificate"));
+
+  setenv("SARNET_RELAY_CA_FILE", setting("SARNET_TEST_CA_FILE").c_str(), 1);
+  Participant trusting(room());
+  EXPECT_TRUE(trusting.join(setting("SARNET_TEST_TLS_HOST"), token()));
+  unsetenv("SARNET_RELAY_CA_FILE");
+}
+
 }  // namespace
 }  // namespace contract

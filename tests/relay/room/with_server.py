@@ -1,7 +1,8 @@
 """Runs a program with a relay server of its own: `with_server.py PROGRAM ARGS...`.
 
-The program finds the server in SARNET_TEST_HOST, SARNET_TEST_ROOM and SARNET_TEST_TOKEN. Ends with the
-program's status, or with 77 where no server is installed.
+The program finds the server in SARNET_TEST_HOST and SARNET_TEST_TLS_HOST (with SARNET_TEST_CA_FILE), and
+how to enter in SARNET_TEST_ROOM and SARNET_TEST_TOKEN. Ends with the program's status, or with 77 where no
+server is installed.
 """
 
 from __future__ import annotations
@@ -38,6 +39,8 @@ def main() -> int:
         with RelayServer(settings) as server:
             environment = os.environ | {
                 "SARNET_TEST_HOST": settings.host,
+                "SARNET_TEST_TLS_HOST": f"wss://localhost:{settings.tls_port}",
+                "SARNET_TEST_CA_FILE": str(server.certificate),
                 "SARNET_TEST_ROOM": ROOM,
                 "SARNET_TEST_TOKEN": join_token(ROOM, settings.token_secret),
             }

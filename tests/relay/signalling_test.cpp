@@ -1,0 +1,321 @@
+// Joining, losing and leaving a room, against a server that says what the test has it say.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sarnet/sarnet.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "relay/relay_engine.h"
+#include "relay/relay_room.h"
+#include "relay/relay_settings.h"
+#include "relay/relay_subscription.h"
+#include "relay/scripted_server.h"
+#include "relay/services.h"
+
+namespace sarnet::relay {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Clock = std::chrono::steady_clock;
+
+// What happened, as "joined", "connection+ a", "stream- a", "failed 1022 TEXT" and the like.
+class Story : public SessionSink, public RoomObserver {
+ public:
+  void joined(const ConnectionInfo&) override { add("joined"); }
+  void session_ended() override { add("ended"); }
+  void session_failed(int code, const std::string& text) override {
+    add("failed " + std::to_string(code) + ' ' + text);
+  }
+  void participant_joined(const ConnectionInfo& who) override {
+    add("connection+ " + who.id + (who.data.empty() ? "" : " " + who.data));
+  }
+  void participant_left(const ConnectionInfo& who) override { add("connection- " + who.id); }
+  void stream_added(const StreamInfo& stream) override {
+    add("stream+ " + stream.id + " of " + stream.connection.id + ' ' + stream.name);
+  }
+  void stream_removed(const StreamInfo& stream) override { add("stream- " + stream.id); }
+
+  bool wait_for(const std::string& prefix) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, 20s, [&] {
+      return std::ranges::any_of(events_, [&](const auto& e) { return e.starts_with(prefix); });
+    });
+  }
+  std::vector<std::string> all() const {
+    const std::lock_guard lock(mutex_);
+    return events_;
+  }
+
+ private:
+  void add(const std::string& event) {
+    const std::lock_guard lock(mutex_);
+    events_.push_back(event);
+    changed_.notify_all();
+  }
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> events_;
+};
+
+json person(const std::string& id, const std::string& display) {
+  return {{"id", id}, {"display", display}};
+}
+
+struct RoomCase {
+  const char* name;
+  std::vector<json> notices;
+  std::vector<std::string> events;
+};
+void PrintTo(const RoomCase& each, std::ostream* out) { *out << each.name; }
+
+class RoomNotices : public testing::TestWithParam<RoomCase> {};
+
+TEST_P(RoomNotices, AreToldOnceAndInOrder) {
+  const auto story = std::make_shared<Story>();
+  RelayRoom room("session", "me", *story);
+  for (const json& notice : GetParam().notices) {
+    notice.is_array() ? room.resynchronise(notice) : room.take(notice);
+  }
+  EXPECT_EQ(story->all(), GetParam().events);
+}
+
+const json kAnna = person("a", R"({"data":"Anna","joined":5,"stream":"camera"})");
+const json kFurther = person("f", R"({"data":"Anna","stream":"screen","owner":"a"})");
+
+INSTANTIATE_TEST_SUITE_P(
+    All, RoomNotices,
+    testing::Values(
+        RoomCase{"doubled notices",
+                 {{{"joining", kAnna}},
+                  {{"joining", kAnna}},
+                  {{"publishers", {kAnna}}},
+                  {{"publishers", {kAnna}}},
+                  {{"unpublished", "a"}},
+                  {{"unpublished", "a"}},
+                  {{"leaving", "a"}},
+                  {{"leaving", "a"}}},
+                 {"connection+ a Anna", "stream+ a of a camera", "stream- a", "connection- a"}},
+        RoomCase{"a publisher that nobody announced, gone without a word",
+                 {{{"publishers", {person("b", "Bob")}}}, {{"leaving", "b"}}},
+                 {"connection+ b Bob", "stream+ b of b Bob", "stream- b", "connection- b"}},
+        RoomCase{"ourselves, and our further stream",
+                 {{{"attendees", {person("me", "{}")}}},
+                  {{"publishers", {person("x", R"({"owner":"me"})")}}}},
+                 {}},
+        RoomCase{"a further stream, listed before its owner and ending with it",
+                 {{{"publishers", {kFurther, kAnna}}}, {{"leaving", "a"}}, {{"leaving", "f"}}},
+                 {"connection+ a Anna", "stream+ f of a screen", "stream+ a of a camera",
+                  "stream- a", "stream- f", "connection- a"}},
+        RoomCase{
+            "a stream that comes back",
+            {{{"publishers", {kAnna}}}, {{"unpublished", "a"}}, {{"publishers", {kAnna}}}},
+            {"connection+ a Anna", "stream+ a of a camera", "stream- a", "stream+ a of a camera"}},
+        RoomCase{"what changed while nobody told us",
+                 {{{"publishers", {kAnna, person("b", "Bob")}}},
+                  json::array({person("a", "{}"), json{{"id", "c"}, {"publisher", true}}})},
+                 {"connection+ a Anna", "connection+ b Bob", "stream+ a of a camera",
+                  "stream+ b of b Bob", "stream- b", "connection- b", "connection+ c", "stream- a",
+                  "stream+ c of c "}},
+        RoomCase{"nonsense",
+                 {{{"publishers", 3}},
+                  {{"joining", "a"}},
+                  {{"leaving", {1}}},
+                  {{"unpublished", 7}},
+                  {{"publishers", {{{"id", 4}}}}}},
+                 {}}));
+
+TEST(Requests, SayNoMoreThanWhatChanged) {
+  const std::vector<FeedMedium> plain{{"0", "audio", false}, {"1", "video", false}};
+  const std::vector<FeedMedium> layered{{"0", "video", true}};
+  EXPECT_THAT(wishes_request(plain, {.max_width = 100, .max_framerate = 5}, {}), IsEmpty());
+  EXPECT_EQ(wishes_request(plain, {.audio = false}, {}).dump(),
+            R"({"request":"configure","streams":[{"mid":"0","send":false}]})");
+  EXPECT_EQ(wishes_request(layered, {.max_width = 640, .max_framerate = 5}, {})["streams"].dump(),
+            R"([{"mid":"0","substream":1,"temporal":0}])");
+}
+
+TEST(Requests, TakeTheProgramsTokenApart) {
+  const Credentials both = parse_credentials("all room pin=42");
+  EXPECT_THAT((std::vector{both.request_token, both.room_token, both.pin}),
+              ElementsAre("all", "room", "42"));
+  EXPECT_EQ(parse_credentials("one").room_token, "one");
+  HostAddress address;
+  address.host = "::1";
+  EXPECT_EQ(relay_settings(address, 443).url, "wss://[::1]:443/");
+}
+
+// An engine with short limits, and what it told.
+class Signalling : public testing::Test {
+ protected:
+  Signalling() {
+    set_services(
+        {[](const char*, std::function<void()> body) { threads().emplace_back(std::move(body)); },
+         nullptr, nullptr});
+    limits_.connect_limit = 400ms;
+    limits_.answer_limit = 400ms;
+    limits_.keepalive = 200ms;
+    limits_.reconnect_limit = 2000ms;
+  }
+  ~Signalling() override { leave(); }
+
+  void join(unsigned port) {
+    HostAddress address;
+    address.kind = HostAddress::Kind::kRelay;
+    address.host = "127.0.0.1";
+    address.port = static_cast<int>(port);
+    address.secure = false;
+    engine_ = make_engine(address, limits_);
+    JoinRequest request;
+    request.session_id = "room";
+    request.token = "token";
+    engine_->join(request, story_);
+  }
+  // Waits until the engine's threads have ended; tells how long it took.
+  std::chrono::milliseconds leave() {
+    const auto start = Clock::now();
+    if (engine_) engine_->leave();
+    engine_.reset();
+    for (std::thread& thread : threads()) thread.join();
+    threads().clear();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
+  }
+
+  ScriptedServer server_;
+  JanusSettings limits_;
+  const std::shared_ptr<Story> story_ = std::make_shared<Story>();
+  std::shared_ptr<Engine> engine_;
+
+ private:
+  static std::vector<std::thread>& threads() {
+    static std::vector<std::thread> all;
+    return all;
+  }
+};
+
+struct Refusal {
+  const char* step;  // the request that is refused
+  int error;         // 0: not answered
+  const char* event;
+};
+void PrintTo(const Refusal& each, std::ostream* out) { *out << each.step << ' ' << each.error; }
+
+class Refusals : public Signalling, public testing::WithParamInterface<Refusal> {};
+
+TEST_P(Refusals, SayWhatHappenedAtWhichStep) {
+  const Refusal& each = GetParam();
+  if (std::string(each.step) == "create") server_.refuse("join", 426);
+  each.error != 0 ? server_.refuse(each.step, each.error) : server_.ignore(each.step);
+  join(server_.port());
+  ASSERT_TRUE(story_->wait_for(each.event)) << testing::PrintToString(story_->all());
+  EXPECT_EQ(story_->all().size(), 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, Refusals,
+    testing::Values(
+        Refusal{"janus create", 403,
+                "failed 1004 The server refused opening a session: not today (403)"},
+        Refusal{"janus attach", 405, "failed 1004 The server refused opening the room service"},
+        Refusal{"join", 433, "failed 1004 The server refused entering the room"},
+        Refusal{"join", 429, "failed 1004"},
+        Refusal{"create", 429, "failed 1004 The server refused"},
+        Refusal{"join", 499, "failed 1006"},
+        Refusal{"janus create", 0, "failed 1021 Cannot connect"},
+        Refusal{"join", 0,
+                "failed 1021 The server did not answer in time while entering the room"}));
+
+TEST_F(Signalling, TellsWhyThereIsNoConnection) {
+  join(1);
+  ASSERT_TRUE(story_->wait_for("failed 1006 Cannot connect to ws://127.0.0.1:1/"));
+}
+
+TEST_F(Signalling, MakesARoomThatIsNotThere) {
+  server_.refuse("join", 426);
+  server_.rule("create", [this](const json& request) {
+    EXPECT_TRUE(member(request["body"], "notify_joining").get<bool>());
+    server_.rule("join", [](const json&) { return json{{"publishers", {kAnna}}}; });
+    return json{{"videoroom", "created"}};
+  });
+  join(server_.port());
+  ASSERT_TRUE(story_->wait_for("stream+"));
+  EXPECT_THAT(story_->all(), ElementsAre("joined", "connection+ a Anna", "stream+ a of a camera"));
+}
+
+TEST_F(Signalling, EndsWithTheRoom) {
+  join(server_.port());
+  ASSERT_TRUE(story_->wait_for("joined"));
+  server_.notice({{"videoroom", "destroyed"}, {"room", "room"}});
+  ASSERT_TRUE(story_->wait_for("ended"));
+  server_.notice({{"videoroom", "event"}, {"joining", kAnna}});
+  server_.drop(true);
+  leave();
+  EXPECT_THAT(story_->all(), ElementsAre("joined", "ended"));
+}
+
+TEST_F(Signalling, ComesBackAfterAShortBreakAndAsksWhatItMissed) {
+  server_.rule("join", [](const json&) { return json{{"attendees", {kAnna}}}; });
+  server_.rule("listparticipants", [](const json&) {
+    return json{{"participants", {person("b", "Bob")}}};
+  });
+  join(server_.port());
+  ASSERT_TRUE(story_->wait_for("connection+ a"));
+  server_.drop(true);
+  server_.reopen();
+  ASSERT_TRUE(story_->wait_for("connection+ b"));
+  EXPECT_THAT(story_->all(),
+              ElementsAre("joined", "connection+ a Anna", "connection- a", "connection+ b Bob"));
+}
+
+TEST_F(Signalling, GivesUpWhenTheBreakIsLong) {
+  join(server_.port());
+  ASSERT_TRUE(story_->wait_for("joined"));
+  server_.drop(true);
+  ASSERT_TRUE(story_->wait_for("failed 1022 The connection to ws://127.0.0.1"));
+  EXPECT_THAT(story_->all().back(), HasSubstr("could not be resumed in time"));
+}
+
+TEST_F(Signalling, GivesUpWhenTheServerForgotIt) {
+  server_.refuse("janus claim", 458);
+  join(server_.port());
+  ASSERT_TRUE(story_->wait_for("joined"));
+  server_.drop(false);
+  ASSERT_TRUE(story_->wait_for("failed 1022"));
+  EXPECT_THAT(story_->all().back(), HasSubstr("does not know the session any more"));
+}
+
+TEST_F(Signalling, NoticesASilentServer) {
+  join(server_.port());
+  ASSERT_TRUE(story_->wait_for("joined"));
+  server_.ignore("janus keepalive");
+  ASSERT_TRUE(server_.wait_for("janus claim")) << "a new connection";
+  EXPECT_THAT(story_->all(), ElementsAre("joined"));
+}
+
+TEST_F(Signalling, LeavesInTimeWhateverTheServerDoes) {
+  join(server_.port());
+  ASSERT_TRUE(story_->wait_for("joined"));
+  EXPECT_LT(leave(), 1s);
+
+  server_.ignore("janus destroy");
+  join(server_.port());
+  ASSERT_TRUE(server_.wait_for("join", 2));
+  EXPECT_LT(leave(), 2s) << "the farewell is not answered";
+
+  server_.ignore("janus create");
+  join(server_.port());
+  ASSERT_TRUE(server_.wait_for("janus create", 3));
+  EXPECT_LT(leave(), 300ms) << "while joining";
+  EXPECT_EQ(std::ranges::count_if(story_->all(),
+                                  [](const auto& event) { return event.starts_with("failed"); }),
+            0)
+      << "nothing is told after leaving";
+}
+
+}  // namespace
+}  // namespace sarnet::relay
