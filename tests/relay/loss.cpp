@@ -5,6 +5,7 @@
 #include <gst/gsttracer.h>
 
 #include <array>
+#include <atomic>
 #include <mutex>
 #include <random>
 #include <string_view>
