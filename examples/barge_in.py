@@ -16,7 +16,7 @@ LOUD = 1000  # of 32767
 RATE = 16000
 
 
-def speech(seconds: int) -> array.array:
+def speech(seconds: int) -> "array.array[int]":
     """Stands for a speech synthesiser, which is faster than anybody listens."""
     return array.array("h", (int(6000 * math.sin(i * i / 4e7)) for i in range(seconds * RATE)))
 

@@ -21,10 +21,8 @@ async def main(path: str, seconds: float) -> None:
         file.setsampwidth(2)
         file.setframerate(RATE)
         async with aio.connect(*WHERE) as session:
-            async for event in session.events():
-                if isinstance(event, aio.StreamReceived):
-                    break
-            async with session.subscribe(event.stream, video=False) as subscriber:
+            stream = await session.wait_for_stream()
+            async with session.subscribe(stream, video=False) as subscriber:
                 frames = subscriber.audio_frames(sample_rate=RATE, channels=1)
                 async for frame in frames:  # ends when the stream goes
                     file.writeframes(frame.samples)

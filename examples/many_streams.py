@@ -6,6 +6,7 @@ Usage: API_HOSTNAME=embedded:examples/scenarios/full_room.json ./dev python exam
 import asyncio
 import os
 import sys
+from typing import Any
 
 from tavrin_media_relay import aio
 
@@ -22,7 +23,7 @@ async def receive(session: aio.Session, stream: aio.Stream) -> None:
         print(f"{stream.id}: {group.exceptions[0]}")
 
 
-async def take(frames: aio.MediaIterator) -> None:
+async def take(frames: aio.MediaIterator[Any]) -> None:
     async for _frame in frames:
         pass  # work on it here
 

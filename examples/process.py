@@ -34,10 +34,8 @@ async def sound(subscriber: aio.Subscriber, out: aio.AudioOutput) -> None:
 
 async def main(seconds: float) -> None:
     async with aio.connect(*WHERE) as session, session.publish("Mirror") as publisher:
-        async for event in session.events():
-            if isinstance(event, aio.StreamReceived):
-                break
-        async with session.subscribe(event.stream) as subscriber:
+        stream = await session.wait_for_stream()
+        async with session.subscribe(stream) as subscriber:
             work = [
                 asyncio.create_task(pictures(subscriber, publisher.video)),
                 asyncio.create_task(sound(subscriber, publisher.audio)),

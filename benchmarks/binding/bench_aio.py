@@ -15,11 +15,12 @@ from __future__ import annotations
 import argparse
 import asyncio
 import ctypes
+import functools
 import gc
 import json
 import random
 import time
-from typing import Any, Callable
+from typing import Any
 
 import numpy as np
 
@@ -90,8 +91,8 @@ async def latency(library: ctypes.CDLL, session: aio.Session, count: int, ticks:
             subscribers.append(subscriber)
             tasks.append(asyncio.create_task(consume(subscriber.audio_frames())))
         else:
-            listener: dict[str, Callable[..., None]] = {"on_audio_data_cb": on_audio} if who == "callable" else {}
-            await loop.run_in_executor(None, lambda: CLIENT.subscribe(stream, **listener))
+            listener = on_audio if who == "callable" else None
+            await loop.run_in_executor(None, functools.partial(CLIENT.subscribe, stream, on_audio_data_cb=listener))
     await asyncio.sleep(0.1)
     processor = await loop.run_in_executor(None, feed, library, [each.id.encode() for each in streams], ticks)
     await asyncio.sleep(0.1)
@@ -121,9 +122,10 @@ def drift(rate_in: int, rate_out: int, minutes: int) -> dict[str, float]:
     """Of a 400 Hz tone in one channel."""
     hertz, dice = 400, random.Random(1)
     period = np.round(12000 * np.sin(2 * np.pi * hertz * np.arange(rate_in) / rate_in)).astype(np.int16)
+    phases: list[float] = []
     looped = np.concatenate([period, period])
     converter = Converter(rate_in, 1, rate_out, 1)
-    total, made, position, phases = rate_in * 60 * minutes, 0, 0, []
+    total, made, position = rate_in * 60 * minutes, 0, 0
     tail = np.zeros(0, np.int16)
     begin = time.process_time()
     while position < total:

@@ -62,13 +62,6 @@ def tone(hertz: float, seconds: float, rate: int) -> array.array:
     return array.array("h", (int(10000 * math.sin(2 * math.pi * hertz * i / rate)) for i in range(count)))
 
 
-async def stream_of(session: aio.Session) -> aio.Stream:
-    async for event in session.events():
-        if isinstance(event, aio.StreamReceived):
-            return event.stream
-    raise AssertionError("no stream came")
-
-
 async def pulse(gaps: list[float]) -> None:
     """Measures for how long the loop was kept from running."""
     while True:
@@ -84,7 +77,7 @@ async def joins_and_leaves() -> None:
         kinds = [type(await anext(events)).__name__ for _ in range(3)]
         assert kinds == ["ConnectionCreated", "ConnectionCreated", "StreamReceived"], kinds
         assert [each.data for each in session.connections] == ["here", ""] and session.connection.id
-        assert [stream.id for stream in session.streams] == [(await stream_of(session)).id]
+        assert [stream.id for stream in session.streams] == [(await session.wait_for_stream()).id]
         late = session.events()  # begins with what is there
         assert [type(await anext(late)).__name__ for _ in range(3)] == kinds
         with pytest.raises(aio.SessionError) as busy:
@@ -136,7 +129,7 @@ async def cancelled_attempts() -> None:
             await task
         scenario(participants=[TALKER])
         async with connect() as session:
-            stream = await stream_of(session)
+            stream = await session.wait_for_stream()
             opening = asyncio.create_task(session.subscribe(stream).__aenter__())
             publishing = asyncio.create_task(session.publish("me").__aenter__())
             await asyncio.sleep(0), opening.cancel(), publishing.cancel()
@@ -238,7 +231,7 @@ async def media_in() -> None:
         events=[{"at_ms": 2500, "kind": "drop_stream", "participant": "talker"}],
     )
     async with connect() as session:
-        stream, events = await stream_of(session), session.events()
+        stream, events = await session.wait_for_stream(), session.events()
         async with session.subscribe(stream, captions=True) as subscriber:
             slow, latest = subscriber.audio_frames(capacity=7), subscriber.video_frames(policy="latest")
             speech = subscriber.audio_frames(sample_rate=16000, channels=1, capacity=1000)
@@ -296,7 +289,7 @@ async def failures() -> None:
     )
     async with connect() as session:
         events = session.events()
-        stream = await stream_of(session)
+        stream = await session.wait_for_stream()
         subscriber = await session.subscribe(stream)
         publisher = await session.publish("me")
         with pytest.raises(aio.SubscriberError, match="No more"):
@@ -320,6 +313,8 @@ async def failures() -> None:
             await session.ended()
     scenario(events=[{"at_ms": 100, "kind": "disconnect"}])
     async with connect() as session:
+        with pytest.raises(aio.ClosedError, match="ended by the server"):
+            await session.wait_for_stream()
         await asyncio.wait_for(session.ended(), PATIENCE)
         assert [each async for each in session.events()] == [aio.SessionDisconnected()]
     async with connect():
@@ -372,7 +367,7 @@ async def bad_values() -> None:
     scenario(participants=[TALKER])
     samples = np.zeros((480, 2), np.int16)
     async with connect() as session:
-        stream = await stream_of(session)
+        stream = await session.wait_for_stream()
         async with session.publish("me") as publisher, session.subscribe(stream) as subscriber:
             say, show = publisher.audio.write, publisher.video.write
             for error, words, call in [
@@ -410,7 +405,7 @@ async def bad_values() -> None:
 async def statistics() -> None:
     scenario(participants=[TALKER])
     async with connect() as session:
-        stream = await stream_of(session)
+        stream = await session.wait_for_stream()
         async with session.subscribe(stream) as subscriber:
             async for _ in subscriber.audio_frames():
                 figures = session.statistics().streams[stream.id].audio
@@ -434,7 +429,7 @@ async def interrupted() -> None:
     scenario(participants=[TALKER])
     try:
         async with connect() as session, session.publish("me") as publisher:
-            async with session.subscribe(await stream_of(session)) as subscriber, asyncio.TaskGroup() as tasks:
+            async with session.subscribe(await session.wait_for_stream()) as subscriber, asyncio.TaskGroup() as tasks:
                 tasks.create_task(anext(session.events()))
                 tasks.create_task(publisher.audio.write(bytes(48000 * 4 * 60)))
                 async for _ in subscriber.audio_frames():
@@ -451,7 +446,7 @@ async def lost_outcomes() -> None:
         assert library.scripted_answer(event, b"none") == 1
     async with connect() as session:
         library.scripted_stream_received(b"s", b"c", b"", ctypes.c_int64(0))
-        stream = await stream_of(session)
+        stream = await session.wait_for_stream()
         async with session.subscribe(stream) as subscriber, session.publish("me") as publisher:
             assert publisher.active and publisher.stream is None
             frames, events = subscriber.audio_frames(), session.events()

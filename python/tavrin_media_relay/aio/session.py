@@ -110,6 +110,13 @@ class Session:
         self.check()
         return AudioIterator(self._mix, capacity, policy, sample_rate, channels)
 
+    async def wait_for_stream(self, suits: Optional[Callable[[Stream], bool]] = None) -> Stream:
+        """The first stream that is there or comes, of those that suit; ClosedError if the session ends first."""
+        async for event in self.events():
+            if isinstance(event, events.StreamReceived) and (suits is None or suits(event.stream)):
+                return event.stream
+        raise ClosedError(self._ended)
+
     async def ended(self) -> None:
         """Waits for the end of the session. Raises SessionError if it has failed."""
         self.check_place()
