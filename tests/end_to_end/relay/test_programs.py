@@ -118,7 +118,7 @@ def test_the_token_command_finds_the_secret_of_the_running_server(server):
 
 def test_the_example_talks_back(server):
     """The agent that `./dev room` starts says back the tones of a program, and answers its captions."""
-    program = server.program(1, "--captions", 1, "--loud", 30)
+    program = server.program(1, "--captions", 1, "--loud", 75)
     program.wait_for("published")
     variables = {"API_HOSTNAME": server.host, "SARNET_RELAY_CA_FILE": str(server.folder / "cert.pem")}
     agent = server.network.start(
