@@ -1,0 +1,67 @@
+"""The command line: `python -m tavrin_media_relay`, or `tavrin-media-relay` where the package is installed.
+
+One module a subcommand. Each has `add(parsers)`, which declares its options, and a function that takes them and a
+`Terminal` and gives the exit code: 0 fine, 1 the session or a file failed, 2 (argparse's) wrong usage, 130 and 143
+when it was interrupted before its work was done.
+"""
+
+from __future__ import annotations
+
+import argparse
+import sys
+from typing import Optional, Sequence
+
+from . import doctor, echo, play, record, relay, report, scenario, token
+from ._failure import Failure
+from ._terminal import Terminal
+
+_COMMANDS = (doctor, play, record, echo, scenario, relay, token, report)
+_EPILOG = """\
+a first minute, with nothing but this machine:
+  %(prog)s doctor
+  %(prog)s record --session try --out /tmp/heard --seconds 5
+  %(prog)s report /tmp/heard
+
+Without --host or API_HOSTNAME the session is played on this machine by the embedded engine, with a companion who
+talks, shows a test card and sends captions. --host embedded:FILE plays a scenario of your own; a server's name or
+its ws:// or wss:// address joins a real session.
+
+exit codes: 0 fine; 1 the session or a file failed; 2 wrong usage; 130 interrupted
+"""
+
+
+def _parser() -> argparse.ArgumentParser:
+    from .. import __version__
+
+    parser = argparse.ArgumentParser(
+        prog="tavrin-media-relay",
+        description="Take part in real-time video sessions from a terminal.",
+        epilog=_EPILOG,
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+    )
+    parser.add_argument("--version", action="version", version=f"%(prog)s {__version__}")
+    commands = parser.add_subparsers(title="commands", metavar="COMMAND", required=True)
+    for command in _COMMANDS:
+        command.add(commands)
+    return parser
+
+
+def main(arguments: Optional[Sequence[str]] = None) -> int:
+    """Runs one command, as the process's last deed: it takes the standard output for itself."""
+    options = _parser().parse_args(arguments)
+    terminal = Terminal(as_json=getattr(options, "json", False))
+    try:
+        return int(options.run(options, terminal))
+    except Failure as failure:
+        terminal.fail(str(failure), failure.code)
+    except KeyboardInterrupt:
+        return 130
+    except BrokenPipeError:  # whoever read our output has gone
+        terminal.forget_output()
+    except OSError as error:
+        terminal.fail(f"{error.filename}: {error.strerror}" if error.filename else str(error))
+    return 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,93 @@
+"""Events and figures of a visit, second by second: summed up for its end, and written to a file for `report`."""
+
+from __future__ import annotations
+
+import ctypes
+import json
+import time
+from datetime import datetime, timezone
+from pathlib import Path
+from types import TracebackType
+from typing import IO, Any, Optional
+
+from ..aio import Session, _libraries, library_statistics
+from ..aio import _native as native
+from ..aio._output import queued
+from ._failure import Failure
+
+#: Of these the worst is told, not the sum.
+_WORST = ("lateness_p50_us", "lateness_p99_us", "lateness_max_us", "mixer_delay_us")
+
+
+def reset_library() -> None:
+    """Sets the library's counters to zero, so that the next figures are those of the time from now on."""
+    function = getattr(_libraries.find_sarnet(), "srn_statistics_reset", None)
+    if function is not None:
+        function()
+
+
+class Figures:
+    """A context manager around a visit. Used from the event loop alone."""
+
+    def __init__(self, path: Optional[Path]) -> None:
+        self._begin = time.monotonic()
+        self._file: Optional[IO[str]] = None
+        self.totals: dict[str, dict[str, int]] = {}
+        """The library's counters since the beginning."""
+        if path is not None:
+            try:
+                path.parent.mkdir(parents=True, exist_ok=True)
+                self._file = open(path, "w", encoding="utf-8", buffering=1)
+            except OSError as error:
+                raise Failure(f"cannot write figures to {path}: {error.strerror}") from None
+            self._write("session", time=datetime.now(timezone.utc).isoformat(timespec="milliseconds"))
+
+    def __enter__(self) -> Figures:
+        reset_library()
+        return self
+
+    def __exit__(
+        self, kind: Optional[type[BaseException]], error: Optional[BaseException], trace: Optional[TracebackType]
+    ) -> None:
+        if self._file is not None:
+            self._file.close()
+
+    def event(self, name: str, /, **fields: object) -> None:
+        self._write("event", event=name, **fields)
+
+    async def sample(self, session: Session, waiting: int) -> None:
+        """The figures since the last call. waiting: media that wait in our own iterators."""
+        library = library_statistics()
+        reset_library()
+        for part, counters in (library or {}).items():
+            if part != "subscribers":
+                self._add(part, counters)
+        audio_ms, video_ms = await native.call(queued) if session.publisher is not None else (0.0, 0.0)
+        streams = session.statistics().streams.values()
+        dropped = sum(each.dropped for stream in streams for each in (stream.audio, stream.video, stream.captions))
+        queue = {"audio_ms": audio_ms, "video_ms": video_ms, "waiting": waiting}
+        self._write("figures", library=library, queue=queue, dropped=dropped)
+
+    def _add(self, part: str, counters: dict[str, int]) -> None:
+        totals = self.totals.setdefault(part, {})
+        for name, value in counters.items():
+            before = totals.get(name, 0)
+            totals[name] = max(before, value) if name in _WORST else before + value
+
+    def _write(self, kind: str, /, **fields: Any) -> None:
+        if self._file is not None:
+            entry = {"t": round(time.monotonic() - self._begin, 3), "kind": kind, **fields}
+            self._file.write(json.dumps(entry, ensure_ascii=False, default=str) + "\n")
+
+    def summary(self) -> str:
+        capture, video = self.totals.get("capture"), self.totals.get("video")
+        if capture is None or video is None:
+            return "The library in use keeps no figures."
+        late = [capture[f"lateness_{each}_us"] / 1000 for each in ("p50", "p99", "max")]
+        return (
+            f"Audio periods written {capture['periods_written']} ({capture['silence_periods']} silent), "
+            f"missed {capture['gaps']}, underruns {capture['underruns']}; "
+            "lateness in the worst second: p50 {:.1f}, p99 {:.1f}, max {:.1f} ms. ".format(*late)
+            + f"Pictures {video['frames_provided']}, repeated {video['frames_repeated']}, "
+            f"black {video['frames_black']}, late {video['frames_late']}."
+        )

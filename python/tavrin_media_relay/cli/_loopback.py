@@ -1,0 +1,107 @@
+"""A second on the embedded engine: what is spoken must be recorded, and what others send must arrive."""
+
+from __future__ import annotations
+
+import array
+import asyncio
+import json
+import math
+import os
+import time
+import wave
+from dataclasses import asdict, dataclass
+from pathlib import Path
+from typing import Any, Optional
+
+from .. import aio
+from ..models import LoggingSettings, SessionSettings
+from ._figures import reset_library
+from ._levels import peak
+
+_RATE = 48000
+_SPOKEN_S = 1.0
+_PATIENCE = 10.0
+_LOUD = 1000  # of a tone at a quarter of full scale
+
+
+@dataclass(frozen=True)
+class Figures:
+    spoken_s: float
+    sent_missing: bool
+    heard_tone: bool
+    pictures: int
+    delays: dict[str, float]
+    """Milliseconds from the library's call to our loop's body."""
+    capture: Optional[dict[str, int]]
+
+    def as_dict(self) -> dict[str, Any]:
+        return asdict(self)
+
+
+def _spoken() -> bytes:
+    """Samples that a recording can't hold by chance, in stereo."""
+    count = int(_SPOKEN_S * _RATE)
+    wave_ = (int(6000 * math.sin(i * i / 4e6) + i % 97) for i in range(count) for _ in range(2))
+    return array.array("h", wave_).tobytes()
+
+
+async def _listen(session: aio.Session) -> tuple[int, int, aio.Received]:
+    """The loudest sample and the number of pictures of the first stream."""
+    stream = await anext(each.stream async for each in session.events() if isinstance(each, aio.StreamReceived))
+    loudest, pictures = 0, 0
+    async with session.subscribe(stream) as subscriber:
+        sound, frames = subscriber.audio_frames(), subscriber.video_frames()
+
+        async def watch() -> None:
+            nonlocal pictures
+            async for _ in frames:
+                pictures += 1
+
+        watching = asyncio.create_task(watch())
+        end = time.monotonic() + _SPOKEN_S
+        async for frame in sound:
+            loudest = max(loudest, peak(frame.samples))
+            if time.monotonic() > end:
+                break
+        watching.cancel()
+        await asyncio.gather(watching, return_exceptions=True)
+        received = session.statistics().streams[stream.id].audio
+    return loudest, pictures, received
+
+
+async def _recorded(folder: Path) -> bytes:
+    """The recording once it is complete, as its log tells."""
+    log = folder / "events.jsonl"
+    end = time.monotonic() + _PATIENCE
+    while '"event":"closed"' not in log.read_text():
+        if time.monotonic() > end:
+            raise TimeoutError(f"the recording was not closed within {_PATIENCE:g} s")
+        await asyncio.sleep(0.01)
+    with wave.open(str(next(folder.glob("*.wav"))), "rb") as file:
+        return bytes(file.readframes(file.getnframes()))
+
+
+async def loopback(folder: Path, logging: LoggingSettings) -> Figures:
+    """Joins a session of its own; the folder takes its scenario and recording. Raises whatever goes wrong."""
+    peer = {"id": "peer", "audio": {"tone_hz": 440}, "video": {"testcard": True, "width": 320, "height": 240}}
+    scenario = folder / "scenario.json"
+    scenario.write_text(json.dumps({"participants": [peer], "record": "recording"}))
+    os.environ["API_HOSTNAME"] = f"embedded:{scenario}"
+    spoken = _spoken()
+    opening = aio.connect("doctor-app", "doctor", "t", settings=SessionSettings(logging=logging), timeout=_PATIENCE)
+    async with opening as session, session.publish("doctor", video=False, audio_queue=2.0) as publisher:
+        reset_library()
+        listening = asyncio.create_task(asyncio.wait_for(_listen(session), _PATIENCE))
+        await publisher.audio.write(spoken)
+        await asyncio.wait_for(publisher.audio.drained(), _PATIENCE)
+        loudest, pictures, received = await listening
+        library = session.statistics().library
+    delays = {"p50": received.delay_p50, "p99": received.delay_p99, "max": received.delay_max}
+    return Figures(
+        _SPOKEN_S,
+        spoken not in await _recorded(folder / "recording"),
+        loudest > _LOUD,
+        pictures,
+        {name: value * 1000 for name, value in delays.items()},
+        library and library["capture"],
+    )

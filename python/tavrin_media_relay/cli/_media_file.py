@@ -1,0 +1,154 @@
+"""Media files as streams of samples and pictures: plain WAV by Python itself, all else by the program ffmpeg."""
+
+from __future__ import annotations
+
+import asyncio
+import contextlib
+import json
+import shutil
+import subprocess
+import tempfile
+import wave
+from dataclasses import dataclass
+from pathlib import Path
+from typing import AsyncGenerator, AsyncIterator, Optional
+
+from ._failure import Failure
+
+RATE, CHANNELS = 48000, 2  # of what ffmpeg gives
+STILL_SECONDS = 5.0
+_PIECE = 0.1  # seconds of sound at a time
+_MAX_FPS = 60
+
+
+@dataclass(frozen=True)
+class Form:
+    """Of pictures."""
+
+    width: int
+    height: int
+    fps: int
+
+
+@dataclass(frozen=True)
+class MediaFile:
+    path: Path
+    seconds: Optional[float]
+    """Length, if the file tells."""
+    audio: bool
+    video: Optional[Form]
+    still: bool = False
+    wave: bool = False
+    """Read without ffmpeg."""
+
+
+def _probe_wave(path: Path) -> Optional[MediaFile]:
+    with contextlib.suppress(wave.Error, EOFError), wave.open(str(path), "rb") as file:
+        if file.getsampwidth() == 2 and file.getnchannels() <= 2 and 8000 <= file.getframerate() <= 48000:
+            return MediaFile(path, file.getnframes() / file.getframerate(), True, None, wave=True)
+    return None
+
+
+def _rate(text: str) -> float:
+    above, _, below = text.partition("/")
+    with contextlib.suppress(ValueError, ZeroDivisionError):
+        return float(above) / float(below or 1)
+    return 0.0
+
+
+def probe(path: Path) -> MediaFile:
+    """What is in a file. Raises Failure with the file's name and the reason if nothing can be played."""
+    if not path.is_file():
+        raise Failure(f"{path}: {'not a file' if path.exists() else 'there is no such file'}")
+    found = _probe_wave(path)
+    if found is not None:
+        return found
+    if shutil.which("ffprobe") is None or shutil.which("ffmpeg") is None:
+        raise Failure(
+            f"{path}: needs the program ffmpeg, which is not installed (Debian: apt-get install ffmpeg); "
+            "only WAV files of 16 bits and up to 48 kHz play without it"
+        )
+    done = subprocess.run(
+        ["ffprobe", "-v", "error", "-of", "json", "-show_streams", "-show_format", f"file:{path}"],
+        capture_output=True, text=True, stdin=subprocess.DEVNULL, errors="replace", start_new_session=True,
+    )  # fmt: skip
+    if done.returncode:
+        raise Failure(f"{path}: {done.stderr.strip().splitlines()[-1] if done.stderr.strip() else 'cannot be read'}")
+    told = json.loads(done.stdout)
+    streams = told.get("streams", [])
+    audio = any(each.get("codec_type") == "audio" for each in streams)
+    video: Optional[Form] = None
+    for each in streams:
+        cover = each.get("disposition", {}).get("attached_pic")
+        if video is None and each.get("codec_type") == "video" and not cover:
+            fps = round(_rate(each.get("avg_frame_rate", "")) or _rate(each.get("r_frame_rate", "")) or 30)
+            video = Form(int(each["width"]), int(each["height"]), min(max(fps, 1), _MAX_FPS))
+    if not audio and video is None:
+        raise Failure(f"{path}: has neither sound nor pictures")
+    kind = str(told.get("format", {}).get("format_name", ""))
+    still = not audio and (kind == "image2" or kind.endswith("_pipe"))
+    seconds = STILL_SECONDS if still else float(told.get("format", {}).get("duration") or 0) or None
+    return MediaFile(path, seconds, audio, video, still)
+
+
+@contextlib.asynccontextmanager
+async def _ffmpeg(path: Path, before: list[str], after: list[str], limit: int) -> AsyncIterator[asyncio.StreamReader]:
+    """The decoder's output. Raises Failure at its end if it failed; ends the decoder if we leave first."""
+    with tempfile.TemporaryFile() as complaints:
+        process = await asyncio.create_subprocess_exec(
+            "ffmpeg", "-v", "error", "-nostdin", *before, "-i", f"file:{path}", *after, "pipe:1",
+            stdin=asyncio.subprocess.DEVNULL, stdout=asyncio.subprocess.PIPE, stderr=complaints,
+            limit=limit, start_new_session=True,  # Ctrl-C is for us
+        )  # fmt: skip
+        try:
+            assert process.stdout is not None
+            yield process.stdout
+            code = await process.wait()
+        finally:
+            if process.returncode is None:
+                process.kill()
+                await process.wait()
+        if code:
+            complaints.seek(0)
+            lines = complaints.read().decode(errors="replace").strip().splitlines()
+            raise Failure(f"{path}: {lines[-1] if lines else f'ffmpeg ended with code {code}'}")
+
+
+async def samples(file: MediaFile) -> AsyncGenerator[tuple[bytes, int, int], None]:
+    """Pieces of a tenth of a second: 16-bit samples, their rate and channels."""
+    if file.wave:
+        with wave.open(str(file.path), "rb") as reader:
+            rate, channels = reader.getframerate(), reader.getnchannels()
+            while piece := reader.readframes(int(rate * _PIECE)):
+                yield piece, rate, channels
+        return
+    size = int(RATE * _PIECE) * CHANNELS * 2
+    form = ["-vn", "-f", "s16le", "-ac", str(CHANNELS), "-ar", str(RATE)]
+    async with _ffmpeg(file.path, [], form, 2 * size) as pipe:
+        async for piece in _blocks(pipe, size):
+            yield piece[: len(piece) // (2 * CHANNELS) * (2 * CHANNELS)], RATE, CHANNELS
+
+
+async def pictures(file: MediaFile, form: Form) -> AsyncGenerator[bytes, None]:
+    """YUV420P pictures of the form wanted, with black borders where the shapes differ."""
+    width, height = form.width, form.height
+    scale = f"scale={width}:{height}:force_original_aspect_ratio=decrease:out_range=tv"
+    pad = f"pad={width}:{height}:(ow-iw)/2:(oh-ih)/2,setsar=1"
+    size = width * height + 2 * ((width + 1) // 2) * ((height + 1) // 2)
+    before = ["-loop", "1", "-t", str(STILL_SECONDS)] if file.still else []
+    after = ["-an", "-vf", f"fps={form.fps},{scale},{pad}", "-pix_fmt", "yuv420p", "-f", "rawvideo"]
+    async with _ffmpeg(file.path, before, after, 2 * size) as pipe:
+        async for picture in _blocks(pipe, size):
+            if len(picture) == size:
+                yield picture
+
+
+async def _blocks(pipe: asyncio.StreamReader, size: int) -> AsyncIterator[bytes]:
+    """The last one may be short."""
+    while True:
+        try:
+            yield await pipe.readexactly(size)
+        except asyncio.IncompleteReadError as error:
+            if error.partial:
+                yield error.partial
+            return

@@ -1,0 +1,115 @@
+"""What a command shows: lines and live bars for people, or one JSON object a line for machines.
+
+Standard output carries nothing else. The module's native log writes to the process's standard output as well, so
+that descriptor is turned over to standard error, and ours is a copy of the first one.
+"""
+
+from __future__ import annotations
+
+import contextlib
+import json
+import os
+import sys
+import time
+from dataclasses import asdict, dataclass
+from typing import Any, Iterator, Optional, Protocol
+
+_PLAIN_SECONDS = 5.0  # between the lines that stand in for live bars
+
+
+@dataclass(frozen=True)
+class Bar:
+    """One line of a live display."""
+
+    label: str
+    fraction: Optional[float]
+    """0 to 1; None for no bar."""
+    text: str
+
+
+class Live(Protocol):
+    def show(self, bars: list[Bar]) -> None: ...
+
+
+class Terminal:
+    def __init__(self, as_json: bool) -> None:
+        self.as_json = as_json
+        sys.stdout.flush()
+        self._out = os.fdopen(os.dup(1), "w", encoding="utf-8", errors="replace", buffering=1)
+        os.dup2(2, 1)
+        sys.stdout = self._out
+        self._rich: Any = None
+        if not as_json:
+            with contextlib.suppress(ImportError):
+                from rich.console import Console
+
+                self._rich = Console(file=self._out, highlight=False)
+
+    def tell(self, kind: str, text: str, /, **fields: object) -> None:
+        """Something that happened: the text for people, the rest for machines."""
+        if self.as_json:
+            print(json.dumps({"event": kind, **fields}, ensure_ascii=False, default=str), file=self._out, flush=True)
+        elif self._rich is not None:
+            self._rich.print(text, markup=False, soft_wrap=True)
+        else:
+            print(text, file=self._out, flush=True)
+
+    def result(self, fields: dict[str, Any]) -> None:
+        """The one object of a command that tells all at its end. Nothing for people."""
+        if self.as_json:
+            print(json.dumps(fields, ensure_ascii=False, default=str), file=self._out, flush=True)
+
+    def fail(self, text: str, code: Optional[int] = None) -> None:
+        if self.as_json:
+            print(json.dumps({"event": "failed", "text": text, "code": code}, ensure_ascii=False), file=self._out)
+        with contextlib.suppress(OSError):
+            print(f"tavrin-media-relay: {text}", file=sys.stderr, flush=True)
+
+    def forget_output(self) -> None:
+        os.dup2(os.open(os.devnull, os.O_WRONLY), self._out.fileno())
+
+    @contextlib.contextmanager
+    def live(self) -> Iterator[Live]:
+        """A display that `show` renews, as often as one likes."""
+        if self._rich is None or not self._rich.is_terminal:
+            yield _Lines(self)
+            return
+        from rich.live import Live as RichLive
+
+        with RichLive(console=self._rich, refresh_per_second=8, transient=False) as shown:
+            yield _Bars(shown)
+
+
+class _Bars:
+    def __init__(self, live: Any) -> None:
+        self._live = live
+
+    def show(self, bars: list[Bar]) -> None:
+        from rich.progress_bar import ProgressBar
+        from rich.table import Table
+        from rich.text import Text
+
+        table = Table.grid(padding=(0, 1))
+        for bar in bars:
+            label, text = Text(bar.label), Text(bar.text)
+            if bar.fraction is None:
+                table.add_row(label, "", text)
+            else:
+                table.add_row(label, ProgressBar(total=1.0, completed=bar.fraction, width=30), text)
+        self._live.update(table)
+
+
+class _Lines:
+    """For a file or a pipe, or without the terminal library: now and then a line. For machines, each second one."""
+
+    def __init__(self, terminal: Terminal) -> None:
+        self._terminal = terminal
+        self._every = 1.0 if terminal.as_json else _PLAIN_SECONDS
+        self._next = time.monotonic() + self._every
+
+    def show(self, bars: list[Bar]) -> None:
+        if not bars or time.monotonic() < self._next:
+            return
+        self._next = time.monotonic() + self._every
+        texts = (f"{each.label}: {each.text}" for each in bars)
+        self._terminal.tell("display", "; ".join(texts), bars=[asdict(each) for each in bars])

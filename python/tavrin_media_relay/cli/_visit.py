@@ -1,0 +1,147 @@
+"""A command's stay in a session: joining, telling what happens, figures each second, and the ways to its end."""
+
+from __future__ import annotations
+
+import argparse
+import asyncio
+import os
+import signal
+from pathlib import Path
+from typing import Any, Awaitable, Callable, Coroutine, Optional
+
+from .. import aio
+from ..models import LoggingSettings, SessionAVSettings, SessionSettings
+from ._failure import Failure
+from ._figures import Figures
+from ._terminal import Terminal
+
+_SIGNALS = (signal.SIGINT, signal.SIGTERM)
+
+
+class Visit:
+    """What a command works with while it is in the session. Made by `run`."""
+
+    def __init__(self, session: aio.Session, terminal: Terminal, figures: Figures) -> None:
+        self.session = session
+        self.terminal = terminal
+        self.figures = figures
+        self.stopped: Optional[int] = None
+        """The signal that asked us to end, if one did."""
+        self.waiting: Callable[[], int] = lambda: 0
+        """Tells how much waits in the command's iterators; for the figures."""
+        self._stop = asyncio.Event()
+
+    def stop(self, number: int) -> None:
+        self.stopped = number
+        self._stop.set()
+
+    async def until_stopped(self, work: Awaitable[object], patient: bool = False) -> bool:
+        """Runs the work to its end, or until a signal comes: then it is cancelled, and False given. So it is, if
+        `patient`, when the server ends the session. Raises what the work raises, or how the session failed."""
+        task = asyncio.ensure_future(work)
+        ends = [asyncio.ensure_future(each) for each in (self._stop.wait(), self.session.ended())]
+        try:
+            await asyncio.wait([task, *ends], return_when=asyncio.FIRST_COMPLETED)
+            if self.session.over and not self._stop.is_set():
+                await self.session.ended()  # raises if it failed: that is why the work failed, too
+                if not patient:
+                    raise Failure("the server ended the session")
+                return False
+            if not task.done():
+                return False
+            task.result()
+            return True
+        finally:
+            for each in (task, *ends):
+                each.cancel()
+            await asyncio.gather(task, *ends, return_exceptions=True)
+
+    async def watch(self) -> None:
+        """Tells of participants and streams until the session is over."""
+        async for event in self.session.events():
+            name = type(event).__name__
+            about: Any = getattr(event, "stream", None) or getattr(event, "connection", None)
+            error: Optional[aio.MediaError] = getattr(event, "error", None)
+            fields = {} if about is None else {"id": about.id}
+            if error is not None:
+                fields |= {"code": str(error.code), "text": error.message}
+            self.figures.event(name, **fields)
+            text = f"{_WORDS.get(name, name)} {about.id if about is not None else ''}".rstrip()
+            self.terminal.tell(name, f"{text}: {error}" if error is not None else text, **fields)
+
+    async def sample(self) -> None:
+        while True:
+            await asyncio.sleep(1)
+            await self.figures.sample(self.session, self.waiting())
+
+
+_WORDS = {
+    "ConnectionCreated": "Participant came:",
+    "ConnectionDropped": "Participant went:",
+    "StreamReceived": "Stream came:",
+    "StreamDropped": "Stream went:",
+    "SubscriberConnected": "Receiving",
+    "SubscriberDisconnected": "No longer receiving",
+    "SubscriberFailed": "Receiving failed,",
+    "PublisherEnded": "Our stream was ended by the session",
+    "PublisherFailed": "Our stream has failed",
+    "SessionDisconnected": "The server ended the session",
+    "SessionFailed": "The session has failed",
+}
+
+
+async def _visit(
+    options: argparse.Namespace,
+    terminal: Terminal,
+    body: Callable[[Visit], Coroutine[Any, Any, int]],
+    av: Optional[SessionAVSettings],
+    figures: Optional[Path],
+) -> int:
+    loop = asyncio.get_running_loop()
+    joining = asyncio.current_task()
+    assert joining is not None
+    for each in _SIGNALS:  # before there is anything to leave, an interruption ends the attempt
+        loop.add_signal_handler(each, joining.cancel)
+    settings = SessionSettings(av=av, logging=LoggingSettings(options.log_level))
+    opening = aio.connect(
+        options.app_id, options.session, options.token, settings=settings, timeout=options.timeout
+    )
+    with Figures(figures) as record:
+        async with opening as session:
+            visit = Visit(session, terminal, record)
+            for each in _SIGNALS:
+                loop.add_signal_handler(each, visit.stop, int(each))
+            host = os.environ.get("API_HOSTNAME") or "the embedded engine"
+            terminal.tell("joined", f"Joined {session.id} on {host}", session=session.id, host=host)
+            record.event("joined", session=session.id)
+            tasks = [asyncio.create_task(visit.watch()), asyncio.create_task(visit.sample())]
+            try:
+                code = await body(visit)
+                await record.sample(session, visit.waiting())
+            finally:
+                for task in tasks:
+                    task.cancel()
+                await asyncio.gather(*tasks, return_exceptions=True)
+            figures_now = record.totals
+            terminal.tell("left", record.summary(), figures=figures_now)
+            return code
+
+
+def run(
+    options: argparse.Namespace,
+    terminal: Terminal,
+    body: Callable[[Visit], Coroutine[Any, Any, int]],
+    av: Optional[SessionAVSettings] = None,
+    figures: Optional[Path] = None,
+) -> int:
+    """Joins as the options say, runs the body, and leaves. Gives the body's exit code."""
+    if options.host:
+        os.environ["API_HOSTNAME"] = options.host
+    try:
+        return asyncio.run(_visit(options, terminal, body, av, figures))
+    except aio.MediaError as error:
+        raise Failure(error.message, error.code) from None
+    except (aio.ClosedError, ValueError) as error:
+        raise Failure(str(error)) from None
+    except asyncio.CancelledError:
+        return 130

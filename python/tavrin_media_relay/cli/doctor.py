@@ -1,0 +1,205 @@
+"""`doctor`: looks at the installation and tries it out, on this machine alone."""
+
+from __future__ import annotations
+
+import argparse
+import asyncio
+import contextlib
+import ctypes
+import importlib.metadata
+import importlib.util
+import os
+import platform
+import shutil
+import sys
+import tempfile
+from pathlib import Path
+from typing import Any, Iterator, Literal, Optional
+
+from ..models import LoggingSettings
+from ._failure import Failure
+from ._loopback import Figures, loopback
+from ._options import command
+from ._terminal import Terminal
+
+Grade = Literal["ok", "note", "bad"]
+_MARKS = {"ok": "  ok  ", "note": " note ", "bad": " BAD  "}
+
+#: Milliseconds of lateness from which an ear may notice.
+_LATE_MS = 20.0
+_DESCRIPTION = """\
+Tells versions, which libsarnet.so is in use and which engines it has, plays and records a second on the embedded
+engine, measures how punctual this machine is, and gives advice where something is off. Nothing leaves this machine.
+The exit code is 1 if a session could not work here.
+"""
+
+
+def add(commands: Any) -> None:
+    command(commands, "doctor", doctor, "look at the installation and try it out", _DESCRIPTION)
+
+
+class _Findings:
+    """Told as they are found, and gathered for machines."""
+
+    def __init__(self, terminal: Terminal) -> None:
+        self._terminal = terminal
+        self.all: list[dict[str, str]] = []
+
+    def add(self, grade: Grade, about: str, text: str, advice: str = "") -> None:
+        self.all.append({"grade": grade, "about": about, "text": text, "advice": advice})
+        if not self._terminal.as_json:
+            line = f"[{_MARKS[grade]}] {about}: {text}"
+            self._terminal.tell("finding", line + (f"\n         {advice}" if advice else ""))
+
+    @property
+    def fine(self) -> bool:
+        return all(each["grade"] != "bad" for each in self.all)
+
+
+def _look_at_versions(findings: _Findings) -> None:
+    from .. import __version__
+
+    findings.add("ok", "package", f"tavrin_media_relay {__version__} in {Path(__file__).parents[1]}")
+    findings.add("ok", "python", f"{platform.python_implementation()} {platform.python_version()}, {sys.executable}")
+    kernel = f"{platform.system()} {platform.release()}, {platform.machine()}"
+    cpus = len(os.sched_getaffinity(0))
+    if cpus < 2:
+        findings.add("note", "machine", f"{kernel}, 1 processor", "Media of several streams wants two processors.")
+    else:
+        findings.add("ok", "machine", f"{kernel}, {cpus} processors")
+
+
+def _look_at_library(findings: _Findings) -> bool:
+    """False if nothing can be tried out."""
+    try:
+        import _tavrin_video
+    except ImportError as error:
+        advice = "Build the project and put its python folder on PYTHONPATH, or install the wheel."
+        findings.add("bad", "module", f"_tavrin_video can't be imported: {error}", advice)
+        return False
+    findings.add("ok", "module", str(_tavrin_video.__file__))
+    from ..aio import _libraries
+
+    library = _libraries.find_sarnet()
+    if library is None:
+        findings.add("bad", "libsarnet", "the module has brought none into the process", "Was it linked statically?")
+        return False
+    path = Path(library._name)
+    beside = path.resolve().parent == Path(str(_tavrin_video.__file__)).resolve().parent
+    chosen = "" if beside else "Another one than the module's own was found first: LD_LIBRARY_PATH or the wheel."
+    findings.add("ok", "libsarnet", str(path), chosen if os.environ.get("LD_LIBRARY_PATH") else "")
+    if not hasattr(library, "srn_statistics_json"):
+        advice = "A library of the same contract may lack them: pacing can't be told."
+        findings.add("note", "statistics", "this libsarnet keeps none", advice)
+    _look_at_engines(findings, path)
+    return True
+
+
+def _look_at_engines(findings: _Findings, library: Path) -> None:
+    found: dict[str, Optional[Path]] = {}
+    for part in ("files", "relay"):
+        found[part] = next(iter(sorted(library.parent.glob(f"libsarnet_{part}*.so"))), None)
+    if found["files"] is None:
+        advice = "Scenarios with media files or recordings need it."
+        findings.add("bad", "engine embedded", f"there is no libsarnet_files.so beside {library.name}", advice)
+    else:
+        findings.add("ok", "engine embedded", "built in; reads and writes media files")
+    if found["relay"] is None:
+        advice = "Sessions on a server need libsarnet_relay.so beside it; those on this machine do not."
+        findings.add("note", "engine relay", "not there", advice)
+        return
+    try:
+        ctypes.CDLL(str(found["relay"]))
+    except OSError as error:
+        advice = "Install what it needs (Debian: gstreamer1.0-plugins-bad, gstreamer1.0-nice, libsoup-3.0-0)."
+        findings.add("note", "engine relay", f"can't be loaded: {error}", advice)
+    else:
+        findings.add("ok", "engine relay", str(found["relay"]))
+
+
+def _look_at_helpers(findings: _Findings) -> None:
+    host = os.environ.get("API_HOSTNAME")
+    findings.add("ok", "API_HOSTNAME", host or "not set: sessions are played by the embedded engine")
+    extras = (
+        ("numpy", "python3-numpy", "arrays of samples and pictures, and tavrin_media_relay.testing"),
+        ("rich", "python3-rich", "live bars of this command line"),
+        ("matplotlib", "python3-matplotlib", "the command report"),
+    )
+    for name, package, purpose in extras:
+        if importlib.util.find_spec(name) is None:
+            findings.add("note", name, "not installed", f"For {purpose}: apt-get install {package}")
+        else:
+            findings.add("ok", name, importlib.metadata.version(name))
+    programs = (("ffmpeg", "ffmpeg", "play any kind of file, record to Matroska"), ("janus", "janus", "the command relay"))
+    for name, package, purpose in programs:
+        place = shutil.which(name)
+        if place is None:
+            findings.add("note", name, "not installed", f"For {purpose}: apt-get install {package}")
+        else:
+            findings.add("ok", name, place)
+
+
+@contextlib.contextmanager
+def _quiet_host() -> Iterator[None]:
+    """The loopback is the embedded engine's, whatever the environment says."""
+    before = os.environ.pop("API_HOSTNAME", None)
+    try:
+        yield
+    finally:
+        if before is not None:
+            os.environ["API_HOSTNAME"] = before
+
+
+def _try_out(findings: _Findings) -> Optional[Figures]:
+    with _quiet_host(), tempfile.TemporaryDirectory(prefix="tavrin-doctor-") as folder:
+        try:
+            figures = asyncio.run(loopback(Path(folder), LoggingSettings("error")))
+        except Exception as error:  # whatever it is: that a session does not work is what we were asked
+            findings.add("bad", "loopback", f"{type(error).__name__}: {error}", "Try again with TAVRIN's log: play --log-level info.")
+            return None
+    if figures.sent_missing or not figures.heard_tone:
+        text = "sound went astray: " + ("what was spoken is not in the recording" if figures.sent_missing else "a tone was not heard")
+        findings.add("bad", "loopback", text, "On a machine this busy, media will have gaps. Try again when it is idle.")
+    else:
+        findings.add("ok", "loopback", f"spoke {figures.spoken_s:g} s that was recorded whole; heard the tone, saw {figures.pictures} pictures")
+    _judge_pacing(findings, figures)
+    return figures
+
+
+def _judge_pacing(findings: _Findings, figures: Figures) -> None:
+    delays = figures.delays
+    text = "from library thread to async for: p50 {p50:.1f}, p99 {p99:.1f}, max {max:.1f} ms".format(**delays)
+    findings.add("ok" if delays["p99"] < _LATE_MS else "note", "delivery", text)
+    if not figures.capture:
+        return
+    capture = figures.capture
+    p50, p99, worst = (capture[f"lateness_{each}_us"] / 1000 for each in ("p50", "p99", "max"))
+    text = (
+        f"{capture['periods_written']} periods of 10 ms, late p50 {p50:.1f}, p99 {p99:.1f}, max {worst:.1f} ms; "
+        f"missed {capture['gaps']}, underruns {capture['underruns']}"
+    )
+    if p99 < _LATE_MS and capture["gaps"] <= 5:
+        findings.add("ok", "pacing", text)
+        return
+    load, cpus = os.getloadavg()[0], len(os.sched_getaffinity(0))
+    advice = "Listeners may hear gaps. "
+    if load > cpus:
+        advice += f"The machine is busy (load {load:.1f} on {cpus} processors): try again when it is idle."
+    else:
+        advice += "A virtual machine or container may be short of processor time: look at its limits."
+    findings.add("note", "pacing", text, advice)
+
+
+def doctor(options: argparse.Namespace, terminal: Terminal) -> int:
+    findings = _Findings(terminal)
+    _look_at_versions(findings)
+    works = _look_at_library(findings)
+    _look_at_helpers(findings)
+    figures = _try_out(findings) if works else None
+    terminal.result({"fine": findings.fine, "findings": findings.all, "figures": figures and figures.as_dict()})
+    if not findings.fine:
+        raise Failure("sessions cannot work here as it is; see above")
+    if not terminal.as_json:
+        notes = sum(each["grade"] == "note" for each in findings.all)
+        terminal.tell("end", "All is well." if not notes else f"Sessions work here; {notes} notes above.")
+    return 0
