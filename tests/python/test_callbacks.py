@@ -29,119 +29,62 @@ def publisher(m):
 
 
 class Row:
-    """One event: where its callable goes, what raises it, and what is said about it."""
+    """One event: where its callable goes, what raises it, what the callable is given, what is said about it."""
 
-    def __init__(self, owner, keyword, name, raise_event, arguments, build_failure, model, entry=None):
-        self.owner, self.keyword, self.name = owner, keyword, name
-        self.raise_event, self.arguments = raise_event, arguments
-        self.build_failure, self.model, self.entry = build_failure, model, entry
-
-
-def error_text(owner: str, text="bad \u20ac", code=-7):
-    return f"{owner} error callback: {text} ({code})"
+    def __init__(self, owner, keyword, raise_event, arguments, objects, model, entry=None):
+        self.owner, self.keyword, self.raise_event, self.arguments, self.model = owner, keyword, raise_event, arguments, model
+        self.name = ("" if owner == SESSION else owner + "_") + keyword.removesuffix("_cb")
+        self.build_failure, self.entry = f"Failed to create {objects}", entry
 
 
+CONNECTION_OBJECTS, STREAM_OBJECTS = (f"Session or {each} objects for callback" for each in ("Connection", "Stream"))
+BAD = "bad \u20ac"
 ROWS = [
-    Row(
-        SESSION, "on_connected_cb", "on_connected",
-        lambda w: w.lib.session_connected(), lambda m: (session(m),),
-        "Failed to create Session object for connected callback", "Session", "Session connected callback",
-    ),
-    Row(
-        SESSION, "on_disconnected_cb", "on_disconnected",
-        lambda w: w.lib.session_disconnected(), lambda m: (session(m),),
-        "Failed to create Session object for disconnected callback", "Session", "Session disconnected callback",
-    ),
-    Row(
-        SESSION, "on_error_cb", "on_error",
-        lambda w: w.lib.session_error(-7, "bad \u20ac"), lambda m: (session(m), "bad \u20ac", -7),
-        "Failed to create Session object for error callback", "Session", error_text("Session"),
-    ),
-    Row(
-        SESSION, "on_connection_created_cb", "on_connection_created",
-        lambda w: w.lib.connection_created("c", "data", 1500), lambda m: (session(m), stream(m).connection),
-        "Failed to create Session or Connection objects for callback", "Connection",
-    ),
-    Row(
-        SESSION, "on_connection_dropped_cb", "on_connection_dropped",
-        lambda w: w.lib.connection_dropped("c", "data", 1500), lambda m: (session(m), stream(m).connection),
-        "Failed to create Session or Connection objects for callback", "Session",
-    ),
-    Row(
-        SESSION, "on_stream_received_cb", "on_stream_received",
-        lambda w: w.lib.stream_received("s", "c", "data", 1500), lambda m: (session(m), stream(m)),
-        "Failed to create Session or Stream objects for callback", "Stream", "Stream received callback",
-    ),
-    Row(
-        SESSION, "on_stream_dropped_cb", "on_stream_dropped",
-        lambda w: w.lib.stream_dropped("s", "c", "data", 1500), lambda m: (session(m), stream(m)),
-        "Failed to create Session or Stream objects for callback", "Connection", "Stream dropped callback",
-    ),
-    Row(
-        SESSION, "on_audio_data_cb", "on_audio_data",
-        lambda w: True, lambda m: (session(m), ("AudioData", 48000, 2, 480, 960)),
-        "Failed to create Session or AudioData objects for callback", "AudioData",
-    ),
-    Row(
-        SESSION, "on_ready_for_audio_cb", "on_ready_for_audio",
-        lambda w: (w.lib.device_slot("stop_capturer"), w.lib.device_slot("start_capturer")),
-        lambda m: (session(m),),
-        "Failed to create Session object for ready for audio callback", "Session", "Ready for audio callback",
-    ),
-    Row(
-        SESSION, "on_media_buffer_drained_cb", "on_media_buffer_drained",
-        lambda w: w.client.add_audio(w.models.AudioData(48000, 2, 480, LOUD)),
+    Row(SESSION, "on_connected_cb", lambda w: w.lib.session_connected(), lambda m: (session(m),),
+        "Session object for connected callback", "Session", "Session connected callback"),
+    Row(SESSION, "on_disconnected_cb", lambda w: w.lib.session_disconnected(), lambda m: (session(m),),
+        "Session object for disconnected callback", "Session", "Session disconnected callback"),
+    Row(SESSION, "on_error_cb", lambda w: w.lib.session_error(-7, BAD), lambda m: (session(m), BAD, -7),
+        "Session object for error callback", "Session", f"Session error callback: {BAD} (-7)"),
+    Row(SESSION, "on_connection_created_cb", lambda w: w.lib.connection_created("c", "data", 1500),
+        lambda m: (session(m), stream(m).connection), CONNECTION_OBJECTS, "Connection"),
+    Row(SESSION, "on_connection_dropped_cb", lambda w: w.lib.connection_dropped("c", "data", 1500),
+        lambda m: (session(m), stream(m).connection), CONNECTION_OBJECTS, "Session"),
+    Row(SESSION, "on_stream_received_cb", lambda w: w.lib.stream_received("s", "c", "data", 1500),
+        lambda m: (session(m), stream(m)), STREAM_OBJECTS, "Stream", "Stream received callback"),
+    Row(SESSION, "on_stream_dropped_cb", lambda w: w.lib.stream_dropped("s", "c", "data", 1500),
+        lambda m: (session(m), stream(m)), STREAM_OBJECTS, "Connection", "Stream dropped callback"),
+    Row(SESSION, "on_audio_data_cb", lambda w: True, lambda m: (session(m), ("AudioData", 48000, 2, 480, 960)),
+        "Session or AudioData objects for callback", "AudioData"),
+    Row(SESSION, "on_ready_for_audio_cb",
+        lambda w: (w.lib.device_slot("stop_capturer"), w.lib.device_slot("start_capturer")), lambda m: (session(m),),
+        "Session object for ready for audio callback", "Session", "Ready for audio callback"),
+    Row(SESSION, "on_media_buffer_drained_cb", lambda w: w.client.add_audio(w.models.AudioData(48000, 2, 480, LOUD)),
         lambda m: (m.MediaBufferStats(audio=m.AudioBufferStats(timedelta(0))),),
-        "Failed to create MediaBufferStats object to notify the drain of the media buffers", "MediaBufferStats",
-        "Media buffers have been drained audio: 0 ms video: null ms",
-    ),
-    Row(
-        SUBSCRIBER, "on_connected_cb", "subscriber_on_connected",
-        lambda w: w.lib.subscriber_connected("s"), lambda m: (subscriber(m),),
-        "Failed to create Subscriber object for connected callback", "Subscriber", "Subscriber connected callback",
-    ),
-    Row(
-        SUBSCRIBER, "on_disconnected_cb", "subscriber_on_disconnected",
-        lambda w: w.lib.subscriber_disconnected("s"), lambda m: (subscriber(m),),
-        "Failed to create Subscriber object for disconnected callback", "Stream", "Subscriber disconnected callback",
-    ),
-    Row(
-        SUBSCRIBER, "on_error_cb", "subscriber_on_error",
-        lambda w: w.lib.subscriber_error("s", -7, "bad \u20ac"), lambda m: (subscriber(m), "bad \u20ac", -7),
-        "Failed to create Subscriber object for error callback", "Connection", error_text("Subscriber"),
-    ),
-    Row(
-        SUBSCRIBER, "on_audio_data_cb", "subscriber_on_audio_data",
-        lambda w: w.lib.send_audio("s", LOUD), lambda m: (subscriber(m), ("AudioData", 48000, 2, 480, 960)),
-        "Failed to create Subscriber or AudioData objects for audio data callback", "AudioData",
-    ),
-    Row(
-        SUBSCRIBER, "on_render_frame_cb", "subscriber_on_render_frame",
-        lambda w: w.lib.send_frame("s", 4, 2), lambda m: (subscriber(m), ("VideoFrame", 4, 2, "YUV420P", 12)),
-        "Failed to create Subscriber or VideoFrame objects for render frame callback", "VideoResolution",
-    ),
-    Row(
-        SUBSCRIBER, "on_caption_text_cb", "subscriber_on_caption_text",
-        lambda w: w.lib.caption("s", "words \u20ac", 1), lambda m: (subscriber(m), m.CaptionsData("words \u20ac", True)),
-        "Failed to create CaptionsData object for caption text callback", "CaptionsData",
-    ),
-    Row(
-        PUBLISHER, "on_stream_created_cb", "publisher_on_stream_created",
-        lambda w: w.lib.publisher_stream_created("published-1"), lambda m: (publisher(m),),
-        "Failed to create Publisher or Stream objects for stream created callback", "Publisher",
-        "Publisher stream created callback",
-    ),
-    Row(
-        PUBLISHER, "on_stream_destroyed_cb", "publisher_on_stream_destroyed",
-        lambda w: w.lib.publisher_stream_destroyed("published-1"), lambda m: (publisher(m),),
-        "Failed to create Publisher or Stream objects for stream destroyed callback", "Publisher",
-        "Publisher stream destroyed callback",
-    ),
-    Row(
-        PUBLISHER, "on_error_cb", "publisher_on_error",
-        lambda w: w.lib.publisher_error(-7, "bad \u20ac"), lambda m: (publisher(m), "bad \u20ac", -7),
-        "Failed to create Publisher object for error callback", "Stream", error_text("Publisher"),
-    ),
+        "MediaBufferStats object to notify the drain of the media buffers", "MediaBufferStats",
+        "Media buffers have been drained audio: 0 ms video: null ms"),
+    Row(SUBSCRIBER, "on_connected_cb", lambda w: w.lib.subscriber_connected("s"), lambda m: (subscriber(m),),
+        "Subscriber object for connected callback", "Subscriber", "Subscriber connected callback"),
+    Row(SUBSCRIBER, "on_disconnected_cb", lambda w: w.lib.subscriber_disconnected("s"), lambda m: (subscriber(m),),
+        "Subscriber object for disconnected callback", "Stream", "Subscriber disconnected callback"),
+    Row(SUBSCRIBER, "on_error_cb", lambda w: w.lib.subscriber_error("s", -7, BAD), lambda m: (subscriber(m), BAD, -7),
+        "Subscriber object for error callback", "Connection", f"Subscriber error callback: {BAD} (-7)"),
+    Row(SUBSCRIBER, "on_audio_data_cb", lambda w: w.lib.send_audio("s", LOUD),
+        lambda m: (subscriber(m), ("AudioData", 48000, 2, 480, 960)),
+        "Subscriber or AudioData objects for audio data callback", "AudioData"),
+    Row(SUBSCRIBER, "on_render_frame_cb", lambda w: w.lib.send_frame("s", 4, 2),
+        lambda m: (subscriber(m), ("VideoFrame", 4, 2, "YUV420P", 12)),
+        "Subscriber or VideoFrame objects for render frame callback", "VideoResolution"),
+    Row(SUBSCRIBER, "on_caption_text_cb", lambda w: w.lib.caption("s", BAD, 1),
+        lambda m: (subscriber(m), m.CaptionsData(BAD, True)), "CaptionsData object for caption text callback", "CaptionsData"),
+    Row(PUBLISHER, "on_stream_created_cb", lambda w: w.lib.publisher_stream_created("published-1"),
+        lambda m: (publisher(m),), "Publisher or Stream objects for stream created callback", "Publisher",
+        "Publisher stream created callback"),
+    Row(PUBLISHER, "on_stream_destroyed_cb", lambda w: w.lib.publisher_stream_destroyed("published-1"),
+        lambda m: (publisher(m),), "Publisher or Stream objects for stream destroyed callback", "Publisher",
+        "Publisher stream destroyed callback"),
+    Row(PUBLISHER, "on_error_cb", lambda w: w.lib.publisher_error(-7, BAD), lambda m: (publisher(m), BAD, -7),
+        "Publisher object for error callback", "Stream", f"Publisher error callback: {BAD} (-7)"),
 ]  # fmt: skip
 
 all_rows = pytest.mark.parametrize("row", ROWS, ids=lambda row: row.name)

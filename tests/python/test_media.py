@@ -129,6 +129,7 @@ SIZES = {"YUV420P": 64 * 48 * 3 // 2, "RGB24": 64 * 48 * 3, "ARGB32": 64 * 48 * 
 def test_pictures_arrive_byte_for_byte(world, format, code):
     assert connect_with_video(world, format=format, fps=200)
     world.publish(has_audio=False)
+    assert world.lib.wait_calls("srn_video_capturer_provide_frame", 1, 20_000) == 1  # the black one
     size = SIZES[format]
     pictures = [bytes([number]) * size for number in range(1, 21)]
     for picture in pictures:

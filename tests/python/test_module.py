@@ -10,21 +10,8 @@ import pytest
 import scripted
 
 MODULE = scripted.BUILD / "python" / "_tavrin_video.abi3.so"
-DOCS = {
-    "connect": "Connect to a session",
-    "disconnect": "Disconnect from a session",
-    "subscribe": "Subscribe to a stream of the connected session",
-    "unsubscribe": "Unsubscribe from a stream of the connected session",
-    "publish": "Publish a new stream to the connected session",
-    "unpublish": "Unpublish a stream from the connected session",
-    "is_publishing": "Check if the module is publishing",
-    "is_connected": "Check if the module is connected to a session",
-    "get_connection": "Get the session connection (the local client's connection). Returns None if not connected.",
-    "add_audio": "Add an AudioData object for publishing into the connected session",
-    "add_video": "Add a VideoFrame object for publishing into the connected session",
-    "clear_media_buffers": "Clear all enqueued audio and video data from the publishing buffers",
-    "get_media_buffer_stats": "Get current media buffer statistics as a MediaBufferStats object",
-}
+METHODS = """connect disconnect subscribe unsubscribe publish unpublish is_publishing is_connected get_connection add_audio
+    add_video clear_media_buffers get_media_buffer_stats""".split()
 
 
 def tool(*command: object) -> str:
@@ -40,7 +27,7 @@ def test_names_and_documentation(world):
         "_tavrin_video", "TavrinVideoClient", "TavrinVideoClient objects",
     )  # fmt: skip
     methods = {name: value.__doc__ for name, value in vars(kind).items() if not name.startswith("__")}
-    assert methods == DOCS
+    assert sorted(methods) == sorted(METHODS) and all(methods.values())
     with pytest.raises(TypeError):
         type("Sub", (kind,), {})
     assert [name for name in vars(module) if not name.startswith("__")] == ["TavrinVideoClient"]

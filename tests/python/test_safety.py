@@ -75,6 +75,11 @@ def turn():
 threading.Thread(target=turn, daemon=True).start()
 time.sleep(0.05)
 """
+CTRL_C = """
+import signal
+signal.signal(signal.SIGINT, signal.default_int_handler)  # also where the tests run in the background
+signal.raise_signal(signal.SIGINT)
+"""
 #: (how it ends, the program's last lines, its exit code)
 ENDINGS = [
     ("at the end of the program", "", 0),

@@ -1,6 +1,8 @@
 #include "audio.h"
 
-#include <string_view>
+#include <cstring>
+#include <iterator>
+#include <sstream>
 
 #include "script.h"
 #include "scripted_sarnet.h"
@@ -10,39 +12,6 @@ namespace scripted {
 namespace {
 
 using Table = srn_audio_device_callbacks;
-
-struct NamedSlot {
-  std::string_view name;
-  srn_bool (*Table::*plain)(const srn_audio_device*, void*);
-  srn_bool (*Table::*settings)(const srn_audio_device*, void*, srn_audio_device_settings*);
-};
-
-#define PLAIN(slot) \
-  { #slot, &Table::slot, nullptr }
-#define SETTINGS(slot) \
-  { #slot, nullptr, &Table::slot }
-constexpr NamedSlot kSlots[] = {
-    PLAIN(init),
-    PLAIN(destroy),
-    PLAIN(init_capturer),
-    PLAIN(destroy_capturer),
-    PLAIN(start_capturer),
-    PLAIN(stop_capturer),
-    PLAIN(is_capturer_initialized),
-    PLAIN(is_capturer_started),
-    PLAIN(get_estimated_capture_delay),
-    PLAIN(init_renderer),
-    PLAIN(destroy_renderer),
-    PLAIN(start_renderer),
-    PLAIN(stop_renderer),
-    PLAIN(is_renderer_initialized),
-    PLAIN(is_renderer_started),
-    PLAIN(get_estimated_render_delay),
-    SETTINGS(get_capture_settings),
-    SETTINGS(get_render_settings),
-};
-#undef PLAIN
-#undef SETTINGS
 
 constexpr int kNoSlot = -1;
 constexpr int kUnknownSlot = -2;
@@ -86,29 +55,34 @@ std::optional<Table> installedDevice() {
   return device().table;
 }
 
-int callSlot(const char* name, std::optional<void*> user_data = std::nullopt,
+int callSlot(const std::string& name, std::optional<void*> user_data = std::nullopt,
              srn_audio_device_settings* settings = nullptr) {
+  std::istringstream words(kDeviceSlots);
+  const std::vector<std::string> names{std::istream_iterator<std::string>(words), {}};
+  const auto found = std::find(names.begin(), names.end(), name);
+  if (found == names.end()) return kUnknownSlot;
   const auto table = installedDevice();
-  for (const NamedSlot& slot : kSlots) {
-    if (name == nullptr || slot.name != name) continue;
-    const auto plain = table && slot.plain != nullptr ? (*table).*slot.plain : nullptr;
-    const auto settled = table && slot.settings != nullptr ? (*table).*slot.settings : nullptr;
-    if (plain == nullptr && settled == nullptr) return kNoSlot;
-    void* const data = user_data.value_or(table->user_data);
+  if (!table) return kNoSlot;
+  void* const data = user_data.value_or(table->user_data);
+  const auto place = static_cast<size_t>(found - names.begin()) * sizeof(void*);
+  // The slots differ in one thing only: those that give settings take a record.
+  const auto call = [&](auto slot, auto... record) {
+    std::memcpy(&slot, reinterpret_cast<const char*>(&*table) + place, sizeof slot);
+    if (slot == nullptr) return kNoSlot;
     const std::lock_guard turn(device().turn);
-    return plain != nullptr ? plain(&device().handle, data)
-                            : settled(&device().handle, data, settings);
-  }
-  return kUnknownSlot;
+    return int{slot(&device().handle, data, record...)};
+  };
+  return name.ends_with("_settings") ? call(Table{}.get_capture_settings, settings)
+                                     : call(Table{}.init);
 }
 
 void startSide(const std::string& side, const char* get_settings, void (*take)(int)) {
-  if (callSlot(("is_" + side + "_initialized").c_str()) == SRN_TRUE) return;
+  if (callSlot("is_" + side + "_initialized") == SRN_TRUE) return;
   srn_audio_device_settings settings{};
   if (callSlot(get_settings, std::nullopt, &settings) == SRN_TRUE) {
     take(settings.number_of_channels);
   }
-  if (callSlot(("init_" + side).c_str()) == SRN_TRUE) callSlot(("start_" + side).c_str());
+  if (callSlot("init_" + side) == SRN_TRUE) callSlot("start_" + side);
 }
 
 void startNow(const srn_session& session) {

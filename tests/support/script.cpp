@@ -108,13 +108,14 @@ void print(std::ostream& out, const srn_subscriber_callbacks* table) {
       "reserved");
 }
 
+const char* const kDeviceSlots =
+    "init destroy init_capturer destroy_capturer start_capturer stop_capturer "
+    "is_capturer_initialized is_capturer_started get_estimated_capture_delay get_capture_settings "
+    "init_renderer destroy_renderer start_renderer stop_renderer is_renderer_initialized "
+    "is_renderer_started get_estimated_render_delay get_render_settings user_data reserved";
+
 void print(std::ostream& out, const srn_audio_device_callbacks* table) {
-  printSlots(out, table, sizeof *table,
-             "init destroy init_capturer destroy_capturer start_capturer stop_capturer "
-             "is_capturer_initialized is_capturer_started get_estimated_capture_delay "
-             "get_capture_settings init_renderer destroy_renderer start_renderer stop_renderer "
-             "is_renderer_initialized is_renderer_started get_estimated_render_delay "
-             "get_render_settings user_data reserved");
+  printSlots(out, table, sizeof *table, kDeviceSlots);
 }
 
 void print(std::ostream& out, const srn_video_capturer_callbacks* table) {

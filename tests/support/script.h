@@ -20,6 +20,9 @@
 
 namespace scripted {
 
+// The slots of an audio device in the order of its table, which is pointers and nothing else.
+extern const char* const kDeviceSlots;
+
 // How an argument is written in the log.
 void print(std::ostream& out, const char* text);
 void print(std::ostream& out, const Handle* handle);
