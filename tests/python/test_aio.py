@@ -19,6 +19,7 @@ BUILD = Path(os.environ.get("TAVRIN_BUILD") or ROOT / "build" / os.environ.get("
 sys.path[:0] = [str(BUILD / "python"), str(ROOT / "python")]
 
 from tavrin_media_relay import frame_buffer_size  # noqa: E402
+from tavrin_media_relay.aio import AudioFrame  # noqa: E402
 from tavrin_media_relay.aio._pictures import convert  # noqa: E402
 from tavrin_media_relay.aio._resample import Converter  # noqa: E402
 
@@ -89,6 +90,14 @@ def test_pictures_keep_their_colours(size, layout):
         assert len(there) == frame_buffer_size(*size, wanted)
         back = np.frombuffer(convert(bytes(there), *size, wanted, "RGB24"), np.uint8).reshape(-1, 3)
         assert np.abs(back.astype(int) - [200, 90, 40]).max() <= 3, (wanted, back[0])
+
+
+def test_numpy_is_asked_for_by_name(monkeypatch):
+    monkeypatch.setitem(sys.modules, "numpy", None)
+    frame = AudioFrame(8000, 1, memoryview(bytes(4)).cast("h"), 0.0)
+    assert (frame.frame_count, frame.tobytes()) == (2, bytes(4))
+    with pytest.raises(ImportError, match="python3-numpy"):
+        frame.numpy()
 
 
 def test_ctrl_c():
