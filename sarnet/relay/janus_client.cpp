@@ -83,7 +83,7 @@ void JanusClient::connection_failed(const std::string& reason) {
       }
       break;
     case State::kBroken:
-      retry_timer_ = MainLoop::Timer(loop_, kRetryPeriod, [this] { retry(); });
+      retry_timer_ = MainLoop::Timer(loop_, kRetryPeriod, [this] { connect(); });
       break;
     default:
       break;
@@ -107,10 +107,8 @@ void JanusClient::broken(const std::string& reason) {
   break_timer_ = MainLoop::Timer(loop_, settings_.reconnect_limit,
                                  [this] { lost("and could not be resumed in time"); });
   socket_->close();
-  retry();
+  connect();
 }
-
-void JanusClient::retry() { connect(); }
 
 void JanusClient::claim() {
   request(
@@ -119,8 +117,11 @@ void JanusClient::claim() {
         if (state_ != State::kBroken) return;
         if (reply.ok()) {
           resumed();
-        } else {
+        } else if (reply.outcome == JanusReply::Outcome::kRefused) {
           lost("and the server does not know the session any more: " + reply.text);
+        } else {
+          socket_->close();
+          connect();
         }
       },
       false, true);

@@ -82,7 +82,6 @@ class JanusClient {
   void connection_failed(const std::string& reason);
   void session_created(const JanusReply& reply);
   void broken(const std::string& reason);
-  void retry();
   void claim();
   void resumed();
   void lost(const std::string& reason);

@@ -3,16 +3,16 @@
 #include <gtest/gtest.h>
 #include <sarnet/sarnet.h>
 
-#include <condition_variable>
-#include <mutex>
+#include <chrono>
 #include <thread>
 
 #include "relay/relay_engine.h"
 #include "relay/relay_room.h"
 #include "relay/relay_settings.h"
 #include "relay/relay_subscription.h"
-#include "relay/scripted_server.h"
 #include "relay/services.h"
+#include "relay/signalling/scripted_server.h"
+#include "support/waiting.h"
 
 namespace sarnet::relay {
 namespace {
@@ -40,27 +40,10 @@ class Story : public SessionSink, public RoomObserver {
   }
   void stream_removed(const StreamInfo& stream) override { add("stream- " + stream.id); }
 
-  bool wait_for(const std::string& prefix) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, 20s, [&] {
-      return std::ranges::any_of(events_, [&](const auto& e) { return e.starts_with(prefix); });
-    });
-  }
-  std::vector<std::string> all() const {
-    const std::lock_guard lock(mutex_);
-    return events_;
-  }
+  Journal log;
 
  private:
-  void add(const std::string& event) {
-    const std::lock_guard lock(mutex_);
-    events_.push_back(event);
-    changed_.notify_all();
-  }
-
-  mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::string> events_;
+  void add(const std::string& event) { log.add(event); }
 };
 
 json person(const std::string& id, const std::string& display) {
@@ -82,7 +65,7 @@ TEST_P(RoomNotices, AreToldOnceAndInOrder) {
   for (const json& notice : GetParam().notices) {
     notice.is_array() ? room.resynchronise(notice) : room.take(notice);
   }
-  EXPECT_EQ(story->all(), GetParam().events);
+  EXPECT_EQ(story->log.lines(), GetParam().events);
 }
 
 const json kAnna = person("a", R"({"data":"Anna","joined":5,"stream":"camera"})");
@@ -212,8 +195,8 @@ TEST_P(Refusals, SayWhatHappenedAtWhichStep) {
   if (std::string(each.step) == "create") server_.refuse("join", 426);
   each.error != 0 ? server_.refuse(each.step, each.error) : server_.ignore(each.step);
   join(server_.port());
-  ASSERT_TRUE(story_->wait_for(each.event)) << testing::PrintToString(story_->all());
-  EXPECT_EQ(story_->all().size(), 1U);
+  ASSERT_TRUE(story_->log.await(each.event)) << testing::PrintToString(story_->log.lines());
+  EXPECT_EQ(story_->log.lines().size(), 1U);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -232,7 +215,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(Signalling, TellsWhyThereIsNoConnection) {
   join(1);
-  ASSERT_TRUE(story_->wait_for("failed 1006 Cannot connect to ws://127.0.0.1:1/"));
+  ASSERT_TRUE(story_->log.await("failed 1006 Cannot connect to ws://127.0.0.1:1/"));
 }
 
 TEST_F(Signalling, MakesARoomThatIsNotThere) {
@@ -243,19 +226,20 @@ TEST_F(Signalling, MakesARoomThatIsNotThere) {
     return json{{"videoroom", "created"}};
   });
   join(server_.port());
-  ASSERT_TRUE(story_->wait_for("stream+"));
-  EXPECT_THAT(story_->all(), ElementsAre("joined", "connection+ a Anna", "stream+ a of a camera"));
+  ASSERT_TRUE(story_->log.await("stream+"));
+  EXPECT_THAT(story_->log.lines(),
+              ElementsAre("joined", "connection+ a Anna", "stream+ a of a camera"));
 }
 
 TEST_F(Signalling, EndsWithTheRoom) {
   join(server_.port());
-  ASSERT_TRUE(story_->wait_for("joined"));
+  ASSERT_TRUE(story_->log.await("joined"));
   server_.notice({{"videoroom", "destroyed"}, {"room", "room"}});
-  ASSERT_TRUE(story_->wait_for("ended"));
+  ASSERT_TRUE(story_->log.await("ended"));
   server_.notice({{"videoroom", "event"}, {"joining", kAnna}});
   server_.drop(true);
   leave();
-  EXPECT_THAT(story_->all(), ElementsAre("joined", "ended"));
+  EXPECT_THAT(story_->log.lines(), ElementsAre("joined", "ended"));
 }
 
 TEST_F(Signalling, ComesBackAfterAShortBreakAndAsksWhatItMissed) {
@@ -264,54 +248,54 @@ TEST_F(Signalling, ComesBackAfterAShortBreakAndAsksWhatItMissed) {
     return json{{"participants", {person("b", "Bob")}}};
   });
   join(server_.port());
-  ASSERT_TRUE(story_->wait_for("connection+ a"));
+  ASSERT_TRUE(story_->log.await("connection+ a"));
   server_.drop(true);
   server_.reopen();
-  ASSERT_TRUE(story_->wait_for("connection+ b"));
-  EXPECT_THAT(story_->all(),
+  ASSERT_TRUE(story_->log.await("connection+ b"));
+  EXPECT_THAT(story_->log.lines(),
               ElementsAre("joined", "connection+ a Anna", "connection- a", "connection+ b Bob"));
 }
 
 TEST_F(Signalling, GivesUpWhenTheBreakIsLong) {
   join(server_.port());
-  ASSERT_TRUE(story_->wait_for("joined"));
+  ASSERT_TRUE(story_->log.await("joined"));
   server_.drop(true);
-  ASSERT_TRUE(story_->wait_for("failed 1022 The connection to ws://127.0.0.1"));
-  EXPECT_THAT(story_->all().back(), HasSubstr("could not be resumed in time"));
+  ASSERT_TRUE(story_->log.await("failed 1022 The connection to ws://127.0.0.1"));
+  EXPECT_THAT(story_->log.lines().back(), HasSubstr("could not be resumed in time"));
 }
 
 TEST_F(Signalling, GivesUpWhenTheServerForgotIt) {
   server_.refuse("janus claim", 458);
   join(server_.port());
-  ASSERT_TRUE(story_->wait_for("joined"));
+  ASSERT_TRUE(story_->log.await("joined"));
   server_.drop(false);
-  ASSERT_TRUE(story_->wait_for("failed 1022"));
-  EXPECT_THAT(story_->all().back(), HasSubstr("does not know the session any more"));
+  ASSERT_TRUE(story_->log.await("failed 1022"));
+  EXPECT_THAT(story_->log.lines().back(), HasSubstr("does not know the session any more"));
 }
 
 TEST_F(Signalling, NoticesASilentServer) {
   join(server_.port());
-  ASSERT_TRUE(story_->wait_for("joined"));
+  ASSERT_TRUE(story_->log.await("joined"));
   server_.ignore("janus keepalive");
-  ASSERT_TRUE(server_.wait_for("janus claim")) << "a new connection";
-  EXPECT_THAT(story_->all(), ElementsAre("joined"));
+  ASSERT_TRUE(server_.asked.await("janus claim")) << "a new connection";
+  EXPECT_THAT(story_->log.lines(), ElementsAre("joined"));
 }
 
 TEST_F(Signalling, LeavesInTimeWhateverTheServerDoes) {
   join(server_.port());
-  ASSERT_TRUE(story_->wait_for("joined"));
+  ASSERT_TRUE(story_->log.await("joined"));
   EXPECT_LT(leave(), 1s);
 
   server_.ignore("janus destroy");
   join(server_.port());
-  ASSERT_TRUE(server_.wait_for("join", 2));
+  ASSERT_TRUE(server_.asked.await("join", 2));
   EXPECT_LT(leave(), 2s) << "the farewell is not answered";
 
   server_.ignore("janus create");
   join(server_.port());
-  ASSERT_TRUE(server_.wait_for("janus create", 3));
+  ASSERT_TRUE(server_.asked.await("janus create", 3));
   EXPECT_LT(leave(), 300ms) << "while joining";
-  EXPECT_EQ(std::ranges::count_if(story_->all(),
+  EXPECT_EQ(std::ranges::count_if(story_->log.lines(),
                                   [](const auto& event) { return event.starts_with("failed"); }),
             0)
       << "nothing is told after leaving";

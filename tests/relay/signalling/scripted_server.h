@@ -2,7 +2,6 @@
 
 #include <libsoup/soup.h>
 
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -13,6 +12,7 @@
 #include "relay/janus_reply.h"
 #include "relay/janus_socket.h"
 #include "relay/main_loop.h"
+#include "support/waiting.h"
 
 // A signalling server on 127.0.0.1 that says what a test has it say. Everything goes well until the
 // test changes it. Any thread.
@@ -39,8 +39,8 @@ class ScriptedServer {
   // Closes all connections; with `shut`, no new one is taken until it is opened again.
   void drop(bool shut);
   void reopen();
-  // Whether that many requests of the name came in time.
-  bool wait_for(const std::string& name, std::size_t count = 1);
+  // The names of what was asked, in order.
+  Journal asked;
 
  private:
   static void on_connection(SoupServer*, SoupServerMessage*, const char*,
@@ -60,8 +60,6 @@ class ScriptedServer {
   unsigned port_ = 0;
 
   std::mutex mutex_;
-  std::condition_variable changed_;
   std::map<std::string, Rule> rules_;
-  std::map<std::string, std::size_t> asked_;
   std::thread thread_;
 };

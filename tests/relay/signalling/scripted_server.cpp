@@ -1,4 +1,4 @@
-#include "relay/scripted_server.h"
+#include "relay/signalling/scripted_server.h"
 
 #include <chrono>
 #include <future>
@@ -92,11 +92,10 @@ void ScriptedServer::answer(SoupWebsocketConnection* connection, const json& req
   const bool is_message = kind == "message";
   const std::string name =
       is_message ? text_of(member(request, "body"), "request") : "janus " + kind;
+  asked.add(name);
   Rule rule;
   {
     const std::lock_guard lock(mutex_);
-    ++asked_[name];
-    changed_.notify_all();
     if (const auto found = rules_.find(name); found != rules_.end()) rule = found->second;
   }
   json reply = rule ? rule(request) : json();
@@ -137,9 +136,4 @@ void ScriptedServer::drop(bool shut) {
 
 void ScriptedServer::reopen() {
   run_on_loop([&] { shut_ = false; });
-}
-
-bool ScriptedServer::wait_for(const std::string& name, std::size_t count) {
-  std::unique_lock lock(mutex_);
-  return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return asked_[name] >= count; });
 }
