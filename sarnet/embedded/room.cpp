@@ -303,8 +303,7 @@ void Room::answer_subscription(const SubscriptionSink* sink) {
   if (found == subscriptions_.end()) return;
   if (const auto stream = find_stream(found->stream_id, found->member)) {
     record("subscribed", {{"stream", found->stream_id}});
-    stream->add(found->sink);  // first: whoever hears that he is connected misses nothing
-    found->sink->subscribed();
+    stream->add(found->sink);
     return;
   }
   const auto gone = std::move(*found);

@@ -15,8 +15,10 @@ bool RoomStream::watched() const {
   return !sinks_.empty();
 }
 
-void RoomStream::add(std::shared_ptr<MediaSink> sink) {
+void RoomStream::add(std::shared_ptr<SubscriptionSink> sink) {
   const std::lock_guard lock(mutex_);
+  // Under the lock: no media come before it, and none are missed by a program that answers it.
+  sink->subscribed();
   if (!closed_) sinks_.push_back(std::move(sink));
 }
 

@@ -19,7 +19,8 @@ class RoomStream : public PublishedStream {
 
   const StreamInfo& info() const { return info_; }
   bool watched() const;
-  void add(std::shared_ptr<MediaSink> sink);
+  // Tells the sink that it is subscribed; media follow from then on.
+  void add(std::shared_ptr<SubscriptionSink> sink);
   void remove(const MediaSink* sink);
   // Nobody gets media any more, and the recording is complete.
   void close();
