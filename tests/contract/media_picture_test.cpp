@@ -154,18 +154,5 @@ TEST(TestCard, CarriesItsNumberAtEverySize) {
   }
 }
 
-TEST(Tone, GoesOnWhereTheLastBlockEnded) {
-  Tone whole({16000, 2}, 440);
-  Tone parts({16000, 2}, 440);
-  std::vector<std::int16_t> expected(3200);
-  std::vector<std::int16_t> joined(3200);
-  whole.fill(expected);
-  for (std::size_t i = 0; i < joined.size(); i += 320) {
-    parts.fill(std::span(joined).subspan(i, 320));
-  }
-  EXPECT_EQ(joined, expected);
-  EXPECT_NEAR(*std::max_element(joined.begin(), joined.end()), 0.25 * 32767, 30);
-}
-
 }  // namespace
 }  // namespace sarnet

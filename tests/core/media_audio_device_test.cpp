@@ -1,4 +1,5 @@
 #include <cstdint>
+#include <sstream>
 #include <stdexcept>
 
 #include "core_test.h"
@@ -43,35 +44,19 @@ TEST_F(AudioDevice, TellsTheFormatsInForce) {
 }
 
 TEST_F(AudioDevice, AnswersEverySlotByTheStateOfItsSide) {
-  const std::vector<std::pair<const char*, int>> steps = {
-      {"init", 1},
-      {"is_capturer_initialized", 0},
-      {"init_capturer", 1},
-      {"init_capturer", 0},
-      {"is_capturer_initialized", 1},
-      {"is_capturer_started", 0},
-      {"start_capturer", 1},
-      {"is_capturer_started", 1},
-      {"is_renderer_initialized", 0},
-      {"start_renderer", 0},
-      {"init_renderer", 1},
-      {"is_renderer_initialized", 1},
-      {"start_renderer", 1},
-      {"is_renderer_started", 1},
-      {"stop_renderer", 1},
-      {"is_renderer_started", 0},
-      {"destroy_renderer", 1},
-      {"destroy_renderer", 0},
-      {"stop_capturer", 1},
-      {"destroy_capturer", 1},
-      {"stop_capturer", 0},
-      {"get_capture_settings", 0},
-      {"get_render_settings", 0},
-      {"destroy", 1},
-      {"get_estimated_capture_delay", -1},
-      {"get_estimated_render_delay", -1},
-  };
-  for (const auto& [slot, result] : steps) EXPECT_EQ(scripted_device_slot(slot), result) << slot;
+  // The slots in this order, and what they answer.
+  std::istringstream steps(
+      "init 1 is_capturer_initialized 0 init_capturer 1 init_capturer 0 is_capturer_initialized 1 "
+      "is_capturer_started 0 start_capturer 1 is_capturer_started 1 is_renderer_initialized 0 "
+      "start_renderer 0 init_renderer 1 is_renderer_initialized 1 start_renderer 1 "
+      "is_renderer_started 1 stop_renderer 1 is_renderer_started 0 destroy_renderer 1 "
+      "destroy_renderer 0 stop_capturer 1 destroy_capturer 1 stop_capturer 0 "
+      "get_capture_settings 0 get_render_settings 0 destroy 1 get_estimated_capture_delay -1 "
+      "get_estimated_render_delay -1");
+  std::string slot;
+  for (int answer = 0; steps >> slot >> answer;) {
+    EXPECT_EQ(scripted_device_slot(slot.c_str()), answer) << slot;
+  }
   EXPECT_EQ(scripted_device_slot_with("start_capturer", nullptr), 0);
   EXPECT_EQ(scripted_device_slot_with("is_renderer_started", nullptr), 0);
 }

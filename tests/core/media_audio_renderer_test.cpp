@@ -165,16 +165,6 @@ TEST_F(AudioRenderer, AnOldLoopKeepsItsFormatWhileANewOneIsSet) {
   EXPECT_EQ(delivered.back().channels, 2U);
 }
 
-TEST_F(AudioRenderer, AThrowingCallbackEndsTheLoopOnly) {
-  const LogCapture logs(log4cxx::Level::getWarn());
-  MRAudioRenderer failing(milliseconds(10),
-                          [](const MRAudioData&) { throw std::runtime_error("deaf"); });
-  ASSERT_TRUE(failing.init(48000, 1));
-  ASSERT_TRUE(failing.start());
-  EXPECT_TRUE(logs.await("ERROR MRAudioRenderer::loopFn: Exception occurred running loop: deaf"));
-  EXPECT_TRUE(failing.stop());
-}
-
 TEST_F(AudioRenderer, DrainsTheLibraryWithNobodyListening) {
   const LogCapture logs(log4cxx::Level::getWarn(), "MRAudioRenderer");
   MRAudioRenderer deaf(milliseconds(10), nullptr);

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <sstream>
 #include <thread>
 
 #include "core_test.h"
@@ -123,16 +122,6 @@ TEST_F(VideoFrame, IsWrappedOnceForTheLibraryWithoutACopy) {
   EXPECT_EQ(srn_video_frame_get_format(wrapped.get()), SRN_VIDEO_FRAME_FORMAT_RGB24);
 }
 
-TEST_F(VideoFrame, LetsGoOfTheWrapperAndReturnsTheBuffer) {
-  const int size = MRVideoFrame::bufferSize(34, 18, ARGB32);
-  const std::size_t pooled = Pool::instance().getPoolSize(size);
-  auto frame = MRVideoFrame::create(34, 18, ARGB32);
-  frame->toSrnVideoFrame();
-  frame.reset();
-  EXPECT_EQ(scripted_live("frame"), 0);
-  EXPECT_EQ(Pool::instance().getPoolSize(size), std::max<std::size_t>(pooled, 1));
-}
-
 TEST_F(VideoFrame, SharedPixelsLiveAsLongAsAnyCopyOfTheirOwner) {
   EXPECT_EQ(MRVideoFrame::share(nullptr).buffer, nullptr);
   const std::vector<std::uint8_t> picture(6, 9);
@@ -188,61 +177,6 @@ TEST_F(VideoFrame, PacksWhatTheLibraryGives) {
     ASSERT_NE(frame, nullptr) << row.name;
     EXPECT_EQ(pixels(frame->getFrameData()), row.expected) << row.name;
     srn_video_frame_delete(given);
-  }
-}
-
-TEST_F(VideoFrame, RefusesWhatItCannotPack) {
-  const std::string kFrom = "ERROR MRVideoFrame::fromSrnVideoFrame: ";
-  const struct {
-    scripted_frame_spec spec;
-    const char* error;
-  } kRows[] = {
-      {square(4, [](Spec& s) { s.buffer_size = -1; }),
-       "Cannot create frame from video_frame with empty buffer"},
-      {square(4, [](Spec& s) { s.format = SRN_VIDEO_FRAME_FORMAT_NV12; }),
-       "Unsupported video frame format 2, only supported video format is YUV420P"},
-      {square(4, [](Spec& s) { s.width = 0, s.buffer_size = 24; }),
-       "Cannot create frame with non-positive dimensions"},
-      {square(4, [](Spec& s) { s.buffer_size = 23; }),
-       "Buffer length is less than minimum required for the format and dimensions, "
-       "buffer_length = 23, expected_buffer_length = 24"},
-      {square(4, [](Spec& s) { s.missing = 2, s.buffer_size = 25; }), "plane_buffer is null"},
-      {square(4, [](Spec& s) { stride(s, 8, 1, 8), s.buffer_size = 99; }),
-       "Plane stride is less than expected, cannot copy data correctly"},
-  };
-  for (const auto& row : kRows) {
-    const std::size_t pooled = Pool::instance().getPoolSize(24);
-    srn_video_frame* given = scripted_frame_new(&row.spec);
-    ASSERT_NE(given, nullptr) << row.error;
-    const LogCapture logs(log4cxx::Level::getWarn());
-    EXPECT_EQ(MRVideoFrame::fromSrnVideoFrame(given), nullptr) << row.error;
-    EXPECT_THAT(logs.lines(), ElementsAre(kFrom + row.error));
-    EXPECT_GE(Pool::instance().getPoolSize(24), pooled);
-    srn_video_frame_delete(given);
-  }
-  const LogCapture logs(log4cxx::Level::getWarn());
-  EXPECT_EQ(MRVideoFrame::fromSrnVideoFrame(nullptr), nullptr);
-  EXPECT_EQ(logs.count(kFrom + "Cannot create frame from null video_frame"), 1);
-}
-
-TEST_F(VideoFrame, FormatsHaveNamesAndLibraryNumbers) {
-  const struct {
-    const char* name;
-    MRVideoFrameFormat format;
-    srn_video_frame_format library;
-  } kRows[] = {{"YUV420P", YUV420P, SRN_VIDEO_FRAME_FORMAT_YUV420P},
-               {"RGB24", RGB24, SRN_VIDEO_FRAME_FORMAT_RGB24},
-               {"ARGB32", ARGB32, SRN_VIDEO_FRAME_FORMAT_ARGB32},
-               {"UNKNOWN", UNKNOWN, SRN_VIDEO_FRAME_FORMAT_UNKNOWN}};
-  for (const auto& row : kRows) {
-    std::ostringstream text;
-    text << row.format;
-    EXPECT_EQ(text.str(), row.name);
-    EXPECT_EQ(MRVideoFrameFormatUtils::to_snt_video_frame_format(row.name), row.format);
-    EXPECT_EQ(MRVideoFrameFormatUtils::to_srn_video_frame_format(row.format), row.library);
-  }
-  for (const char* name : {"yuv420p", "I420", "", "RGB24 "}) {
-    EXPECT_EQ(MRVideoFrameFormatUtils::to_snt_video_frame_format(name), UNKNOWN) << name;
   }
 }
 

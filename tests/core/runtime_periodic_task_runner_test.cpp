@@ -141,18 +141,6 @@ TEST(PeriodicTaskRunner, AThrowingTaskEndsTheLoopAfterOneReport) {
   }
 }
 
-TEST(PeriodicTaskRunner, ARefusedRunLeavesTheRunningLoopAlone) {
-  Counter calls;
-  std::atomic<bool> second_ran{false};
-  PeriodicTaskRunner runner("Twice");
-  EXPECT_FALSE(runner.stop());
-  ASSERT_TRUE(runner.run([&] { calls.add(); }, milliseconds(1), ignoreError));
-  EXPECT_FALSE(runner.run([&] { second_ran = true; }, milliseconds(1), ignoreError));
-  EXPECT_TRUE(calls.await(calls.value() + 2));
-  EXPECT_TRUE(runner.stop());
-  EXPECT_FALSE(second_ran);
-}
-
 TEST(PeriodicTaskRunner, RunAndStopFromManyThreadsKeepOneLoop) {
   PeriodicTaskRunner runner("Racing");
   std::atomic<int> inside{0};

@@ -51,33 +51,4 @@ TEST(DeviceInfo, ReadsOnlyUsableAddresses) {
   }
 }
 
-TEST(DeviceInfo, GivesANewRecordAtEachCall) {
-  const auto release = [](snt_device_info* info) {
-    for (const char* text : {info->device_uuid, info->bundle_id, info->system_version,
-                             info->device_model, info->network_status}) {
-      std::free(const_cast<char*>(text));
-    }
-    std::free(info);
-  };
-  mr::setWrapperLanguage("cpp");
-  snt_device_info* first = srn_get_device_info();
-  mr::setWrapperLanguage("python");
-  snt_device_info* second = srn_get_device_info();
-  ASSERT_NE(first, nullptr);
-  ASSERT_NE(second, nullptr);
-  EXPECT_NE(first, second);
-  EXPECT_NE(first->device_uuid, second->device_uuid);
-  EXPECT_STREQ(first->device_uuid, second->device_uuid);
-  EXPECT_THAT(first->device_uuid, testing::MatchesRegex("00000000-0000-0000-0000-[0-9a-fA-F]{12}"));
-  EXPECT_STREQ(first->bundle_id, "1.0.3");
-  EXPECT_STREQ(first->system_version, "tavrin-media-relay-cpp-1.0.3");
-  EXPECT_STREQ(second->system_version, "tavrin-media-relay-python-1.0.3");
-  EXPECT_STREQ(first->device_model, "tavrin-media-relay");
-  EXPECT_STREQ(first->network_status, "Unknown");
-  EXPECT_EQ(first->stats_callback, nullptr);
-  EXPECT_EQ(first->device_cannot_do_simulcast, 'n');
-  release(first);
-  release(second);
-}
-
 }  // namespace
