@@ -28,7 +28,7 @@ std::function<bool()> got(Listener& listener, std::size_t frames, std::size_t bl
 void expect_numbers_grow(const Listener& listener) {
   for (std::size_t i = 0; i < listener.frames.size(); ++i) {
     EXPECT_GE(listener.frames[i].number, 0) << "frame " << i << " is damaged";
-    if (i > 0) EXPECT_GT(listener.frames[i].number, listener.frames[i - 1].number);
+    EXPECT_GT(listener.frames[i].number, i > 0 ? listener.frames[i - 1].number : -1);
   }
 }
 
@@ -93,7 +93,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, Peers,
                                          Kind{"sound_alone", {.has_video = false}},
                                          Kind{"pictures_alone", {.has_audio = false}},
                                          Kind{"h264", {.captions = true}, true}),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& kind) { return std::string(kind.param.name); });
 
 TEST(PeersUnderLoss, StandThreePercentEachWay) {
   const loopback::PacketLoss loss(0.03);
