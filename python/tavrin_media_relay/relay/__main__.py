@@ -18,6 +18,7 @@ from .settings import Settings
 from .tokens import DAY, join_token
 
 SECRET_VARIABLE = "SARNET_RELAY_TOKEN_SECRET"
+ADMIN_VARIABLE = "SARNET_RELAY_ADMIN_KEY"
 AGENT_SECONDS = 5.0  # that a program has for leaving
 _UNITS = {"s": 1, "m": 60, "h": 3600, "d": DAY}
 
@@ -44,28 +45,31 @@ def add_server_options(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--address", default="127.0.0.1", help="serve media and TLS here (default: loopback)")
     parser.add_argument("--loopback", action="store_const", const="127.0.0.1", dest="address",
                         help="serve this machine alone, which is the default")  # fmt: skip
+    parser.add_argument("--public-address", default="", help="the address that others see, behind a router")
     parser.add_argument("--port", type=int, default=8188, help="WebSocket on 127.0.0.1 (default: 8188)")
     parser.add_argument("--tls-port", type=int, default=0, help="WebSocket over TLS (default: 801 above --port)")
     parser.add_argument("--rtp-ports", type=ports, default=(0, 0), metavar="FIRST-LAST",
                         help="UDP ports of media (default: 20000-20999)")  # fmt: skip
     parser.add_argument("--room", action="append", dest="rooms", metavar="ROOM",
                         help="a room to have from the start; may come again (default: lobby)")  # fmt: skip
-    parser.add_argument("--admin-key", default="", help="let only those who know it make further rooms")
+    parser.add_argument("--admin-key", default=os.environ.get(ADMIN_VARIABLE, ""),
+                        help=f"let only those who know it make further rooms (default: {ADMIN_VARIABLE})")  # fmt: skip
     parser.add_argument("--certificate", type=Path, help="PEM file for TLS (default: a new self-signed one)")
     parser.add_argument("--key", type=Path, help="PEM file with the certificate's key")
 
 
 def settings_from(arguments: argparse.Namespace) -> Settings:
     return Settings(
-        folder=arguments.folder, address=arguments.address, port=arguments.port, tls_port=arguments.tls_port,
-        rtp_ports=arguments.rtp_ports, rooms=arguments.rooms or ["lobby"], admin_key=arguments.admin_key,
+        folder=arguments.folder, address=arguments.address, public_address=arguments.public_address,
+        port=arguments.port, tls_port=arguments.tls_port, rtp_ports=arguments.rtp_ports,
+        rooms=arguments.rooms or ["lobby"], admin_key=arguments.admin_key,
         token_secret=os.environ.get(SECRET_VARIABLE, ""), certificate=arguments.certificate, key=arguments.key,
     )  # fmt: skip
 
 
 def variables_for(server: RelayServer) -> dict[str, str]:
     variables = {"API_HOSTNAME": server.settings.host}
-    if not server.settings.loopback:
+    if not server.settings.loopback and server.settings.certificate is None:
         variables["SARNET_RELAY_CA_FILE"] = str(server.certificate)
     return variables
 
@@ -78,9 +82,9 @@ def how_to_join(server: RelayServer) -> str:
     lines = [f"Relay server on {settings.address}, stopped with Ctrl-C. To join:", ""]
     lines += [f"  {name:<21} {value}" for name, value in variables.items()]
     lines += [f"  {'session id':<21} {room}", f"  {'token (one day)':<21} {token}", ""]
-    lines += ["Or, ready to paste, before a program that reads SESSION_ID and TOKEN:", ""]
+    lines += ["Or, ready to paste, before any of the examples:", ""]
     assignments = " ".join(f"{name}={value}" for name, value in variables.items())
-    lines += [f"  export {assignments} SESSION_ID={room} TOKEN='{token}'", ""]
+    lines += [f"  export {assignments} TAVRIN_SESSION={room} TAVRIN_TOKEN='{token}'", ""]
     if settings.loopback:
         lines += [f"Over TLS: wss://localhost:{settings.tls_port} with SARNET_RELAY_CA_FILE={server.certificate}"]
     return "\n".join(lines)
@@ -121,7 +125,7 @@ def room(arguments: argparse.Namespace) -> int:
             sys.stdout.flush()
             if arguments.agent is not None:
                 environment = os.environ | variables_for(server)
-                environment |= {"SESSION_ID": name, "TOKEN": join_token(name, settings.token_secret)}
+                environment |= {"TAVRIN_SESSION": name, "TAVRIN_TOKEN": join_token(name, settings.token_secret)}
                 command = ["setpriv", "--pdeathsig", "TERM", sys.executable, str(arguments.agent)]
                 agent = subprocess.Popen(command, env=environment, start_new_session=True)
             try:

@@ -31,6 +31,8 @@ class Settings:
     """Its own folder; made if missing, emptied of the server's files when it stops. None: a default."""
     address: str = "127.0.0.1"
     """Where media and TLS are served. A loopback address serves this machine alone."""
+    public_address: str = ""
+    """Under which others reach `address`, if a router in between translates it."""
     port: int = 8188
     """WebSocket in the clear, on 127.0.0.1 alone."""
     tls_port: int = 0
@@ -50,6 +52,8 @@ class Settings:
     def __post_init__(self) -> None:
         self.folder = Path(self.folder or default_folder(self.port)).absolute()
         self.address = str(ipaddress.ip_address(self.address))
+        if self.public_address:
+            self.public_address = str(ipaddress.ip_address(self.public_address))
         self.tls_port = self.tls_port or self.port + 801
         if self.rtp_ports == (0, 0):
             self.rtp_ports = (20000, 20999)
@@ -82,11 +86,13 @@ class Settings:
         """What a program on this machine (loopback) or on another (TLS) sets API_HOSTNAME to."""
         if self.loopback:
             return f"ws://127.0.0.1:{self.port}"
-        return f"wss://{f'[{self.address}]' if ':' in self.address else self.address}:{self.tls_port}"
+        address = self.public_address or self.address
+        return f"wss://{f'[{address}]' if ':' in address else address}:{self.tls_port}"
 
 
 def _make_certificate(settings: Settings, certificate: Path, key: Path) -> None:
-    names = dict.fromkeys(["DNS:localhost", "IP:127.0.0.1", f"IP:{settings.address}"])
+    addresses = ["127.0.0.1", settings.address, settings.public_address]
+    names = dict.fromkeys(["DNS:localhost", *(f"IP:{address}" for address in addresses if address)])
     done = subprocess.run(
         [
             "openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
@@ -109,6 +115,7 @@ def write(settings: Settings) -> list[Path]:
         "folder": folder, "address": settings.address, "port": settings.port, "tls_port": settings.tls_port,
         "rtp_ports": "{}-{}".format(*settings.rtp_ports), "token_secret": settings.token_secret,
         "certificate": certificate.absolute(), "key": key.absolute(),
+        "public_address_line": f'\tnat_1_1_mapping = "{settings.public_address}"\n' if settings.public_address else "",
         "admin_key_line": f'\tadmin_key = "{settings.admin_key}"\n' if settings.admin_key else "",
     }  # fmt: skip
     texts = {
