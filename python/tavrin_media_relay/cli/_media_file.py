@@ -73,7 +73,8 @@ def probe(path: Path) -> MediaFile:
         capture_output=True, text=True, stdin=subprocess.DEVNULL, errors="replace", start_new_session=True,
     )  # fmt: skip
     if done.returncode:
-        raise Failure(f"{path}: {done.stderr.strip().splitlines()[-1] if done.stderr.strip() else 'cannot be read'}")
+        reason = (done.stderr.strip().splitlines() or ["cannot be read"])[-1]
+        raise Failure(f"{path}: {reason.removeprefix(f'file:{path}: ')}")
     told = json.loads(done.stdout)
     streams = told.get("streams", [])
     audio = any(each.get("codec_type") == "audio" for each in streams)
@@ -100,18 +101,21 @@ async def _ffmpeg(path: Path, before: list[str], after: list[str], limit: int) -
             stdin=asyncio.subprocess.DEVNULL, stdout=asyncio.subprocess.PIPE, stderr=complaints,
             limit=limit, start_new_session=True,  # Ctrl-C is for us
         )  # fmt: skip
+        assert process.stdout is not None
         try:
-            assert process.stdout is not None
             yield process.stdout
             code = await process.wait()
         finally:
             if process.returncode is None:
                 process.kill()
+                while await process.stdout.read(65536):  # to the end: until then asyncio keeps the pipe
+                    pass
                 await process.wait()
         if code:
             complaints.seek(0)
             lines = complaints.read().decode(errors="replace").strip().splitlines()
-            raise Failure(f"{path}: {lines[-1] if lines else f'ffmpeg ended with code {code}'}")
+            reason = (lines or [f"ffmpeg ended with code {code}"])[-1]
+            raise Failure(f"{path}: {reason.removeprefix(f'file:{path}: ')}")
 
 
 async def samples(file: MediaFile) -> AsyncGenerator[tuple[bytes, int, int], None]:

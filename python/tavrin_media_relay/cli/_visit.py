@@ -140,7 +140,8 @@ def run(
     try:
         return asyncio.run(_visit(options, terminal, body, av, figures))
     except aio.MediaError as error:
-        raise Failure(error.message, error.code) from None
+        hint = " (--log-level info shows it)" if error.code == error.NOT_STARTED else ""
+        raise Failure(error.message + hint, error.code) from None
     except (aio.ClosedError, ValueError) as error:
         raise Failure(str(error)) from None
     except asyncio.CancelledError:

@@ -155,7 +155,7 @@ def _try_out(findings: _Findings) -> Optional[Figures]:
         try:
             figures = asyncio.run(loopback(Path(folder), LoggingSettings("error")))
         except Exception as error:  # whatever it is: that a session does not work is what we were asked
-            findings.add("bad", "loopback", f"{type(error).__name__}: {error}", "Try again with TAVRIN's log: play --log-level info.")
+            findings.add("bad", "loopback", f"{type(error).__name__}: {error}", "See what happens: record --log-level info --session try --out /tmp/try")
             return None
     if figures.sent_missing or not figures.heard_tone:
         text = "sound went astray: " + ("what was spoken is not in the recording" if figures.sent_missing else "a tone was not heard")
