@@ -1,0 +1,121 @@
+"""What an agent did in a rehearsal."""
+
+from __future__ import annotations
+
+import json
+from dataclasses import dataclass, field
+from datetime import datetime
+from pathlib import Path
+from typing import Any, Optional
+
+from .. import aio
+from .recordings import Film, Sound
+
+
+@dataclass(frozen=True)
+class Entry:
+    """A line of the embedded engine's event log."""
+
+    at: float
+    """Seconds since the agent had joined; negative before."""
+    name: str
+    """For example "joined", "publication", "subscribed", "recorded", "left"."""
+    fields: dict[str, Any]
+
+    def __str__(self) -> str:
+        rest = ", ".join(f"{key}={value}" for key, value in self.fields.items())
+        return f"{self.at:7.3f} s  {self.name} {rest}".rstrip()
+
+
+@dataclass(frozen=True)
+class Publication:
+    """A stream that the agent published."""
+
+    name: str
+    begin: float
+    end: float
+    """When it was published, and when it ended."""
+    sound: Optional[Sound]
+    film: Optional[Film]
+    """None where nothing of the kind was sent."""
+
+
+@dataclass
+class Performance:
+    entries: list[Entry]
+    """The engine's event log, in order."""
+    publications: list[Publication]
+    result: Any = None
+    """What the agent returned."""
+    told: list[tuple[float, aio.Event]] = field(default_factory=list)
+    """What the session told, and when: where the rehearsal had joined for the agent."""
+    statistics: Optional[aio.Statistics] = None
+    """Of the session at its end: where the rehearsal had joined for the agent."""
+    exit_code: Optional[int] = None
+    output: str = ""
+    """What a program printed, on both of its outputs."""
+
+    def named(self, name: str) -> list[Entry]:
+        return [each for each in self.entries if each.name == name]
+
+    def entry(self, name: str) -> Entry:
+        """The first entry of this name; fails the test, with the whole log, if there is none."""
+        found = self.named(name)
+        if not found:
+            raise AssertionError(f"nothing named {name!r} happened:\n{self.log()}")
+        return found[0]
+
+    @property
+    def publication(self) -> Publication:
+        """The one stream that was published."""
+        if len(self.publications) != 1:
+            raise AssertionError(f"{len(self.publications)} streams were published, not one:\n{self.log()}")
+        return self.publications[0]
+
+    @property
+    def sound(self) -> Sound:
+        """What was spoken in the one stream that was published."""
+        sound = self.publication.sound
+        if sound is None:
+            raise AssertionError(f"no sound was sent:\n{self.log()}")
+        return sound
+
+    @property
+    def film(self) -> Film:
+        """What was shown in the one stream that was published."""
+        film = self.publication.film
+        if film is None:
+            raise AssertionError(f"no pictures were sent:\n{self.log()}")
+        return film
+
+    def log(self) -> str:
+        """For people: the event log, and when there was sound in what was published."""
+        lines = [str(each) for each in self.entries]
+        for each in self.publications:
+            if each.sound is not None:
+                spoken = ", ".join(map(str, each.sound.utterances())) or "silence only"
+                lines.append(f"{each.name} sent sound: {spoken} (to within {each.sound.timing_error:.2f} s)")
+            if each.film is not None:
+                lines.append(f"{each.name} sent {len(each.film)} pictures of {each.film.width}x{each.film.height}")
+        return "\n".join(lines)
+
+
+def read(folder: Path) -> Performance:
+    """From a recording that is complete."""
+    lines = [json.loads(line) for line in (folder / "events.jsonl").read_text(encoding="utf-8").splitlines()]
+    times = [datetime.fromisoformat(line.pop("time")).timestamp() for line in lines]
+    names = [str(line.pop("event")) for line in lines]
+    zero = times[names.index("joined")] if "joined" in names else times[0]
+    entries = [Entry(time - zero, name, line) for time, name, line in zip(times, names, lines)]
+    publications = []
+    ends = {each.fields["publication"]: each for each in entries if each.name == "recorded"}
+    for each in entries:
+        if each.name != "publication":
+            continue
+        last = ends.get(each.fields["publication"])
+        told = last.fields if last is not None else {}
+        end = last.at if last is not None else entries[-1].at
+        sound = Sound(folder / told["audio"], each.at, end) if "audio" in told else None
+        film = Film(folder / told["video"], each.at, end) if "video" in told else None
+        publications.append(Publication(each.fields["name"], each.at, end, sound, film))
+    return Performance(entries, publications)
