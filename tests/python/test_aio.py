@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import ast
 import os
 import random
 import signal
@@ -16,40 +15,31 @@ import pytest
 HERE = Path(__file__).resolve().parent
 ROOT = HERE.parents[1]
 BUILD = Path(os.environ.get("TAVRIN_BUILD") or ROOT / "build" / os.environ.get("TAVRIN_PRESET", "release"))
-sys.path[:0] = [str(BUILD / "python"), str(ROOT / "python")]
+sys.path[:0] = [str(HERE), str(BUILD / "python"), str(ROOT / "python")]
 
+import aio_cases  # noqa: E402
 from tavrin_media_relay import frame_buffer_size  # noqa: E402
 from tavrin_media_relay.aio import AudioFrame  # noqa: E402
 from tavrin_media_relay.aio._pictures import convert  # noqa: E402
 from tavrin_media_relay.aio._resample import Converter  # noqa: E402
 
-CASES = HERE / "aio_cases.py"
 #: On standard error these tell of something that was left behind.
 COMPLAINTS = ("Traceback", "was destroyed", "never awaited", "never retrieved", "Exception in", "ResourceWarning")
 
 
-def names() -> list[str]:
-    (cases,) = (
-        node.value
-        for node in ast.parse(CASES.read_text()).body
-        if isinstance(node, ast.Assign) and ast.unparse(node.targets[0]) == "CASES"
-    )
-    return [each.id for each in cases.elts]
-
-
-def start(case: str, **environment: str) -> subprocess.Popen[str]:
+def start(case: str, folder: Path, **environment: str) -> subprocess.Popen[str]:
     variables = {key: value for key, value in os.environ.items() if key not in ("LD_LIBRARY_PATH", "API_HOSTNAME")}
     variables["PYTHONPATH"] = os.pathsep.join([str(BUILD / "python"), str(ROOT / "python")])
     variables |= environment
     return subprocess.Popen(
-        [sys.executable, "-X", "dev", "-W", "ignore::DeprecationWarning", str(CASES), case],
-        env=variables, text=True, errors="replace", stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        [sys.executable, "-X", "dev", "-W", "ignore::DeprecationWarning", aio_cases.__file__, case],
+        env=variables, cwd=folder, text=True, errors="replace", stdout=subprocess.PIPE, stderr=subprocess.PIPE,
     )  # fmt: skip
 
 
-@pytest.mark.parametrize("case", [*names(), "lost_outcomes"])
-def test_case(case):
-    program = start(case, **({"LD_LIBRARY_PATH": str(BUILD / "tests" / "support")} if case == "lost_outcomes" else {}))
+@pytest.mark.parametrize("case", [*(case.__name__ for case in aio_cases.CASES), "lost_outcomes"])
+def test_case(case, tmp_path):
+    program = start(case, tmp_path, **({"LD_LIBRARY_PATH": str(BUILD / "tests" / "support")} if case == "lost_outcomes" else {}))
     try:
         out, err = program.communicate(timeout=60)
     finally:
@@ -100,8 +90,8 @@ def test_numpy_is_asked_for_by_name(monkeypatch):
         frame.numpy()
 
 
-def test_ctrl_c():
-    program = start("interrupted")
+def test_ctrl_c(tmp_path):
+    program = start("interrupted", tmp_path)
     try:
         while "running" not in program.stdout.readline():
             assert program.poll() is None, program.stderr.read()
