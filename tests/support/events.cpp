@@ -89,6 +89,15 @@ bool deliver(T& handle, Slot slot, Arguments... arguments) {
   return called;
 }
 
+// Any number, also one that the enumeration does not know: it becomes one in the call only.
+struct Code {
+  int32_t value;
+  template <class Enumeration>
+  operator Enumeration() const {
+    return static_cast<Enumeration>(value);
+  }
+};
+
 void connected(srn_session& session) {
   session.joined.store(session.gate.open());
   if (deliver(session, &srn_session_callbacks::on_connected) && isAnswered(Event::audio_device)) {
@@ -110,22 +119,19 @@ void disconnected(srn_session& session) {
 auto sessionError(int32_t code, const char* given_text) {
   return [code, copy = text(given_text)](srn_session& session) {
     ended(session);
-    deliver(session, &srn_session_callbacks::on_error, given(copy),
-            static_cast<srn_session_error_code>(code));
+    deliver(session, &srn_session_callbacks::on_error, given(copy), Code{code});
   };
 }
 
 auto publisherError(int32_t code, const char* given_text) {
   return [code, copy = text(given_text)](srn_publisher& publisher) {
-    deliver(publisher, &srn_publisher_callbacks::on_error, given(copy),
-            static_cast<srn_publisher_error_code>(code));
+    deliver(publisher, &srn_publisher_callbacks::on_error, given(copy), Code{code});
   };
 }
 
 auto subscriberError(int32_t code, const char* given_text) {
   return [code, copy = text(given_text)](srn_subscriber& subscriber) {
-    deliver(subscriber, &srn_subscriber_callbacks::on_error, given(copy),
-            static_cast<srn_subscriber_error_code>(code));
+    deliver(subscriber, &srn_subscriber_callbacks::on_error, given(copy), Code{code});
   };
 }
 

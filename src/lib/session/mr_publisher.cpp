@@ -230,8 +230,9 @@ void MRPublisher::onStreamDestroyed(srn_publisher* publisher, void* user_data, c
 void MRPublisher::onError(srn_publisher* publisher, void* user_data, const char* description,
                           srn_publisher_error_code code) {
   description = textOrEmpty(description);
-  LOG4CXX_ERROR(logger_, "MRPublisher::onError: code:" << static_cast<int32_t>(code)
-                                                       << ", description:" << description);
+  const auto number = static_cast<int32_t>(code);
+  LOG4CXX_ERROR(logger_,
+                "MRPublisher::onError: code:" << number << ", description:" << description);
   if (publisher == nullptr) {
     LOG4CXX_WARN(logger_, "MRPublisher::onError: publisher is NULL");
     return;
@@ -240,6 +241,6 @@ void MRPublisher::onError(srn_publisher* publisher, void* user_data, const char*
     return;
   }
   guardCallback(logger_, "MRPublisher::onError", [=] {
-    static_cast<MRPublisherObserver*>(user_data)->onError(description, static_cast<int32_t>(code));
+    static_cast<MRPublisherObserver*>(user_data)->onError(description, number);
   });
 }

@@ -253,8 +253,9 @@ void MRSession::onSessionDisconnected(srn_session*, void* user_data) {
 void MRSession::onSessionError(srn_session*, void* user_data, const char* description,
                                srn_session_error_code code) {
   description = textOrEmpty(description);
-  LOG4CXX_ERROR(logger, "MRSession::onSessionError: code:" << static_cast<int>(code)
-                                                           << ", description:" << description);
+  const auto number = static_cast<int>(code);  // any, also one that the enumeration does not know
+  LOG4CXX_ERROR(logger,
+                "MRSession::onSessionError: code:" << number << ", description:" << description);
   guardCallback(logger, "MRSession::onSessionError", [=] {
     const auto gate = CallbackGates<Gate>::instance().find(user_data);
     if (gate == nullptr) {
@@ -273,7 +274,7 @@ void MRSession::onSessionError(srn_session*, void* user_data, const char* descri
     if (gate->controller == nullptr) {
       return;
     }
-    gate->controller->onSessionError(gate->session_id, description, static_cast<int>(code));
+    gate->controller->onSessionError(gate->session_id, description, number);
   });
 }
 
