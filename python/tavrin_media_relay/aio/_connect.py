@@ -6,6 +6,7 @@ from typing import Optional
 
 from ..models import SessionSettings
 from ._checks import number, of_type
+from ._core import Core
 from ._opening import Opening
 from .session import Session
 
@@ -34,8 +35,8 @@ def connect(
     number("timeout", timeout, 0.0, 1e9, "seconds")
 
     async def begin() -> Session:
-        session = Session(session_id, settings or SessionSettings())
-        await session.open(application_id, token, timeout)
-        return session
+        core = Core(session_id, settings or SessionSettings())
+        await core.open(application_id, token, timeout)
+        return Session(core)
 
     return Opening(begin)

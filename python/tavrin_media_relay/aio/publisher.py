@@ -15,7 +15,7 @@ from .errors import ClosedError, PublisherError
 from .video_output import VideoOutput
 
 if TYPE_CHECKING:
-    from .session import Session
+    from ._core import Core
 
 #: The module may lose the event that tells the outcome, if it is faster than the call: then after this, in s.
 GRACE = 1.0
@@ -33,14 +33,14 @@ class Publisher:
 
     def __init__(
         self,
-        session: Session,
+        core: Core,
         settings: PublisherSettings,
         audio: SessionAudioSettings,
         video: SessionVideoPublisherSettings,
         audio_queue: float,
         video_queue: float,
     ) -> None:
-        self._session = session
+        self._core = core
         self._settings = settings
         self.stream: Optional[Stream] = None
         """Our stream as the session knows it, once it has told."""
@@ -110,17 +110,17 @@ class Publisher:
         """Ends our stream. May be called more than once."""
         self._end(f"publisher {self.name!r} has been closed")
         if self._closing is None:
-            if self._session.over:
+            if self._core.ended is not None:
                 return
             self._closing = _native.start(_native.client().unpublish)
         await _native.finish(self._closing)
-        self._session.forget_publisher(self)
+        self._core.forget_publisher(self)
 
     # ---- for the other classes of this package ----------------------------------------------------------
 
     def check(self) -> None:
         """Raises if we may not be used here and now."""
-        self._session.check()
+        self._core.check()
         if self._ended is not None:
             raise ClosedError(self._ended)
 
@@ -142,7 +142,7 @@ class Publisher:
         return self
 
     async def audio_ready(self) -> None:
-        await self._session.wait_audio_ready()
+        await self._core.wait_audio_ready()
         self.check()
 
     def session_over(self, reason: str) -> None:
@@ -160,17 +160,17 @@ class Publisher:
         audio = self._audio._output.added if self._audio is not None else None
         video = self._video._output.added if self._video is not None else None
         audio_ms, video_ms = queued()
-        self._session.post(self.ran_dry, None if audio_ms else audio, None if video_ms else video)
+        self._core.post(self.ran_dry, None if audio_ms else audio, None if video_ms else video)
 
     # ---- events -----------------------------------------------------------------------------------------
 
     def _start(self) -> bool:
-        session = self._session
+        core = self._core
         return _native.client().publish(
             self._settings,
-            on_stream_created_cb=lambda publisher: session.post(self._on_created, publisher),
-            on_stream_destroyed_cb=lambda publisher: session.post(self._on_destroyed),
-            on_error_cb=lambda publisher, message, code: session.post(self._on_error, message, code),
+            on_stream_created_cb=lambda publisher: core.post(self._on_created, publisher),
+            on_stream_destroyed_cb=lambda publisher: core.post(self._on_destroyed),
+            on_error_cb=lambda publisher, message, code: core.post(self._on_error, message, code),
         )
 
     def _on_created(self, publisher: NativePublisher) -> None:
@@ -180,13 +180,13 @@ class Publisher:
     def _on_destroyed(self) -> None:
         if self.active:
             self._end(f"publisher {self.name!r} was ended by the session")
-            self._session.tell(events.PublisherEnded())
+            self._core.tell(events.PublisherEnded())
 
     def _on_error(self, message: str, code: int) -> None:
         if self.active:
             settle(self._outcome, PublisherError(code, message))
             self._end(f"publisher {self.name!r} has failed: {message} (code {code})")
-            self._session.tell(events.PublisherFailed(PublisherError(code, message)))
+            self._core.tell(events.PublisherFailed(PublisherError(code, message)))
 
     def _end(self, reason: str) -> None:
         if self._ended is None:

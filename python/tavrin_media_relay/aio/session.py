@@ -1,21 +1,15 @@
-"""A visit to a session: joining, what goes on there, and leaving."""
+"""A session as a program sees it."""
 
 from __future__ import annotations
 
-import asyncio
-import contextlib
-import functools
 from typing import Callable, Optional
 
 from ..models import (
-    AudioData,
     Connection,
-    MediaBufferStats,
     PublisherAudioSettings,
     PublisherSettings,
     SessionAudioSettings,
     SessionAVSettings,
-    SessionSettings,
     SessionVideoPublisherSettings,
     Stream,
     SubscriberSettings,
@@ -23,71 +17,58 @@ from ..models import (
     VideoResolution,
 )
 from . import _native, events
-from ._channel import Channel, Policy, Signal, Totals, Waker, post, settle
+from ._channel import Channel, Policy
 from ._checks import number, of_type
-from ._fan import Fan
-from ._media import AudioIterator, take_audio
+from ._core import Core
+from ._media import AudioIterator
 from ._opening import Opening
-from ._presence import Presence
 from .errors import ClosedError, PublisherError, SessionError, SubscriberError
 from .events import Event
-from .frames import AudioFrame
 from .publisher import Publisher
 from .statistics import Statistics, of_session
 from .subscriber import Subscriber
-
-_READY_PATIENCE = 10.0  # s
-
-
-def _connection() -> Optional[Connection]:
-    return _native.client().get_connection() or None
 
 
 class Session:
     """Made by `connect`. All of it belongs to the event loop in which it was opened."""
 
-    def __init__(self, session_id: str, settings: SessionSettings) -> None:
-        self.id = session_id
-        """Session id, as given to `connect`."""
-        self._settings = settings
-        self._loop = asyncio.get_running_loop()
-        self.waker = Waker(self._loop)
-        self._outcome: asyncio.Future[None] = self._loop.create_future()
-        self._connection: Optional[Connection] = None
-        self._presence = Presence(self.waker)
-        self.subscribers: dict[str, Subscriber] = {}
-        """What we receive now, by stream id."""
-        self.publisher: Optional[Publisher] = None
-        """What we publish now, if anything."""
-        self._mix: Fan[AudioFrame] = Fan(self.waker, "audio frames")
-        self._changed = Signal()
-        self._audio_ready = False
-        self._started = False  # the module has begun, so that there is something to leave
-        self._ended: Optional[str] = None
-        self._failure: Optional[SessionError] = None
-        self._closing: Optional[asyncio.Future[bool]] = None
+    def __init__(self, core: Core) -> None:
+        self._core = core
 
-    # ---- the session as it is now -------------------------------------------------------------------------
+    @property
+    def id(self) -> str:
+        """Session id, as given to `connect`."""
+        return self._core.id
 
     @property
     def connection(self) -> Optional[Connection]:
         """Our own connection, as the session knows it."""
-        return self._connection
+        return self._core.connection
 
     @property
     def connections(self) -> tuple[Connection, ...]:
         """The other participants that are there now."""
-        return tuple(self._presence.connections.values())
+        return tuple(self._core.presence.connections.values())
 
     @property
     def streams(self) -> tuple[Stream, ...]:
         """The streams of others that are there now."""
-        return tuple(self._presence.streams.values())
+        return tuple(self._core.presence.streams.values())
+
+    @property
+    def publisher(self) -> Optional[Publisher]:
+        """What we publish now, if anything."""
+        return self._core.publisher
+
+    @property
+    def subscribers(self) -> tuple[Subscriber, ...]:
+        """What we receive now."""
+        return tuple(self._core.subscribers.values())
 
     @property
     def over(self) -> bool:
         """True once the session has been left, has failed or was ended by the server."""
-        return self._ended is not None
+        return self._core.ended is not None
 
     def events(self, *, capacity: Optional[int] = None) -> Channel[Event]:
         """An async iterator over what happens, which begins with the connections and streams that are there now.
@@ -95,8 +76,8 @@ class Session:
         It ends with the session; a failure or an end by the server is its last event. Each call gives an iterator
         of its own; of a consumer that lags behind `capacity` (1,000) events the oldest are dropped.
         """
-        self.check_place()
-        return self._presence.listen(capacity)
+        self._core.check_place()
+        return self._core.presence.listen(capacity)
 
     def audio_frames(
         self,
@@ -107,37 +88,32 @@ class Session:
         channels: Optional[int] = None,
     ) -> AudioIterator:
         """The mix of all subscribed streams, 10 ms at a time, silence too; see `Subscriber.audio_frames`."""
-        self.check()
-        return AudioIterator(self._mix, capacity, policy, sample_rate, channels)
+        self._core.check()
+        return AudioIterator(self._core.mix, capacity, policy, sample_rate, channels)
 
     async def wait_for_stream(self, suits: Optional[Callable[[Stream], bool]] = None) -> Stream:
         """The first stream that is there or comes, of those that suit; ClosedError if the session ends first."""
         async for event in self.events():
             if isinstance(event, events.StreamReceived) and (suits is None or suits(event.stream)):
                 return event.stream
-        raise ClosedError(self._ended)
+        raise ClosedError(self._core.ended)
 
     async def ended(self) -> None:
         """Waits for the end of the session. Raises SessionError if it has failed."""
-        self.check_place()
+        self._core.check_place()
         while not self.over:
             try:
-                await self._changed.wait()
+                await self._core.changed.wait()
             except ClosedError:
                 break
-        if self._failure is not None:
-            raise SessionError(self._failure.code, self._failure.message)
+        failure = self._core.failure
+        if failure is not None:
+            raise SessionError(failure.code, failure.message)
 
     def statistics(self) -> Statistics:
         """Figures of the library, and of what this session's outputs and iterators did. Also after the end."""
         _native.check_process()
-        return of_session(self)
-
-    @property
-    def mix_totals(self) -> Totals:
-        return self._mix.totals
-
-    # ---- taking part ----------------------------------------------------------------------------------------
+        return of_session(self._core)
 
     def publish(
         self,
@@ -157,7 +133,7 @@ class Session:
         stereo, dtx: how the sound is coded. audio_queue, video_queue: seconds that may be queued before a `write`
         waits. Raises PublisherError if it is refused; one stream is published at a time.
         """
-        self.check()
+        self._core.check()
         coding = PublisherAudioSettings(enable_stereo_mode=stereo, enable_opus_dtx=dtx)
         settings = PublisherSettings(
             name, has_audio=audio, has_video=video, enable_captions=captions, audio_settings=coding
@@ -183,7 +159,7 @@ class Session:
         audio, video, captions: what is wanted; captions only with one of the others. resolution, framerate: what
         is preferred, where the stream is offered in several. Raises SubscriberError if it is refused.
         """
-        self.check()
+        self._core.check()
         of_type("stream", stream, Stream)
         if not (audio or video):
             raise ValueError("audio and video must not both be False: captions come with one of them")
@@ -194,73 +170,19 @@ class Session:
 
     async def close(self) -> None:
         """Leaves the session and waits until it is left. May be called more than once, and by several tasks."""
-        if self._closing is not None and self._closing.done():
-            return
-        self.check_place()
-        if self._closing is None and self._started:
-            self._closing = _native.start(_native.client().disconnect)
-        self._end(f"session {self.id!r} has been left")
-        try:
-            if self._closing is not None:
-                await _native.finish(self._closing)
-        finally:
-            _native.release(self)
-
-    # ---- joining ----------------------------------------------------------------------------------------------
-
-    async def open(self, application_id: str, token: str, timeout: float) -> None:
-        if not await _native.claim(self, self._loop):
-            raise SessionError(SessionError.BUSY, "this process is in a session already: it is in one at a time")
-        try:
-            await _native.call(self._start, application_id, token)
-            done, _ = await asyncio.wait([self._outcome], timeout=timeout)
-            if not done:
-                raise SessionError(SessionError.TIMED_OUT, f"session {self.id!r} has not answered in {timeout:g} s")
-            self._outcome.result()
-            self._connection = await _native.call(_connection)
-        except BaseException:
-            await self.close()
-            raise
-        finally:
-            self._outcome.cancel()
-
-    def _start(self, application_id: str, token: str) -> None:
-        client = _native.client()
-        if client.is_connected():
-            raise SessionError(SessionError.BUSY, "a TavrinVideoClient of this process is in a session already")
-        told = self._told
-        self._started = client.connect(
-            application_id,
-            self.id,
-            token,
-            session_settings=self._settings,
-            on_error_cb=lambda session, message, code: self.post(self._on_error, message, code),
-            on_connected_cb=told(lambda: None),
-            on_disconnected_cb=lambda session: self.post(self._on_disconnected),
-            on_connection_created_cb=told(self._presence.connection_created),
-            on_connection_dropped_cb=told(self._presence.connection_dropped),
-            on_stream_received_cb=told(self._presence.stream_received),
-            on_stream_dropped_cb=told(self._on_stream_dropped),
-            on_audio_data_cb=self._on_audio,
-            on_ready_for_audio_cb=told(self._on_ready),
-            on_media_buffer_drained_cb=self._on_drained,
-        )
-        if not self._started:
-            raise SessionError(
-                SessionError.NOT_STARTED, f"the module would not join session {self.id!r}; its log tells why"
-            )
+        await self._core.close()
 
     async def _publish(self, settings: PublisherSettings, audio_queue: float, video_queue: float) -> Publisher:
-        self.check()
-        old = self.publisher
+        self._core.check()
+        old = self._core.publisher
         if old is not None:
             if old.active:
                 raise PublisherError(PublisherError.BUSY, f"{old.name!r} is published already: close it first")
             await old.close()
-            self.check()
-        av = self._settings.av or SessionAVSettings()
-        self.publisher = publisher = Publisher(
-            self,
+            self._core.check()
+        av = self._core.settings.av or SessionAVSettings()
+        self._core.publisher = publisher = Publisher(
+            self._core,
             settings,
             av.audio_publisher or SessionAudioSettings(),
             av.video_publisher or SessionVideoPublisherSettings(),
@@ -270,120 +192,11 @@ class Session:
         return await publisher.open()
 
     async def _subscribe(self, stream: Stream, settings: SubscriberSettings) -> Subscriber:
-        self.check()
-        if stream.id in self.subscribers:
+        self._core.check()
+        if stream.id in self._core.subscribers:
             raise SubscriberError(
                 SubscriberError.BUSY,
                 f"stream {stream.id!r} is subscribed to already: its iterators may be taken more than once",
             )
-        self.subscribers[stream.id] = subscriber = Subscriber(self, stream, settings)
+        self._core.subscribers[stream.id] = subscriber = Subscriber(self._core, stream, settings)
         return await subscriber.open()
-
-    # ---- for the other classes of this package ----------------------------------------------------------------
-
-    def check_place(self) -> None:
-        """Raises if this is not our process, or not our loop."""
-        _native.check_process()
-        here: Optional[asyncio.AbstractEventLoop] = None
-        with contextlib.suppress(RuntimeError):
-            here = asyncio.get_running_loop()
-        if here is not self._loop:
-            raise RuntimeError(
-                "a session is used from the event loop that opened it; from another thread, "
-                "with asyncio.run_coroutine_threadsafe or loop.call_soon_threadsafe"
-            )
-
-    def check(self) -> None:
-        """Raises if this is not our place, or if the session is over."""
-        if self._ended is not None:
-            raise ClosedError(self._ended)
-        self.check_place()
-
-    def post(self, function: Callable[..., object], *arguments: object) -> None:
-        """To the loop, from a native thread."""
-        post(self._loop, function, *arguments)
-
-    def tell(self, event: Event) -> None:
-        self._presence.tell(event)
-
-    async def wait_audio_ready(self) -> None:
-        end = self._loop.time() + _READY_PATIENCE
-        while not self._audio_ready:
-            if self._loop.time() > end:
-                raise PublisherError(
-                    PublisherError.TIMED_OUT, f"the session has not asked for audio in {_READY_PATIENCE:g} s"
-                )
-            await self._changed.wait(0.5)
-
-    def forget_publisher(self, publisher: Publisher) -> None:
-        if self.publisher is publisher:
-            self.publisher = None
-
-    def forget_subscriber(self, subscriber: Subscriber) -> bool:
-        """False if it was forgotten before, with its stream."""
-        if self.subscribers.get(subscriber.stream.id) is not subscriber:
-            return False
-        del self.subscribers[subscriber.stream.id]
-        return True
-
-    # ---- events, on the loop ------------------------------------------------------------------------------------
-
-    def _told(self, handler: Callable[..., object]) -> Callable[..., object]:
-        """A callable for the module's worker that runs the handler on the loop, with all but the session."""
-
-        def callable_(_session: object, *arguments: object) -> None:
-            self.post(self._on_event, functools.partial(handler, *arguments))
-
-        return callable_
-
-    def _on_event(self, handler: Callable[[], object]) -> None:
-        if self.over:
-            return
-        settle(self._outcome)
-        handler()
-
-    def _on_stream_dropped(self, stream: Stream) -> None:
-        subscriber = self.subscribers.pop(stream.id, None)
-        if subscriber is not None:
-            subscriber.end("has ended with the stream")
-        self._presence.stream_dropped(stream)
-
-    def _on_ready(self) -> None:
-        self._audio_ready = True
-        self._changed.notify()
-
-    def _on_error(self, message: str, code: int) -> None:
-        if self.over:
-            return
-        error = SessionError(code, message)
-        settle(self._outcome, error)
-        self._failure = error
-        self._end(f"session {self.id!r} has failed: {error}", events.SessionFailed(error))
-
-    def _on_disconnected(self) -> None:
-        if self.over:
-            return
-        settle(self._outcome, SessionError(SessionError.NOT_STARTED, "the server ended the session"))
-        self._end(f"session {self.id!r} was ended by the server", events.SessionDisconnected())
-
-    def _end(self, reason: str, event: Optional[Event] = None) -> None:
-        if self._ended is not None:
-            return
-        self._ended = reason
-        for subscriber in tuple(self.subscribers.values()):
-            subscriber.end("has ended with the session")
-        if self.publisher is not None:
-            self.publisher.session_over(reason)
-        self._mix.close()
-        self._changed.end(lambda: ClosedError(reason))
-        self._presence.close(event)
-
-    # ---- on native threads ----------------------------------------------------------------------------------------
-
-    def _on_audio(self, _session: object, audio: AudioData) -> None:
-        take_audio(self._mix, audio)
-
-    def _on_drained(self, _stats: MediaBufferStats) -> None:
-        publisher = self.publisher
-        if publisher is not None:
-            publisher.on_drained()

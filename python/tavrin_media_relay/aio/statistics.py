@@ -11,7 +11,7 @@ from . import _libraries
 from ._channel import Totals
 
 if TYPE_CHECKING:
-    from .session import Session
+    from ._core import Core
 
 
 @dataclass(frozen=True, slots=True)
@@ -92,12 +92,12 @@ def library_statistics() -> Optional[dict[str, Any]]:
         capacity = length + 1024
 
 
-def of_session(session: Session) -> Statistics:
+def of_session(core: Core) -> Statistics:
     streams = {
         stream_id: StreamFigures(
             _received(each.audio_fan.totals), _received(each.video_fan.totals), _received(each.caption_fan.totals)
         )
-        for stream_id, each in session.subscribers.items()
+        for stream_id, each in core.subscribers.items()
     }
-    written = session.publisher.written_ms if session.publisher is not None else (0.0, 0.0)
-    return Statistics(library_statistics(), _received(session.mix_totals), streams, written[0], written[1])
+    written = core.publisher.written_ms if core.publisher is not None else (0.0, 0.0)
+    return Statistics(library_statistics(), _received(core.mix.totals), streams, written[0], written[1])

@@ -18,7 +18,7 @@ from .frames import AudioFrame, Caption, VideoFrame
 from .publisher import GRACE
 
 if TYPE_CHECKING:
-    from .session import Session
+    from ._core import Core
 
 
 class Subscriber:
@@ -29,14 +29,14 @@ class Subscriber:
     and is counted in `dropped`. With the policy "latest" only the newest one waits.
     """
 
-    def __init__(self, session: Session, stream: Stream, settings: SubscriberSettings) -> None:
+    def __init__(self, core: Core, stream: Stream, settings: SubscriberSettings) -> None:
         self.stream = stream
         """The stream that is subscribed to."""
-        self._session = session
+        self._core = core
         self._settings = settings
-        self.audio_fan: Fan[AudioFrame] = Fan(session.waker, "audio frames")
-        self.video_fan: Fan[VideoFrame] = Fan(session.waker, "video frames")
-        self.caption_fan: Fan[Caption] = Fan(session.waker, "captions")
+        self.audio_fan: Fan[AudioFrame] = Fan(core.waker, "audio frames")
+        self.video_fan: Fan[VideoFrame] = Fan(core.waker, "video frames")
+        self.caption_fan: Fan[Caption] = Fan(core.waker, "captions")
         self._outcome: asyncio.Future[None] = asyncio.get_running_loop().create_future()
         self._media_seen = False
         self._closing: Optional[asyncio.Future[bool]] = None
@@ -84,8 +84,8 @@ class Subscriber:
         self._closed = True
         self.end("has been closed")
         if self._closing is None:
-            known = self._session.forget_subscriber(self)
-            if self._session.over or not known or not self._started:
+            known = self._core.forget_subscriber(self)
+            if self._core.ended is not None or not known or not self._started:
                 return
             self._closing = _native.start(_native.client().unsubscribe, self.stream)
         await _native.finish(self._closing)
@@ -122,13 +122,13 @@ class Subscriber:
     # ---- events of the worker, and media of the library's threads -----------------------------------------
 
     def _start(self) -> bool:
-        session, settings = self._session, self._settings
+        core, settings = self._core, self._settings
         self._started = _native.client().subscribe(
             self.stream,
             settings=settings,
-            on_connected_cb=lambda subscriber: session.post(self._on_connected),
-            on_disconnected_cb=lambda subscriber: session.post(self._on_disconnected),
-            on_error_cb=lambda subscriber, message, code: session.post(self._on_error, message, code),
+            on_connected_cb=lambda subscriber: core.post(self._on_connected),
+            on_disconnected_cb=lambda subscriber: core.post(self._on_disconnected),
+            on_error_cb=lambda subscriber, message, code: core.post(self._on_error, message, code),
             on_audio_data_cb=self._on_audio if settings.subscribe_to_audio else None,
             on_render_frame_cb=self._on_frame if settings.subscribe_to_video else None,
             on_caption_text_cb=self._on_captions if settings.subscribe_to_captions else None,
@@ -138,24 +138,24 @@ class Subscriber:
     def _on_connected(self) -> None:
         if self.active:
             settle(self._outcome)
-            self._session.tell(events.SubscriberConnected(self.stream))
+            self._core.tell(events.SubscriberConnected(self.stream))
 
     def _on_disconnected(self) -> None:
         if self.active:
             self.end("was ended by the session")
-            self._session.forget_subscriber(self)
-            self._session.tell(events.SubscriberDisconnected(self.stream))
+            self._core.forget_subscriber(self)
+            self._core.tell(events.SubscriberDisconnected(self.stream))
 
     def _on_error(self, message: str, code: int) -> None:
         if self.active:
             error = SubscriberError(code, message)
             self.end(f"has failed: {error}", error)
-            self._session.tell(events.SubscriberFailed(self.stream, error))
+            self._core.tell(events.SubscriberFailed(self.stream, error))
 
     def _see_media(self) -> None:
         # Media are as good an outcome as the event, which may have been lost.
         self._media_seen = True
-        self._session.post(settle, self._outcome)
+        self._core.post(settle, self._outcome)
 
     def _on_audio(self, _subscriber: NativeSubscriber, audio: AudioData) -> None:
         if not self._media_seen:
@@ -173,7 +173,7 @@ class Subscriber:
         self.caption_fan.put(Caption(captions.text, captions.is_final, now), now)
 
     def _check(self, what: str, wanted: bool) -> None:
-        self._session.check_place()
+        self._core.check_place()
         if self._closed:  # of a stream that has gone, iterators end at once
             raise ClosedError(f"the subscription to stream {self.stream.id!r} has been closed")
         if not wanted:
