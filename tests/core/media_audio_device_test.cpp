@@ -109,13 +109,6 @@ TEST_F(AudioDevice, StopWindsBothSidesDown) {
                   "WARN MRAudioCapturer::destroy" + kNot, "WARN MRAudioRenderer::destroy" + kNot));
 }
 
-TEST_F(AudioDevice, StandsWhenTheLibraryRefusesIt) {
-  scripted_fail("srn_set_audio_device", 1, 1);
-  const LogCapture logs(log4cxx::Level::getWarn());
-  const MRAudioDevice refused([](const MRAudioData&) {});
-  EXPECT_THAT(logs.lines(), ElementsAre("ERROR Failed to set the global audio device."));
-}
-
 TEST(AudioRecords, MeasureAndScanTheirBlock) {
   std::vector<std::int16_t> samples(960);
   const srn_audio_data record{samples.data(), 16, 48000, 2, 480};

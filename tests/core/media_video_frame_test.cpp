@@ -22,48 +22,31 @@ std::vector<std::uint8_t> pixels(const MRVideoFrameData& data) {
   return {data.buffer, data.buffer + size};
 }
 
-using Spec = scripted_frame_spec;
-
-/// A well-formed square YUV420P picture of the library, changed as the test wants it.
-template <class Change>
-Spec square(int side, Change change) {
-  Spec spec{};
+/// A well-formed 3 x 3 picture of the library, with such strides and rows of its planes.
+scripted_frame_spec square(const std::vector<int>& strides, const std::vector<int>& rows) {
+  scripted_frame_spec spec{};
   spec.format = SRN_VIDEO_FRAME_FORMAT_YUV420P;
-  spec.width = side;
-  spec.height = side;
+  spec.width = 3;
+  spec.height = 3;
   spec.fill = 1;
-  change(spec);
-  return spec;
-}
-
-void stride(Spec& spec, int y, int u, int v, std::vector<int> rows = {0, 0, 0}) {
-  const int strides[] = {y, u, v};
-  std::copy_n(strides, 3, spec.stride);
+  std::copy_n(strides.begin(), 3, spec.stride);
   std::copy_n(rows.begin(), 3, spec.rows);
+  return spec;
 }
 
 using VideoFrame = ScriptedTest;
 
 TEST_F(VideoFrame, SizesAreThoseOfPackedPictures) {
-  const struct {
-    int width;
-    int height;
+  struct Row {
+    int width, height;
     MRVideoFrameFormat format;
     int size;
-  } kRows[] = {{3, 3, YUV420P, 17},
-               {640, 480, YUV420P, 460'800},
-               {1, 1, YUV420P, 3},
-               {3, 3, RGB24, 27},
-               {3, 3, ARGB32, 36},
-               {0, 10, YUV420P, 0},
-               {10, -1, RGB24, 0},
-               {10, 10, UNKNOWN, 0},
-               {10, 10, kNoFormat, 0},
-               {65536, 16385, ARGB32, 0},
-               {100'000, 100'000, YUV420P, 0},
-               {32'768, 65'535, YUV420P, 0},
-               {32'768, 16'383, ARGB32, 2'147'352'576}};
-  for (const auto& row : kRows) {
+  };
+  for (const Row& row :
+       {Row{3, 3, YUV420P, 17}, Row{1, 1, YUV420P, 3}, Row{3, 3, RGB24, 27}, Row{3, 3, ARGB32, 36},
+        Row{0, 10, YUV420P, 0}, Row{10, -1, RGB24, 0}, Row{10, 10, UNKNOWN, 0},
+        Row{10, 10, kNoFormat, 0}, Row{65536, 16385, ARGB32, 0}, Row{100'000, 100'000, YUV420P, 0},
+        Row{32'768, 65'535, YUV420P, 0}, Row{32'768, 16'383, ARGB32, 2'147'352'576}}) {
     EXPECT_EQ(MRVideoFrame::bufferSize(row.width, row.height, row.format), row.size)
         << row.width << "x" << row.height << " " << row.format;
   }
@@ -152,21 +135,11 @@ TEST_F(VideoFrame, PacksWhatTheLibraryGives) {
     const char* name;
     scripted_frame_spec spec;
     std::vector<std::uint8_t> expected;
-  } kRows[] = {{"packed", square(3, [](Spec&) {}), whole},
-               {"padded", square(3, [](Spec& s) { stride(s, 8, 4, 4); }), whole},
-               {"without one buffer", square(3, [](Spec&) {}), whole},
-               {"claiming more rows than the format has",
-                square(3,
-                       [](Spec& s) {
-                         stride(s, 8, 8, 8, {500, 500, 500});
-                       }),
-                whole},
-               {"with too few rows",
-                square(3,
-                       [](Spec& s) {
-                         stride(s, 8, 8, 8, {1, 1, -1});
-                       }),
-                short_planes}};
+  } kRows[] = {{"packed", square({0, 0, 0}, {0, 0, 0}), whole},
+               {"padded", square({8, 4, 4}, {0, 0, 0}), whole},
+               {"without one buffer", square({0, 0, 0}, {0, 0, 0}), whole},
+               {"claiming more rows than it has", square({8, 8, 8}, {500, 500, 500}), whole},
+               {"with too few rows", square({8, 8, 8}, {1, 1, -1}), short_planes}};
   for (const auto& row : kRows) {
     // A recycled buffer that shows something else.
     MRVideoFrame::create(3, 3, std::vector<std::uint8_t>(17, 0xEE).data(), YUV420P).reset();

@@ -4,9 +4,7 @@
 #include "session/mr_publisher_manager.h"
 
 using namespace core_test;
-using testing::Contains;
 using testing::ElementsAre;
-using testing::MatchesRegex;
 
 namespace {
 
@@ -27,11 +25,10 @@ const MRPublisherCallbacks kCallbacks{
         },
 };
 
-MRPublisherSettings settings(bool has_audio = true, bool has_video = true) {
+MRPublisherSettings settings() {
   MRPublisherSettings result;
   result.name = "bot";
-  result.has_audio = has_audio;
-  result.has_video = has_video;
+  result.has_audio = result.has_video = true;
   return result;
 }
 
@@ -42,9 +39,9 @@ class PublisherTest : public JoinedTest {
     queue.postAndWait([this] { manager.unpublish(); });
     JoinedTest::TearDown();
   }
-  std::string publish(const MRPublisherSettings& what = settings()) {
+  std::string publish() {
     return queue.postAndWait<std::string>(
-        [&] { return manager.publish(what, kCallbacks, session); });
+        [this] { return manager.publish(settings(), kCallbacks, session); });
   }
   void unpublish() {
     EXPECT_TRUE(queue.postAndWait<bool>([this] { return manager.unpublish(); }));
