@@ -60,6 +60,8 @@ def main(arguments: Optional[Sequence[str]] = None) -> int:
         terminal.forget_output()
     except OSError as error:
         terminal.fail(f"{error.filename}: {error.strerror}" if error.filename else str(error))
+    finally:
+        terminal.close()
     return 1
 
 

@@ -35,6 +35,7 @@ class Terminal:
     def __init__(self, as_json: bool) -> None:
         self.as_json = as_json
         sys.stdout.flush()
+        self._before = sys.stdout
         self._out = os.fdopen(os.dup(1), "w", encoding="utf-8", errors="replace", buffering=1)
         os.dup2(2, 1)
         sys.stdout = self._out
@@ -66,7 +67,17 @@ class Terminal:
             print(f"tavrin-media-relay: {text}", file=sys.stderr, flush=True)
 
     def forget_output(self) -> None:
-        os.dup2(os.open(os.devnull, os.O_WRONLY), self._out.fileno())
+        """Nobody reads it any more."""
+        with open(os.devnull, "w") as nowhere:
+            os.dup2(nowhere.fileno(), self._out.fileno())
+
+    def close(self) -> None:
+        """The native log, which may have last words, keeps going to standard error."""
+        sys.stdout = self._before
+        try:
+            self._out.close()
+        except BrokenPipeError:
+            pass  # nobody reads it any more
 
     @contextlib.contextmanager
     def live(self) -> Iterator[Live]:

@@ -5,18 +5,17 @@ what goes wrong when; `run` plays it to an agent in real time and gives a `Perfo
 sample by sample and picture by picture, and the log of events. Needs numpy.
 """
 
-try:
-    import numpy  # noqa: F401
-except ImportError as _error:
-    raise ImportError(
-        "tavrin_media_relay.testing needs numpy, which is not installed (Debian: python3-numpy)"
-    ) from _error
+from __future__ import annotations
 
-from .performance import Entry, Performance, Publication
-from .recordings import Film, Sound, Utterance
-from .rehearsal import Rehearsal
-from .script import Participant
-from .sounds import babble, tone
+import importlib
+from typing import TYPE_CHECKING, Any
+
+if TYPE_CHECKING:
+    from .performance import Entry, Performance, Publication
+    from .recordings import Film, Sound, Utterance
+    from .rehearsal import Rehearsal
+    from .script import Participant
+    from .sounds import babble, tone
 
 __all__ = [
     "Entry",
@@ -30,3 +29,25 @@ __all__ = [
     "babble",
     "tone",
 ]
+
+_PLACES = {
+    "performance": ("Entry", "Performance", "Publication"),
+    "recordings": ("Film", "Sound", "Utterance"),
+    "rehearsal": ("Rehearsal",),
+    "script": ("Participant",),
+    "sounds": ("babble", "tone"),
+}
+
+
+def __getattr__(name: str) -> Any:
+    # Not before it is asked for: the plug-in is imported by every pytest of an environment, whether numpy is there
+    # or not.
+    for module, names in _PLACES.items():
+        if name in names:
+            try:
+                return getattr(importlib.import_module(f".{module}", __name__), name)
+            except ModuleNotFoundError as error:
+                if error.name != "numpy":
+                    raise
+                raise ImportError(f"{__name__} needs numpy, which is not installed (Debian: python3-numpy)") from error
+    raise AttributeError(f"module {__name__!r} has no attribute {name!r}")

@@ -8,7 +8,7 @@ from typing import TYPE_CHECKING, Any, Generator
 import pytest
 
 if TYPE_CHECKING:
-    from .rehearsal import Rehearsal
+    from . import Rehearsal
 
 _SECTION = "rehearsal"
 
@@ -20,7 +20,7 @@ def rehearsal(tmp_path: Path) -> Rehearsal:
     When the test fails, its report shows the log of events and when the agent spoke.
     """
     # Here, since numpy and the native module are for those who use the fixture.
-    from .rehearsal import Rehearsal
+    from . import Rehearsal
 
     folder = tmp_path / "rehearsal"
     folder.mkdir()

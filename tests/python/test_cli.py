@@ -1,0 +1,231 @@
+"""The command line, each command in a process of its own, on the embedded engine."""
+
+from __future__ import annotations
+
+import json
+import os
+import re
+import signal
+import subprocess
+import sys
+import wave
+from pathlib import Path
+
+import numpy as np
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+BUILD = Path(os.environ.get("TAVRIN_BUILD") or ROOT / "build" / os.environ.get("TAVRIN_PRESET", "release"))
+COMPLAINTS = ("Traceback", "was destroyed", "never awaited", "never retrieved", "Exception ignored", "ResourceWarning")
+
+
+def start(*arguments: object, python: tuple[str, ...] = ("-X", "dev"), **environment: object) -> subprocess.Popen[str]:
+    dropped = ("LD_LIBRARY_PATH", "API_HOSTNAME", "SESSION_ID", "TOKEN", "SARNET_RELAY_TOKEN_SECRET")
+    variables = {key: value for key, value in os.environ.items() if key not in dropped}
+    variables["PYTHONPATH"] = os.pathsep.join([str(BUILD / "python"), str(ROOT / "python")])
+    variables |= {key: str(value) for key, value in environment.items()}
+    return subprocess.Popen(
+        [sys.executable, *python, "-m", "tavrin_media_relay", *map(str, arguments)],
+        env=variables, text=True, errors="replace", stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+    )  # fmt: skip
+
+
+def end(program: subprocess.Popen[str], code: int) -> tuple[str, str]:
+    try:
+        out, err = program.communicate(timeout=60)
+    finally:
+        program.kill()
+    assert program.returncode == code, f"exit code {program.returncode}\n{out[-3000:]}\n{err[-6000:]}"
+    assert not [each for each in COMPLAINTS if each in err], err
+    return out, err
+
+
+def run(*arguments: object, code: int = 0, **environment: object) -> str:
+    out, err = end(start(*arguments, **environment), code)
+    return out + err if code else out
+
+
+def told(*arguments: object, code: int = 0, **environment: object) -> dict[str, dict]:
+    """The last of each kind of what was told in JSON, which is all that standard output may hold."""
+    out, _ = end(start(*arguments, "--json", **environment), code)
+    return {each.get("event"): each for each in map(json.loads, out.splitlines())}
+
+
+def scenario(folder: Path, **keys: object) -> Path:
+    path = folder / "scenario.json"
+    path.write_text(json.dumps(keys))
+    return path
+
+
+def tone(path: Path, hertz: float, seconds: float, rate: int = 16000) -> Path:
+    samples = (9000 * np.sin(2 * np.pi * hertz * np.arange(int(seconds * rate)) / rate)).astype("<i2")
+    with wave.open(str(path), "wb") as file:
+        file.setnchannels(1), file.setsampwidth(2), file.setframerate(rate)
+        file.writeframes(samples.tobytes())
+    return path
+
+
+def heard(path: Path) -> tuple[np.ndarray, float]:
+    with wave.open(str(path)) as file:
+        samples = np.frombuffer(file.readframes(file.getnframes()), "<i2").reshape(-1, file.getnchannels())
+        return samples[:, 0].astype(float), file.getframerate()
+
+
+def frequency(samples: np.ndarray, rate: float) -> float:
+    return float(np.abs(np.fft.rfft(samples * np.hanning(len(samples)))).argmax()) * rate / len(samples)
+
+
+@pytest.mark.parametrize(
+    "arguments, code, message",
+    [
+        ([], 2, "COMMAND"),
+        (["--help"], 0, "a first minute"),
+        (["play", "{wav}"], 2, "--session"),
+        (["play", "{wav}", "--session", "s", "--size", "0x9"], 2, "a size looks like"),
+        (["echo", "--session", "s", "--delay", "nan"], 2, "must be 0.1 to 20 seconds"),
+        (["play", "{here}/none.wav", "--session", "s"], 1, "none.wav: there is no such file"),
+        (["play", "{text}", "--session", "s"], 1, "words.txt: Invalid data"),
+        (["play", "{wav}", "--session", "s", "--host", "embedded:{text}"], 1, "scenario '.*words.txt': Line 1"),
+        (["play", "{wav}", "--session", "s", "--host", "ws://192.0.2.1"], 1, "in the clear"),
+        (["record", "--session", "s", "--out", "{text}"], 1, "cannot write to .*words.txt"),
+        (["report", "{text}"], 1, "words.txt, line 1: not figures"),
+        (["report", "{wav}"], 1, "tone.wav.*not figures"),
+        (["report", "{here}"], 1, "session.jsonl: No such file"),
+        (["scenario", "check", "{text}"], 1, "scenario '.*words.txt': Line 1"),
+        (["token", "lobby", "--dir", "{here}"], 1, "Start the server first"),
+        (["token", "a:b"], 1, "a room's name"),
+    ],
+)
+def test_wrong_use_and_bad_files_are_told(arguments, code, message, tmp_path):
+    (tmp_path / "words.txt").write_text("only words")
+    places = {"wav": tone(tmp_path / "tone.wav", 440, 0.1), "here": tmp_path, "text": tmp_path / "words.txt"}
+    secret = {"SARNET_RELAY_TOKEN_SECRET": "x"} if arguments[1:] == ["a:b"] else {}
+    printed = run(*(each.format(**places) for each in arguments), code=code, **secret) or run("--help")
+    assert re.search(message, printed), printed
+
+
+@pytest.mark.parametrize(
+    "keys, options, code, message",
+    [
+        ({"token": "right"}, [], 1004, "token"),
+        ({"refuse": {"code": 1030, "text": "Not today"}}, [], 1030, "Not today"),
+        ({"join_delay_ms": 60000}, ["--timeout", "0.2"], -2, "has not answered in 0.2 s"),
+        ({"events": [{"at_ms": 300, "kind": "error", "code": 2005, "text": "Cut"}]}, [], 2005, "Cut"),
+        ({"events": [{"at_ms": 300, "kind": "disconnect"}]}, [], None, "the server ended the session"),
+        ({"events": [{"at_ms": 300, "kind": "publisher_error"}]}, [], None, "publisher 'player' has failed"),
+    ],
+)
+def test_failures_of_the_session_are_told(keys, options, code, message, tmp_path):
+    sound = tone(tmp_path / "tone.wav", 440, 5)
+    host = f"embedded:{scenario(tmp_path, **keys)}"
+    failed = told("play", sound, "--session", "s", *options, code=1, API_HOSTNAME=host)["failed"]
+    assert failed["code"] == code and message in failed["text"]
+
+
+def test_play_sends_what_the_files_hold(tmp_path):
+    film = tmp_path / "film.mkv"
+    subprocess.run(
+        ["ffmpeg", "-v", "error", "-f", "lavfi", "-i", "color=white:size=64x32:rate=20:duration=1.5",
+         "-f", "lavfi", "-i", "sine=frequency=500:duration=1.5", "-c:v", "ffv1", "-c:a", "pcm_s16le", film],
+        check=True,
+    )  # fmt: skip
+    files = [film, tone(tmp_path / "tone.wav", 900, 1)]
+    host = f"embedded:{scenario(tmp_path, record='out')}"
+    figures = tmp_path / "deep" / "figures.jsonl"
+    run("play", *files, "--session", "s", "--size", "64x64", "--host", host, "--figures", figures)
+    samples, rate = heard(tmp_path / "out" / "audio-1.wav")
+    loud = np.flatnonzero(np.abs(samples) > 100)
+    assert loud[-1] - loud[0] == pytest.approx(2.5 * rate, abs=0.4 * rate)
+    begin = int(loud[0])
+    assert frequency(samples[begin : begin + int(rate)], rate) == pytest.approx(500, rel=0.02)
+    assert frequency(samples[loud[-1] - int(0.8 * rate) : loud[-1]], rate) == pytest.approx(900, rel=0.02)
+    y4m = (tmp_path / "out" / "video-1.y4m").read_bytes()
+    assert y4m.startswith(b"YUV4MPEG2 W64 H64 F20:1 ")
+    stride = 64 * 96 + 6
+    lumas = [np.frombuffer(y4m, "u1", 64 * 64, at + 6).reshape(64, 64) for at in range(y4m.index(b"FRAME"), len(y4m), stride)]
+    white = [each for each in lumas if each[32].min() > 200]
+    assert len(white) >= 25 and all(each[:15].max() < 40 and each[-15:].max() < 40 for each in white)  # borders
+    drawn = told("report", figures)["report"]
+    assert Path(drawn["file"]).read_bytes().startswith(b"\x89PNG") and drawn["seconds"] > 2
+    assert run("report", figures, "--out", tmp_path / "x.nokind", code=1).count("cannot write") == 1
+
+
+def test_record_writes_every_stream(tmp_path):
+    peers = [
+        {"id": "a", "audio": {"tone_hz": 700}, "video": {"testcard": True, "width": 64, "height": 48, "fps": 30}},
+        {"id": "b/../c", "audio": {"tone_hz": 300}, "captions": [{"at_ms": 500, "text": "Grüße"}], "leave_at_ms": 1500},
+    ]
+    out = tmp_path / "out"
+    options = ["--session", "s", "--out", out, "--host", f"embedded:{scenario(tmp_path, participants=peers)}"]
+    events = told("record", *options, "--video", "y4m", "--seconds", 2)
+    assert events["caption"]["text"] == "Grüße" and events["StreamDropped"]["id"] == "b/../c-stream"
+    assert sorted(each.name for each in out.iterdir()) == ["a-stream.wav", "a-stream.y4m", "b_.._c-stream.wav", "session.jsonl"]
+    for name, hertz, seconds in (("a-stream", 700, 2), ("b_.._c-stream", 300, 1.5)):
+        samples, rate = heard(out / f"{name}.wav")
+        assert frequency(samples[-int(rate) :], rate) == pytest.approx(hertz, rel=0.02)
+        assert len(samples) / rate == pytest.approx(seconds, abs=0.4)
+    pictures = (out / "a-stream.y4m").read_bytes()
+    assert len(pictures.split(b"FRAME\n")) - 1 == pytest.approx(60, abs=12)
+    assert told("report", out)["report"]["events"] >= 8
+
+
+def test_echo_speaks_after_the_delay(tmp_path):
+    peer = {"id": "a", "audio": {"file": str(tone(tmp_path / "t.wav", 600, 0.7)), "loop": False}, "join_at_ms": 300}
+    host = f"embedded:{scenario(tmp_path, participants=[peer], record='out')}"
+    run("echo", "--session", "s", "--delay", 1, "--seconds", 2.5, "--host", host)
+    log = [json.loads(line) for line in (tmp_path / "out" / "events.jsonl").read_text().splitlines()]
+    samples, rate = heard(tmp_path / "out" / "audio-1.wav")
+    loud = np.flatnonzero(np.abs(samples) > 500)
+    assert loud[-1] - loud[0] == pytest.approx(0.7 * rate, abs=0.15 * rate)
+    seconds = {each["event"]: float(each["time"][17:-1]) for each in log}
+    silent = (seconds["recorded"] - seconds["participant_joined"]) % 60 - (len(samples) - loud[0]) / rate
+    assert silent == pytest.approx(1, abs=0.25)
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
+@pytest.mark.parametrize("command, code", [("play", 128), ("record", 0), ("echo", 0)])
+def test_an_interruption_ends_in_order(command, code, number, tmp_path):
+    sound = ["-f", "lavfi", "-i", "sine=duration=60", tmp_path / "long.flac"]
+    options = {"play": [tmp_path / "long.flac"], "record": ["--out", tmp_path / "out"], "echo": []}[command]
+    if command == "play":
+        subprocess.run(["ffmpeg", "-v", "error", *sound], check=True)
+    program = start(command, *options, "--session", "s")
+    try:
+        assert program.stdout is not None and "Joined" in program.stdout.readline()
+        assert any("Stream came" in line for line in iter(program.stdout.readline, ""))
+        program.send_signal(number)
+        assert "Audio periods" in end(program, code and code + number)[0]
+    finally:
+        program.kill()
+
+
+def test_a_scenario_is_checked_without_a_trace(tmp_path):
+    (tmp_path / "out").mkdir()
+    (tmp_path / "out" / "events.jsonl").write_text("of an earlier rehearsal")
+    good = scenario(tmp_path, record="out", participants=[{"id": "a", "audio": {"tone_hz": 440}}])
+    assert "can be played" in run("scenario", "check", good)
+    assert (tmp_path / "out" / "events.jsonl").read_text() == "of an earlier rehearsal"
+    (tmp_path / "bad.wav").write_text("no sound")
+    bad = tmp_path / "bad.json"
+    for keys, reason in (({"audio": {"file": "bad.wav"}}, "bad.wav"), ({"audio": {"hertz": 1}}, "unknown key")):
+        bad.write_text(json.dumps({"participants": [{"id": "a", **keys}]}))
+        found = told("scenario", "check", good, bad, code=1)["scenario"]
+        assert found["ok"] is False and reason in found["text"]
+
+
+def test_doctor_finds_all_well():
+    (found,) = told("doctor").values()
+    assert found["fine"], found
+    about = {each["about"]: each for each in found["findings"]}
+    assert about["libsarnet"]["text"] == str(BUILD / "python" / "libsarnet.so")
+    assert found["figures"]["capture"]["periods_written"] > 50 and found["figures"]["pictures"] > 0
+
+
+def test_extras_may_be_missing(tmp_path):
+    """Without the system's packages there is no terminal library, no numpy and no matplotlib; without PATH no ffmpeg."""
+    bare = {"python": ("-S",), "PATH": "/nowhere"}
+    assert "apt-get install python3-rich" in run("doctor", **bare)
+    run("record", "--session", "s", "--out", tmp_path, "--seconds", 0.5, "--video", "y4m", **bare)
+    assert "report needs matplotlib" in run("report", tmp_path, code=1, **bare)
+    (tmp_path / "film.mp4").write_text("x")
+    assert "apt-get install ffmpeg" in run("play", tmp_path / "film.mp4", "--session", "s", code=1, **bare)
