@@ -105,8 +105,9 @@ void RelaySession::create_room() {
 }
 
 void RelaySession::entered(const json& data) {
-  if (sink() == nullptr) return;
-  sink()->joined(access_.own);
+  auto* const to = sink();
+  if (to == nullptr) return;
+  to->joined(access_.own);
   room_.emplace(request_.session_id, access_.own.id, *this);
   room_->take(data);
 }
