@@ -120,7 +120,7 @@ class Rehearsal:
                     await session.close()
                     await watching
 
-        return await self._perform(joined(), until, timeout, told, statistics)
+        return await self._perform(joined, until, timeout, told, statistics)
 
     def run_alone(
         self, agent: Callable[[], Awaitable[Any]], *, until: Optional[float] = None, timeout: float = 30.0
@@ -131,7 +131,7 @@ class Rehearsal:
         async def alone() -> Any:
             return await _for_a_while(agent(), until)
 
-        return asyncio.run(self._perform(alone(), until, timeout, [], []))
+        return asyncio.run(self._perform(alone, until, timeout, [], []))
 
     def run_program(
         self, arguments: Sequence[object], *, until: Optional[float] = None, timeout: float = 30.0
@@ -177,7 +177,7 @@ class Rehearsal:
 
     async def _perform(
         self,
-        work: Coroutine[Any, Any, Any],
+        work: Callable[[], Coroutine[Any, Any, Any]],
         until: Optional[float],
         timeout: float,
         told: list[tuple[float, aio.Event]],
@@ -188,7 +188,7 @@ class Rehearsal:
         result: Any = None
         try:
             with self._on_stage():
-                task = asyncio.create_task(work)
+                task = asyncio.create_task(work())
                 done, _ = await asyncio.wait([task], timeout=timeout)
                 if not done:
                     task.cancel()

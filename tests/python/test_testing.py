@@ -1,0 +1,194 @@
+"""The pytest plug-in for agents: its example, and a file of rehearsals, each by a pytest of its own."""
+
+from __future__ import annotations
+
+import os
+import re
+import subprocess
+import sys
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+BUILD = Path(os.environ.get("TAVRIN_BUILD") or ROOT / "build" / os.environ.get("TAVRIN_PRESET", "release"))
+
+REHEARSALS = '''
+import asyncio, os, sys
+import numpy as np
+import pytest
+from tavrin_media_relay import aio, SessionAVSettings, SessionSettings, SessionVideoPublisherSettings, VideoResolution
+from tavrin_media_relay.testing import babble, tone
+
+SPOKEN = np.repeat(babble(0.3, seed=5), 2)  # as the session's stereo
+
+
+async def idle(session):
+    await session.ended()
+
+
+async def first_stream(session):
+    return await anext(each.stream async for each in session.events() if isinstance(each, aio.StreamReceived))
+
+
+def test_what_was_sent_is_told_sample_by_sample(rehearsal):
+    sizes = SessionVideoPublisherSettings(VideoResolution(64, 48), 30)
+    picture = np.arange(64 * 72, dtype=np.uint8).reshape(72, 64)
+
+    async def agent(session):
+        async with session.publish("me") as publisher:
+            await asyncio.sleep(0.4)
+            await publisher.audio.write(SPOKEN)
+            for _ in range(3):
+                await publisher.video.write(picture)
+            await publisher.audio.drained()
+            await publisher.video.drained()
+        return "done"
+
+    performance = rehearsal.run(agent, settings=SessionSettings(av=SessionAVSettings(video_publisher=sizes)))
+    assert performance.result == "done" and performance.publication.name == "me"
+    sound, film = performance.sound, performance.film
+    slack = sound.timing_error + 0.1
+    at = sound.position_of(SPOKEN)
+    assert 0.4 <= at + slack and at <= 0.4 + slack + 0.5, at
+    assert sound.position_of(SPOKEN[::-1]) is None
+    (said,) = sound.utterances()
+    assert said.begin == pytest.approx(at, abs=0.05) and said.seconds == pytest.approx(0.3, abs=0.1)
+    assert sound.loudest(at, at + 0.3) == pytest.approx(0.4, rel=0.1) and sound.loudest(0, at - slack) == 0
+    same = [n for n, (y, u, v) in enumerate(film) if (y == picture[:48]).all()]
+    assert (film.width, film.height, film.fps) == (64, 48, 30) and len(same) >= 3
+    assert (film[same[0]][1].ravel() == picture.ravel()[64 * 48 : 64 * 60]).all()
+
+
+def test_participants_do_what_the_script_says(rehearsal, tmp_path):
+    alice = rehearsal.participant("alice", data="host", join_at=0.3, leave_at=1.4)
+    first = alice.says(tone(0.2, 500), at=0.5)
+    alice.says(np.repeat(tone(0.2, 1000)[::3][:, None], 2, axis=1), at=1.0, sample_rate=16000)
+    alice.caption("Late", at=0.9)
+    alice.caption("Early", at=0.4, final=False)
+    assert (first.begin, first.end) == (0.5, pytest.approx(0.7))
+    with pytest.raises(ValueError, match="joins at 0.3 s"):
+        alice.says(tone(0.1), at=0.2)
+    with pytest.raises(ValueError, match="unique"):
+        rehearsal.participant("alice")
+    heard, captions = [], []
+
+    async def agent(session):
+        stream = await first_stream(session)
+        async with session.subscribe(stream, video=False, captions=True) as subscriber:
+            async def read():
+                captions.extend([(each.text, each.is_final) async for each in subscriber.captions()])
+            reading = asyncio.create_task(read())
+            heard.extend([each.samples.tobytes() async for each in subscriber.audio_frames()])
+            await reading
+
+    performance = rehearsal.run(agent)
+    kinds = [type(event).__name__ for _, event in performance.told]
+    of_alice = [each for each in kinds if not each.startswith("Subscriber")]
+    assert of_alice == ["ConnectionCreated", "StreamReceived", "StreamDropped", "ConnectionDropped"]
+    assert performance.told[0][0] == pytest.approx(0.3, abs=0.2) and performance.told[-1][0] == pytest.approx(1.4, abs=0.3)
+    assert captions == [("Early", False), ("Late", True)]
+    samples = np.frombuffer(b"".join(heard), "i2")[::2].astype(float)
+    loud = np.flatnonzero(np.abs(samples) > 1000)
+    (gap,) = [g for g in np.diff(loud) if g > 4800]
+    assert gap / 48000 == pytest.approx(0.3, abs=0.05)
+    for part, hertz in ((samples[loud[0] : loud[0] + 8000], 500), (samples[loud[-1] - 8000 : loud[-1]], 1000)):
+        assert np.abs(np.fft.rfft(part)).argmax() * 6 == pytest.approx(hertz, rel=0.03)
+
+
+@pytest.mark.parametrize("what, event", [
+    (lambda r, p: r.fail(0.3, code=2003, text="Cut"), "SessionFailed"),
+    (lambda r, p: r.disconnect(0.3), "SessionDisconnected"),
+    (lambda r, p: r.drop_stream(p, 0.3), "StreamDropped"),
+    (lambda r, p: r.fail_publisher(0.3), "PublisherFailed"),
+    (lambda r, p: r.fail_subscriber(p, 0.3, code=7), "SubscriberFailed"),
+])
+def test_what_goes_wrong(rehearsal, what, event):
+    alice = rehearsal.participant("alice")
+    alice.sounds(440)
+    what(rehearsal, alice)
+
+    async def agent(session):
+        async with session.publish("me", video=False):
+            stream = await first_stream(session)
+            async with session.subscribe(stream, video=False):
+                await asyncio.sleep(10)
+
+    told = {type(each).__name__: at for at, each in rehearsal.run(agent, until=0.8).told}
+    assert told[event] == pytest.approx(0.3, abs=0.25)
+
+
+def test_joining_may_fail(rehearsal):
+    rehearsal.refuse(1030, "Not today")
+    with pytest.raises(aio.SessionError, match="Not today"):
+        rehearsal.run(idle)
+    assert rehearsal.performance.entry("refused").fields["text"] == "Not today"
+    with pytest.raises(RuntimeError, match="runs once"):
+        rehearsal.run(idle)
+
+
+def test_agents_that_join_by_themselves(rehearsal):
+    rehearsal.accept_only("secret")
+
+    async def agent():
+        async with aio.connect(os.environ["APPLICATION_ID"], os.environ["SESSION_ID"], os.environ["TOKEN"]):
+            raise LookupError("of the agent")
+
+    with pytest.raises(LookupError, match="of the agent"):
+        rehearsal.run_alone(agent)
+    assert [each.name for each in rehearsal.performance.entries][::2] == ["joined", "closed"]
+
+
+def test_programs(rehearsal):
+    rehearsal.participant("alice").says(babble(0.5), at=0.3)
+    performance = rehearsal.run_program([os.environ["AGENT"]], until=2.0)
+    assert performance.exit_code == 0, performance.output
+    assert len(performance.sound.utterances()) == 1
+
+
+def test_hanging_agents_are_told(rehearsal):
+    with pytest.raises(AssertionError, match="still running after 0.3 s"):
+        rehearsal.run(idle, timeout=0.3)
+
+
+async def mute(session):
+    async with session.publish("mute", video=False):
+        await asyncio.sleep(0.3)
+
+
+def test_fails_and_shows_why(rehearsal):
+    assert rehearsal.run(mute).sound.utterances()
+'''
+
+
+def pytest_of(*arguments: object, **environment: object) -> subprocess.CompletedProcess[str]:
+    variables = {key: value for key, value in os.environ.items() if key not in ("LD_LIBRARY_PATH", "API_HOSTNAME")}
+    variables["PYTHONPATH"] = os.pathsep.join([str(BUILD / "python"), str(ROOT / "python")])
+    variables |= {key: str(value) for key, value in environment.items()}
+    options = ["-p", "tavrin_media_relay.testing.plugin", "-p", "no:cacheprovider", "-q", "-W", "error"]
+    return subprocess.run(
+        [sys.executable, "-X", "dev", "-m", "pytest", *options, *map(str, arguments)],
+        env=variables, cwd=ROOT, capture_output=True, text=True, errors="replace", timeout=120,
+    )  # fmt: skip
+
+
+def test_the_example_takes_less_than_ten_seconds():
+    done = pytest_of("examples/testing")
+    assert done.returncode == 0, done.stdout + done.stderr
+    passed = re.search(r"(\d+) passed in ([\d.]+)s", done.stdout)
+    assert passed and int(passed[1]) >= 4 and float(passed[2]) < 10, done.stdout
+
+
+def test_rehearsals(tmp_path):
+    (tmp_path / "test_rehearsals.py").write_text(REHEARSALS)
+    done = pytest_of(tmp_path, AGENT=ROOT / "examples" / "testing" / "agent.py")
+    assert re.search(r"1 failed, \d+ passed", done.stdout), done.stdout + done.stderr
+    shown = done.stdout.partition("- rehearsal -")[2]
+    for part in ("publication", "mute sent sound: silence only", "files in"):
+        assert part in shown, done.stdout + done.stderr
+
+
+def test_the_plug_in_asks_for_nothing_until_it_is_used():
+    """It is loaded by every pytest of an environment."""
+    code = "import sys, tavrin_media_relay.testing.plugin; print(*sys.modules)"
+    environment = {"PYTHONPATH": str(ROOT / "python"), "PATH": os.defpath}
+    done = subprocess.run([sys.executable, "-c", code], env=environment, capture_output=True, text=True, check=True)
+    assert not {"numpy", "_tavrin_video", "asyncio"} & set(done.stdout.split())
