@@ -77,7 +77,7 @@ void JanusClient::connection_failed(const std::string& reason) {
     case State::kOpen:
       if (closed_) {
         end();
-        closed_();
+        std::exchange(closed_, nullptr)();
       } else {
         broken(reason);
       }

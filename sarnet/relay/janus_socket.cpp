@@ -13,7 +13,7 @@ struct ErrorDeleter {
 using ErrorHandle = std::unique_ptr<GError, ErrorDeleter>;
 
 // Messages of the server with descriptions of many streams outgrow libsoup's 128 KiB.
-constexpr guint64 kMaxMessage = 4 * 1024 * 1024;
+constexpr guint64 kMaxMessage = guint64{4} * 1024 * 1024;
 
 }  // namespace
 

@@ -151,6 +151,7 @@ void RelayPublication::notice(const json& message) {
                                 text_of(candidate, "candidate"));
   } else if (kind == "hangup") {
     const std::string reason = text_of(message, "reason");
+    negotiated_ = false;
     // Soon, as the session may be ending with it.
     limit_ = MainLoop::Timer(*access_.loop, kHangupPatience, [this, reason] {
       fail({SRN_PUBLISHER_WEBRTC_ERROR, "The server ended the published stream: " + reason});
