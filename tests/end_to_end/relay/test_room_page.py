@@ -5,7 +5,7 @@ from __future__ import annotations
 import re
 
 import pytest
-from conftest import ADDRESS, HERE, ROOT, SECRET, Server
+from processes import ADDRESS, HERE, ROOT, SECRET, Server
 
 from tavrin_media_relay.relay import join_token
 

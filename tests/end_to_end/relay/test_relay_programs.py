@@ -9,7 +9,7 @@ import signal
 import time
 
 import pytest
-from conftest import ADDRESS, HERE, ROOT, SECRET, Server
+from processes import ADDRESS, HERE, ROOT, SECRET, Server
 
 from tavrin_media_relay.relay import join_token, realm_token, room_token
 
@@ -69,9 +69,7 @@ def test_a_killed_program_is_missed(server):
 def test_a_killed_server_is_an_error_and_leaving_stays_quick(server):
     program = server.program(1)
     program.wait_for("published")
-    pids = [line.split()[0] for line in os.popen(f"pgrep -f 'janus -F {server.folder}$'")]
-    assert len(pids) == 1
-    os.kill(int(pids[0]), signal.SIGKILL)
+    os.kill(server.janus(), signal.SIGKILL)
     error = program.wait_for("session error", 20)
     assert error["code"] == 1022 and error["text"]
     assert program.leave()["seconds"] < 2.5
