@@ -218,7 +218,7 @@ def test_doctor_finds_all_well():
     assert found["fine"], found
     about = {each["about"]: each for each in found["findings"]}
     assert about["libsarnet"]["text"] == str(BUILD / "python" / "libsarnet.so")
-    assert found["figures"]["capture"]["periods_written"] > 50 and found["figures"]["pictures"] > 0
+    assert found["figures"]["library"]["capture"]["periods_written"] > 50 and found["figures"]["pictures"] > 0
 
 
 def test_extras_may_be_missing(tmp_path):

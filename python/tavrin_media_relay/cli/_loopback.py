@@ -14,7 +14,7 @@ from pathlib import Path
 from typing import Any, Optional
 
 from .. import aio
-from ..models import LoggingSettings, SessionSettings
+from ..models import LoggingSettings, SessionAVSettings, SessionSettings, SessionVideoPublisherSettings, VideoResolution
 from ._figures import reset_library
 from ._levels import peak
 
@@ -22,17 +22,23 @@ _RATE = 48000
 _SPOKEN_S = 1.0
 _PATIENCE = 10.0
 _LOUD = 1000  # of a tone at a quarter of full scale
+_SIZE = VideoResolution(160, 120)
+_FPS = 30
 
 
 @dataclass(frozen=True)
 class Figures:
     spoken_s: float
-    sent_missing: bool
+    sound_missing: bool
+    picture_missing: bool
     heard_tone: bool
     pictures: int
     delays: dict[str, float]
     """Milliseconds from the library's call to our loop's body."""
-    capture: Optional[dict[str, int]]
+    kept: dict[str, float]
+    """Milliseconds that the library's thread was in our callable."""
+    library: Optional[dict[str, Any]]
+    """The library's counters."""
 
     def as_dict(self) -> dict[str, Any]:
         return asdict(self)
@@ -69,8 +75,14 @@ async def _listen(session: aio.Session) -> tuple[int, int, aio.Received]:
     return loudest, pictures, received
 
 
-async def _recorded(folder: Path) -> bytes:
-    """The recording once it is complete, as its log tells."""
+async def _show(video: aio.VideoOutput, picture: bytes) -> None:
+    for _ in range(int(_SPOKEN_S * _FPS)):
+        await video.write(picture)
+    await video.drained()
+
+
+async def _recorded(folder: Path) -> tuple[bytes, bytes]:
+    """Samples and pictures, once the recording is complete, as its log tells."""
     log = folder / "events.jsonl"
     end = time.monotonic() + _PATIENCE
     while '"event":"closed"' not in log.read_text():
@@ -78,7 +90,8 @@ async def _recorded(folder: Path) -> bytes:
             raise TimeoutError(f"the recording was not closed within {_PATIENCE:g} s")
         await asyncio.sleep(0.01)
     with wave.open(str(next(folder.glob("*.wav"))), "rb") as file:
-        return bytes(file.readframes(file.getnframes()))
+        samples = file.readframes(file.getnframes())
+    return samples, next(folder.glob("*.y4m")).read_bytes()
 
 
 async def loopback(folder: Path, logging: LoggingSettings) -> Figures:
@@ -88,20 +101,29 @@ async def loopback(folder: Path, logging: LoggingSettings) -> Figures:
     scenario.write_text(json.dumps({"participants": [peer], "record": "recording"}))
     os.environ["API_HOSTNAME"] = f"embedded:{scenario}"
     spoken = _spoken()
-    opening = aio.connect("doctor-app", "doctor", "t", settings=SessionSettings(logging=logging), timeout=_PATIENCE)
-    async with opening as session, session.publish("doctor", video=False, audio_queue=2.0) as publisher:
+    picture = bytes(16 + i * 7 % 200 for i in range(_SIZE.width * _SIZE.height * 3 // 2))
+    av = SessionAVSettings(video_publisher=SessionVideoPublisherSettings(_SIZE, _FPS))
+    settings = SessionSettings(av=av, logging=logging)
+    opening = aio.connect("doctor-app", "doctor", "t", settings=settings, timeout=_PATIENCE)
+    async with opening as session, session.publish("doctor", audio_queue=2.0) as publisher:
         reset_library()
         listening = asyncio.create_task(asyncio.wait_for(_listen(session), _PATIENCE))
         await publisher.audio.write(spoken)
-        await asyncio.wait_for(publisher.audio.drained(), _PATIENCE)
+        showing = asyncio.gather(publisher.audio.drained(), _show(publisher.video, picture))
+        await asyncio.wait_for(showing, _PATIENCE)
         loudest, pictures, received = await listening
         library = session.statistics().library
-    delays = {"p50": received.delay_p50, "p99": received.delay_p99, "max": received.delay_max}
+    samples, pictures_sent = await _recorded(folder / "recording")
+    delayed = (received.delay_p50, received.delay_p99, received.delay_max)
+    held = (received.callable_p50, received.callable_p99, received.callable_max)
+    delays, kept = ({name: each * 1000 for name, each in zip(("p50", "p99", "max"), times)} for times in (delayed, held))
     return Figures(
         _SPOKEN_S,
-        spoken not in await _recorded(folder / "recording"),
+        spoken not in samples,
+        picture not in pictures_sent,
         loudest > _LOUD,
         pictures,
-        {name: value * 1000 for name, value in delays.items()},
-        library and library["capture"],
+        delays,
+        kept,
+        library,
     )

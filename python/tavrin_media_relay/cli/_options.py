@@ -48,7 +48,7 @@ def add_session_options(parser: argparse.ArgumentParser, name: str = "") -> None
                        help="embedded:FILE, a server's name, or a ws:// or wss:// address (default: API_HOSTNAME "
                        "of the environment, else the embedded engine)")  # fmt: skip
     group.add_argument("--token", metavar="T", default=environment.get("TOKEN") or "no-token",
-                       help="who may enter (default: TOKEN of the environment, which other users cannot see)")  # fmt: skip
+                       help="who may enter (default: TOKEN of the environment, unseen by other users)")  # fmt: skip
     group.add_argument("--app-id", metavar="ID", default=environment.get("APPLICATION_ID") or "tavrin-cli",
                        help="application id or API key (default: APPLICATION_ID, else tavrin-cli)")  # fmt: skip
     group.add_argument("--timeout", metavar="S", type=number(0.1, 3600, "seconds"), default=30.0,
@@ -56,7 +56,7 @@ def add_session_options(parser: argparse.ArgumentParser, name: str = "") -> None
     if name:
         group.add_argument("--name", default=name, help=f"of the stream that is published (default: {name})")
     group.add_argument("--log-level", choices=LOG_LEVELS, default="off",
-                       help="of the native log, on standard error; debug and trace show the token (default: off)")  # fmt: skip
+                       help="of the native log, on standard error; debug and trace tell tokens (default: off)")  # fmt: skip
     if name:
         group.add_argument("--figures", type=Path, metavar="FILE",
                            help="write events and figures of each second there, for the command report")  # fmt: skip

@@ -27,6 +27,8 @@ _MARKS = {"ok": "  ok  ", "note": " note ", "bad": " BAD  "}
 
 #: Milliseconds of lateness from which an ear may notice.
 _LATE_MS = 20.0
+#: Periods that may be missing from a second: what one short stall leaves out.
+_GAPS = 5
 _DESCRIPTION = """\
 Tells versions, which libsarnet.so is in use and which engines it has, plays and records a second on the embedded
 engine, measures how punctual this machine is, and gives advice where something is off. Nothing leaves this machine.
@@ -130,7 +132,10 @@ def _look_at_helpers(findings: _Findings) -> None:
             findings.add("note", name, "not installed", f"For {purpose}: apt-get install {package}")
         else:
             findings.add("ok", name, importlib.metadata.version(name))
-    programs = (("ffmpeg", "ffmpeg", "play any kind of file, record to Matroska"), ("janus", "janus", "the command relay"))
+    programs = (
+        ("ffmpeg", "ffmpeg", "play any kind of file, record to Matroska"),
+        ("janus", "janus", "the command relay"),
+    )
     for name, package, purpose in programs:
         place = shutil.which(name)
         if place is None:
@@ -155,30 +160,47 @@ def _try_out(findings: _Findings) -> Optional[Figures]:
         try:
             figures = asyncio.run(loopback(Path(folder), LoggingSettings("error")))
         except Exception as error:  # whatever it is: that a session does not work is what we were asked
-            findings.add("bad", "loopback", f"{type(error).__name__}: {error}", "See what happens: record --log-level info --session try --out /tmp/try")
+            advice = "See what happens: record --log-level info --session try --out /tmp/try"
+            findings.add("bad", "loopback", f"{type(error).__name__}: {error}", advice)
             return None
-    if figures.sent_missing or not figures.heard_tone:
-        text = "sound went astray: " + ("what was spoken is not in the recording" if figures.sent_missing else "a tone was not heard")
-        findings.add("bad", "loopback", text, "On a machine this busy, media will have gaps. Try again when it is idle.")
+    wrong = (
+        (figures.sound_missing, "what was spoken is not whole in the recording"),
+        (figures.picture_missing, "what was shown is not in the recording"),
+        (not figures.heard_tone, "the other side's tone was not heard"),
+        (not figures.pictures, "the other side was not seen"),
+    )
+    faults = "; ".join(text for fault, text in wrong if fault)
+    if faults:
+        advice = "On a machine that is busy, media have gaps: try again when it is idle."
+        findings.add("bad", "loopback", faults, advice)
     else:
-        findings.add("ok", "loopback", f"spoke {figures.spoken_s:g} s that was recorded whole; heard the tone, saw {figures.pictures} pictures")
+        text = f"spoke {figures.spoken_s:g} s and showed pictures, recorded whole; "
+        text += f"heard a tone, saw {figures.pictures} pictures"
+        findings.add("ok", "loopback", text)
     _judge_pacing(findings, figures)
     return figures
 
 
+def _times(times: dict[str, float], digits: int = 1) -> str:
+    return ", ".join(f"{name} {value:.{digits}f}" for name, value in times.items()) + " ms"
+
+
 def _judge_pacing(findings: _Findings, figures: Figures) -> None:
-    delays = figures.delays
-    text = "from library thread to async for: p50 {p50:.1f}, p99 {p99:.1f}, max {max:.1f} ms".format(**delays)
-    findings.add("ok" if delays["p99"] < _LATE_MS else "note", "delivery", text)
-    if not figures.capture:
+    text = f"from the library's thread to async for: {_times(figures.delays)}; "
+    text += f"its thread was kept {_times(figures.kept, 3)}"
+    findings.add("ok" if figures.delays["p99"] < _LATE_MS else "note", "delivery", text)
+    if figures.library is None:
         return
-    capture = figures.capture
-    p50, p99, worst = (capture[f"lateness_{each}_us"] / 1000 for each in ("p50", "p99", "max"))
+    capture, video, delivery = (figures.library[part] for part in ("capture", "video", "delivery"))
+    dropped = delivery["audio_blocks_dropped"] + delivery["pictures_dropped"]
+    text = "{frames_provided} provided, {frames_repeated} of them repeated and {frames_black} black, {frames_late} late"
+    findings.add("ok", "pictures", text.format(**video) + f"; {dropped} received media dropped")
+    late = {name: capture[f"lateness_{name}_us"] / 1000 for name in ("p50", "p99", "max")}
     text = (
-        f"{capture['periods_written']} periods of 10 ms, late p50 {p50:.1f}, p99 {p99:.1f}, max {worst:.1f} ms; "
+        f"{capture['periods_written']} periods of 10 ms ({capture['silence_periods']} silent), late {_times(late)}; "
         f"missed {capture['gaps']}, underruns {capture['underruns']}"
     )
-    if p99 < _LATE_MS and capture["gaps"] <= 5:
+    if late["p99"] < _LATE_MS and capture["gaps"] <= _GAPS:
         findings.add("ok", "pacing", text)
         return
     load, cpus = os.getloadavg()[0], len(os.sched_getaffinity(0))

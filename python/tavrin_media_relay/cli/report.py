@@ -101,7 +101,8 @@ def draw(course: Course, title: str, target: Path) -> None:
     queue.set_ylabel("queues")
     queue.set_title(f"{course.dropped} dropped", loc="right", fontsize="small")
     kinds = list(dict.fromkeys(name for _, name in course.events))
-    happened.scatter([at for at, _ in course.events], [kinds.index(name) for _, name in course.events], marker="|", s=90)
+    places = [(at, kinds.index(name)) for at, name in course.events]
+    happened.scatter([at for at, _ in places], [place for _, place in places], marker="|", s=90)
     happened.set_yticks(range(len(kinds)), kinds, fontsize="small")
     happened.set_xlabel("seconds")
     for axes in (late, queue):

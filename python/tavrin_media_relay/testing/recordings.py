@@ -116,7 +116,8 @@ class Sound:
         """The strongest frequency of a stretch of time, in Hz."""
         part = self.between(begin, end).mean(axis=1)
         if len(part) < self.rate // 50:
-            raise ValueError(f"nothing was sent from {begin:g} to {end:g} s: the sound is {self.begin:g} to {self.end:g} s")
+            sent = f"the sound is from {self.begin:g} to {self.end:g} s"
+            raise ValueError(f"nothing was sent from {begin:g} to {end:g} s: {sent}")
         spectrum = np.abs(np.fft.rfft(part * np.hanning(len(part))))
         return float(spectrum.argmax() * self.rate / len(part))
 

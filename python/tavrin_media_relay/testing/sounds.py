@@ -70,7 +70,8 @@ def load(source: Source, rate: int = RATE) -> Samples:
     if shutil.which("ffmpeg") is None:
         raise RuntimeError(f"{path} needs the program ffmpeg, which is not installed: only 16-bit WAV is read without")
     done = subprocess.run(
-        ["ffmpeg", "-v", "error", "-nostdin", "-i", f"file:{path}", "-vn", "-f", "s16le", "-ac", "1", "-ar", str(RATE), "-"],
+        ["ffmpeg", "-v", "error", "-nostdin", "-i", f"file:{path}",
+         "-vn", "-f", "s16le", "-ac", "1", "-ar", str(RATE), "pipe:1"],
         capture_output=True,
     )  # fmt: skip
     if done.returncode:
