@@ -103,6 +103,7 @@ function nameTile(tile, name) {
   element.setAttribute('aria-label', name);
   element.style.setProperty('--hue', hue(name));
   element.querySelector('.who').textContent = name;
+  element.querySelector('video').setAttribute('aria-label', `Picture of ${name}`);
   element.querySelector('.meter').setAttribute('aria-label', `Loudness of ${name}`);
   element.querySelector('.initials').textContent =
     name.split(/\s+/).slice(0, 2).map((word) => [...word][0] ?? '').join('').toUpperCase();
@@ -114,7 +115,7 @@ function makeTile(id, name) {
   const tile = {element, name, meter: null, clear: 0};
   nameTile(tile, name);
   tiles.set(id, tile);
-  $('tiles').append(element);
+  $('alone').before(element);
   countPresence();
   return tile;
 }
@@ -236,6 +237,9 @@ function enter(name, room) {
   tile.element.querySelector('video').muted = true;
   setMedia(OWN, own);
   tile.element.querySelector('.state').textContent = 'you';
+  for (const track of own?.getTracks() ?? []) {
+    track.onended = () => complain(`Your ${track.kind === 'audio' ? 'microphone' : 'camera'} has stopped. Leave and join again to use another.`);
+  }
   document.body.classList.add('inside');
   $('lobby').hidden = true;
   $('stage').hidden = $('bar').hidden = false;
