@@ -10,8 +10,8 @@ import wave
 
 from tavrin_media_relay import aio
 
-WHERE = [os.environ.get(f"TAVRIN_{name}", default) for name, default in
-         (("APP", "examples-app"), ("SESSION", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
+WHERE = [os.environ.get(name, default) for name, default in
+         (("APPLICATION_ID", "examples-app"), ("SESSION_ID", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
 RATE = 16000
 
 

@@ -11,8 +11,8 @@ from PIL import Image, ImageOps
 
 from tavrin_media_relay import SessionAVSettings, SessionSettings, SessionVideoPublisherSettings, VideoResolution, aio
 
-WHERE = [os.environ.get(f"TAVRIN_{name}", default) for name, default in
-         (("APP", "examples-app"), ("SESSION", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
+WHERE = [os.environ.get(name, default) for name, default in
+         (("APPLICATION_ID", "examples-app"), ("SESSION_ID", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
 SIZE, FPS = (640, 480), 15
 FORM = SessionVideoPublisherSettings(VideoResolution(*SIZE), FPS)
 SETTINGS = SessionSettings(av=SessionAVSettings(video_publisher=FORM))

@@ -1,6 +1,6 @@
 """A program to talk to: it says back what it hears, shows what it is doing, and captions itself.
 
-    API_HOSTNAME=ws://127.0.0.1:8188 TAVRIN_SESSION=lobby TAVRIN_TOKEN=... ./dev python examples/talk_back
+    API_HOSTNAME=ws://127.0.0.1:8188 SESSION_ID=lobby TOKEN=... ./dev python examples/talk_back
 
 `./dev room` starts it together with a server and a page for the browser.
 """
@@ -135,9 +135,9 @@ class TalkBack:
 
 def main() -> int:
     parser = argparse.ArgumentParser(prog="talk_back", description=__doc__.splitlines()[0])
-    parser.add_argument("--session", default=os.environ.get("TAVRIN_SESSION", "lobby"))
-    parser.add_argument("--token", default=os.environ.get("TAVRIN_TOKEN", "a-token"))
-    parser.add_argument("--application", default=os.environ.get("TAVRIN_APP", "talk-back"))
+    parser.add_argument("--session", default=os.environ.get("SESSION_ID", "lobby"))
+    parser.add_argument("--token", default=os.environ.get("TOKEN", "a-token"))
+    parser.add_argument("--application", default=os.environ.get("APPLICATION_ID", "talk-back"))
     parser.add_argument("--delay", type=float, default=0.6, help="seconds before it answers (default: 0.6)")
     arguments = parser.parse_args()
     program = TalkBack(arguments.delay)

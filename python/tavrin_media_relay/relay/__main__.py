@@ -84,7 +84,7 @@ def how_to_join(server: RelayServer) -> str:
     lines += [f"  {'session id':<21} {room}", f"  {'token (one day)':<21} {token}", ""]
     lines += ["Or, ready to paste, before any of the examples:", ""]
     assignments = " ".join(f"{name}={value}" for name, value in variables.items())
-    lines += [f"  export {assignments} TAVRIN_SESSION={room} TAVRIN_TOKEN='{token}'", ""]
+    lines += [f"  export {assignments} SESSION_ID={room} TOKEN='{token}'", ""]
     if settings.loopback:
         lines += [f"Over TLS: wss://localhost:{settings.tls_port} with SARNET_RELAY_CA_FILE={server.certificate}"]
     return "\n".join(lines)
@@ -125,7 +125,7 @@ def room(arguments: argparse.Namespace) -> int:
             sys.stdout.flush()
             if arguments.agent is not None:
                 environment = os.environ | variables_for(server)
-                environment |= {"TAVRIN_SESSION": name, "TAVRIN_TOKEN": join_token(name, settings.token_secret)}
+                environment |= {"SESSION_ID": name, "TOKEN": join_token(name, settings.token_secret)}
                 command = ["setpriv", "--pdeathsig", "TERM", sys.executable, str(arguments.agent)]
                 agent = subprocess.Popen(command, env=environment, start_new_session=True)
             try:
