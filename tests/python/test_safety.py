@@ -86,7 +86,7 @@ ENDINGS = [
     ("at the end of the program", "", 0),
     ("by sys.exit", "sys.exit(3)", 3),
     ("by an exception", "raise ValueError('end')", 1),
-    ("by Ctrl-C", "import signal\nsignal.raise_signal(signal.SIGINT)", -2),
+    ("by Ctrl-C", CTRL_C, -2),
     ("while a callable sleeps", "action = lambda *_: time.sleep(0.002)\ntime.sleep(0.05)", 0),
     ("while callables compute", "action = lambda *_: sum(range(3000))\ntime.sleep(0.05)", 0),
     ("while a callable calls the client", "action = lambda *_: client.get_media_buffer_stats()\ntime.sleep(0.05)", 0),

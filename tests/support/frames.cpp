@@ -145,7 +145,7 @@ srn_video_frame* srn_video_frame_new_contiguous_memory_wrapper(
 srn_status srn_video_frame_delete(srn_video_frame* frame) {
   SCRIPTED_MEDIA_CALL();
   if (frame == nullptr) return SRN_SUCCESS;
-  const auto kept = frame->self;
+  const auto kept = scripted::shared(frame);
   if (!function.retire(frame)) return SRN_SESSION_NULL_OR_INVALID_PARAMETER;
   if (frame->release != nullptr) std::exchange(frame->release, nullptr)(frame->release_argument);
   return failure.value_or(SRN_SUCCESS);

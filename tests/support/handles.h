@@ -32,7 +32,7 @@ enum class Kind {
   count
 };
 
-struct Handle {
+struct Handle : std::enable_shared_from_this<Handle> {
   explicit Handle(Kind handle_kind) : kind(handle_kind) {}
   virtual ~Handle() { kind = Kind::count; }
   Handle(const Handle&) = delete;
@@ -163,9 +163,10 @@ T* adopt(const std::shared_ptr<T>& handle) {
   adoptHandle(handle);
   return handle.get();
 }
+// Any thread, also while another one deletes the handle.
 template <class T>
 std::shared_ptr<T> shared(T* handle) {
-  return std::static_pointer_cast<T>(handle->self);
+  return std::static_pointer_cast<T>(handle->weak_from_this().lock());
 }
 long live(std::string_view kind);
 

@@ -21,7 +21,7 @@ template <class T, class Before>
 srn_status remove(const scripted::Function& function, std::optional<srn_status> failure, T* handle,
                   Before before) {
   if (handle == nullptr) return SRN_SUCCESS;
-  const auto kept = handle->self;
+  const auto kept = scripted::shared(handle);
   if (!function.retire(handle)) return kInvalid;
   before();
   return failure.value_or(SRN_SUCCESS);
