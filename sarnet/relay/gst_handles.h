@@ -3,6 +3,7 @@
 #include <gst/gst.h>
 
 #include <memory>
+#include <string_view>
 #include <utility>
 
 namespace sarnet::relay {
@@ -39,6 +40,12 @@ void connect_weakly(gpointer object, const char* signal, GCallback callback,
 template <class T>
 std::shared_ptr<T> lock_weak(gpointer data) {
   return static_cast<std::weak_ptr<T>*>(data)->lock();
+}
+
+// Whether the element is of that kind ("queue").
+inline bool is_made_by(GstElement* element, std::string_view factory_name) {
+  const GstElementFactory* factory = gst_element_get_factory(element);
+  return factory != nullptr && factory_name == GST_OBJECT_NAME(factory);
 }
 
 }  // namespace sarnet::relay

@@ -103,7 +103,7 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   struct Promise;
 
   bool build(std::string& error);
-  void add_ice_servers();
+  void configure_ice();
   void watch_bus();
   void watch_webrtc();
   void create_description(const char* type);

@@ -37,13 +37,11 @@ GstPadProbeReturn reorder(GstPad*, GstPadProbeInfo* info, gpointer data) {
 }
 
 void on_element(GstBin*, GstElement* element, gpointer) {
-  const GstElementFactory* factory = gst_element_get_factory(element);
-  const std::string_view name = factory != nullptr ? GST_OBJECT_NAME(factory) : "";
-  if (name == "rtpjitterbuffer") {
+  if (is_made_by(element, "rtpjitterbuffer")) {
     // Otherwise the first packets wait for the full time for others that may have overtaken them.
     g_object_set(element, "faststart-min-packets", 2, nullptr);
   }
-  if (name != "rtpsession") {
+  if (!is_made_by(element, "rtpsession")) {
     return;
   }
   // When it plays it sets the time of its first report, so it must know by then.
