@@ -38,7 +38,7 @@ class Received:
         self.marks: list[tuple[int, int]] = []
         self.unmarked = 0
         self.size = (0, 0)
-        self.colour = np.zeros(3)
+        self.colours: list[tuple[float, ...]] = []
         self.sound: list[np.ndarray] = []
         self.loud = 0
         self.captions: list[tuple[str, bool]] = []
@@ -52,7 +52,7 @@ class Received:
         if mark is None:
             self.unmarked += 1
             chroma = planes[width * height :].reshape(2, -1)
-            self.colour = np.array([luma.mean(), chroma[0].mean(), chroma[1].mean()])
+            self.colours.append((luma.mean(), chroma[0].mean(), chroma[1].mean()))
         else:
             self.marks.append(mark)
         self._enough()
@@ -90,7 +90,7 @@ class Received:
             "numbers": [number for _, number in self.marks],
             "unmarked": self.unmarked,
             "size": self.size,
-            "colour": [round(float(value)) for value in self.colour],
+            "colours": np.quantile(self.colours or [(0.0,) * 3], (0.1, 0.9), 0).round().tolist(),
             "sound_seconds": len(sound) / marks.RATE,
             "loud": self.loud,
             "bursts": len(found),

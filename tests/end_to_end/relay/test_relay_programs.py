@@ -120,8 +120,8 @@ def test_the_example_talks_back(server):
     program.wait_for("published")
     variables = {"API_HOSTNAME": server.host, "SARNET_RELAY_CA_FILE": str(server.folder / "cert.pem")}
     agent = server.network.start(
-        ROOT / "examples/talk_back", "--delay", "0.2", TAVRIN_SESSION="marks",
-        TAVRIN_TOKEN=join_token("marks", SECRET), **variables,
+        ROOT / "examples/talk_back", "--delay", "0.2", SESSION_ID="marks",
+        TOKEN=join_token("marks", SECRET), **variables,
     )
     program.wait_for("enough")
     said = program.leave()["received"]

@@ -55,8 +55,9 @@ def test_a_browser_and_a_program_hear_see_and_read_each_other(enter_network, tmp
     connections = [event for event in program.events() if event["event"] == "connection"]
     assert "Ada Lovelace" in [event["data"] for event in connections]
     received = program.leave()["received"][typed["stream"]]
-    luma, blue, red = received["colour"]  # the browser's fake camera shows green, as far from grey as can be
     assert received["size"] == [640, 480] and received["unmarked"] >= 60
-    assert 10 < luma < 120 and blue < 30 and red < 30, received
+    # The browser's fake camera shows something green that moves, as far from grey as can be.
+    (darkest, *least), (lightest, *most) = received["colours"]
+    assert darkest + 5 < lightest < 120 and max(*least, *most) < 30, received
     assert received["loud"] >= 20  # its fake microphone beeps
     assert received["sound_seconds"] > 2
