@@ -45,7 +45,7 @@ async def _speak_back(mix: aio.AudioIterator, audio: aio.AudioOutput, delay: flo
     async for frame in mix:
         loudest = max(loudest, peak(frame.samples))
         now = time.monotonic()
-        await asyncio.sleep(frame.arrived + delay - now)
+        await asyncio.sleep(frame.arrived + delay - _CUSHION - now)
         if now - spoken > _CUSHION:  # the queue has run dry
             await audio.write(bytes(int(frame.sample_rate * _CUSHION) * frame.channels * 2), channels=frame.channels)
         await audio.write(frame.samples, sample_rate=frame.sample_rate, channels=frame.channels)
@@ -64,7 +64,7 @@ def echo(options: argparse.Namespace, terminal: Terminal) -> int:
         try:
             async with session.publish(options.name, video=False, audio_queue=_QUEUE) as publisher:
                 await asyncio.wait_for(
-                    _speak_back(mix, publisher.audio, options.delay - _CUSHION, live), options.seconds
+                    _speak_back(mix, publisher.audio, options.delay, live), options.seconds
                 )
         except asyncio.TimeoutError:
             pass
