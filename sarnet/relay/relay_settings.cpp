@@ -42,9 +42,9 @@ RelaySettings relay_settings(const HostAddress& address, std::uint32_t port) {
   const std::string host = is_ipv6 ? "[" + address.host + "]" : address.host;
   const std::uint32_t chosen =
       address.port != 0 || !address.secure ? static_cast<std::uint32_t>(address.port) : port;
-  settings.url = (address.secure ? "wss://" : "ws://") + host +
-                 (chosen != 0 ? ":" + std::to_string(chosen) : "") +
-                 (address.path.empty() ? "/" : address.path);
+  settings.url = (address.secure ? "wss://" : "ws://") + host;
+  if (chosen != 0) settings.url.append(":").append(std::to_string(chosen));
+  settings.url += address.path.empty() ? "/" : address.path;
   settings.ca_file = environment("SARNET_RELAY_CA_FILE");
   settings.admin_key = environment("SARNET_RELAY_ADMIN_KEY");
   settings.loopback = address.is_loopback() || environment("SARNET_RELAY_LOOPBACK") == "1";
