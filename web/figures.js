@@ -124,13 +124,20 @@ export class FiguresPanel {
     return told;
   }
 
+  /** Moves the bar in a participant's card: 0 to 1. */
+  setLevel(id, level) {
+    const card = [...this.cards.children].find((each) => each.dataset.id === id);
+    if (card) card.querySelector('.meter span').style.scale = `${level} 1`;
+  }
+
   async show(connections) {
     const told = await this.collect(connections);
-    this.cards.replaceChildren(...Object.values(told).map(({name, sound, picture}) => {
+    this.cards.replaceChildren(...Object.entries(told).map(([id, {name, sound, picture}]) => {
       const card = document.createElement('section');
-      const title = document.createElement('h3');
-      title.textContent = name;
-      card.append(title, ...list('Sound', sound), ...list('Picture', picture));
+      card.innerHTML = '<h3></h3><div class="meter" aria-hidden="true"><span></span></div>';
+      card.dataset.id = id;
+      card.firstChild.textContent = name;
+      card.append(...list('Sound', sound), ...list('Picture', picture));
       return card;
     }));
   }

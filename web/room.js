@@ -161,8 +161,9 @@ function showCaption(id, text, final) {
 }
 
 function drawMeters() {
-  for (const {element, meter} of tiles.values()) {
+  for (const [id, {element, meter}] of tiles) {
     const level = meter?.level() ?? 0;
+    if (!$('figures').hidden) panel.setLevel(id, level);
     element.querySelector('.meter span').style.scale = `${level} 1`;
     element.classList.toggle('speaking', level > 0.45);
   }
