@@ -5,7 +5,9 @@ from __future__ import annotations
 import json
 import os
 import re
+import shutil
 import signal
+import socket
 import subprocess
 import sys
 import wave
@@ -142,7 +144,8 @@ def test_play_sends_what_the_files_hold(tmp_path):
     y4m = (tmp_path / "out" / "video-1.y4m").read_bytes()
     assert y4m.startswith(b"YUV4MPEG2 W64 H64 F20:1 ")
     stride = 64 * 96 + 6
-    lumas = [np.frombuffer(y4m, "u1", 64 * 64, at + 6).reshape(64, 64) for at in range(y4m.index(b"FRAME"), len(y4m), stride)]
+    places = range(y4m.index(b"FRAME"), len(y4m), stride)
+    lumas = [np.frombuffer(y4m, "u1", 64 * 64, at + 6).reshape(64, 64) for at in places]
     white = [each for each in lumas if each[32].min() > 200]
     assert len(white) >= 25 and all(each[:15].max() < 40 and each[-15:].max() < 40 for each in white)  # borders
     drawn = told("report", figures)["report"]
@@ -151,15 +154,17 @@ def test_play_sends_what_the_files_hold(tmp_path):
 
 
 def test_record_writes_every_stream(tmp_path):
+    captions = [{"at_ms": 500, "text": "Grüße"}]
     peers = [
         {"id": "a", "audio": {"tone_hz": 700}, "video": {"testcard": True, "width": 64, "height": 48, "fps": 30}},
-        {"id": "b/../c", "audio": {"tone_hz": 300}, "captions": [{"at_ms": 500, "text": "Grüße"}], "leave_at_ms": 1500},
+        {"id": "b/../c", "audio": {"tone_hz": 300}, "leave_at_ms": 1500, "captions": captions},
     ]
     out = tmp_path / "out"
     options = ["--session", "s", "--out", out, "--host", f"embedded:{scenario(tmp_path, participants=peers)}"]
     events = told("record", *options, "--video", "y4m", "--seconds", 2)
     assert events["caption"]["text"] == "Grüße" and events["StreamDropped"]["id"] == "b/../c-stream"
-    assert sorted(each.name for each in out.iterdir()) == ["a-stream.wav", "a-stream.y4m", "b_.._c-stream.wav", "session.jsonl"]
+    names = ["a-stream.wav", "a-stream.y4m", "b_.._c-stream.wav", "session.jsonl"]
+    assert sorted(each.name for each in out.iterdir()) == names
     for name, hertz, seconds in (("a-stream", 700, 2), ("b_.._c-stream", 300, 1.5)):
         samples, rate = heard(out / f"{name}.wav")
         assert frequency(samples[-int(rate) :], rate) == pytest.approx(hertz, rel=0.02)
@@ -222,10 +227,42 @@ def test_doctor_finds_all_well():
 
 
 def test_extras_may_be_missing(tmp_path):
-    """Without the system's packages there is no terminal library, no numpy and no matplotlib; without PATH no ffmpeg."""
+    """Without the system's packages there is no rich, no numpy and no matplotlib; without PATH no ffmpeg."""
     bare = {"python": ("-S",), "PATH": "/nowhere"}
     assert "apt-get install python3-rich" in run("doctor", **bare)
     run("record", "--session", "s", "--out", tmp_path, "--seconds", 0.5, "--video", "y4m", **bare)
     assert "report needs matplotlib" in run("report", tmp_path, code=1, **bare)
     (tmp_path / "film.mp4").write_text("x")
     assert "apt-get install ffmpeg" in run("play", tmp_path / "film.mp4", "--session", "s", code=1, **bare)
+
+
+@pytest.mark.skipif(
+    shutil.which("janus") is None or not (BUILD / "python" / "libsarnet_relay.so").exists(),
+    reason="there is no server, or no relay engine",
+)
+def test_commands_meet_on_a_relay_of_ours(tmp_path):
+    with socket.socket() as free:
+        free.bind(("127.0.0.1", 0))
+        port = free.getsockname()[1]
+    ports = ["--port", port, "--tls-port", port + 1 if port < 65535 else port - 1, "--rtp-ports", "31000-31099"]
+    server = start("relay", "--room", "hall", *ports, "--dir", tmp_path / "server", "--json")
+    try:
+        assert server.stdout is not None
+        serving = json.loads(server.stdout.readline() or "{}")
+        token = told("token", "hall", "--dir", tmp_path / "server")["token"]["token"]
+        there = {**serving["environment"], "SESSION_ID": "hall", "TOKEN": token}
+        assert told("echo", **{**there, "TOKEN": "wrong"}, code=1)["failed"]["code"] == 1004
+        recorder = start("record", "--out", tmp_path / "heard", "--json", **there)
+        assert recorder.stdout is not None and "joined" in recorder.stdout.readline()
+        run("play", tone(tmp_path / "tone.wav", 800, 6), **there)
+        assert any('"StreamDropped"' in line for line in iter(recorder.stdout.readline, ""))
+        recorder.send_signal(signal.SIGINT)
+        end(recorder, 0)
+        (sound,) = (tmp_path / "heard").glob("*.wav")
+        samples, rate = heard(sound)
+        begin = int(np.flatnonzero(np.abs(samples) > 1000)[0])  # the rest came before it was subscribed to
+        assert frequency(samples[begin : begin + int(rate)], rate) == pytest.approx(800, rel=0.03)
+        server.send_signal(signal.SIGINT)
+        end(server, 0)
+    finally:
+        server.kill()

@@ -84,7 +84,8 @@ def test_participants_do_what_the_script_says(rehearsal, tmp_path):
     kinds = [type(event).__name__ for _, event in performance.told]
     of_alice = [each for each in kinds if not each.startswith("Subscriber")]
     assert of_alice == ["ConnectionCreated", "StreamReceived", "StreamDropped", "ConnectionDropped"]
-    assert performance.told[0][0] == pytest.approx(0.3, abs=0.2) and performance.told[-1][0] == pytest.approx(1.4, abs=0.3)
+    first_at, last_at = performance.told[0][0], performance.told[-1][0]
+    assert first_at == pytest.approx(0.3, abs=0.2) and last_at == pytest.approx(1.4, abs=0.3)
     assert captions == [("Early", False), ("Late", True)]
     samples = np.frombuffer(b"".join(heard), "i2")[::2].astype(float)
     loud = np.flatnonzero(np.abs(samples) > 1000)

@@ -116,7 +116,8 @@ async def loopback(folder: Path, logging: LoggingSettings) -> Figures:
     samples, pictures_sent = await _recorded(folder / "recording")
     delayed = (received.delay_p50, received.delay_p99, received.delay_max)
     held = (received.callable_p50, received.callable_p99, received.callable_max)
-    delays, kept = ({name: each * 1000 for name, each in zip(("p50", "p99", "max"), times)} for times in (delayed, held))
+    names = ("p50", "p99", "max")
+    delays, kept = ({name: each * 1000 for name, each in zip(names, times)} for times in (delayed, held))
     return Figures(
         _SPOKEN_S,
         spoken not in samples,

@@ -56,7 +56,7 @@ def add_session_options(parser: argparse.ArgumentParser, name: str = "") -> None
     if name:
         group.add_argument("--name", default=name, help=f"of the stream that is published (default: {name})")
     group.add_argument("--log-level", choices=LOG_LEVELS, default="off",
-                       help="of the native log, on standard error; debug and trace tell tokens (default: off)")  # fmt: skip
+                       help="of the native log, on standard error; debug tells the token (default: off)")  # fmt: skip
     if name:
         group.add_argument("--figures", type=Path, metavar="FILE",
                            help="write events and figures of each second there, for the command report")  # fmt: skip
