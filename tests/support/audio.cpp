@@ -145,14 +145,17 @@ void resetAudioFlow() {
 }
 
 void startCapturer(srn_publisher& publisher) {
-  publisher.capturer_gate.pass([&publisher] {
-    const auto& table = *publisher.capturer_table;
-    if (table.init(&publisher.capturer, table.user_data) != SRN_TRUE) return;
-    publisher.capturer_initialised.store(true);
-    srn_video_capturer_settings settings{};
-    table.get_capture_settings(&publisher.capturer, table.user_data, &settings);
-    table.start(&publisher.capturer, table.user_data);
-  });
+  publisher.capturer_gate.pass([] {},
+                               [&publisher] {
+                                 const auto& table = *publisher.capturer_table;
+                                 if (table.init(&publisher.capturer, table.user_data) != SRN_TRUE)
+                                   return;
+                                 publisher.capturer_initialised.store(true);
+                                 srn_video_capturer_settings settings{};
+                                 table.get_capture_settings(&publisher.capturer, table.user_data,
+                                                            &settings);
+                                 table.start(&publisher.capturer, table.user_data);
+                               });
 }
 
 void closeCapturer(srn_publisher& publisher) {

@@ -81,11 +81,13 @@ void answer(Event event, const std::shared_ptr<T>& handle, Normal normal, Error 
 template <class T, class Slot, class... Arguments>
 bool deliver(T& handle, Slot slot, Arguments... arguments) {
   bool called = false;
-  handle.gate.pass([&] {
-    if (handle.table.*slot == nullptr) return;
-    called = true;
-    (handle.table.*slot)(&handle, handle.table.user_data, arguments...);
-  });
+  std::remove_cvref_t<decltype(handle.table)> table{};
+  handle.gate.pass([&] { table = handle.table; },
+                   [&] {
+                     if (table.*slot == nullptr) return;
+                     called = true;
+                     (table.*slot)(&handle, table.user_data, arguments...);
+                   });
   return called;
 }
 

@@ -53,13 +53,6 @@ bool Gate::open() const {
   return mayStart();
 }
 
-bool Gate::enter() {
-  const std::lock_guard lock(mutex_);
-  if (!mayStart()) return false;
-  running_.push_back(std::this_thread::get_id());
-  return true;
-}
-
 void Gate::leave() {
   const std::lock_guard lock(mutex_);
   running_.erase(std::find(running_.begin(), running_.end(), std::this_thread::get_id()));

@@ -59,10 +59,16 @@ class Gate {
   explicit Gate(bool rogue, bool bound) : rogue_(rogue), bound_(bound) {}
   bool open() const;
   // Runs the callback; false when the handle was deleted or is not bound. Counted out also when the
-  // thread is ended by unwinding inside the callback.
-  template <class Callback>
-  bool pass(Callback callback) {
-    if (!enter()) return false;
+  // thread is ended by unwinding inside the callback. `prepare` runs under the gate's lock: what it
+  // reads does not change before the handle is unbound or deleted.
+  template <class Prepare, class Callback>
+  bool pass(Prepare prepare, Callback callback) {
+    {
+      const std::lock_guard lock(mutex_);
+      if (!mayStart()) return false;
+      prepare();
+      running_.push_back(std::this_thread::get_id());
+    }
     const struct Inside {
       Gate& gate;
       ~Inside() { gate.leave(); }
@@ -76,7 +82,6 @@ class Gate {
 
  private:
   bool mayStart() const;
-  bool enter();
   void leave();
 
   const bool rogue_;
