@@ -5,6 +5,7 @@ from __future__ import annotations
 import json
 import os
 import re
+import resource
 import shutil
 import signal
 import socket
@@ -202,6 +203,18 @@ def test_an_interruption_ends_in_order(command, code, number, tmp_path):
         assert "Audio periods" in end(program, code and code + number)[0]
     finally:
         program.kill()
+
+
+@pytest.mark.parametrize("command", ["record", "play"])
+def test_a_full_disk_is_told(command, tmp_path):
+    sound, log = tone(tmp_path / "tone.wav", 440, 2), tmp_path / "log.jsonl"
+    options = {"record": ["--out", tmp_path, "--seconds", 2], "play": [sound, "--figures", log]}[command]
+    program = start(command, *options, "--session", "s", "--json")
+    assert program.stdout is not None and "joined" in program.stdout.readline()
+    size = {"record": 50_000, "play": log.stat().st_size if log.exists() else 0}[command]
+    resource.prlimit(program.pid, resource.RLIMIT_FSIZE, (size, size))
+    out, err = end(program, 1)
+    assert "File too large" in out + err
 
 
 def test_a_scenario_is_checked_without_a_trace(tmp_path):

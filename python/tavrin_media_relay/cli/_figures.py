@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-import ctypes
+import contextlib
 import json
 import time
 from datetime import datetime, timezone
@@ -34,10 +34,12 @@ class Figures:
         self._file: Optional[IO[str]] = None
         self.totals: dict[str, dict[str, int]] = {}
         """The library's counters since the beginning."""
+        self.fault = ""
+        """Why the file has an early end, if it has."""
         if path is not None:
             try:
                 path.parent.mkdir(parents=True, exist_ok=True)
-                self._file = open(path, "w", encoding="utf-8", buffering=1)
+                self._file = open(path, "w", encoding="utf-8", errors="replace", buffering=1)
             except OSError as error:
                 raise Failure(f"cannot write figures to {path}: {error.strerror}") from None
             self._write("session", time=datetime.now(timezone.utc).isoformat(timespec="milliseconds"))
@@ -49,8 +51,13 @@ class Figures:
     def __exit__(
         self, kind: Optional[type[BaseException]], error: Optional[BaseException], trace: Optional[TracebackType]
     ) -> None:
-        if self._file is not None:
-            self._file.close()
+        self._close()
+
+    def _close(self) -> None:
+        file, self._file = self._file, None
+        if file is not None:
+            with contextlib.suppress(OSError):  # told when it was written
+                file.close()
 
     def event(self, name: str, /, **fields: object) -> None:
         self._write("event", event=name, **fields)
@@ -77,7 +84,11 @@ class Figures:
     def _write(self, kind: str, /, **fields: Any) -> None:
         if self._file is not None:
             entry = {"t": round(time.monotonic() - self._begin, 3), "kind": kind, **fields}
-            self._file.write(json.dumps(entry, ensure_ascii=False, default=str) + "\n")
+            try:
+                self._file.write(json.dumps(entry, ensure_ascii=False, default=str) + "\n")
+            except OSError as error:
+                self.fault = f"cannot write to {self._file.name}: {error.strerror}"
+                self._close()
 
     def summary(self) -> str:
         capture, video = self.totals.get("capture"), self.totals.get("video")

@@ -76,8 +76,8 @@ class Terminal:
         sys.stdout = self._before
         try:
             self._out.close()
-        except BrokenPipeError:
-            pass  # nobody reads it any more
+        except OSError:
+            pass  # told when it was written, or nobody reads it any more
 
     @contextlib.contextmanager
     def live(self) -> Iterator[Live]:

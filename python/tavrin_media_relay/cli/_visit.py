@@ -122,8 +122,9 @@ async def _visit(
                 for task in tasks:
                     task.cancel()
                 await asyncio.gather(*tasks, return_exceptions=True)
-            figures_now = record.totals
-            terminal.tell("left", record.summary(), figures=figures_now)
+            terminal.tell("left", record.summary(), figures=record.totals)
+            if record.fault:
+                raise Failure(record.fault)
             return code
 
 

@@ -44,7 +44,7 @@ class _Recording:
     def __init__(self, visit: Visit, stream: aio.Stream, folder: Path, name: str, audio: bool, video: str) -> None:
         self._visit = visit
         self._stream = stream
-        self._folder, self._name = folder, name
+        self._folder, self.name = folder, name
         self._audio, self._video = audio, video
         self._loudest = 0
         self._seen: list[float] = []
@@ -81,7 +81,7 @@ class _Recording:
         file: Optional[SoundFile] = None
         try:
             async for frame in frames:
-                file = file or SoundFile(self._folder / f"{self._name}.wav")
+                file = file or SoundFile(self._folder / f"{self.name}.wav")
                 file.add(frame)
                 self._loudest = max(self._loudest, peak(frame.samples))
         finally:
@@ -100,7 +100,7 @@ class _Recording:
                     if file is not None:
                         await self._close(file)
                     number += 1
-                    path = self._folder / f"{self._name}{f'-{number}' if number > 1 else ''}.{self._video}"
+                    path = self._folder / f"{self.name}{f'-{number}' if number > 1 else ''}.{self._video}"
                     file = await asyncio.to_thread(PictureFile, path, *size, self._video == "mkv")
                 await asyncio.to_thread(file.add, frame)
                 self._size = f"{frame.width}x{frame.height}"
@@ -128,7 +128,7 @@ class _Recording:
         dropped = sum(each.dropped for each in self._iterators)
         parts += [f"dropped {dropped}"] if dropped else []
         parts += [f"“{self._said[-40:]}”"] if self._said else []
-        bar = level_bar(self._name[:30], self._loudest, "  ".join(parts))
+        bar = level_bar(self.name[:30], self._loudest, "  ".join(parts))
         self._loudest = 0
         return bar
 
@@ -141,6 +141,7 @@ class _Recordings:
         self._options = options
         self._running: dict[asyncio.Task[None], _Recording] = {}
         self._names: dict[str, int] = {}
+        self.failed = False
         visit.waiting = lambda: sum(each.waiting() for each in self._running.values())
 
     async def run(self) -> None:
@@ -169,7 +170,8 @@ class _Recordings:
         while isinstance(error, BaseExceptionGroup):
             error = error.exceptions[0]
         if recording is not None and error is not None and not isinstance(error, aio.ClosedError):
-            self._visit.terminal.tell("recording_failed", f"A recording has failed: {error}", text=str(error))
+            self.failed = True
+            self._visit.terminal.tell("recording_failed", f"{recording.name} could not be recorded: {error}", text=str(error))
 
     async def show(self) -> None:
         with self._visit.terminal.live() as live:
@@ -184,8 +186,7 @@ def record(options: argparse.Namespace, terminal: Terminal) -> int:
     except OSError as error:
         raise Failure(f"cannot write to {options.out}: {error.strerror}") from None
 
-    async def work(visit: Visit) -> None:
-        recordings = _Recordings(visit, options)
+    async def work(recordings: _Recordings) -> None:
         showing = asyncio.create_task(recordings.show())
         try:
             await asyncio.wait_for(recordings.run(), options.seconds)
@@ -196,7 +197,8 @@ def record(options: argparse.Namespace, terminal: Terminal) -> int:
             await asyncio.gather(showing, return_exceptions=True)
 
     async def body(visit: Visit) -> int:
-        await visit.until_stopped(work(visit), patient=True)
-        return 0
+        recordings = _Recordings(visit, options)
+        await visit.until_stopped(work(recordings), patient=True)
+        return 1 if recordings.failed else 0
 
     return run(options, terminal, body, figures=options.out / LOG)
