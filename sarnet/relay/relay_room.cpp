@@ -20,11 +20,9 @@ RelayRoom::RelayRoom(std::string session_id, std::string own_id, RoomObserver& o
 
 void RelayRoom::take(const json& data) {
   if (const json& one = member(data, "joining"); one.is_object()) enter(one);
+  enter_owners(member(data, "attendees"));
+  enter_owners(member(data, "publishers"));
   for (const json& each : member(data, "attendees")) enter(each);
-  // All before any stream: a further stream's owner may stand behind it in the list.
-  for (const json& each : member(data, "publishers")) {
-    if (parse_display(text_of(each, "display")).owner.empty()) enter(each);
-  }
   for (const json& each : member(data, "publishers")) publishes(each);
   if (const auto found = members_.find(text_of(data, "unpublished")); found != members_.end()) {
     remove_stream(found->second);
@@ -41,10 +39,9 @@ void RelayRoom::resynchronise(const json& participants) {
     if (!present.contains(id)) gone.push_back(id);
   }
   for (const std::string& id : gone) leave(id);
+  enter_owners(participants);
   for (const json& each : participants) {
-    if (parse_display(text_of(each, "display")).owner.empty()) enter(each);
-  }
-  for (const json& each : participants) {
+    enter(each);
     if (flag_of(each, "publisher")) {
       publishes(each);
     } else if (const auto found = members_.find(text_of(each, "id")); found != members_.end()) {
@@ -56,6 +53,13 @@ void RelayRoom::resynchronise(const json& participants) {
 bool RelayRoom::has_stream(const std::string& id) const {
   const auto found = members_.find(id);
   return found != members_.end() && found->second.publishing;
+}
+
+// A further stream's owner may stand behind it in the list, or in the other one.
+void RelayRoom::enter_owners(const json& participants) {
+  for (const json& each : participants) {
+    if (parse_display(text_of(each, "display")).owner.empty()) enter(each);
+  }
 }
 
 RelayRoom::Member* RelayRoom::enter(const json& participant) {

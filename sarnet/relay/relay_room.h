@@ -44,6 +44,7 @@ class RelayRoom {
   };
   using Members = std::map<std::string, Member>;
 
+  void enter_owners(const json& participants);
   // Null for ourselves, for our further streams and for what has no id.
   Member* enter(const json& participant);
   void publishes(const json& participant);

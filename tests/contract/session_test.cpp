@@ -57,7 +57,7 @@ TEST(Session, ChoosesAnEngineByTheHostOrRefuses) {
        {Row{"relay.tavrin.localhost", "connected"}, Row{"embedded:", "connected"},
         Row{"embedded:/no/such/file", "error 1006"}, Row{"sfu.example.invalid", "error 1006"},
         Row{"api.sarnet.localhost:8989", "error 1006"}, Row{"wss://[::1]:8989/janus", "error 1006"},
-        Row{"ws://127.0.0.1:8188", "error 1006"}, Row{"ws://sfu.example.invalid", "error 1023"},
+        Row{"ws://127.0.0.1:1", "error 1006"}, Row{"ws://sfu.example.invalid", "error 1023"},
         Row{"", nullptr}, Row{"two words", nullptr}, Row{"https://sfu.example.invalid", nullptr},
         Row{"host:70000", nullptr}, Row{"host:", nullptr}, Row{"host/path", nullptr},
         Row{"wss://", nullptr}}) {
