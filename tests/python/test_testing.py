@@ -79,8 +79,9 @@ def test_participants_do_what_the_script_says(rehearsal, tmp_path):
             reading = asyncio.create_task(read())
             heard.extend([each.samples.tobytes() async for each in subscriber.audio_frames()])
             await reading
+        await idle(session)  # the stream's end comes before the news of it
 
-    performance = rehearsal.run(agent)
+    performance = rehearsal.run(agent, until=1.8)
     kinds = [type(event).__name__ for _, event in performance.told]
     of_alice = [each for each in kinds if not each.startswith("Subscriber")]
     assert of_alice == ["ConnectionCreated", "StreamReceived", "StreamDropped", "ConnectionDropped"]
