@@ -3,6 +3,7 @@
 #include <string>
 
 #include "relay/peer_connection.h"
+#include "relay/services.h"
 
 namespace sarnet::relay {
 
@@ -67,6 +68,16 @@ bool media_stack_ready(std::string& error) {
   std::call_once(once, [] { failure = prepare(); });
   error = failure;
   return failure.empty();
+}
+
+void warm_media_stack() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    services().start_thread("srn-relay-warm", [] {
+      std::string error;
+      media_stack_ready(error);
+    });
+  });
 }
 
 }  // namespace sarnet::relay

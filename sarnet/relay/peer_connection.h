@@ -48,6 +48,8 @@ class PeerObserver {
 // Whether every part of the media stack that a peer needs is installed; `error` names what is
 // missing. Any thread; prepares the media stack when it is called first.
 bool media_stack_ready(std::string& error);
+// Has it prepared on a thread of the library's, if nobody did yet, so that later it is at hand.
+void warm_media_stack();
 
 // A pipeline around one webrtcbin: descriptions, candidates, the data channel and the end. What the
 // media need is added to the pipeline by the owner. The main loop's thread, unless said otherwise.

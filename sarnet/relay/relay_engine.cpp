@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "relay/main_loop.h"
+#include "relay/peer_connection.h"
 #include "relay/relay_session.h"
 #include "relay/relay_settings.h"
 #include "relay/services.h"
@@ -36,6 +37,7 @@ class RelayEngine : public Engine {
         std::move(sink), client_);
     const std::lock_guard lock(mutex_);
     if (left_) return;
+    warm_media_stack();
     services().start_thread("srn-relay", [participation] {
       participation->loop->run();
       participation->session.reset();
