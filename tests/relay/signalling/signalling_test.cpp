@@ -92,7 +92,9 @@ INSTANTIATE_TEST_SUITE_P(
                   {{"publishers", {person("x", R"({"owner":"me"})")}}}},
                  {}},
         RoomCase{"a further stream, listed before its owner and ending with it",
-                 {{{"publishers", {kFurther, kAnna}}}, {{"leaving", "a"}}, {{"leaving", "f"}}},
+                 {{{"attendees", {kFurther}}, {"publishers", {kFurther, kAnna}}},
+                  {{"leaving", "a"}},
+                  {{"leaving", "f"}}},
                  {"connection+ a Anna", "stream+ f of a screen", "stream+ a of a camera",
                   "stream- a", "stream- f", "connection- a"}},
         RoomCase{
@@ -137,15 +139,20 @@ TEST(Requests, TakeTheProgramsTokenApart) {
 class Signalling : public testing::Test {
  protected:
   Signalling() {
-    set_services(
-        {[](const char*, std::function<void()> body) { threads().emplace_back(std::move(body)); },
-         nullptr, nullptr});
+    set_services({[](const char* name, std::function<void()> body) {
+                    const bool is_session = std::string_view(name) == "srn-relay";
+                    threads(is_session).emplace_back(std::move(body));
+                  },
+                  nullptr, nullptr});
     limits_.connect_limit = 400ms;
     limits_.answer_limit = 400ms;
     limits_.keepalive = 200ms;
     limits_.reconnect_limit = 2000ms;
   }
-  ~Signalling() override { leave(); }
+  ~Signalling() override {
+    leave();
+    join_all(threads(false));
+  }
 
   void join(unsigned port) {
     HostAddress address;
@@ -159,13 +166,12 @@ class Signalling : public testing::Test {
     request.token = "token";
     engine_->join(request, story_);
   }
-  // Waits until the engine's threads have ended; tells how long it took.
+  // Waits until the sessions' threads have ended; tells how long it took.
   std::chrono::milliseconds leave() {
     const auto start = Clock::now();
     if (engine_) engine_->leave();
     engine_.reset();
-    for (std::thread& thread : threads()) thread.join();
-    threads().clear();
+    join_all(threads(true));
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
   }
 
@@ -175,9 +181,13 @@ class Signalling : public testing::Test {
   std::shared_ptr<Engine> engine_;
 
  private:
-  static std::vector<std::thread>& threads() {
-    static std::vector<std::thread> all;
-    return all;
+  static std::vector<std::thread>& threads(bool of_sessions) {
+    static std::vector<std::thread> all[2];
+    return all[of_sessions ? 1 : 0];
+  }
+  static void join_all(std::vector<std::thread>& all) {
+    for (std::thread& thread : all) thread.join();
+    all.clear();
   }
 };
 
