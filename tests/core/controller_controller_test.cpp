@@ -116,6 +116,22 @@ TEST_F(ControllerTest, GivesTheLibraryTheFormatsOfTheSession) {
   EXPECT_EQ(rate * 10 + channels, 240002);
 }
 
+TEST_F(ControllerTest, HearsOfACapturerThatStartsWhileTheWorkerIsBusy) {
+  join("one");
+  ASSERT_TRUE(heard.await("ready one"));
+  when("error one gone 1022", [this] {
+    EXPECT_TRUE(connect("two"));
+    EXPECT_EQ(scripted_device_slot("init_capturer"), 1);
+    EXPECT_EQ(scripted_device_slot("start_capturer"), 1);
+  });
+  scripted_session_error(1022, "gone");
+  ASSERT_TRUE(heard.await("ready two"));
+  settle();
+  EXPECT_THAT(heard.lines(), testing::IsSupersetOf({"connected two", "ready two"}));
+  EXPECT_EQ(heard.count("ready one"), 1);
+  EXPECT_EQ(heard.count("ready two"), 1);
+}
+
 TEST_F(ControllerTest, DeliversTheMixOnlyWhileThereIsASession) {
   join("one");
   ASSERT_TRUE(heard.await("audio one"));

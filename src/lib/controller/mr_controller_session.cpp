@@ -58,6 +58,9 @@ bool MRController::connectInternal(MRSessionInfo& session_info,
   // left.
   ++session_generation_;
   subscriber_manager_.discardStreams();
+  // A capturer that starts before the worker has come to the new session's on_connected is not
+  // taken for the old session's.
+  audio_device_wrapper_->setOnCapturerStartedCallback({});
   session_ = MRSession::connect(session_info, session_settings, this);
   if (session_ == nullptr) {
     is_running_ = false;

@@ -89,9 +89,16 @@ void MRAudioDevice::stop() {
 }
 
 void MRAudioDevice::setOnCapturerStartedCallback(MRCapturerStartedCallback&& callback) {
-  // The old callable is left in `callback`, to be destroyed by the caller without the lock.
-  const std::lock_guard lock(settings_mutex_);
-  on_capturer_started_cb_.swap(callback);
+  MRCapturerStartedCallback late;
+  {
+    // The old callable is left in `callback`, to be destroyed by the caller without the lock.
+    const std::lock_guard lock(settings_mutex_);
+    on_capturer_started_cb_.swap(callback);
+    if (on_capturer_started_cb_ && std::exchange(has_untold_start_, false)) {
+      late = on_capturer_started_cb_;
+    }
+  }
+  if (late && capturer_.isRunning()) late();
 }
 
 void MRAudioDevice::setOnAudioBuffersDrainedCallback(
@@ -144,6 +151,7 @@ bool MRAudioDevice::startCapturer() {
   {
     const std::lock_guard lock(settings_mutex_);
     on_started = on_capturer_started_cb_;
+    has_untold_start_ = started && !on_started;
   }
   if (started && on_started) {
     on_started();

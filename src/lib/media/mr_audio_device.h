@@ -56,6 +56,8 @@ class MRAudioDevice {
   /// Winds both sides down. Blocks for two periods at most.
   void stop();
 
+  /// Told of each start of the capturer, on the thread that starts it. If the capturer has been
+  /// started while there was nobody to tell, and still runs, the callback is called right here.
   void setOnCapturerStartedCallback(MRCapturerStartedCallback&& callback);
   void setOnAudioBuffersDrainedCallback(MRAudioDeviceBuffersDrainedCallback&& callback);
 
@@ -96,4 +98,5 @@ class MRAudioDevice {
   std::mutex settings_mutex_;  ///< a leaf; guards what follows
   MRAudioDeviceSettings audio_settings_;
   MRCapturerStartedCallback on_capturer_started_cb_;
+  bool has_untold_start_ = false;
 };
