@@ -35,8 +35,8 @@ void paint_number(sarnet::Picture& picture, int number) {
   const auto view = picture.mutable_view();
   for (int bit = 0; bit < kBits; ++bit) {
     for (int row = 0; row < kCell; ++row) {
-      std::memset(view.y + row * view.stride_y + bit * kCell, (number >> bit & 1) != 0 ? 235 : 16,
-                  kCell);
+      std::memset(view.y + std::ptrdiff_t{row} * view.stride_y + std::ptrdiff_t{bit} * kCell,
+                  (number >> bit & 1) != 0 ? 235 : 16, kCell);
     }
   }
 }
@@ -202,7 +202,8 @@ void Call::feed(const std::function<bool()>& until, std::chrono::seconds limit) 
     if (settings_.has_audio) {
       const bool loud = blocks_sent_++ % 100 < 10;
       for (int i = 0; i < 480 * channels; ++i) {
-        const double phase = 2 * M_PI * 1000 * (i / channels) / 48000.0;
+        const int frame = i / channels;
+        const double phase = 2 * M_PI * 1000 * frame / 48000.0;
         samples[static_cast<std::size_t>(i)] =
             static_cast<std::int16_t>(loud ? 16000 * std::sin(phase) : 0);
       }

@@ -150,7 +150,7 @@ constexpr std::int64_t kMs = 1'000'000;
 TEST(StampClock, CountsThroughJitter) {
   StampClock clock(48000);
   const std::int64_t start = 5000 * kMs;
-  for (int i = 0; i < 1000; ++i) {
+  for (std::int64_t i = 0; i < 1000; ++i) {
     const std::int64_t jitter = i == 0 ? 0 : i * 7919 % 60 * kMs;
     EXPECT_EQ(clock.stamp(start + i * 10 * kMs + jitter, 480), start + i * 10 * kMs);
     EXPECT_EQ(clock.restarted(), i == 0);
