@@ -41,10 +41,14 @@ bool Publisher::unbind(const void* session) {
   std::shared_ptr<Publication> publication;
   {
     const std::lock_guard lock(mutex_);
+    // A binding that the other side has ended is there to be ended by the program too, once.
+    if (std::exchange(ended_session_, nullptr) == session && !publication_) return true;
     if (!publication_ || publication_->session() != session) return false;
     publication = publication_;
   }
   publication->end();
+  const std::lock_guard lock(mutex_);
+  ended_session_ = nullptr;
   return true;
 }
 
@@ -78,7 +82,9 @@ bool Publisher::is_current(const Publication* publication) const {
 void Publisher::forget(const Publication* publication) {
   std::shared_ptr<Publication> gone;
   const std::lock_guard lock(mutex_);
-  if (publication_.get() == publication) gone.swap(publication_);
+  if (publication_.get() != publication) return;
+  gone.swap(publication_);
+  ended_session_ = gone->session();
 }
 
 bool Publisher::init_capturer(int& fps) {

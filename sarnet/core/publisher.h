@@ -80,6 +80,7 @@ class Publisher : public std::enable_shared_from_this<Publisher> {
 
   mutable std::mutex mutex_;
   std::shared_ptr<Publication> publication_;
+  const void* ended_session_ = nullptr;  // that the last binding was to, if it ended by itself
   srn_video_capturer* capturer_handle_ = nullptr;  // between init and destroy
   bool closed_ = false;
 };

@@ -72,10 +72,14 @@ bool Subscriber::unbind(const void* session) {
   std::shared_ptr<Subscription> subscription;
   {
     const std::lock_guard lock(mutex_);
+    // A binding that the other side has ended is there to be ended by the program too, once.
+    if (std::exchange(ended_session_, nullptr) == session && !subscription_) return true;
     if (!subscription_ || subscription_->session() != session) return false;
     subscription = subscription_;
   }
   subscription->end();
+  const std::lock_guard lock(mutex_);
+  ended_session_ = nullptr;
   return true;
 }
 
@@ -98,7 +102,9 @@ bool Subscriber::is_current(const Subscription* subscription) const {
 void Subscriber::forget(const Subscription* subscription) {
   std::shared_ptr<Subscription> gone;
   const std::lock_guard lock(mutex_);
-  if (subscription_.get() == subscription) gone.swap(subscription_);
+  if (subscription_.get() != subscription) return;
+  gone.swap(subscription_);
+  ended_session_ = gone->session();
 }
 
 Subscription::Subscription(std::shared_ptr<Subscriber> subscriber, const void* session,

@@ -73,6 +73,7 @@ class Subscriber : public std::enable_shared_from_this<Subscriber> {
 
   mutable std::mutex mutex_;
   std::shared_ptr<Subscription> subscription_;
+  const void* ended_session_ = nullptr;  // that the last binding was to, if it ended by itself
   bool closed_ = false;
 };
 
