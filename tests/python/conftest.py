@@ -10,7 +10,6 @@ import re
 import subprocess
 import sys
 import threading
-import time
 from collections import namedtuple
 from datetime import datetime
 from pathlib import Path
@@ -20,9 +19,9 @@ import pytest
 
 sys.path[:0] = [str(Path(__file__).parent)]
 import scripted  # noqa: E402
+from scripted import DEADLINE, PRELUDE, until  # noqa: E402
 
 sys.path[:0] = scripted.PYTHON_PATH
-DEADLINE = 20.0
 
 Line = namedtuple("Line", "level thread logger text")
 Event = namedtuple("Event", "name args thread")
@@ -79,14 +78,6 @@ class Log:
 
     def wait(self, level: str, text: str, count: int = 1) -> None:
         until(lambda: self.texts().count((level, text)) >= count, f"{level} {text}")
-
-
-def until(condition, what: str = "", seconds: float = DEADLINE) -> None:
-    """For what has no event to wait on. Fails after the deadline."""
-    end = time.monotonic() + seconds
-    while not condition():
-        assert time.monotonic() < end, f"timed out waiting for {what or condition}"
-        time.sleep(0.002)
 
 
 class Recorder:
@@ -236,15 +227,6 @@ class Program:
 
     def texts(self) -> list[tuple[str, str]]:
         return [(line.level, line.text) for line in self.lines]
-
-
-PRELUDE = """
-import os, sys, threading, time
-from scripted import lib
-from _tavrin_video import TavrinVideoClient
-from tavrin_media_relay.models import *
-lib.media_on_delivery_threads(1)
-"""
 
 
 @pytest.fixture

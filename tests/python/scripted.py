@@ -9,6 +9,7 @@ from __future__ import annotations
 import ctypes
 import os
 import re
+import time
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -29,6 +30,23 @@ _TYPES = {
     "const char*": ctypes.c_char_p,
 }
 YUV420P = 1
+DEADLINE = 20.0
+# What the texts of programs of their own begin with.
+PRELUDE = """
+import os, sys, threading, time
+from scripted import lib
+from _tavrin_video import TavrinVideoClient
+from tavrin_media_relay.models import *
+lib.media_on_delivery_threads(1)
+"""
+
+
+def until(condition, what: str = "", seconds: float = DEADLINE) -> None:
+    """For what has no event to wait on. Fails after the deadline."""
+    end = time.monotonic() + seconds
+    while not condition():
+        assert time.monotonic() < end, f"timed out waiting for {what or condition}"
+        time.sleep(0.002)
 
 
 class FrameSpec(ctypes.Structure):

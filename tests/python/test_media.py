@@ -145,7 +145,7 @@ def test_pictures_arrive_byte_for_byte(world, format, code):
                 distinct.append(each.checksum)
         return distinct
 
-    from conftest import until
+    from scripted import until
 
     until(lambda: want[-1] in seen(), "the last picture")
     black, *rest = seen()

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import pytest
-from conftest import PRELUDE
+from scripted import PRELUDE
 
 # Everything that can flow flows: sound and pictures of several streams from several threads, captions, mixed
 # audio, injected audio and video.
