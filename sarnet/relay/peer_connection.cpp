@@ -20,30 +20,6 @@ struct PeerConnection::Promise {
 
 namespace {
 
-// The receiving part of webrtcbin hands each packet from the thread that reads the socket to
-// another one before it is decrypted. Nothing behind it waits, so both are spared.
-void shorten_path(GstBin*, GstElement* element, gpointer) {
-  if (std::string_view(G_OBJECT_TYPE_NAME(element)) != "TransportReceiveBin") return;
-  const auto* children = GST_BIN_CHILDREN(element);
-  while (children != nullptr && !is_made_by(GST_ELEMENT(children->data), "queue")) {
-    children = children->next;
-  }
-  if (children == nullptr) return;
-  auto* queue = GST_ELEMENT(children->data);
-  const PadPtr entry(gst_element_get_static_pad(queue, "sink"));
-  const PadPtr exit(gst_element_get_static_pad(queue, "src"));
-  const PadPtr before(gst_pad_get_peer(entry.get()));
-  const PadPtr behind(gst_pad_get_peer(exit.get()));
-  if (!before || !behind) return;
-  gst_pad_unlink(before.get(), entry.get());
-  gst_pad_unlink(exit.get(), behind.get());
-  gst_pad_link(before.get(), behind.get());
-  // The bin may look at it again.
-  g_object_set_data_full(G_OBJECT(element), "spared-queue", gst_object_ref(queue),
-                         gst_object_unref);
-  gst_bin_remove(GST_BIN(element), queue);
-}
-
 std::string take_error(const GstStructure* reply) {
   GError* error = nullptr;
   gst_structure_get(reply, "error", G_TYPE_ERROR, &error, nullptr);
@@ -98,7 +74,6 @@ bool PeerConnection::build(std::string& error) {
   g_object_set(webrtc_, "bundle-policy", GST_WEBRTC_BUNDLE_POLICY_MAX_BUNDLE, "latency",
                settings_.jitter_ms, nullptr);
   configure_ice();
-  g_signal_connect(webrtc_, "element-added", G_CALLBACK(&shorten_path), nullptr);
   watch_bus();
   watch_webrtc();
   return true;
