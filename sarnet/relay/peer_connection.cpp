@@ -38,6 +38,9 @@ GstBusSyncReply on_message(GstBus*, GstMessage* message, gpointer data) {
                  owned->message);
     }
   }
+  if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_LATENCY) {
+    if (const auto peer = lock_weak<PeerConnection>(data)) peer->settle_latency();
+  }
   gst_message_unref(message);
   return GST_BUS_DROP;
 }
@@ -177,6 +180,10 @@ void PeerConnection::check_state() {
 std::int64_t PeerConnection::running_time_ns() const {
   const GstClockTime time = gst_element_get_current_running_time(pipeline_.get());
   return GST_CLOCK_TIME_IS_VALID(time) ? static_cast<std::int64_t>(time) : -1;
+}
+
+void PeerConnection::settle_latency() {
+  post([](PeerConnection& self) { gst_bin_recalculate_latency(self.pipeline()); });
 }
 
 void PeerConnection::make_ready() { gst_element_set_state(pipeline_.get(), GST_STATE_READY); }

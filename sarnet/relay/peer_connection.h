@@ -89,6 +89,9 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
 
   // Reports a failure once, through the loop. Any thread.
   void fail(const std::string& reason);
+  // Any thread: has the pipeline's elements told what delay they all make together. Senders'
+  // reports need it, by which receivers play sound and pictures in step.
+  void settle_latency();
   void stop();
   // Any thread.
   bool stopped() const { return stopped_; }
