@@ -30,7 +30,7 @@ class Pictures:
         self._grey = np.full(width * height // 2, 128, np.uint8)
 
     def make(self, number: int) -> np.ndarray[Any, np.dtype[np.uint8]]:
-        pixels = np.concatenate([self._luma[number % 16].ravel(), self._grey])
+        pixels: np.ndarray[Any, np.dtype[np.uint8]] = np.concatenate([self._luma[number % 16].ravel(), self._grey])
         stamp = int(now_ms() * 10) & 0xFFFFFFFF
         cell = min(CELL, self.width // BITS)
         marks = np.array([235 if stamp >> i & 1 else 16 for i in range(BITS)], np.uint8)

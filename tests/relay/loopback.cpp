@@ -6,7 +6,6 @@
 #include <cstring>
 #include <future>
 
-#include "relay/sdp_text.h"
 #include "relay/services.h"
 
 namespace loopback {
@@ -187,9 +186,9 @@ std::string Call::failure() {
   return failure_;
 }
 
-std::string Call::answered_codec() {
+std::string Call::answer() {
   const std::lock_guard lock(mutex_);
-  return sarnet::relay::first_video_codec(answer_);
+  return answer_;
 }
 
 void Call::feed(const std::function<bool()>& until, std::chrono::seconds limit) {

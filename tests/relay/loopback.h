@@ -11,6 +11,7 @@
 
 #include "relay/publishing_peer.h"
 #include "relay/receiving_peer.h"
+#include "relay/sdp_text.h"
 
 // A publishing and a receiving peer in one process, over 127.0.0.1, with no server between them.
 namespace loopback {
@@ -77,8 +78,9 @@ class Call {
   sarnet::relay::PublishingPeer& publisher() { return *publisher_; }
   int pictures_sent() const { return pictures_sent_; }
   int blocks_sent() const { return blocks_sent_; }
+  std::string answer();
   // The encoding of pictures that the answer took.
-  std::string answered_codec();
+  std::string answered_codec() { return sarnet::relay::first_video_codec(answer()); }
   std::string failure();
 
   int width = 320;

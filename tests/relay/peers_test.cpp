@@ -69,6 +69,11 @@ TEST_P(Peers, CarryWhatIsPublishedAndNoMore) {
   }
   if (settings.has_video) {
     EXPECT_EQ(call.answered_codec(), GetParam().prefers_h264 ? "H264" : "VP8");
+    // What is lost is asked for again, and key frames in the form that every server understands.
+    EXPECT_NE(call.answer().find(" nack\r\n"), std::string::npos);
+    EXPECT_NE(call.answer().find(" nack pli\r\n"), std::string::npos);
+    EXPECT_EQ(call.answer().find("ccm fir"), std::string::npos);
+    EXPECT_TRUE(GetParam().prefers_h264 || call.answer().find(" rtx/90000") != std::string::npos);
     const std::size_t before = listener.frames.size();
     call.width = 418;
     call.height = 242;

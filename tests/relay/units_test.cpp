@@ -1,12 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "relay/caption_text.h"
 #include "relay/ice_server.h"
+#include "relay/peer_connection.h"
+#include "relay/rtcp_feedback.h"
 #include "relay/rtcp_order.h"
 #include "relay/sdp_text.h"
 #include "relay/stamp_clock.h"
@@ -63,6 +67,26 @@ TEST(ReportOrder, PutsTheVideoFirst) {
     EXPECT_EQ(put_report_first(packet, 2), !row.after.empty()) << row.name;
     EXPECT_EQ(packet, row.after.empty() ? row.before : row.after) << row.name;
   }
+}
+
+TEST(Feedback, LeavesAtOnceFromTheFirstReportOn) {
+  std::string error;
+  ASSERT_TRUE(media_stack_ready(error)) << error;
+  const ElementPtr webrtc(
+      GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("webrtcbin", nullptr))));
+  quicken_feedback(webrtc.get(), std::make_shared<std::atomic<std::uint32_t>>(0));
+  const ElementPtr bin(gst_bin_get_by_name(GST_BIN(webrtc.get()), "rtpbin"));
+  const PadPtr pad(gst_element_request_pad_simple(bin.get(), "recv_rtp_sink_0"));
+  GObject* session = nullptr;
+  g_signal_emit_by_name(bin.get(), "get-internal-session", 0U, &session);
+  const GObjectPtr held(session);
+  ASSERT_TRUE(held);
+  guint64 interval = 0;
+  gboolean reduced = FALSE;
+  g_object_get(session, "rtcp-min-interval", &interval, "rtcp-reduced-size", &reduced, nullptr);
+  EXPECT_LE(interval, 100 * GST_MSECOND);
+  EXPECT_GT(interval, 0U);
+  EXPECT_TRUE(reduced);
 }
 
 TEST(SessionDescription, LosesOnlyFullIntraRequests) {
