@@ -34,6 +34,7 @@ def start(case: str, folder: Path, **environment: str) -> subprocess.Popen[str]:
     return subprocess.Popen(
         [sys.executable, "-X", "dev", "-W", "ignore::DeprecationWarning", aio_cases.__file__, case],
         env=variables, cwd=folder, text=True, errors="replace", stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL),  # ignored where tests run in the background
     )  # fmt: skip
 
 

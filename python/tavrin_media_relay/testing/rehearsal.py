@@ -24,6 +24,11 @@ _END_SECONDS = 5.0  # that an agent has for ending once it is asked to, and the 
 _numbers = itertools.count(1)
 
 
+def _hear_interrupts() -> None:
+    # Tests that run in the background ignore interrupts, and so would a program that they start.
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
+
+
 class Rehearsal:
     """Who is there and what happens; then `run`, once. Times are seconds since the agent has joined."""
 
@@ -144,6 +149,7 @@ class Rehearsal:
                 program = subprocess.Popen(
                     [sys.executable, *map(str, arguments)], env=os.environ | variables,
                     stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
+                    preexec_fn=_hear_interrupts,
                 )  # fmt: skip
                 try:
                     hung = self._wait_for(program, until, timeout)
