@@ -172,11 +172,11 @@ def pytest_of(*arguments: object, **environment: object) -> subprocess.Completed
     )  # fmt: skip
 
 
-def test_the_example_takes_less_than_ten_seconds():
+def test_the_example_is_quick():
     done = pytest_of("examples/testing")
     assert done.returncode == 0, done.stdout + done.stderr
     passed = re.search(r"(\d+) passed in ([\d.]+)s", done.stdout)
-    assert passed and int(passed[1]) >= 4 and float(passed[2]) < 10, done.stdout
+    assert passed and int(passed[1]) >= 4 and float(passed[2]) < 20, done.stdout  # six on a quiet machine
 
 
 def test_rehearsals(tmp_path):
