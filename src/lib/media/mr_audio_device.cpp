@@ -151,7 +151,7 @@ bool MRAudioDevice::startCapturer() {
   {
     const std::lock_guard lock(settings_mutex_);
     on_started = on_capturer_started_cb_;
-    has_untold_start_ = started && !on_started;
+    if (started) has_untold_start_ = !on_started;
   }
   if (started && on_started) {
     on_started();
