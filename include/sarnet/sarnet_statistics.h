@@ -24,6 +24,19 @@ struct srn_lateness_statistics {
   int64_t max;
 };
 
+/* How long something took. Microseconds. */
+struct srn_time_statistics {
+  int64_t p50;
+  int64_t p99;
+  int64_t max;
+};
+
+/* The program's callbacks for one kind of media, of all subscribers. */
+struct srn_callback_statistics {
+  struct srn_time_statistics waited; /* from the media being ready to the call of the callback */
+  struct srn_time_statistics took;   /* from that call to its return */
+};
+
 struct srn_statistics {
   /* Set by the caller to sizeof(struct srn_statistics): a later library may know more fields. */
   size_t size;
@@ -55,6 +68,10 @@ struct srn_statistics {
   uint64_t pictures_dropped;
   uint64_t captions_delivered;
   uint64_t captions_dropped;
+
+  struct srn_callback_statistics audio_callbacks;   /* on_audio_data */
+  struct srn_callback_statistics picture_callbacks; /* on_render_frame */
+  struct srn_callback_statistics caption_callbacks; /* on_caption_text */
 };
 
 struct srn_subscriber_statistics {

@@ -37,6 +37,12 @@ srn_statistics collect() {
   figures.pictures_dropped = counters.pictures.dropped;
   figures.captions_delivered = counters.captions.delivered;
   figures.captions_dropped = counters.captions.dropped;
+  const auto times = [](const sarnet::CallbackMeter& meter) {
+    return srn_callback_statistics{meter.waited.figures(), meter.took.figures()};
+  };
+  figures.audio_callbacks = times(counters.audio_callbacks);
+  figures.picture_callbacks = times(counters.picture_callbacks);
+  figures.caption_callbacks = times(counters.caption_callbacks);
   return figures;
 }
 
@@ -82,6 +88,11 @@ class JsonObject {
 std::string to_json() {
   const srn_statistics figures = collect();
   JsonObject json;
+  const auto add_times = [&json](const std::string& name, const auto& times) {
+    json.add((name + "_p50_us").c_str(), times.p50);
+    json.add((name + "_p99_us").c_str(), times.p99);
+    json.add((name + "_max_us").c_str(), times.max);
+  };
   json.begin();
   json.key("capture");
   json.begin();
@@ -90,9 +101,7 @@ std::string to_json() {
   json.add("silence_periods", figures.capture_silence_periods);
   json.add("gaps", figures.capture_gaps);
   json.add("underruns", figures.capture_underruns);
-  json.add("lateness_p50_us", figures.capture_lateness.p50);
-  json.add("lateness_p99_us", figures.capture_lateness.p99);
-  json.add("lateness_max_us", figures.capture_lateness.max);
+  add_times("lateness", figures.capture_lateness);
   json.end();
   json.key("render");
   json.begin();
@@ -119,6 +128,16 @@ std::string to_json() {
   json.key("delivery");
   json.begin();
   add_delivery(figures);
+  json.end();
+  json.key("callbacks");
+  json.begin();
+  const auto add_callbacks = [&](const std::string& kind, const srn_callback_statistics& record) {
+    add_times(kind + "_waited", record.waited);
+    add_times(kind + "_took", record.took);
+  };
+  add_callbacks("audio", figures.audio_callbacks);
+  add_callbacks("picture", figures.picture_callbacks);
+  add_callbacks("caption", figures.caption_callbacks);
   json.end();
   json.key("subscribers");
   json.begin();

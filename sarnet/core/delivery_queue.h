@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -20,35 +21,42 @@ struct DeliveryCounter {
 template <class Item>
 class DeliveryQueue {
  public:
+  using Clock = std::chrono::steady_clock;
+
   // The counter must outlive the queue.
   DeliveryQueue(std::size_t capacity, DeliveryCounter& counter, DeliveryCounter& total)
-      : items_(capacity), counter_(counter), total_(total) {}
+      : places_(capacity), counter_(counter), total_(total) {}
 
   // `fill` gets a recycled item to overwrite; it runs under the queue's lock.
   template <class Fill>
   void push(Fill&& fill) {
+    const auto now = Clock::now();
     {
       const std::lock_guard lock(mutex_);
       if (closed_) return;
-      if (size_ == items_.size()) {
-        first_ = (first_ + 1) % items_.size();
+      if (size_ == places_.size()) {
+        first_ = (first_ + 1) % places_.size();
         --size_;
         ++counter_.dropped;
         ++total_.dropped;
       }
-      std::forward<Fill>(fill)(items_[(first_ + size_) % items_.size()]);
+      Place& place = places_[(first_ + size_) % places_.size()];
+      std::forward<Fill>(fill)(place.item);
+      place.ready = now;
       ++size_;
     }
     pushed_.notify_one();
   }
 
-  // Swaps the oldest item with `item`, waiting for one. False once closed, even if some are left.
-  bool pop(Item& item) {
+  // Swaps the oldest item with `item`, waiting for one, and tells when it was pushed. False once
+  // closed, even if some are left.
+  bool pop(Item& item, Clock::time_point& ready) {
     std::unique_lock lock(mutex_);
     pushed_.wait(lock, [this] { return closed_ || size_ > 0; });
     if (closed_) return false;
-    std::swap(item, items_[first_]);
-    first_ = (first_ + 1) % items_.size();
+    std::swap(item, places_[first_].item);
+    ready = places_[first_].ready;
+    first_ = (first_ + 1) % places_.size();
     --size_;
     ++counter_.delivered;
     ++total_.delivered;
@@ -69,9 +77,14 @@ class DeliveryQueue {
   }
 
  private:
+  struct Place {
+    Item item;
+    Clock::time_point ready;
+  };
+
   mutable std::mutex mutex_;
   std::condition_variable pushed_;
-  std::vector<Item> items_;
+  std::vector<Place> places_;
   std::size_t first_ = 0;
   std::size_t size_ = 0;
   bool closed_ = false;

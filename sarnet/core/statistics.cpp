@@ -3,27 +3,64 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <numeric>
 
 namespace sarnet {
 namespace {
 
 constexpr int kWindow = 50;
 
-}  // namespace
+using Counts = std::array<std::uint64_t, HistogramSteps::kCount>;
 
-int PacingMeter::step_of(std::int64_t micros) {
-  if (micros < kStepsPerOctave) return static_cast<int>(std::max<std::int64_t>(micros, 0));
-  // The octave is the position of the highest bit; the next five bits are the step inside it.
-  const int shift = static_cast<int>(std::bit_width(static_cast<std::uint64_t>(micros))) - 6;
-  const int step =
-      (shift + 1) * kStepsPerOctave + static_cast<int>((micros >> shift) - kStepsPerOctave);
-  return std::min(step, kStepsPerOctave * kOctaves - 1);
+std::int64_t percentile(const Counts& counts, double share, std::int64_t max) {
+  const auto all = std::accumulate(counts.begin(), counts.end(), std::uint64_t{0});
+  const auto wanted = static_cast<std::uint64_t>(std::ceil(share * static_cast<double>(all)));
+  std::uint64_t seen = 0;
+  for (std::size_t step = 0; step < counts.size(); ++step) {
+    seen += counts[step];
+    if (seen >= wanted && seen > 0) {
+      return std::min(HistogramSteps::upper_bound_of(static_cast<int>(step)), max);
+    }
+  }
+  return max;
 }
 
-std::int64_t PacingMeter::upper_bound_of(int step) {
-  if (step < kStepsPerOctave) return step;
-  const int shift = step / kStepsPerOctave - 1;
-  return ((std::int64_t{step % kStepsPerOctave} + kStepsPerOctave + 1) << shift) - 1;
+}  // namespace
+
+int HistogramSteps::step_of(std::int64_t micros) {
+  if (micros < kPerOctave) return static_cast<int>(std::max<std::int64_t>(micros, 0));
+  // The octave is the position of the highest bit; the next five bits are the step inside it.
+  const int shift = static_cast<int>(std::bit_width(static_cast<std::uint64_t>(micros))) - 6;
+  const int step = (shift + 1) * kPerOctave + static_cast<int>((micros >> shift) - kPerOctave);
+  return std::min(step, kCount - 1);
+}
+
+std::int64_t HistogramSteps::upper_bound_of(int step) {
+  if (step < kPerOctave) return step;
+  const int shift = step / kPerOctave - 1;
+  return ((std::int64_t{step % kPerOctave} + kPerOctave + 1) << shift) - 1;
+}
+
+void TimeMeter::add(std::chrono::steady_clock::duration time) {
+  const std::int64_t micros = std::chrono::duration_cast<std::chrono::microseconds>(time).count();
+  const auto step = static_cast<std::size_t>(HistogramSteps::step_of(micros));
+  histogram_[step].fetch_add(1, std::memory_order_relaxed);
+  std::int64_t max = max_.load(std::memory_order_relaxed);
+  while (micros > max && !max_.compare_exchange_weak(max, micros, std::memory_order_relaxed)) {
+  }
+}
+
+srn_time_statistics TimeMeter::figures() const {
+  std::array<std::uint64_t, HistogramSteps::kCount> counts{};
+  std::transform(histogram_.begin(), histogram_.end(), counts.begin(),
+                 [](const auto& each) { return each.load(std::memory_order_relaxed); });
+  const std::int64_t max = max_.load(std::memory_order_relaxed);
+  return {percentile(counts, 0.5, max), percentile(counts, 0.99, max), max};
+}
+
+void TimeMeter::clear() {
+  for (auto& each : histogram_) each.store(0, std::memory_order_relaxed);
+  max_.store(0, std::memory_order_relaxed);
 }
 
 void PacingMeter::add(std::int64_t now_us, std::int64_t period_us) {
@@ -45,8 +82,7 @@ void PacingMeter::add(std::int64_t now_us, std::int64_t period_us) {
     expected_ += missed * period_us;
     late -= missed * period_us;
   }
-  ++calls_;
-  ++histogram_[static_cast<std::size_t>(step_of(late))];
+  ++histogram_[static_cast<std::size_t>(HistogramSteps::step_of(late))];
   max_ = std::max(max_, late);
   expected_ += period_us;
   least_late_ = window_ == 0 ? late : std::min(least_late_, late);
@@ -56,22 +92,9 @@ void PacingMeter::add(std::int64_t now_us, std::int64_t period_us) {
   }
 }
 
-std::int64_t PacingMeter::percentile(double share) const {
-  const auto wanted = static_cast<std::uint64_t>(std::ceil(share * static_cast<double>(calls_)));
-  std::uint64_t seen = 0;
-  for (std::size_t step = 0; step < histogram_.size(); ++step) {
-    seen += histogram_[step];
-    if (seen >= wanted && seen > 0) {
-      return std::min(upper_bound_of(static_cast<int>(step)), max_);
-    }
-  }
-  return max_;
-}
-
 srn_lateness_statistics PacingMeter::lateness() const {
   const std::lock_guard lock(mutex_);
-  if (calls_ == 0) return {0, 0, 0};
-  return {percentile(0.5), percentile(0.99), max_};
+  return {percentile(histogram_, 0.5, max_), percentile(histogram_, 0.99, max_), max_};
 }
 
 std::uint64_t PacingMeter::gaps() const {
@@ -87,7 +110,6 @@ void PacingMeter::restart() {
 void PacingMeter::clear() {
   const std::lock_guard lock(mutex_);
   histogram_.fill(0);
-  calls_ = 0;
   gaps_ = 0;
   max_ = 0;
   running_ = false;
@@ -100,6 +122,10 @@ void Counters::clear() {
         &frames_dropped, &audio.delivered, &audio.dropped, &pictures.delivered, &pictures.dropped,
         &captions.delivered, &captions.dropped}) {
     counter->store(0, std::memory_order_relaxed);
+  }
+  for (auto* meter : {&audio_callbacks, &picture_callbacks, &caption_callbacks}) {
+    meter->waited.clear();
+    meter->took.clear();
   }
   capture_pacing.clear();
 }

@@ -240,11 +240,14 @@ void Subscription::on_caption(std::string_view text, bool is_final) {
 
 void Subscription::deliver_audio() {
   const auto& slots = subscriber_->slots();
+  auto& meter = Library::instance().counters.audio_callbacks;
   AudioBlock block;
-  while (audio_->pop(block)) {
+  Clock::time_point ready;
+  while (audio_->pop(block, ready)) {
     const auto channels = static_cast<std::size_t>(block.format.channels);
     const srn_audio_data data{block.data.data(), 16, block.format.rate, channels,
                               block.samples / channels};
+    const CallbackTimer timer(meter, ready);
     slots.on_audio_data(subscriber_->handle(), slots.user_data, &data);
   }
 }
@@ -252,9 +255,11 @@ void Subscription::deliver_audio() {
 void Subscription::deliver_pictures() {
   const auto& slots = subscriber_->slots();
   auto& frames = Library::instance().frames;
+  auto& meter = Library::instance().counters.picture_callbacks;
   PicturePool scaled_pool(2);
   PictureRef picture;
-  while (pictures_->pop(picture)) {
+  Clock::time_point ready;
+  while (pictures_->pop(picture, ready)) {
     if (const std::uint64_t wanted = subscriber_->max_resolution; wanted != 0) {
       const auto [width, height] = fit(*picture, wanted);
       if (width != picture->width() || height != picture->height()) {
@@ -273,6 +278,7 @@ void Subscription::deliver_pictures() {
     const Lent lent{
         frames, frames.add(VideoFrame::make(std::exchange(picture, {})), HandleOwner::kLibrary)};
     if (lent.handle != nullptr) {
+      const CallbackTimer timer(meter, ready);
       slots.on_render_frame(subscriber_->handle(), slots.user_data, lent.handle);
     }
   }
@@ -280,8 +286,11 @@ void Subscription::deliver_pictures() {
 
 void Subscription::deliver_captions() {
   const auto& slots = subscriber_->slots();
+  auto& meter = Library::instance().counters.caption_callbacks;
   Caption caption;
-  while (captions_->pop(caption)) {
+  Clock::time_point ready;
+  while (captions_->pop(caption, ready)) {
+    const CallbackTimer timer(meter, ready);
     slots.on_caption_text(subscriber_->handle(), slots.user_data, caption.text.c_str(),
                           caption.is_final ? SRN_TRUE : SRN_FALSE);
   }

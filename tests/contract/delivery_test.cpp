@@ -43,6 +43,13 @@ TEST(Delivery, ASlowCallbackLosesTheOldestAndDelaysNobody) {
   release.open();
   // What waited is no more than the queue holds: it comes at once, and the newest is in it.
   EXPECT_TRUE(eventually([&] { return slow.audio_blocks() > 100; }));
+  srn_statistics times{};
+  times.size = sizeof times;
+  srn_statistics_get(&times);
+  EXPECT_GT(times.audio_callbacks.took.max, 1'000'000);
+  EXPECT_GT(times.audio_callbacks.waited.max, 1'000'000);
+  EXPECT_GT(times.picture_callbacks.took.max, 1'000'000);
+  EXPECT_LT(times.audio_callbacks.took.p50, 100'000);
 
   std::string json(srn_statistics_json(nullptr, 0), '\0');
   json.resize(std::min(srn_statistics_json(json.data(), json.size() + 1), json.size()));

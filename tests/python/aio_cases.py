@@ -410,10 +410,15 @@ async def statistics() -> None:
                 figures = session.statistics().streams[stream.id].audio
                 if figures.delivered >= 20:
                     break
-    assert figures.received >= figures.delivered + figures.dropped
+    taken = figures.delivered + figures.dropped + figures.waiting
+    assert abs(figures.escaped_views - taken) <= 2 and figures.received >= 20, figures  # counted while more came
+    assert session.statistics().mix.escaped_views == 0  # nobody listens to the mix
     assert 0 < figures.delay_p50 <= figures.delay_p99 <= figures.delay_max < PATIENCE
     assert 0 < figures.callable_p50 <= figures.callable_max
-    assert session.statistics().library["delivery"]["audio_blocks_delivered"] >= 20
+    library = session.statistics().library
+    assert library["delivery"]["audio_blocks_delivered"] >= 20
+    # To our callable and back is more than our callable alone.
+    assert library["callbacks"]["audio_took_p50_us"] > figures.callable_p50 * 1e6 / 2 and library["callbacks"]["picture_took_max_us"]
 
 
 async def ends_while_nobody_leaves() -> None:

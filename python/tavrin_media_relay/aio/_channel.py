@@ -98,6 +98,8 @@ class Totals:
     def __init__(self) -> None:
         self.received = 0
         self.dropped = 0
+        self.kept = 0
+        """Items that an iterator took, so that they outlive the module's call."""
         self.spent = Delays()
         """Time that the module's thread was kept."""
         self.delivered = 0
@@ -143,10 +145,10 @@ class Channel(Generic[T]):
         """Items that wait for the consumer now; never more than `capacity`."""
         return len(self._items)
 
-    def put(self, item: T, now: float) -> None:
-        """From one thread at a time. Never waits."""
+    def put(self, item: T, now: float) -> bool:
+        """From one thread at a time. Never waits. False after the end."""
         if self._closed:
-            return
+            return False
         items = self._items
         if len(items) >= self.capacity:
             try:
@@ -157,6 +159,7 @@ class Channel(Generic[T]):
                 pass
         items.append((item, now))
         self._wake()
+        return True
 
     def close(self, error: Optional[Exception] = None) -> None:
         """The end, after what is still queued: with an error, which is raised once, or without. Any thread."""

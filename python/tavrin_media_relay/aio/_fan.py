@@ -35,11 +35,19 @@ class Fan(Generic[T]):
 
     def put(self, item: T, arrived: float) -> None:
         self.totals.received += 1
+        kept = False
         for each in self._channels:
             channel = each()
             if channel is not None:
-                channel.put(item, arrived)
+                kept = channel.put(item, arrived) or kept
+        if kept:
+            self.totals.kept += 1
         self.totals.spent.add(time.monotonic() - arrived)
+
+    @property
+    def waiting(self) -> int:
+        """Items in the queues of all iterators now."""
+        return sum(channel.waiting for each in self._channels if (channel := each()) is not None)
 
     def close(self, error: Optional[Exception] = None) -> None:
         """The end of every iterator, after what it has queued."""

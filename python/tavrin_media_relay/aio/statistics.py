@@ -8,7 +8,7 @@ from dataclasses import dataclass, field
 from typing import TYPE_CHECKING, Any, Optional
 
 from . import _libraries
-from ._channel import Totals
+from ._fan import Fan
 
 if TYPE_CHECKING:
     from ._core import Core
@@ -24,6 +24,11 @@ class Received:
     """Taken from the iterators, all of them together."""
     dropped: int = 0
     """Given up by the iterators, for slow consumers."""
+    waiting: int = 0
+    """In the queues of the iterators now, all of them together."""
+    escaped_views: int = 0
+    """Blocks or pictures whose memory outlived the module's call, because an iterator took them. Captions are plain
+    text: of those there are none."""
     delay_p50: float = 0.0
     """Seconds from the module's call to the consumer's body: at most an eighth above the true value, as the others."""
     delay_p99: float = 0.0
@@ -48,8 +53,9 @@ class Statistics:
     """What `Session.statistics()` gives; `dataclasses.asdict` makes plain data of it."""
 
     library: Optional[dict[str, Any]]
-    """Pacing, gaps, repeated and dropped pictures: counters of our real-time library since it was loaded. None with
-    a library that keeps none."""
+    """Pacing, gaps, repeated and dropped pictures, and under "callbacks" how long each kind of media waited for the
+    module and how long each call took, to our callable and back: counters of our real-time library since it was
+    loaded, in the words of its header sarnet_statistics.h. None with a library that keeps none."""
     mix: Received
     """The mixed audio of the session."""
     streams: dict[str, StreamFigures]
@@ -59,12 +65,15 @@ class Statistics:
     video_written_ms: float
 
 
-def _received(totals: Totals) -> Received:
+def _received(fan: Fan[Any], views: bool = True) -> Received:
+    totals = fan.totals
     delays, spent = totals.delays, totals.spent
     return Received(
         totals.received,
         totals.delivered,
         totals.dropped,
+        fan.waiting,
+        totals.kept if views else 0,
         delays.quantile(0.5),
         delays.quantile(0.99),
         delays.maximum,
@@ -95,9 +104,9 @@ def library_statistics() -> Optional[dict[str, Any]]:
 def of_session(core: Core) -> Statistics:
     streams = {
         stream_id: StreamFigures(
-            _received(each.audio_fan.totals), _received(each.video_fan.totals), _received(each.caption_fan.totals)
+            _received(each.audio_fan), _received(each.video_fan), _received(each.caption_fan, views=False)
         )
         for stream_id, each in core.subscribers.items()
     }
     written = core.publisher.written_ms if core.publisher is not None else (0.0, 0.0)
-    return Statistics(library_statistics(), _received(core.mix.totals), streams, written[0], written[1])
+    return Statistics(library_statistics(), _received(core.mix), streams, written[0], written[1])

@@ -15,8 +15,8 @@ from ..aio import _native as native
 from ..aio._output import queued
 from ._failure import Failure
 
-#: Of these the worst is told, not the sum.
-_WORST = ("lateness_p50_us", "lateness_p99_us", "lateness_max_us", "mixer_delay_us")
+#: Counters that end so are times: of these the worst is told, not the sum.
+_TIME = "_us"
 
 
 def reset_library() -> None:
@@ -70,16 +70,17 @@ class Figures:
             if part != "subscribers":
                 self._add(part, counters)
         audio_ms, video_ms = await native.call(queued) if session.publisher is not None else (0.0, 0.0)
-        streams = session.statistics().streams.values()
+        streams = list(session.statistics().streams.values())
         dropped = sum(each.dropped for stream in streams for each in (stream.audio, stream.video, stream.captions))
+        escaped = sum(each.escaped_views for stream in streams for each in (stream.audio, stream.video))
         queue = {"audio_ms": audio_ms, "video_ms": video_ms, "waiting": waiting}
-        self._write("figures", library=library, queue=queue, dropped=dropped)
+        self._write("figures", library=library, queue=queue, dropped=dropped, escaped_views=escaped)
 
     def _add(self, part: str, counters: dict[str, int]) -> None:
         totals = self.totals.setdefault(part, {})
         for name, value in counters.items():
             before = totals.get(name, 0)
-            totals[name] = max(before, value) if name in _WORST else before + value
+            totals[name] = max(before, value) if name.endswith(_TIME) else before + value
 
     def _write(self, kind: str, /, **fields: Any) -> None:
         if self._file is not None:
@@ -100,5 +101,11 @@ class Figures:
             f"missed {capture['gaps']}, underruns {capture['underruns']}; "
             "lateness in the worst second: p50 {:.1f}, p99 {:.1f}, max {:.1f} ms. ".format(*late)
             + f"Pictures {video['frames_provided']}, repeated {video['frames_repeated']}, "
-            f"black {video['frames_black']}, late {video['frames_late']}."
+            f"black {video['frames_black']}, late {video['frames_late']}." + self._callbacks()
         )
+
+    def _callbacks(self) -> str:
+        callbacks = self.totals.get("callbacks", {})
+        times = {kind: callbacks.get(f"{kind}_took_max_us", 0) / 1000 for kind in ("audio", "picture", "caption")}
+        told = ", ".join(f"{kind} {ms:.1f}" for kind, ms in times.items() if ms)
+        return f" From the library to our callables and back at most: {told} ms." if told else ""

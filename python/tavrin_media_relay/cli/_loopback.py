@@ -37,6 +37,8 @@ class Figures:
     """Milliseconds from the library's call to our loop's body."""
     kept: dict[str, float]
     """Milliseconds that the library's thread was in our callable."""
+    escaped_views: int
+    """Received blocks of audio that outlived the module's call."""
     library: Optional[dict[str, Any]]
     """The library's counters."""
 
@@ -126,5 +128,6 @@ async def loopback(folder: Path, logging: LoggingSettings) -> Figures:
         pictures,
         delays,
         kept,
+        received.escaped_views,
         library,
     )

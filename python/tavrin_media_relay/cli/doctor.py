@@ -25,6 +25,7 @@ from ._terminal import Terminal
 Grade = Literal["ok", "note", "bad"]
 _MARKS = {"ok": "  ok  ", "note": " note ", "bad": " BAD  "}
 
+_QUANTILES = ("p50", "p99", "max")
 #: Milliseconds of lateness from which an ear may notice.
 _LATE_MS = 20.0
 #: Periods that may be missing from a second: what one short stall leaves out.
@@ -185,17 +186,31 @@ def _times(times: dict[str, float], digits: int = 1) -> str:
     return ", ".join(f"{name} {value:.{digits}f}" for name, value in times.items()) + " ms"
 
 
+def _tell_callbacks(findings: _Findings, callbacks: dict[str, int]) -> None:
+    """How long media waited for the module, and how long its callbacks took with our callables in them."""
+    if not callbacks:
+        return
+    parts = []
+    for kind in ("audio", "picture"):
+        waited, took = (
+            {name: callbacks[f"{kind}_{what}_{name}_us"] / 1000 for name in _QUANTILES} for what in ("waited", "took")
+        )
+        parts.append(f"{kind} waited {_times(waited, 2)}, took {_times(took, 2)}")
+    findings.add("ok", "callbacks", "from the library to the callable and back: " + "; ".join(parts))
+
+
 def _judge_pacing(findings: _Findings, figures: Figures) -> None:
     text = f"from the library's thread to async for: {_times(figures.delays)}; "
-    text += f"its thread was kept {_times(figures.kept, 3)}"
+    text += f"its thread was kept {_times(figures.kept, 3)}; {figures.escaped_views} views outlived their call"
     findings.add("ok" if figures.delays["p99"] < _LATE_MS else "note", "delivery", text)
     if figures.library is None:
         return
     capture, video, delivery = (figures.library[part] for part in ("capture", "video", "delivery"))
+    _tell_callbacks(findings, figures.library.get("callbacks", {}))
     dropped = delivery["audio_blocks_dropped"] + delivery["pictures_dropped"]
     text = "{frames_provided} provided, {frames_repeated} of them repeated and {frames_black} black, {frames_late} late"
     findings.add("ok", "pictures", text.format(**video) + f"; {dropped} received media dropped")
-    late = {name: capture[f"lateness_{name}_us"] / 1000 for name in ("p50", "p99", "max")}
+    late = {name: capture[f"lateness_{name}_us"] / 1000 for name in _QUANTILES}
     text = (
         f"{capture['periods_written']} periods of 10 ms ({capture['silence_periods']} silent), late {_times(late)}; "
         f"missed {capture['gaps']}, underruns {capture['underruns']}"

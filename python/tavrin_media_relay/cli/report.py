@@ -15,10 +15,11 @@ from ._terminal import Terminal
 from .record import LOG
 
 _LATENESS = ("p50", "p99", "max")
+_KINDS = ("audio", "picture", "caption")
 _LABELS_AT_MOST = 25
 _DESCRIPTION = f"""\
-Draws the figures of a session over time: how late audio was written, how much media waited in queues, and what
-happened when. FILE is a file of figures, or the folder of a recording with its {LOG}. Needs matplotlib.
+Draws the figures of a session over time: how late audio was written, how much media waited in queues, how long
+our callables kept the library, and what happened when. FILE is a file of figures, or the folder of a recording with its {LOG}. Needs matplotlib.
 
   record --session try --out /tmp/heard --seconds 10
   report /tmp/heard --out heard.png
@@ -40,10 +41,13 @@ class Course:
     """Seconds since its beginning, of the figures that follow."""
     lateness: dict[str, list[Optional[float]]] = field(default_factory=lambda: {each: [] for each in _LATENESS})
     """Milliseconds; None for a second in which nothing was written."""
+    callbacks: dict[str, list[Optional[float]]] = field(default_factory=lambda: {each: [] for each in _KINDS})
+    """Milliseconds from the library to our callable and back, p99; None for a second without any."""
     queues: dict[str, list[float]] = field(default_factory=dict)
     events: list[tuple[float, str]] = field(default_factory=list)
     underruns: int = 0
     dropped: int = 0
+    escaped_views: int = 0
 
     def add(self, entry: dict[str, Any]) -> None:
         if entry["kind"] == "event":
@@ -54,8 +58,12 @@ class Course:
             for each in _LATENESS:
                 known = capture.get("periods_written", 0) > 0
                 self.lateness[each].append(capture[f"lateness_{each}_us"] / 1000 if known else None)
+            times = (entry.get("library") or {}).get("callbacks", {})
+            for each in _KINDS:
+                self.callbacks[each].append(times.get(f"{each}_took_p99_us", 0) / 1000 or None)
             self.underruns += int(capture.get("underruns", 0))
             self.dropped = max(self.dropped, int(entry.get("dropped", 0)))
+            self.escaped_views = max(self.escaped_views, int(entry.get("escaped_views", 0)))
             for name, value in entry["queue"].items():
                 self.queues.setdefault(name, []).append(float(value))
 
@@ -79,6 +87,10 @@ def read(path: Path) -> Course:
     return course
 
 
+def _with_gaps(values: list[Optional[float]]) -> list[float]:
+    return [float("nan") if each is None else each for each in values]
+
+
 def draw(course: Course, title: str, target: Path) -> None:
     try:
         matplotlib: Any = importlib.import_module("matplotlib")
@@ -86,13 +98,12 @@ def draw(course: Course, title: str, target: Path) -> None:
         pyplot: Any = importlib.import_module("matplotlib.pyplot")
     except ImportError:
         raise Failure("report needs matplotlib, which is not installed (Debian: python3-matplotlib)") from None
-    figure, (late, queue, happened) = pyplot.subplots(
-        3, 1, sharex=True, figsize=(11, 9), constrained_layout=True, gridspec_kw={"height_ratios": [2, 2, 1]}
+    figure, (late, queue, call, happened) = pyplot.subplots(
+        4, 1, sharex=True, figsize=(11, 11), constrained_layout=True, gridspec_kw={"height_ratios": [2, 2, 1, 1]}
     )
     figure.suptitle(title)
     for name, style in zip(_LATENESS, ("-", "-", ":")):
-        values = [float("nan") if each is None else each for each in course.lateness[name]]
-        late.plot(course.times, values, style, marker=".", label=name)
+        late.plot(course.times, _with_gaps(course.lateness[name]), style, marker=".", label=name)
     late.set_ylabel("lateness of audio, ms")
     late.set_title(f"{course.underruns} underruns", loc="right", fontsize="small")
     words = {"audio_ms": "audio to send, ms", "video_ms": "video to send, ms", "waiting": "received media, items"}
@@ -100,19 +111,25 @@ def draw(course: Course, title: str, target: Path) -> None:
         queue.plot(course.times, numbers, marker=".", label=words.get(name, name))
     queue.set_ylabel("queues")
     queue.set_title(f"{course.dropped} dropped", loc="right", fontsize="small")
+    for name, times in course.callbacks.items():
+        if any(times):
+            call.plot(course.times, _with_gaps(times), marker=".", label=name)
+    call.set_ylabel("callback, p99, ms")
+    call.set_title(f"{course.escaped_views} views outlived their call", loc="right", fontsize="small")
     kinds = list(dict.fromkeys(name for _, name in course.events))
     places = [(at, kinds.index(name)) for at, name in course.events]
     happened.scatter([at for at, _ in places], [place for _, place in places], marker="|", s=90)
     happened.set_yticks(range(len(kinds)), kinds, fontsize="small")
     happened.set_xlabel("seconds")
-    for axes in (late, queue):
+    for axes in (late, queue, call):
         axes.set_ylim(bottom=0)
-        axes.legend(loc="upper left")
-    for axes in (late, queue, happened):
+        if axes.lines:
+            axes.legend(loc="upper left")
+    for axes in (late, queue, call, happened):
         axes.grid(alpha=0.3)
     if len(course.events) <= _LABELS_AT_MOST:
         for at, _ in course.events:
-            for axes in (late, queue):
+            for axes in (late, queue, call):
                 axes.axvline(at, color="grey", linewidth=0.5, alpha=0.5)
     try:
         figure.savefig(target)
