@@ -5,10 +5,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <numbers>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -27,50 +25,6 @@ std::string contents(const std::filesystem::path& path) {
   text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
 }
-
-// Calls `work` once a period, by an absolute clock, until it goes.
-class Periodic {
- public:
-  Periodic(std::chrono::nanoseconds period, std::function<void()> work)
-      : thread_([this, period, work = std::move(work)] {
-          auto due = std::chrono::steady_clock::now();
-          while (!stopped_) {
-            work();
-            due += period;
-            std::this_thread::sleep_until(due);
-          }
-        }) {}
-  ~Periodic() {
-    stopped_ = true;
-    thread_.join();
-  }
-  Periodic(const Periodic&) = delete;
-  Periodic& operator=(const Periodic&) = delete;
-
- private:
-  std::atomic<bool> stopped_{false};
-  std::thread thread_;
-};
-
-class Sine {
- public:
-  Sine(int rate, int channels, double hertz) : rate_(rate), channels_(channels), hertz_(hertz) {}
-  std::vector<std::int16_t> next(std::size_t frames) {
-    std::vector<std::int16_t> samples;
-    for (std::size_t frame = 0; frame < frames; ++frame, ++position_) {
-      const double angle = 2 * std::numbers::pi * hertz_ * static_cast<double>(position_) / rate_;
-      samples.insert(samples.end(), static_cast<std::size_t>(channels_),
-                     static_cast<std::int16_t>(std::lround(8000 * std::sin(angle))));
-    }
-    return samples;
-  }
-
- private:
-  int rate_;
-  int channels_;
-  double hertz_;
-  std::uint64_t position_ = 0;
-};
 
 int loudest(const std::vector<std::int16_t>& samples) {
   int peak = 0;
@@ -121,7 +75,7 @@ TEST(Device, StaysUpWhileAnySessionIsConnectedAndEndsWithTheLibrary) {
   {
     LibraryUse library;
     Participant first;
-    Participant second("another");
+    Participant second(empty_place());
     // Up for the second one, which counts only some time after its on_connected.
     ASSERT_TRUE(second.join());
     ASSERT_TRUE(device.log.await("start_capturer"));
@@ -149,11 +103,11 @@ TEST(Device, WithAnUnusableFormatIsNotStarted) {
   srn_log_enable(SRN_LOG_LEVEL_ERROR);
 }
 
-class Audio : public testing::TestWithParam<srn_audio_device_settings> {};
+class EmbeddedAudio : public testing::TestWithParam<srn_audio_device_settings> {};
 
 // The program hears the companion's tone in its own format, and publishes its own: what the other
 // side gets is that tone, and the recording holds each sample.
-TEST_P(Audio, IsMixedCarriedAndRecordedInTheDevicesFormat) {
+TEST_P(EmbeddedAudio, IsMixedCarriedAndRecordedInTheDevicesFormat) {
   const int rate = GetParam().sampling_rate;
   const int channels = GetParam().number_of_channels;
   const auto frames = static_cast<std::size_t>(rate / 100);
@@ -164,10 +118,10 @@ TEST_P(Audio, IsMixedCarriedAndRecordedInTheDevicesFormat) {
     "participants": [{"id": "peer", "audio": {"tone_hz": 1000, "level": 0.5}}]})");
   std::vector<std::int16_t> sent;
   {
-    Participant program;
-    Participant listener;
-    ASSERT_TRUE(program.join(scenario.host()));
-    ASSERT_TRUE(listener.join(scenario.host()));
+    Participant program(scenario.place());
+    Participant listener(scenario.place());
+    ASSERT_TRUE(program.join());
+    ASSERT_TRUE(listener.join());
     ASSERT_TRUE(device.log.await("start_capturer"));
     Receiver peer(program.wait_for_stream()->get());
     ASSERT_EQ(srn_session_subscribe(program.handle, peer.handle), SRN_SUCCESS);
@@ -217,18 +171,18 @@ TEST_P(Audio, IsMixedCarriedAndRecordedInTheDevicesFormat) {
   EXPECT_EQ(figures.capture_frames_written * static_cast<std::size_t>(channels), sent.size());
 }
 
-INSTANTIATE_TEST_SUITE_P(Formats, Audio,
+INSTANTIATE_TEST_SUITE_P(Formats, EmbeddedAudio,
                          testing::Values(srn_audio_device_settings{48000, 2},
                                          srn_audio_device_settings{44100, 1},
                                          srn_audio_device_settings{8000, 1}));
 
-TEST(Device, RecordsPicturesInOrderWithRepeats) {
+TEST(EmbeddedDevice, RecordsPicturesInOrderWithRepeats) {
   LibraryUse library;
   ScenarioFile scenario(R"({"record": "recording"})");
   std::string frames;
   {
-    Participant program;
-    ASSERT_TRUE(program.join(scenario.host()));
+    Participant program(scenario.place());
+    ASSERT_TRUE(program.join());
     Sender sender({.audio = false, .fps = 25});
     ASSERT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SUCCESS);
     ASSERT_TRUE(sender.log.await("created"));

@@ -1,13 +1,16 @@
 #include "contract/harness.h"
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <fstream>
-#include <thread>
+#include <numbers>
 
 namespace {
 
@@ -52,6 +55,26 @@ Participant& participant(void* user_data) { return *static_cast<Participant*>(us
 Sender& sender(void* user_data) { return *static_cast<Sender*>(user_data); }
 srn_bool srn(bool value) { return value ? SRN_TRUE : SRN_FALSE; }
 
+std::string setting(const char* name) {
+  const char* const value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+// Takes connections and never says a word.
+std::string silent_host() {
+  const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* const any = reinterpret_cast<sockaddr*>(&address);
+  if (::bind(listener, any, size) != 0 || ::listen(listener, 8) != 0 ||
+      ::getsockname(listener, any, &size) != 0) {
+    std::abort();
+  }
+  return "ws://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+}
+
 std::string numbered(int code, const char* text) {
   return "error " + std::to_string(code) + ' ' + text;
 }
@@ -63,7 +86,31 @@ void note(Journal& log, const std::string& event, const std::function<void()>& h
 
 }  // namespace
 
-Participant::Participant(const std::string& session_id, const std::string& api_key) {
+bool on_server() { return !setting("SARNET_TEST_HOST").empty(); }
+
+Place companions_place() {
+  if (!on_server()) return {"api.sarnet.localhost", "session", "token"};
+  return {setting("SARNET_TEST_HOST"), setting("SARNET_TEST_ROOM"), setting("SARNET_TEST_TOKEN")};
+}
+
+Place empty_place() {
+  static const ScenarioFile nobody("{}");
+  static std::atomic<int> number{0};
+  Place place = on_server() ? companions_place() : nobody.place();
+  place.session = "place " + std::to_string(++number);
+  return place;
+}
+
+Place silent_place() {
+  if (!on_server()) {
+    static const ScenarioFile slow(R"({"join_delay_ms": 60000})");
+    return slow.place();
+  }
+  static const std::string host = silent_host();
+  return {host, "session", "token"};
+}
+
+Participant::Participant(Place place) : place_(std::move(place)) {
   callbacks_.user_data = this;
   callbacks_.on_connected = [](srn_session*, void* data) {
     note(participant(data).log, "connected", participant(data).on_connected);
@@ -93,7 +140,7 @@ Participant::Participant(const std::string& session_id, const std::string& api_k
                            enum srn_session_error_code code) {
     participant(data).log.add(numbered(code, text));
   };
-  handle = srn_session_new_with_settings(api_key.c_str(), session_id.c_str(), &callbacks_,
+  handle = srn_session_new_with_settings("key", place_.session.c_str(), &callbacks_,
                                          srn_session_settings_new());
 }
 
@@ -101,6 +148,13 @@ std::shared_ptr<StreamCopy> Participant::wait_for_stream(std::size_t number) {
   if (!log.await("stream+", static_cast<long>(number))) return nullptr;
   const std::lock_guard lock(mutex_);
   return streams_[number - 1];
+}
+
+bool Picture::is(int value) const {
+  const int lost = on_server() ? 4 : 0;
+  return !bytes.empty() && std::ranges::all_of(bytes, [=](std::uint8_t byte) {
+    return std::abs(byte - value) <= lost;
+  });
 }
 
 template <class Use>
@@ -233,6 +287,7 @@ Sender::Sender(Options options) : options_(options) {
   srn_publisher_settings_set_stereo(settings, SRN_TRUE);
   srn_publisher_settings_set_video_capturer(settings, &capturer_callbacks_);
   handle = srn_publisher_new_with_settings(&callbacks_, settings);
+  srn_publisher_set_publish_captions(handle, srn(options.captions));
   srn_publisher_settings_delete(settings);
 }
 
@@ -243,6 +298,29 @@ srn_status Sender::provide(int width, int height, const std::vector<std::uint8_t
   const srn_status status = srn_video_capturer_provide_frame(capturer_, 0, frame);
   srn_video_frame_delete(frame);
   return status;
+}
+
+Periodic::Periodic(std::chrono::nanoseconds period, std::function<void()> work)
+    : thread_([this, period, work = std::move(work)] {
+        for (auto due = std::chrono::steady_clock::now(); !stopped_;
+             std::this_thread::sleep_until(due += period)) {
+          work();
+        }
+      }) {}
+
+Periodic::~Periodic() {
+  stopped_ = true;
+  thread_.join();
+}
+
+std::vector<std::int16_t> Sine::next(std::size_t frames) {
+  std::vector<std::int16_t> samples;
+  for (std::size_t frame = 0; frame < frames; ++frame, ++position_) {
+    const double angle = 2 * std::numbers::pi * hertz_ * static_cast<double>(position_) / rate_;
+    samples.insert(samples.end(), static_cast<std::size_t>(channels_),
+                   static_cast<std::int16_t>(std::lround(8000 * std::sin(angle))));
+  }
+  return samples;
 }
 
 // A slot's name, as a template argument.

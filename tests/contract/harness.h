@@ -3,12 +3,14 @@
 #include <sarnet/sarnet.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -17,6 +19,20 @@
 namespace contract {
 
 bool eventually(const std::function<bool()>& condition);
+
+// Where participants meet: on the embedded engine, or on the server that with_server.py names.
+struct Place {
+  std::string host;
+  std::string session;
+  std::string token;
+};
+bool on_server();
+// With a companion who publishes a picture of 640x480, a tone and captions.
+Place companions_place();
+// A new one, with nobody.
+Place empty_place();
+// Joining it takes longer than any test.
+Place silent_place();
 
 // What a program knows of a stream that it received: a copy of the handle, deleted with it.
 class StreamCopy {
@@ -35,20 +51,17 @@ class StreamCopy {
 // Hooks run inside the callbacks, after the log. Deletes itself.
 class Participant {
  public:
-  explicit Participant(const std::string& session_id = "session",
-                       const std::string& api_key = "key");
+  explicit Participant(Place place = companions_place());
   ~Participant() { remove(); }
   Participant(const Participant&) = delete;
   Participant& operator=(const Participant&) = delete;
 
-  srn_status connect(const std::string& host = "api.sarnet.localhost",
-                     const std::string& token = "token") {
-    return srn_session_connect_to_host(handle, host.c_str(), "", 443, SRN_TRUE, token.c_str());
+  srn_status connect() {
+    return srn_session_connect_to_host(handle, place_.host.c_str(), "", 443, SRN_TRUE,
+                                       place_.token.c_str());
   }
   // Connects and waits; false when there was no on_connected.
-  bool join(const std::string& host = "api.sarnet.localhost", const std::string& token = "token") {
-    return connect(host, token) == SRN_SUCCESS && log.await("connected");
-  }
+  bool join() { return connect() == SRN_SUCCESS && log.await("connected"); }
   srn_status remove() { return srn_session_delete(std::exchange(handle, nullptr)); }
   // The stream that came as the `number`th, once it has.
   std::shared_ptr<StreamCopy> wait_for_stream(std::size_t number = 1);
@@ -60,6 +73,7 @@ class Participant {
   std::function<void()> on_disconnected;
 
  private:
+  const Place place_;
   srn_session_callbacks callbacks_{};
   std::mutex mutex_;
   std::vector<std::shared_ptr<StreamCopy>> streams_;
@@ -69,6 +83,9 @@ struct Picture {
   int width = 0;
   int height = 0;
   std::vector<std::uint8_t> bytes;
+
+  // Whether it has this value all over, as nearly as it was carried.
+  bool is(int value) const;
 };
 
 // One srn_subscriber: "connected", "disconnected", "error CODE TEXT", "caption TEXT" and
@@ -127,6 +144,7 @@ class Sender {
     bool video = true;
     int fps = 30;
     bool init_result = true;
+    bool captions = false;
   };
   explicit Sender(Options options);
   ~Sender() { remove(); }
@@ -184,10 +202,36 @@ class ScenarioFile {
   ScenarioFile& operator=(const ScenarioFile&) = delete;
 
   std::string host() const { return "embedded:" + (folder_ / "scenario.json").string(); }
+  Place place(const std::string& token = "token") const { return {host(), "session", token}; }
   const std::filesystem::path& folder() const { return folder_; }
 
  private:
   std::filesystem::path folder_;
+};
+
+// Calls `work` once a period, by an absolute clock, until it goes.
+class Periodic {
+ public:
+  Periodic(std::chrono::nanoseconds period, std::function<void()> work);
+  ~Periodic();
+  Periodic(const Periodic&) = delete;
+  Periodic& operator=(const Periodic&) = delete;
+
+ private:
+  std::atomic<bool> stopped_{false};
+  std::thread thread_;
+};
+
+class Sine {
+ public:
+  Sine(int rate, int channels, double hertz) : rate_(rate), channels_(channels), hertz_(hertz) {}
+  std::vector<std::int16_t> next(std::size_t frames);
+
+ private:
+  int rate_;
+  int channels_;
+  double hertz_;
+  std::uint64_t position_ = 0;
 };
 
 // How often the library asked this program for its device information.

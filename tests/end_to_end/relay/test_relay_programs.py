@@ -85,6 +85,7 @@ def test_whoever_may_not_or_cannot_join_is_told_why(server):
     certificate = str(server.folder / "cert.pem")
     rows = {
         "no token": (clear, "x", "", 1004),
+        "for the server alone": (clear, realm, "", 1004),
         "expired": (clear, join_token("marks", SECRET, -5), "", 1004),
         "signed by somebody else": (clear, join_token("marks", "another-secret"), "", 1004),
         "expired for the room": (clear, f"{realm} {room_token('marks', SECRET, -5)}", "", 1004),
