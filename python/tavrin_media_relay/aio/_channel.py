@@ -127,6 +127,7 @@ class Channel(Generic[T]):
 
     def __init__(self, waker: Waker, capacity: int, what: str, totals: Optional[Totals] = None) -> None:
         self.capacity = capacity
+        """Items that are kept for a slow consumer."""
         self.delivered = 0
         """Items that the consumer has taken."""
         self.dropped = 0

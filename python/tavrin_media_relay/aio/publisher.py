@@ -53,16 +53,19 @@ class Publisher:
 
     @property
     def name(self) -> str:
+        """Of our stream, as given to `Session.publish`."""
         return self._settings.name
 
     @property
     def audio(self) -> AudioOutput:
+        """Where sound is written. Raises RuntimeError if the stream is published without."""
         if self._audio is None:
             raise RuntimeError(f"{self.name!r} is published without audio: publish(..., audio=True)")
         return self._audio
 
     @property
     def video(self) -> VideoOutput:
+        """Where pictures are written. Raises RuntimeError if the stream is published without."""
         if self._video is None:
             raise RuntimeError(f"{self.name!r} is published without video: publish(..., video=True)")
         return self._video

@@ -30,10 +30,12 @@ class VideoOutput:
 
     @property
     def height(self) -> int:
+        """Pixels."""
         return self._size.height
 
     @property
     def fps(self) -> int:
+        """Pictures a second: the session's rate."""
         return self._fps
 
     @property

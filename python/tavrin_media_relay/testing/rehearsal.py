@@ -45,8 +45,12 @@ class Rehearsal:
     def participant(
         self, id: str, *, name: str = "", data: str = "", join_at: float = 0.0, leave_at: Optional[float] = None
     ) -> Participant:
-        """Somebody who comes at a time, and stays or leaves at another. name: of the stream; data: of the
-        connection. Publishes a stream if something is said, shown or captioned."""
+        """Somebody who comes at a time, and stays or leaves at another.
+
+        id: of letters, digits, "-" and "_". name: of the stream; the id unless given. data: of the connection.
+
+        Publishes a stream if something is said, shown or captioned.
+        """
         return self._script.add(Participant(id, name or id, data, join_at, leave_at))
 
     def fail(self, at: float, code: int = 2000, text: str = "Failure from the rehearsal") -> None:
@@ -80,6 +84,7 @@ class Rehearsal:
         self._script.keys["token"] = token
 
     def delay_joining(self, seconds: float) -> None:
+        """Joining takes so long."""
         self._script.keys["join_delay_ms"] = milliseconds("seconds", seconds)
 
     def _event(self, at: float, kind: str, **keys: object) -> None:
@@ -208,7 +213,7 @@ class Rehearsal:
         if performance is None:
             raise AssertionError("the agent has not joined the session: does it read API_HOSTNAME?")
         performance.result = result
-        performance.told = told
+        performance.told = [(at - performance.joined_at, event) for at, event in told]
         performance.statistics = statistics[0] if statistics else None
         return performance
 
@@ -250,9 +255,8 @@ class Rehearsal:
 
 
 async def _watch(session: aio.Session, told: list[tuple[float, aio.Event]]) -> None:
-    begin = time.monotonic()
     async for event in session.events():
-        told.append((time.monotonic() - begin, event))
+        told.append((time.monotonic(), event))
 
 
 async def _for_a_while(work: Awaitable[Any], until: Optional[float]) -> Any:

@@ -1,0 +1,1 @@
+"""What the build of the documentation needs beside Sphinx."""
