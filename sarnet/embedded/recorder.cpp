@@ -37,11 +37,10 @@ bool used_before(const std::string& folder) {
   return !numbers.next.emplace(folder, 0).second;
 }
 
-std::string utc_now() {
-  const auto now = std::chrono::system_clock::now();
-  const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+std::string utc(std::chrono::system_clock::time_point time) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
   const auto millis =
-      std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+      std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count() % 1000;
   std::tm utc{};
   gmtime_r(&seconds, &utc);
   char date[32];
@@ -49,6 +48,11 @@ std::string utc_now() {
   char text[48];
   std::snprintf(text, sizeof text, "%s.%03dZ", date, static_cast<int>(millis));
   return text;
+}
+
+std::chrono::nanoseconds length_of(std::size_t samples, const AudioFormat& format) {
+  const auto frames = static_cast<std::int64_t>(samples) / format.channels;
+  return std::chrono::nanoseconds(std::chrono::seconds(frames)) / format.rate;
 }
 
 std::string audio_name(int publication) { return "audio-" + std::to_string(publication) + ".wav"; }
@@ -76,11 +80,16 @@ std::shared_ptr<Recorder> Recorder::create(const std::string& folder, std::strin
 Recorder::Recorder(const FilePlugin& plugin, std::string folder, std::ofstream log)
     : plugin_(plugin), folder_(std::move(folder)), log_(std::move(log)) {}
 
-std::string Recorder::line_of(const char* event, Json::Value fields) const {
-  fields["time"] = utc_now();
+std::string Recorder::line_of(const char* event, Json::Value fields, Clock::time_point at) {
+  using std::chrono::system_clock;
+  const auto ago = std::chrono::duration_cast<system_clock::duration>(Clock::now() - at);
+  fields["time"] = utc(system_clock::now() - ago);
+  fields["at"] = std::chrono::duration<double>(at.time_since_epoch()).count();
   fields["event"] = event;
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
+  builder["precision"] = 6;  // microseconds
+  builder["precisionType"] = "decimal";
   builder["emitUTF8"] = true;
   return Json::writeString(builder, fields);
 }
@@ -119,6 +128,7 @@ void Recorder::end_publication(int publication) {
 
 void Recorder::add_audio(int publication, const AudioFormat& format,
                          std::span<const std::int16_t> samples) {
+  auto came = Clock::now();
   {
     const std::lock_guard lock(mutex_);
     while (!samples.empty()) {
@@ -126,6 +136,7 @@ void Recorder::add_audio(int publication, const AudioFormat& format,
       if (Item* const item = reserve()) {
         item->kind = Kind::kAudio;
         item->publication = publication;
+        item->came = came;
         item->format = format;
         item->samples = count;
         std::copy_n(samples.begin(), count, item->data.begin());
@@ -133,18 +144,21 @@ void Recorder::add_audio(int publication, const AudioFormat& format,
         loss->second.audio_frames += count / static_cast<std::size_t>(format.channels);
       }
       samples = samples.subspan(count);
+      came += length_of(count, format);
     }
   }
   changed_.notify_one();
 }
 
 void Recorder::add_picture(int publication, const PictureRef& picture) {
+  const auto came = Clock::now();
   {
     const std::lock_guard lock(mutex_);
     Item* const item = pictures_queued_ < kMaxPictures ? reserve() : nullptr;
     if (item != nullptr) {
       item->kind = Kind::kPicture;
       item->publication = publication;
+      item->came = came;
       item->picture = picture;
       ++pictures_queued_;
     } else if (const auto loss = losses_.find(publication); loss != losses_.end()) {
@@ -225,6 +239,15 @@ void Recorder::fail(Files& files, int publication, const std::string& error) {
   log_ << line_of("recording_failed", std::move(fields)) << '\n' << std::flush;
 }
 
+void Recorder::mark(Timeline& due, const Item& item, const char* place, std::uint64_t number) {
+  if (due && std::chrono::abs(item.came - *due) <= kTolerance) return;
+  due = item.came;
+  Json::Value fields(Json::objectValue);
+  fields["publication"] = item.publication;
+  fields[place] = Json::UInt64(number);
+  log_ << line_of("mark", std::move(fields), item.came) << '\n' << std::flush;
+}
+
 void Recorder::write_audio(Files& files, const Item& item) {
   std::string error;
   if (!files.audio && !files.failed) {
@@ -237,6 +260,8 @@ void Recorder::write_audio(Files& files, const Item& item) {
   if (item.format != files.format) {
     fail(files, item.publication, "the format of the captured audio changed");
   } else if (files.audio->write({item.data.data(), item.samples})) {
+    mark(files.audio_due, item, "audio_frame", files.audio_frames);
+    *files.audio_due += length_of(item.samples, item.format);
     files.audio_frames += item.samples / static_cast<std::size_t>(item.format.channels);
   } else {
     fail(files, item.publication, files.audio->error());
@@ -255,14 +280,17 @@ void Recorder::write_picture(Files& files, const Item& item) {
   if (!files.video && !files.failed) {
     files.width = picture.width();
     files.height = picture.height();
+    files.fps = fps_of(item.publication);
     files.video = plugin_.create_video(folder_ + "/" + video_name(item.publication), files.width,
-                                       files.height, fps_of(item.publication), error);
+                                       files.height, files.fps, error);
     if (!files.video) fail(files, item.publication, error);
   }
   if (!files.video) return;
   if (picture.width() != files.width || picture.height() != files.height) {
     fail(files, item.publication, "the size of the pictures changed");
   } else if (files.video->write(picture.view())) {
+    mark(files.picture_due, item, "picture", files.pictures);
+    *files.picture_due += std::chrono::nanoseconds(std::chrono::seconds(1)) / files.fps;
     ++files.pictures;
   } else {
     fail(files, item.publication, files.video->error());

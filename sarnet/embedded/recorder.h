@@ -3,12 +3,14 @@
 #include <json/value.h>
 
 #include <array>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -21,7 +23,12 @@ namespace sarnet {
 
 // Writes all that the program publishes into a folder: the audio of publication N as audio-N.wav,
 // its pictures as video-N.y4m, and events.jsonl, one JSON object a line, in which each publication
-// names its files, any loss is counted, and the last line has the event "closed".
+// names its files, any loss is counted, and the last line has the event "closed". Each line has the
+// time of the event as "time", in UTC, and as "at", in seconds of the machine's monotonic clock.
+//
+// A file has no time of its own, and lacks what was never sent. Lines with the event "mark" tell
+// when a place in it (an "audio_frame" or a "picture") came in: the first one, and any that came
+// more than kTolerance away from where the marks before it and the rate would have put it.
 //
 // Any thread calls; nothing waits for the disk. The queue is bounded: what comes while it is full
 // is lost and counted. A thread of its own, which the ThreadKeeper joins, writes, and ends after
@@ -40,16 +47,20 @@ class Recorder : public std::enable_shared_from_this<Recorder> {
   void end_publication(int publication);
   void add_audio(int publication, const AudioFormat& format, std::span<const std::int16_t> samples);
   void add_picture(int publication, const PictureRef& picture);
-  // Adds a line to the log; the time is added here.
+  // Adds a line to the log; the times are added here.
   void log(const char* event, Json::Value fields = Json::Value(Json::objectValue));
   void close();
 
  private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::milliseconds kTolerance{5};
+
   enum class Kind { kAudio, kPicture, kEnd, kLine };
   static constexpr std::size_t kMaxSamples = 960;
   struct Item {
     Kind kind = Kind::kAudio;
     int publication = 0;
+    Clock::time_point came;  // of audio and pictures
     AudioFormat format;
     std::size_t samples = 0;
     std::array<std::int16_t, kMaxSamples> data;
@@ -65,26 +76,32 @@ class Recorder : public std::enable_shared_from_this<Recorder> {
     std::uint64_t audio_frames = 0;
     std::uint64_t pictures = 0;
   };
-  // Of the writer's thread.
+  // Of the writer's thread: where the next item of a file is expected, if there was one.
+  using Timeline = std::optional<Clock::time_point>;
   struct Files {
     std::unique_ptr<AudioWriter> audio;
     std::unique_ptr<VideoWriter> video;
     AudioFormat format;
     int width = 0;
     int height = 0;
+    int fps = 30;
     std::uint64_t audio_frames = 0;
     std::uint64_t pictures = 0;
+    Timeline audio_due;
+    Timeline picture_due;
     bool failed = false;
   };
 
   Item* reserve();
+  void mark(Timeline& due, const Item& item, const char* place, std::uint64_t number);
   void run();
   void write(Item& item);
   void write_audio(Files& files, const Item& item);
   void write_picture(Files& files, const Item& item);
   void finish(int publication);
   void fail(Files& files, int publication, const std::string& error);
-  std::string line_of(const char* event, Json::Value fields) const;
+  static std::string line_of(const char* event, Json::Value fields,
+                             Clock::time_point at = Clock::now());
   int fps_of(int publication);
 
   const FilePlugin& plugin_;

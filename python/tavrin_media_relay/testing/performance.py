@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import json
 from dataclasses import dataclass, field
-from datetime import datetime
 from pathlib import Path
 from typing import Any, Optional
 
@@ -45,6 +44,8 @@ class Performance:
     entries: list[Entry]
     """The engine's event log, in order."""
     publications: list[Publication]
+    joined_at: float
+    """`time.monotonic()` when the agent had joined, from which all times count."""
     result: Any = None
     """What the agent returned."""
     told: list[tuple[float, aio.Event]] = field(default_factory=list)
@@ -94,7 +95,7 @@ class Performance:
         for each in self.publications:
             if each.sound is not None:
                 spoken = ", ".join(map(str, each.sound.utterances())) or "silence only"
-                lines.append(f"{each.name} sent sound: {spoken} (to within {each.sound.timing_error:.2f} s)")
+                lines.append(f"{each.name} sent sound: {spoken}")
             if each.film is not None:
                 lines.append(f"{each.name} sent {len(each.film)} pictures of {each.film.width}x{each.film.height}")
         return "\n".join(lines)
@@ -103,10 +104,18 @@ class Performance:
 def read(folder: Path) -> Performance:
     """From a recording that is complete."""
     lines = [json.loads(line) for line in (folder / "events.jsonl").read_text(encoding="utf-8").splitlines()]
-    times = [datetime.fromisoformat(line.pop("time")).timestamp() for line in lines]
-    names = [str(line.pop("event")) for line in lines]
-    zero = times[names.index("joined")] if "joined" in names else times[0]
-    entries = [Entry(time - zero, name, line) for time, name, line in zip(times, names, lines)]
+    zero = float(next((each for each in lines if each["event"] == "joined"), lines[0])["at"])
+    entries: list[Entry] = []
+    marks: dict[tuple[int, str], list[tuple[int, float]]] = {}
+    for line in lines:
+        at, name = float(line.pop("at")) - zero, str(line.pop("event"))
+        del line["time"]
+        if name == "mark":
+            publication = int(line.pop("publication"))
+            for kind, number in line.items():
+                marks.setdefault((publication, kind), []).append((int(number), at))
+        else:
+            entries.append(Entry(at, name, line))
     publications = []
     ends = {each.fields["publication"]: each for each in entries if each.name == "recorded"}
     for each in entries:
@@ -115,7 +124,8 @@ def read(folder: Path) -> Performance:
         last = ends.get(each.fields["publication"])
         told = last.fields if last is not None else {}
         end = last.at if last is not None else entries[-1].at
-        sound = Sound(folder / told["audio"], each.at, end) if "audio" in told else None
-        film = Film(folder / told["video"], each.at, end) if "video" in told else None
+        audio, video = (marks.get((each.fields["publication"], kind), []) for kind in ("audio_frame", "picture"))
+        sound = Sound(folder / told["audio"], audio, each.at) if "audio" in told else None
+        film = Film(folder / told["video"], video, each.at) if "video" in told else None
         publications.append(Publication(each.fields["name"], each.at, end, sound, film))
-    return Performance(entries, publications)
+    return Performance(entries, publications, zero)

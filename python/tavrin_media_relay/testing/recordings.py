@@ -5,7 +5,7 @@ from __future__ import annotations
 import wave
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any, Iterator, Optional
+from typing import Any, Iterator, Optional, Sequence
 
 import numpy as np
 import numpy.typing as npt
@@ -13,7 +13,6 @@ import numpy.typing as npt
 from .sounds import Samples
 
 Plane = npt.NDArray[np.uint8]
-_STEP = 0.01  # seconds: the finest that loudness is looked at
 
 
 @dataclass(frozen=True)
@@ -31,31 +30,38 @@ class Utterance:
         return f"{self.begin:.2f}..{self.end:.2f} s"
 
 
-@dataclass(frozen=True)
-class Timing:
-    """How places in a recording, which lacks periods in which nothing was sent, become times."""
+class Timeline:
+    """When each place in a file was sent: the recording marks its beginning, and every place that came earlier or
+    later than the marks before it let expect."""
 
-    begin: float
-    scale: float
-    error: float
+    def __init__(self, marks: Sequence[tuple[float, float]], begin: float) -> None:
+        """marks: seconds into the file and the time there, in order. begin: of a file that has none."""
+        places, times = zip(*(marks or [(0.0, begin)]))
+        self._places, self._times = np.array(places), np.array(times)
+        self._ends = np.append(self._times[1:], np.inf)
+        self._lengths = np.append(self._places[1:], np.inf)
 
-    @classmethod
-    def of(cls, begin: float, end: float, recorded: float) -> Timing:
-        if recorded <= 0 or end <= begin:
-            return cls(begin, 1.0, max(end - begin, 0.0))
-        return cls(begin, (end - begin) / recorded, abs(end - begin - recorded))
+    def times(self, places: Any) -> npt.NDArray[np.float64]:
+        """Of places in seconds."""
+        last = np.maximum(np.searchsorted(self._places, places, "right") - 1, 0)
+        told = self._times[last] + places - self._places[last]
+        result: npt.NDArray[np.float64] = np.minimum(told, self._ends[last])
+        return result
 
     def time(self, place: float) -> float:
-        return self.begin + place * self.scale
+        return float(self.times(place))
 
     def place(self, time: float) -> float:
-        return (time - self.begin) / self.scale
+        """That of the next one sent, where nothing was sent at that time."""
+        last = max(int(np.searchsorted(self._times, time, "right")) - 1, 0)
+        return float(min(self._places[last] + max(time - self._times[last], 0.0), self._lengths[last]))
 
 
 class Sound:
     """Every sample that was sent."""
 
-    def __init__(self, path: Path, begin: float, end: float) -> None:
+    def __init__(self, path: Path, marks: Sequence[tuple[int, float]], begin: float) -> None:
+        """marks: frame numbers, and when each was sent."""
         self.path = path
         """The WAV file."""
         with wave.open(str(path), "rb") as file:
@@ -64,44 +70,37 @@ class Sound:
             samples = np.frombuffer(file.readframes(file.getnframes()), "<i2")
             self.samples: Samples = samples.reshape(-1, file.getnchannels())
             """Of shape (frames, channels)."""
-        self._timing = Timing.of(begin, end, len(self.samples) / self.rate)
+        self._line = Timeline([(frame / self.rate, time) for frame, time in marks], begin)
 
     @property
     def begin(self) -> float:
-        return self._timing.begin
+        """When the first sample was sent."""
+        return self._line.time(0.0)
 
     @property
     def end(self) -> float:
-        return self._timing.time(len(self.samples) / self.rate)
-
-    @property
-    def timing_error(self) -> float:
-        """No time told here is wrong by more than this: by what a busy machine, or a queue that ran dry, left out."""
-        return self._timing.error
+        return self._line.time(len(self.samples) / self.rate)
 
     def between(self, begin: float, end: float) -> Samples:
         """The samples of a stretch of time."""
-        first, last = (int(max(self._timing.place(each), 0.0) * self.rate) for each in (begin, end))
+        length = len(self.samples)
+        first, last = (round(min(self._line.place(each) * self.rate, length)) for each in (begin, end))
         return self.samples[first:last]
 
     def loudest(self, begin: float = 0.0, end: float = float("inf")) -> float:
         """The peak in a stretch of time; 1 is full scale."""
-        part = self.between(begin, min(end, self.end + 1))
+        part = self.between(begin, end)
         return float(np.abs(part.astype(np.int32)).max(initial=0)) / 32768
 
     def utterances(self, pause: float = 0.25, level: float = 0.01) -> tuple[Utterance, ...]:
         """Stretches of sound above a level, where 1 is full scale; shorter pauses belong to them."""
-        step = int(self.rate * _STEP)
-        blocks = len(self.samples) // step
-        loudness = np.abs(self.samples[: blocks * step].astype(np.int32)).reshape(blocks, -1).max(axis=1, initial=0)
-        heard = np.flatnonzero(loudness > level * 32768)
+        heard = np.flatnonzero((np.abs(self.samples.astype(np.int32)) > level * 32768).any(axis=1))
         if not len(heard):
             return ()
-        breaks = np.flatnonzero(np.diff(heard) * _STEP > pause)
-        begins = [int(heard[0]), *(int(heard[each + 1]) for each in breaks)]
-        ends = [*(int(heard[each]) + 1 for each in breaks), int(heard[-1]) + 1]
-        time = self._timing.time
-        return tuple(Utterance(time(b * _STEP), time(e * _STEP)) for b, e in zip(begins, ends))
+        times = self._line.times(heard / self.rate)
+        breaks = np.flatnonzero(np.diff(times) > pause)
+        begins, ends = times[np.append(0, breaks + 1)], times[np.append(breaks, -1)] + 1 / self.rate
+        return tuple(Utterance(float(begin), float(end)) for begin, end in zip(begins, ends))
 
     def position_of(self, samples: Any) -> Optional[float]:
         """When exactly these samples were sent, in the session's own form; None if they were not, or not whole."""
@@ -110,7 +109,7 @@ class Sound:
         found = whole.find(wanted)
         while found >= 0 and found % frame:
             found = whole.find(wanted, found + 1)
-        return None if found < 0 else self._timing.time(found / frame / self.rate)
+        return None if found < 0 else self._line.time(found / frame / self.rate)
 
     def frequency(self, begin: float, end: float) -> float:
         """The strongest frequency of a stretch of time, in Hz."""
@@ -125,7 +124,8 @@ class Sound:
 class Film:
     """Every picture that was sent, repeated and black ones too."""
 
-    def __init__(self, path: Path, begin: float, end: float) -> None:
+    def __init__(self, path: Path, marks: Sequence[tuple[int, float]], begin: float) -> None:
+        """marks: numbers of pictures, and when each was sent."""
         self.path = path
         """The Y4M file, which is not read into memory."""
         with open(path, "rb") as file:
@@ -139,7 +139,7 @@ class Film:
         data: Any = np.memmap(path, np.uint8, "r", offset=len(header))
         stride = self._size + len(b"FRAME\n")
         self._pictures = data[: len(data) // stride * stride].reshape(-1, stride)[:, len(b"FRAME\n") :]
-        self._timing = Timing.of(begin, end, len(self) / self.fps)
+        self._line = Timeline([(number / self.fps, time) for number, time in marks], begin)
 
     def __len__(self) -> int:
         return len(self._pictures)
@@ -159,9 +159,5 @@ class Film:
         return (self[number] for number in range(len(self)))
 
     def time_of(self, number: int) -> float:
-        """When a picture was sent, to within `timing_error`."""
-        return self._timing.time(number / self.fps)
-
-    @property
-    def timing_error(self) -> float:
-        return self._timing.error
+        """When a picture was sent."""
+        return self._line.time(number / self.fps)
