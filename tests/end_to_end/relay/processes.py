@@ -12,7 +12,7 @@ import subprocess
 import sys
 import threading
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 from pathlib import Path
 from typing import Any
 
@@ -123,6 +123,21 @@ class Network:
         self._processes.append(process)
         return process
 
+    @contextlib.contextmanager
+    def broken(self, packets: str = "") -> Iterator[None]:
+        """Loses all packets, or those of which that is true in the filter's language."""
+        table = "add table inet fault; add chain inet fault input { type filter hook input priority 0; }; "
+        self._filter(table + f"add rule inet fault input {packets} drop")
+        try:
+            yield
+        finally:
+            self._filter("delete table inet fault")
+
+    def _filter(self, command: str) -> None:
+        told = subprocess.run([*self._enter, "nft", command], env={"PATH": os.defpath + ":/usr/sbin"}, capture_output=True)
+        if told.returncode != 0:
+            pytest.skip(f"the kernel filters no packets: {told.stderr.decode()}")
+
     def clear(self) -> None:
         """Ends everything that was started, the latest first."""
         while self._processes:
@@ -164,9 +179,9 @@ class Server(Process):
                     return int(process.name)
         raise LookupError("the server is not running")
 
-    def program(self, maker: int, *options: object, **environment: str) -> Process:
+    def program(self, maker: int, *options: object, script: str = "program.py", **environment: str) -> Process:
         """Maker N has tones of its own, so that nobody is taken for another."""
         variables = {"API_HOSTNAME": self.host, "SARNET_RELAY_CA_FILE": str(self.folder / "cert.pem")}
         variables |= {"TOKEN": join_token("marks", SECRET)} | environment
         tones = (500 + 200 * maker, 600 + 200 * maker)
-        return self.network.start(HERE / "program.py", "--maker", maker, "--tones", *tones, *options, **variables)
+        return self.network.start(HERE / script, "--maker", maker, "--tones", *tones, *options, **variables)

@@ -8,6 +8,7 @@ import re
 import signal
 import time
 
+import marks
 import pytest
 from processes import ADDRESS, HERE, ROOT, SECRET, Server
 
@@ -76,6 +77,39 @@ def test_a_killed_server_is_an_error_and_leaving_stays_quick(server):
     server.wait_for_line(lambda line: "ended by itself" in line)
     assert server.child.wait(10) == 1
     assert not server.folder.exists()
+
+
+def caption_number(event: dict) -> int:
+    return int(event["text"].split()[1])
+
+
+@pytest.mark.parametrize(
+    ("packets", "seconds"), [("meta l4proto udp", 2), ("", 2), ("", 15)],
+    ids=["of media heals", "of everything heals", "of everything for long is an error"],
+)  # fmt: skip
+def test_a_break_of_the_network(server, packets, seconds):
+    programs = [server.program(maker) for maker in (1, 2)]
+    for program in programs:
+        program.wait_for("enough")
+    begin = caption_number(programs[0].wait_for("caption"))
+    if seconds > 10:
+        with server.network.broken():
+            for program in programs:
+                assert program.wait_for("session error", seconds)["code"] == 1022
+            for program in programs:
+                assert program.leave()["seconds"] < 2.5
+        return
+    with server.network.broken(packets):
+        time.sleep(seconds)  # so long it lasts
+    # Captions are not lost, so wait for one that was sent well after the break.
+    while caption_number(programs[0].wait_for("caption")) < begin + (seconds + 4) * marks.FPS:
+        pass
+    for program in programs:
+        [received] = program.leave()["received"].values()
+        assert not any("error" in event["event"] for event in program.events()), program.events()
+        numbers = received["numbers"]
+        assert max(b - a for a, b in zip(numbers, numbers[1:])) <= (seconds + 1.5) * marks.FPS, numbers
+        assert numbers[-1] >= begin + (seconds + 3) * marks.FPS, numbers
 
 
 def test_whoever_may_not_or_cannot_join_is_told_why(server):
