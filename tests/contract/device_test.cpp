@@ -196,6 +196,10 @@ TEST(EmbeddedDevice, RecordsPicturesInOrderWithRepeats) {
   const std::string film = contents(scenario.folder() / "recording" / "video-1.y4m");
   EXPECT_TRUE(film.starts_with("YUV4MPEG2 W64 H48 F25:1 ")) << film.substr(0, 60);
   EXPECT_TRUE(film.ends_with(frames));
+  // They came faster than 25 a second: the log has a time for each.
+  const std::string log = contents(scenario.folder() / "recording" / "events.jsonl");
+  EXPECT_THAT(log, HasSubstr("\"picture\":0,"));
+  EXPECT_THAT(log, HasSubstr("\"picture\":3,"));
 }
 
 }  // namespace
