@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import asyncio
 import os
 import random
 import signal
@@ -20,7 +21,7 @@ sys.path[:0] = [str(HERE), str(BUILD / "python"), str(ROOT / "python")]
 import aio_cases  # noqa: E402
 from tavrin_media_relay import frame_buffer_size  # noqa: E402
 from tavrin_media_relay.aio import AudioFrame  # noqa: E402
-from tavrin_media_relay.aio._pictures import convert  # noqa: E402
+from tavrin_media_relay.aio._pictures import convert, convert_aside  # noqa: E402
 from tavrin_media_relay.aio._resample import Converter  # noqa: E402
 
 #: On standard error these tell of something that was left behind.
@@ -70,14 +71,14 @@ def test_resampling_neither_drifts_nor_distorts(rate_in, channels_in, rate_out, 
     assert wrong.max() < 40, wrong.max()
 
 
-@pytest.mark.parametrize("size", [(64, 48), (5, 3), (1, 1)])
+@pytest.mark.parametrize("size", [(64, 48), (5, 3), (1, 1), (1281, 721)])
 @pytest.mark.parametrize("layout", ["RGB24", "ARGB32", "RGBA32"])
 def test_pictures_keep_their_colours(size, layout):
     """By way of the session's formats and back to RGB; odd sizes have chroma planes of rounded-up halves."""
     colour = {"R": 200, "G": 90, "B": 40, "A": 255}
     pixels = bytes(colour[letter] for letter in layout.rstrip("0123456789")) * (size[0] * size[1])
     for wanted in ("YUV420P", "RGB24", "ARGB32"):
-        there = convert(pixels, *size, layout, wanted)
+        there = asyncio.run(convert_aside(memoryview(pixels), *size, layout, wanted))
         assert len(there) == frame_buffer_size(*size, wanted)
         back = np.frombuffer(convert(bytes(there), *size, wanted, "RGB24"), np.uint8).reshape(-1, 3)
         assert np.abs(back.astype(int) - [200, 90, 40]).max() <= 3, (wanted, back[0])

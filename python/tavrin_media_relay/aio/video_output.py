@@ -50,14 +50,18 @@ class VideoOutput:
             shape, (height, width, 3) for RGB, (height, width, 4) for RGBA, (height, width) for grey,
             (height * 3 // 2, width) for YUV420P; flat bytes have the session's own format.
 
-        Waits while more than the publisher's `video_queue` is queued. Gives False if a clear came first.
+        Waits while more than the publisher's `video_queue` is queued. The buffer must not be changed before it
+        returns. Gives False if a clear came first.
         """
         output = self._output
         output.changed.check()
         self._publisher.check()
-        picture = self._picture(frame, layout)
+        pixels, found = self._pixels(frame, layout)
         cuts, ms = output.cuts, 1000 / self._fps
         async with output.turn:
+            if found != self._format:
+                pixels = await _pictures.convert_aside(pixels, self.width, self.height, found, self._format)
+            picture = NativeFrame(self._size, self._format, pixels)
             if not await output.room(ms, cuts):
                 output.cut_ms += ms
                 return False
@@ -68,7 +72,8 @@ class VideoOutput:
         """Waits until all that was written has been shown, as the module tells."""
         await self._output.wait_dry()
 
-    def _picture(self, frame: Any, layout: Optional[str]) -> NativeFrame:
+    def _pixels(self, frame: Any, layout: Optional[str]) -> tuple[Any, str]:
+        """What is in the buffer, and in which layout."""
         if isinstance(frame, frames.VideoFrame):
             if (frame.width, frame.height) != (self.width, self.height):
                 raise ValueError(
@@ -85,8 +90,4 @@ class VideoOutput:
             raise ValueError(
                 f"frame must be contiguous, not of shape {view.shape} with strides {view.strides}: copy it first"
             )
-        found = _pictures.layout_of(view, self._size, self._format, layout)
-        pixels: Any = view
-        if found != self._format:
-            pixels = _pictures.convert(view.tobytes(), self.width, self.height, found, self._format)
-        return NativeFrame(self._size, self._format, pixels)
+        return view, _pictures.layout_of(view, self._size, self._format, layout)
