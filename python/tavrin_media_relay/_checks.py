@@ -1,4 +1,4 @@
-"""Checks for the settings that a person fills in: each names the field and shows the value."""
+"""Checks of arguments and settings: each names the one in question, shows what was given and tells what is wanted."""
 
 from __future__ import annotations
 
@@ -6,36 +6,59 @@ import operator
 from typing import Any
 
 
-def _name(settings: object, field: str) -> str:
-    return f"{type(settings).__name__}.{field}"
+def of_type(name: str, value: object, kind: type) -> None:
+    if not isinstance(value, kind):
+        raise TypeError(f"{name} must be a {kind.__name__}, not {value!r:.80}")
 
 
-def integer(settings: object, field: str, value: Any, low: int, high: int, unit: str = "") -> int:
+def integer(name: str, value: Any, low: int, high: int, unit: str = "") -> int:
     """Gives `value` as an int within low..high. Whatever counts as an index (a numpy integer too) is
     taken; a bool is not, since it is a slip wherever a count is asked for."""
     if isinstance(value, bool) or not hasattr(value, "__index__"):
-        raise TypeError(f"{_name(settings, field)} must be an int, not {value!r}")
-    number = operator.index(value)
-    if not low <= number <= high:
-        raise ValueError(f"{_name(settings, field)} must be from {low} to {high}{unit}, not {number}")
-    return number
+        raise TypeError(f"{name} must be an int, not {value!r:.80}")
+    whole = operator.index(value)
+    if not low <= whole <= high:
+        raise ValueError(f"{name} must be from {low} to {high}{unit}, not {whole}")
+    return whole
 
 
-def flag(settings: object, field: str, value: Any) -> None:
-    if not isinstance(value, bool):
-        raise TypeError(f"{_name(settings, field)} must be True or False, not {value!r}")
+def number(name: str, value: Any, low: float, high: float, unit: str) -> None:
+    if isinstance(value, bool) or not isinstance(value, (int, float)):
+        raise TypeError(f"{name} must be a number of {unit}, not {value!r:.80}")
+    if not low <= value <= high:
+        raise ValueError(f"{name} must be from {low:g} to {high:g} {unit}, not {value!r}")
 
 
-def text(settings: object, field: str, value: Any) -> None:
-    if not isinstance(value, str):
-        raise TypeError(f"{_name(settings, field)} must be a str, not {value!r}")
+class Fields:
+    """Checks of the fields of one record that a person fills in, which stand there already."""
 
+    def __init__(self, record: object) -> None:
+        self._record = record
 
-def one_of(settings: object, field: str, value: str, words: tuple[str, ...]) -> None:
-    if value not in words:
-        raise ValueError(f"{_name(settings, field)} must be one of {', '.join(words)}, not {value!r}")
+    def name(self, field: str) -> str:
+        return f"{type(self._record).__name__}.{field}"
 
+    def integer(self, field: str, low: int, high: int, unit: str = "") -> None:
+        """Puts an int where another kind of index was."""
+        whole = integer(self.name(field), getattr(self._record, field), low, high, unit)
+        setattr(self._record, field, whole)
 
-def optional(settings: object, field: str, value: Any, kind: type) -> None:
-    if value is not None and not isinstance(value, kind):
-        raise TypeError(f"{_name(settings, field)} must be a {kind.__name__} or None, not {value!r}")
+    def flags(self, *fields: str) -> None:
+        for field in fields:
+            value = getattr(self._record, field)
+            if not isinstance(value, bool):
+                raise TypeError(f"{self.name(field)} must be True or False, not {value!r}")
+
+    def text(self, field: str) -> None:
+        of_type(self.name(field), getattr(self._record, field), str)
+
+    def one_of(self, field: str, words: tuple[str, ...]) -> None:
+        self.text(field)
+        value = getattr(self._record, field)
+        if value not in words:
+            raise ValueError(f"{self.name(field)} must be one of {', '.join(words)}, not {value!r}")
+
+    def optional(self, field: str, kind: type) -> None:
+        value = getattr(self._record, field)
+        if value is not None and not isinstance(value, kind):
+            raise TypeError(f"{self.name(field)} must be a {kind.__name__} or None, not {value!r}")

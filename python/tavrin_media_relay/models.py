@@ -18,7 +18,7 @@ from dataclasses import dataclass, field
 from datetime import datetime, timedelta
 from typing import TYPE_CHECKING, Any, Final, Literal, Optional, Union
 
-from . import _checks
+from ._checks import Fields, integer, of_type
 
 if TYPE_CHECKING:
     import array
@@ -204,10 +204,9 @@ class SessionAudioSettings:
     """1 or 2."""
 
     def __post_init__(self) -> None:
-        self.sample_rate = _checks.integer(self, "sample_rate", self.sample_rate, 8000, 48000, " Hz")
-        self.number_of_channels = _checks.integer(
-            self, "number_of_channels", self.number_of_channels, 1, 2
-        )
+        fields = Fields(self)
+        fields.integer("sample_rate", 8000, 48000, " Hz")
+        fields.integer("number_of_channels", 1, 2)
 
 
 @dataclass(slots=True)
@@ -222,19 +221,18 @@ class LoggingSettings:
     """One of `LOG_LEVELS`, in any letter case."""
 
     def __post_init__(self) -> None:
-        _checks.text(self, "level", self.level)
+        Fields(self).text("level")
         if self.level.lower() not in LOG_LEVELS:
             raise ValueError(
                 f"LoggingSettings.level must be one of {', '.join(LOG_LEVELS)}, not {self.level!r}"
             )
 
 
-def _check_resolution(settings: object, name: str, resolution: VideoResolution) -> None:
+def _check_resolution(name: str, resolution: VideoResolution) -> None:
     """Both sides positive, and no frame of any format larger than the native side can address."""
     for side in ("width", "height"):
         value = getattr(resolution, side)
-        number = _checks.integer(settings, f"{name}.{side}", value, 1, _MAX_FRAME_BYTES, " pixels")
-        setattr(resolution, side, number)
+        setattr(resolution, side, integer(f"{name}.{side}", value, 1, _MAX_FRAME_BYTES, " pixels"))
 
 
 @dataclass(slots=True)
@@ -249,15 +247,11 @@ class SessionVideoPublisherSettings:
     """One of `VIDEO_FORMATS`, in capitals."""
 
     def __post_init__(self) -> None:
-        if not isinstance(self.resolution, VideoResolution):
-            raise TypeError(
-                "SessionVideoPublisherSettings.resolution must be a VideoResolution, "
-                f"not {self.resolution!r}"
-            )
-        _check_resolution(self, "resolution", self.resolution)
-        self.fps = _checks.integer(self, "fps", self.fps, 1, 1000)
-        _checks.text(self, "format", self.format)
-        _checks.one_of(self, "format", self.format, VIDEO_FORMATS)
+        fields = Fields(self)
+        of_type(fields.name("resolution"), self.resolution, VideoResolution)
+        _check_resolution(fields.name("resolution"), self.resolution)
+        fields.integer("fps", 1, 1000)
+        fields.one_of("format", VIDEO_FORMATS)
         size = frame_buffer_size(self.resolution.width, self.resolution.height, self.format)
         if size > _MAX_FRAME_BYTES:
             raise ValueError(
@@ -278,9 +272,10 @@ class SessionAVSettings:
     """What `add_video` is given. Default: 640x480 YUV420P at 30 pictures a second."""
 
     def __post_init__(self) -> None:
-        _checks.optional(self, "audio_publisher", self.audio_publisher, SessionAudioSettings)
-        _checks.optional(self, "audio_subscribers_mix", self.audio_subscribers_mix, SessionAudioSettings)
-        _checks.optional(self, "video_publisher", self.video_publisher, SessionVideoPublisherSettings)
+        fields = Fields(self)
+        fields.optional("audio_publisher", SessionAudioSettings)
+        fields.optional("audio_subscribers_mix", SessionAudioSettings)
+        fields.optional("video_publisher", SessionVideoPublisherSettings)
 
 
 @dataclass(slots=True)
@@ -295,9 +290,10 @@ class SessionSettings:
     """Log level; None leaves it as it is (at the start of the process: warn)."""
 
     def __post_init__(self) -> None:
-        _checks.flag(self, "enable_migration", self.enable_migration)
-        _checks.optional(self, "av", self.av, SessionAVSettings)
-        _checks.optional(self, "logging", self.logging, LoggingSettings)
+        fields = Fields(self)
+        fields.flags("enable_migration")
+        fields.optional("av", SessionAVSettings)
+        fields.optional("logging", LoggingSettings)
 
 
 @dataclass(slots=True)
@@ -310,8 +306,7 @@ class PublisherAudioSettings:
     """Send nothing while there is silence."""
 
     def __post_init__(self) -> None:
-        _checks.flag(self, "enable_stereo_mode", self.enable_stereo_mode)
-        _checks.flag(self, "enable_opus_dtx", self.enable_opus_dtx)
+        Fields(self).flags("enable_stereo_mode", "enable_opus_dtx")
 
 
 @dataclass(slots=True)
@@ -328,12 +323,12 @@ class PublisherSettings:
     """How the audio is coded; None for stereo without DTX."""
 
     def __post_init__(self) -> None:
-        _checks.text(self, "name", self.name)
+        fields = Fields(self)
+        fields.text("name")
         if not self.name:
             raise ValueError("PublisherSettings.name must not be empty, as '' is")
-        for flag in ("has_audio", "has_video", "enable_captions"):
-            _checks.flag(self, flag, getattr(self, flag))
-        _checks.optional(self, "audio_settings", self.audio_settings, PublisherAudioSettings)
+        fields.flags("has_audio", "has_video", "enable_captions")
+        fields.optional("audio_settings", PublisherAudioSettings)
 
 
 @dataclass(slots=True)
@@ -346,13 +341,12 @@ class SubscriberVideoSettings:
     """Whole pictures per second, at least 1; None: the stream's own."""
 
     def __post_init__(self) -> None:
-        _checks.optional(self, "preferred_resolution", self.preferred_resolution, VideoResolution)
+        fields = Fields(self)
+        fields.optional("preferred_resolution", VideoResolution)
         if self.preferred_resolution is not None:
-            _check_resolution(self, "preferred_resolution", self.preferred_resolution)
+            _check_resolution(fields.name("preferred_resolution"), self.preferred_resolution)
         if self.preferred_framerate is not None:
-            self.preferred_framerate = _checks.integer(
-                self, "preferred_framerate", self.preferred_framerate, 1, 1000
-            )
+            fields.integer("preferred_framerate", 1, 1000)
 
 
 @dataclass(slots=True)
@@ -366,6 +360,6 @@ class SubscriberSettings:
     """None: no preference."""
 
     def __post_init__(self) -> None:
-        for flag in ("subscribe_to_audio", "subscribe_to_video", "subscribe_to_captions"):
-            _checks.flag(self, flag, getattr(self, flag))
-        _checks.optional(self, "video_settings", self.video_settings, SubscriberVideoSettings)
+        fields = Fields(self)
+        fields.flags("subscribe_to_audio", "subscribe_to_video", "subscribe_to_captions")
+        fields.optional("video_settings", SubscriberVideoSettings)

@@ -4,8 +4,8 @@ from __future__ import annotations
 
 from typing import Optional
 
+from .._checks import number, of_type
 from ..models import SessionSettings
-from ._checks import number, of_type
 from ._core import Core
 from ._opening import Opening
 from .session import Session

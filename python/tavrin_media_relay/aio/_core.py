@@ -12,6 +12,7 @@ from . import _native, events
 from ._channel import Signal, Waker, post, settle
 from ._fan import Fan
 from ._media import take_audio
+from ._opening import attempt
 from ._presence import Presence
 from .errors import ClosedError, PublisherError, SessionError
 from .frames import AudioFrame
@@ -51,18 +52,13 @@ class Core:
     async def open(self, application_id: str, token: str, timeout: float) -> None:
         if not await _native.claim(self, self.loop):
             raise SessionError(SessionError.BUSY, "this process is in a session already: it is in one at a time")
-        try:
+        async with attempt(self.close, self._outcome):
             await _native.call(self._start, application_id, token)
             done, _ = await asyncio.wait([self._outcome], timeout=timeout)
             if not done:
                 raise SessionError(SessionError.TIMED_OUT, f"session {self.id!r} has not answered in {timeout:g} s")
             self._outcome.result()
             self.connection = await _native.call(_connection)
-        except BaseException:
-            await self.close()
-            raise
-        finally:
-            self._outcome.cancel()
 
     def _start(self, application_id: str, token: str) -> None:
         client = _native.client()

@@ -4,55 +4,68 @@ from __future__ import annotations
 
 import time
 import weakref
-from typing import Generic, Optional, TypeVar
+from typing import Generic, Iterator, Optional, TypeVar
 
 from ._channel import Channel, Totals, Waker
 
 T = TypeVar("T")
 
 
-class Fan(Generic[T]):
-    """`put` runs on a native thread, one at a time; all else on the loop.
+class Listeners(Generic[T]):
+    """Iterators that are given the same. `put` runs on one thread at a time, all else on the loop.
 
-    Iterators are held weakly: one that a program has left behind costs nothing from then on.
+    They are held weakly: one that a program has left behind costs nothing from then on.
     """
 
-    def __init__(self, waker: Waker, what: str) -> None:
-        self.totals = Totals()
-        self._waker = waker
-        self._what = what
+    def __init__(self) -> None:
         self._channels: tuple[weakref.ref[Channel[T]], ...] = ()
         self._closed = False
 
-    def open(self, capacity: int) -> Channel[T]:
-        channel: Channel[T] = Channel(self._waker, capacity, self._what, self.totals)
+    def add(self, channel: Channel[T]) -> None:
         if self._closed:
             channel.close()
         else:
-            living = tuple(each for each in self._channels if each() is not None)
-            self._channels = (*living, weakref.ref(channel))
-        return channel
+            self._channels = (*(weakref.ref(each) for each in self._living()), weakref.ref(channel))
 
-    def put(self, item: T, arrived: float) -> None:
-        self.totals.received += 1
-        kept = False
-        for each in self._channels:
-            channel = each()
-            if channel is not None:
-                kept = channel.put(item, arrived) or kept
-        if kept:
-            self.totals.kept += 1
-        self.totals.spent.add(time.monotonic() - arrived)
+    def put(self, item: T, now: float) -> bool:
+        """False if nobody took it."""
+        taken = False
+        for channel in self._living():
+            taken = channel.put(item, now) or taken
+        return taken
 
     @property
     def waiting(self) -> int:
-        """Items in the queues of all iterators now."""
-        return sum(channel.waiting for each in self._channels if (channel := each()) is not None)
+        """Items in the queues of all of them now."""
+        return sum(channel.waiting for channel in self._living())
 
     def close(self, error: Optional[Exception] = None) -> None:
-        """The end of every iterator, after what it has queued."""
+        """The end of each, after what it has queued."""
         self._closed = True
-        for each in self._channels:
-            channel = each()
-            if channel is not None:
-                channel.close(error)
+        for channel in self._living():
+            channel.close(error)
+
+    def _living(self) -> Iterator[Channel[T]]:
+        return (channel for each in self._channels if (channel := each()) is not None)
+
+
+class Fan(Listeners[T]):
+    """Listeners to media, and what became of it. `put` runs on a native thread."""
+
+    def __init__(self, waker: Waker, what: str) -> None:
+        super().__init__()
+        self.totals = Totals()
+        self._waker = waker
+        self._what = what
+
+    def open(self, capacity: int) -> Channel[T]:
+        channel: Channel[T] = Channel(self._waker, capacity, self._what, self.totals)
+        self.add(channel)
+        return channel
+
+    def put(self, item: T, arrived: float) -> bool:
+        self.totals.received += 1
+        kept = super().put(item, arrived)
+        self.totals.kept += kept
+        self.totals.spent.add(time.monotonic() - arrived)
+        return kept

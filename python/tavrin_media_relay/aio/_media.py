@@ -5,9 +5,9 @@ from __future__ import annotations
 import time
 from typing import Generic, Optional, TypeVar
 
+from .._checks import integer
 from ..models import AudioData
 from ._channel import Policy, bounded
-from ._checks import integer
 from ._fan import Fan
 from ._resample import Converter
 from .frames import AudioFrame

@@ -2,8 +2,10 @@
 
 from __future__ import annotations
 
+import asyncio
+import contextlib
 from types import TracebackType
-from typing import Any, Awaitable, Callable, Generator, Generic, Optional, Protocol, TypeVar
+from typing import Any, AsyncIterator, Awaitable, Callable, Generator, Generic, Optional, Protocol, TypeVar
 
 
 class _Closable(Protocol):
@@ -11,6 +13,28 @@ class _Closable(Protocol):
 
 
 T = TypeVar("T", bound=_Closable)
+
+_GRACE = 1.0  # s
+
+
+@contextlib.asynccontextmanager
+async def attempt(close: Callable[[], Awaitable[None]], outcome: asyncio.Future[None]) -> AsyncIterator[None]:
+    """Around the beginning of something, up to its outcome: closes it again if that fails or is cancelled."""
+    try:
+        yield
+    except BaseException:
+        await close()
+        raise
+    finally:
+        outcome.cancel()
+
+
+async def likely(outcome: asyncio.Future[None]) -> None:
+    """Waits for an outcome whose event the module loses if it is faster than the call: after a second it is taken for
+    good, since an error would have come."""
+    await asyncio.wait([outcome], timeout=_GRACE)
+    if outcome.done():
+        outcome.result()
 
 
 class Opening(Generic[T]):

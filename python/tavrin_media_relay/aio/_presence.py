@@ -2,12 +2,12 @@
 
 from __future__ import annotations
 
-import weakref
 from typing import Optional
 
 from ..models import Connection, Stream
 from . import events
 from ._channel import Channel, Waker, bounded
+from ._fan import Listeners
 
 _CAPACITY = 1000
 
@@ -19,9 +19,8 @@ class Presence:
         self.connections: dict[str, Connection] = {}
         self.streams: dict[str, Stream] = {}
         self._waker = waker
-        self._listeners: tuple[weakref.ref[Channel[events.Event]], ...] = ()
+        self._listeners: Listeners[events.Event] = Listeners()
         self._last: Optional[events.Event] = None
-        self._closed = False
 
     def listen(self, capacity: Optional[int]) -> Channel[events.Event]:
         """An iterator that begins with what is there now."""
@@ -33,29 +32,18 @@ class Presence:
         channel: Channel[events.Event] = Channel(self._waker, kept, "events")
         for event in present:
             channel.put(event, self._waker.loop.time())
-        if self._closed:
-            channel.close()
-        else:
-            living = tuple(each for each in self._listeners if each() is not None)
-            self._listeners = (*living, weakref.ref(channel))
+        self._listeners.add(channel)
         return channel
 
     def tell(self, event: events.Event) -> None:
-        for each in self._listeners:
-            listener = each()
-            if listener is not None:
-                listener.put(event, self._waker.loop.time())
+        self._listeners.put(event, self._waker.loop.time())
 
     def close(self, last: Optional[events.Event]) -> None:
         """The end of every iterator, after an event that tells of it if there is one."""
-        self._closed = True
         if last is not None:
             self._last = last
             self.tell(last)
-        for each in self._listeners:
-            listener = each()
-            if listener is not None:
-                listener.close()
+        self._listeners.close()
 
     def connection_created(self, connection: Connection) -> None:
         self.connections[connection.id] = connection

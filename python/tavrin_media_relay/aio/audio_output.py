@@ -6,9 +6,9 @@ import asyncio
 from array import array
 from typing import TYPE_CHECKING, Any, Optional
 
+from .._checks import integer
 from ..models import AudioData, SessionAudioSettings
 from . import _native
-from ._checks import integer
 from ._output import Output
 from ._resample import Converter, Samples
 from .frames import AudioFrame

@@ -9,6 +9,7 @@ from ..models import Publisher as NativePublisher
 from ..models import PublisherSettings, SessionAudioSettings, SessionVideoPublisherSettings, Stream
 from . import _native, events
 from ._channel import settle
+from ._opening import attempt, likely
 from ._output import queued
 from .audio_output import AudioOutput
 from .errors import ClosedError, PublisherError
@@ -16,10 +17,6 @@ from .video_output import VideoOutput
 
 if TYPE_CHECKING:
     from ._core import Core
-
-#: The module may lose the event that tells the outcome, if it is faster than the call: then after this, in s.
-GRACE = 1.0
-
 
 def _measured() -> tuple[float, float]:
     """Throws away what is queued, and tells how much it was, in ms."""
@@ -128,20 +125,13 @@ class Publisher:
             raise ClosedError(self._ended)
 
     async def open(self) -> Publisher:
-        try:
+        async with attempt(self.close, self._outcome):
             if not await _native.call(self._start):
                 raise PublisherError(
                     PublisherError.NOT_STARTED, f"the module would not publish {self.name!r}; its log tells why"
                 )
-            await asyncio.wait([self._outcome], timeout=GRACE)
-            if self._outcome.done():
-                self._outcome.result()
+            await likely(self._outcome)
             self.check()
-        except BaseException:
-            await self.close()
-            raise
-        finally:
-            self._outcome.cancel()
         return self
 
     async def audio_ready(self) -> None:

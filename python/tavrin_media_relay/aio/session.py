@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from typing import Callable, Optional
 
+from .._checks import number, of_type
 from ..models import (
     Connection,
     PublisherAudioSettings,
@@ -18,7 +19,6 @@ from ..models import (
 )
 from . import _native, events
 from ._channel import Channel, Policy
-from ._checks import number, of_type
 from ._core import Core
 from ._media import AudioIterator
 from ._opening import Opening

@@ -13,9 +13,9 @@ from . import _native, events
 from ._channel import Policy, settle
 from ._fan import Fan
 from ._media import CAPTIONS_CAPACITY, VIDEO_CAPACITY, AudioIterator, MediaIterator, take_audio
+from ._opening import attempt, likely
 from .errors import ClosedError, SubscriberError
 from .frames import AudioFrame, Caption, VideoFrame
-from .publisher import GRACE
 
 if TYPE_CHECKING:
     from ._core import Core
@@ -93,20 +93,13 @@ class Subscriber:
     # ---- for the other classes of this package ----------------------------------------------------------
 
     async def open(self) -> Subscriber:
-        try:
+        async with attempt(self.close, self._outcome):
             if not await _native.call(self._start):
                 raise SubscriberError(
                     SubscriberError.NOT_STARTED,
                     f"stream {self.stream.id!r} can't be subscribed to: it has gone, or never was in this session",
                 )
-            await asyncio.wait([self._outcome], timeout=GRACE)
-            if self._outcome.done():
-                self._outcome.result()
-        except BaseException:
-            await self.close()
-            raise
-        finally:
-            self._outcome.cancel()
+            await likely(self._outcome)
         return self
 
     def end(self, how: str, error: Optional[SubscriberError] = None) -> None:

@@ -14,6 +14,8 @@ from pathlib import Path
 from typing import Any, Optional
 
 from .. import aio
+from .._recording import has_told
+from .._tasks import beside
 from ..models import LoggingSettings, SessionAVSettings, SessionSettings, SessionVideoPublisherSettings, VideoResolution
 from ._figures import reset_library
 from ._levels import peak
@@ -65,14 +67,12 @@ async def _listen(session: aio.Session) -> tuple[int, int, aio.Received]:
             async for _ in frames:
                 pictures += 1
 
-        watching = asyncio.create_task(watch())
         end = time.monotonic() + _SPOKEN_S
-        async for frame in sound:
-            loudest = max(loudest, peak(frame.samples))
-            if time.monotonic() > end:
-                break
-        watching.cancel()
-        await asyncio.gather(watching, return_exceptions=True)
+        async with beside(watch()):
+            async for frame in sound:
+                loudest = max(loudest, peak(frame.samples))
+                if time.monotonic() > end:
+                    break
         received = session.statistics().streams[stream.id].audio
     return loudest, pictures, received
 
@@ -85,9 +85,8 @@ async def _show(video: aio.VideoOutput, picture: bytes) -> None:
 
 async def _recorded(folder: Path) -> tuple[bytes, bytes]:
     """Samples and pictures, once the recording is complete, as its log tells."""
-    log = folder / "events.jsonl"
     end = time.monotonic() + _PATIENCE
-    while '"event":"closed"' not in log.read_text():
+    while not has_told(folder, "closed"):
         if time.monotonic() > end:
             raise TimeoutError(f"the recording was not closed within {_PATIENCE:g} s")
         await asyncio.sleep(0.01)

@@ -9,7 +9,7 @@ import signal
 from pathlib import Path
 from typing import Any, Awaitable, Callable, Coroutine, Optional
 
-from .. import aio
+from .. import _tasks, aio
 from ..models import LoggingSettings, SessionAVSettings, SessionSettings
 from ._failure import Failure
 from ._figures import Figures
@@ -52,9 +52,7 @@ class Visit:
             task.result()
             return True
         finally:
-            for each in (task, *ends):
-                each.cancel()
-            await asyncio.gather(task, *ends, return_exceptions=True)
+            await _tasks.end(task, *ends)
 
     async def watch(self) -> None:
         """Tells of participants and streams until the session is over."""
@@ -114,14 +112,9 @@ async def _visit(
             host = os.environ.get("API_HOSTNAME") or "the embedded engine"
             terminal.tell("joined", f"Joined {session.id} on {host}", session=session.id, host=host)
             record.event("joined", session=session.id)
-            tasks = [asyncio.create_task(visit.watch()), asyncio.create_task(visit.sample())]
-            try:
+            async with _tasks.beside(visit.watch(), visit.sample()):
                 code = await body(visit)
                 await record.sample(session, visit.waiting())
-            finally:
-                for task in tasks:
-                    task.cancel()
-                await asyncio.gather(*tasks, return_exceptions=True)
             terminal.tell("left", record.summary(), figures=record.totals)
             if record.fault:
                 raise Failure(record.fault)

@@ -4,10 +4,12 @@ from __future__ import annotations
 
 import argparse
 import asyncio
+import contextlib
 import time
 from typing import Any
 
 from .. import aio
+from .._tasks import beside
 from ._levels import level_bar, peak
 from ._options import add_session_options, command, number
 from ._terminal import Live, Terminal
@@ -60,17 +62,11 @@ def echo(options: argparse.Namespace, terminal: Terminal) -> int:
         session = visit.session
         mix = session.audio_frames(capacity=int(options.delay * 100) + 100)
         visit.waiting = lambda: mix.waiting
-        listening = asyncio.create_task(_subscribe_to_all(session, terminal))
-        try:
+        async with beside(_subscribe_to_all(session, terminal)):
             async with session.publish(options.name, video=False, audio_queue=_QUEUE) as publisher:
-                await asyncio.wait_for(
-                    _speak_back(mix, publisher.audio, options.delay, live), options.seconds
-                )
-        except asyncio.TimeoutError:
-            pass
-        finally:
-            listening.cancel()
-            await asyncio.gather(listening, return_exceptions=True)
+                speaking = _speak_back(mix, publisher.audio, options.delay, live)
+                with contextlib.suppress(asyncio.TimeoutError):
+                    await asyncio.wait_for(speaking, options.seconds)
 
     async def body(visit: Visit) -> int:
         with terminal.live() as live:

@@ -9,6 +9,7 @@ import time
 from pathlib import Path
 from typing import Any, Awaitable, Optional
 
+from .._tasks import together
 from ..aio import Publisher
 from ..models import SessionAudioSettings, SessionAVSettings, SessionVideoPublisherSettings, VideoResolution
 from . import _media_file
@@ -55,17 +56,6 @@ def _form(files: list[MediaFile], options: argparse.Namespace) -> Optional[Form]
     return Form((width + 1) // 2 * 2, (height + 1) // 2 * 2, int(options.fps or first.fps))
 
 
-async def _together(*work: Awaitable[object]) -> None:
-    """All of it; what one raises ends the others."""
-    tasks = [asyncio.ensure_future(each) for each in work]
-    try:
-        await asyncio.gather(*tasks)
-    finally:
-        for task in tasks:
-            task.cancel()
-        await asyncio.gather(*tasks, return_exceptions=True)
-
-
 def _clock(seconds: float) -> str:
     return f"{int(seconds // 60)}:{seconds % 60:04.1f}"
 
@@ -86,7 +76,7 @@ class _Player:
             work.append(self._play_sound())
         if file.video is not None and self._form is not None:
             work.append(self._play_pictures(self._form))
-        await _together(*work)
+        await together(*work)
 
     async def _play_sound(self) -> None:
         audio = self._publisher.audio

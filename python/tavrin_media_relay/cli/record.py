@@ -4,12 +4,13 @@ from __future__ import annotations
 
 import argparse
 import asyncio
+import contextlib
 import re
 import time
 from pathlib import Path
 from typing import Any, Optional
 
-from .. import aio
+from .. import _tasks, aio
 from . import _writers
 from ._failure import Failure
 from ._levels import level_bar, peak
@@ -150,9 +151,7 @@ class _Recordings:
                 if isinstance(event, aio.StreamReceived):
                     self._begin(event.stream)
         finally:
-            for task in self._running:
-                task.cancel()
-            await asyncio.gather(*self._running, return_exceptions=True)
+            await _tasks.end(*self._running)
 
     def _begin(self, stream: aio.Stream) -> None:
         plain = re.sub(r"[^\w.-]", "_", stream.id).lstrip(".") or "stream"
@@ -187,14 +186,9 @@ def record(options: argparse.Namespace, terminal: Terminal) -> int:
         raise Failure(f"cannot write to {options.out}: {error.strerror}") from None
 
     async def work(recordings: _Recordings) -> None:
-        showing = asyncio.create_task(recordings.show())
-        try:
-            await asyncio.wait_for(recordings.run(), options.seconds)
-        except asyncio.TimeoutError:
-            pass
-        finally:
-            showing.cancel()
-            await asyncio.gather(showing, return_exceptions=True)
+        async with _tasks.beside(recordings.show()):
+            with contextlib.suppress(asyncio.TimeoutError):
+                await asyncio.wait_for(recordings.run(), options.seconds)
 
     async def body(visit: Visit) -> int:
         recordings = _Recordings(visit, options)

@@ -145,7 +145,16 @@ def room(arguments: argparse.Namespace) -> int:
     return 1
 
 
-def token(arguments: argparse.Namespace) -> int:
+def add_token_options(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("room", metavar="ROOM")
+    parser.add_argument("--lifetime", type=lifetime, default=DAY, help="90s, 15m, 12h or 7d (default: 1d)")
+    parser.add_argument("--pin", default="", help="the room's pin, if it has one")
+    parser.add_argument("--dir", type=Path, dest="folder", help="the folder of the server that it is for")
+    parser.add_argument("--port", type=int, default=8188, help="or its port (default: 8188)")
+
+
+def signed_token(arguments: argparse.Namespace) -> str:
+    """Signed with the secret in the environment, or with that of the server that runs here."""
     secret = os.environ.get(SECRET_VARIABLE, "")
     file = (arguments.folder or _settings.default_folder(arguments.port)) / "token_secret"
     if not secret:
@@ -156,7 +165,11 @@ def token(arguments: argparse.Namespace) -> int:
                 f"no secret to sign with: {file}: {error.strerror}. Start the server first, name its "
                 f"folder with --dir, or set {SECRET_VARIABLE}."
             ) from None
-    print(join_token(arguments.room, secret, arguments.lifetime, arguments.pin))
+    return join_token(arguments.room, secret, arguments.lifetime, arguments.pin)
+
+
+def token(arguments: argparse.Namespace) -> int:
+    print(signed_token(arguments))
     return 0
 
 
@@ -185,11 +198,7 @@ def main() -> int:
     add_server_options(command)
     command.set_defaults(run=configure)
     command = commands.add_parser("token", help="print a token for a room")
-    command.add_argument("room")
-    command.add_argument("--lifetime", type=lifetime, default=DAY, help="90s, 15m, 12h or 7d (default: 1d)")
-    command.add_argument("--pin", default="", help="the room's pin, if it has one")
-    command.add_argument("--dir", type=Path, dest="folder", help="the folder of the server that it is for")
-    command.add_argument("--port", type=int, default=8188, help="or its port (default: 8188)")
+    add_token_options(command)
     command.set_defaults(run=token)
     arguments = parser.parse_args()
     try:

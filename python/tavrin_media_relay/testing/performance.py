@@ -8,6 +8,7 @@ from pathlib import Path
 from typing import Any, Optional
 
 from .. import aio
+from .._recording import log_of
 from .recordings import Film, Sound
 
 
@@ -103,7 +104,7 @@ class Performance:
 
 def read(folder: Path) -> Performance:
     """From a recording that is complete."""
-    lines = [json.loads(line) for line in (folder / "events.jsonl").read_text(encoding="utf-8").splitlines()]
+    lines = [json.loads(line) for line in log_of(folder).read_text(encoding="utf-8").splitlines()]
     zero = float(next((each for each in lines if each["event"] == "joined"), lines[0])["at"])
     entries: list[Entry] = []
     marks: dict[tuple[int, str], list[tuple[int, float]]] = {}

@@ -13,7 +13,8 @@ import time
 from pathlib import Path
 from typing import Any, Awaitable, Callable, Coroutine, Iterator, Optional, Sequence
 
-from .. import aio
+from .. import _tasks, aio
+from .._recording import has_told, log_of
 from ..models import LoggingSettings, SessionSettings
 from . import performance as _performance
 from .performance import Performance
@@ -37,6 +38,7 @@ class Rehearsal:
         """Holds the scenario and the recording."""
         self.performance: Optional[Performance] = None
         """What `run` gave; also where it raised what the agent raised."""
+        self._recording = folder / "recording"
         self._script = Script()
         self.session_id = f"rehearsal-{next(_numbers)}"
 
@@ -171,10 +173,9 @@ class Rehearsal:
     def _wait_for(self, program: subprocess.Popen[bytes], until: Optional[float], timeout: float) -> bool:
         """True if it hung."""
         end = time.monotonic() + timeout
-        events = self.folder / "recording" / "events.jsonl"
         if until is not None:
             while program.poll() is None and time.monotonic() < end:
-                if events.exists() and '"event":"joined"' in events.read_text():
+                if has_told(self._recording, "joined"):
                     with contextlib.suppress(subprocess.TimeoutExpired):
                         program.wait(until)
                     break
@@ -240,17 +241,16 @@ class Rehearsal:
                     os.environ[name] = value
 
     def _recorded(self) -> bool:
-        return (self.folder / "recording" / "events.jsonl").exists()
+        return log_of(self._recording).exists()
 
     def _read(self) -> Performance:
         """Waits until the recording is closed. A process that was killed never closes it."""
         if not self._recorded():
             raise AssertionError("the agent has not joined the session: does it read API_HOSTNAME?")
-        events = self.folder / "recording" / "events.jsonl"
         end = time.monotonic() + _END_SECONDS
-        while '"event":"closed"' not in events.read_text() and time.monotonic() < end:
+        while not has_told(self._recording, "closed") and time.monotonic() < end:
             time.sleep(0.01)
-        self.performance = _performance.read(self.folder / "recording")
+        self.performance = _performance.read(self._recording)
         return self.performance
 
 
@@ -269,5 +269,4 @@ async def _for_a_while(work: Awaitable[Any], until: Optional[float]) -> Any:
         with contextlib.suppress(asyncio.CancelledError):
             return await task
     finally:
-        task.cancel()
-        await asyncio.gather(task, return_exceptions=True)
+        await _tasks.end(task)
