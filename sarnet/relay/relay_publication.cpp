@@ -4,7 +4,6 @@
 
 #include <utility>
 
-#include "core/log.h"
 #include "relay/unique_id.h"
 
 namespace sarnet::relay {
@@ -38,40 +37,22 @@ void PublishedFeed::on_caption(std::string_view text, bool is_final) {
 
 RelayPublication::RelayPublication(RoomAccess& access, PublishRequest request,
                                    std::shared_ptr<PublishedFeed> feed,
-                                   std::shared_ptr<PublicationSink> sink,
-                                   std::function<void()> over)
-    : access_(access),
+                                   std::shared_ptr<PublicationSink> sink, Over over)
+    : RelayStream(access,
+                  {"publishing", "the published stream", SRN_PUBLISHER_TIMED_OUT,
+                   SRN_PUBLISHER_WEBRTC_ERROR, publisher_failure},
+                  std::move(over)),
       request_(std::move(request)),
       feed_(std::move(feed)),
       sink_(std::move(sink)),
-      over_(std::move(over)),
       id_(access.own.id) {}
 
 RelayPublication::~RelayPublication() { stop(); }
 
 void RelayPublication::start(std::uint64_t handle) {
-  limit_ = MainLoop::Timer(*access_.loop, kPeerLimit, [this] {
-    fail({SRN_PUBLISHER_TIMED_OUT, "The media connection for publishing was not made in time"});
-  });
-  handle_ = handle;
-  if (handle_ != 0) {
-    negotiate();
-    return;
-  }
-  own_handle_ = true;
-  id_ = unique_id();
-  access_.client.attach(kRoomPlugin, [weak = weak_from_this(), &client = access_.client](
-                                         const JanusReply& reply, std::uint64_t attached) {
-    const auto self = weak.lock();
-    if (!self || self->stopped_) {
-      if (attached != 0) client.detach(attached);
-    } else if (!reply.ok()) {
-      self->fail(publisher_failure("preparing to publish", reply));
-    } else {
-      self->handle_ = attached;
-      self->join();
-    }
-  });
+  own_handle_ = handle == 0;
+  if (own_handle_) id_ = unique_id();
+  begin(handle, [this] { own_handle_ ? join() : negotiate(); });
 }
 
 Display RelayPublication::display() const {
@@ -84,26 +65,17 @@ void RelayPublication::join() {
   body["ptype"] = "publisher";
   body["id"] = id_;
   body["display"] = format_display(display());
-  access_.client.message(
-      handle_, std::move(body), "", "",
-      weakly(shared_from_this(), [](RelayPublication& self, const JanusReply& reply) {
-        if (reply.ok()) {
-          self.negotiate();
-        } else {
-          self.fail(publisher_failure("entering the room to publish", reply));
-        }
-      }));
+  ask("entering the room to publish", std::move(body), [this](const JanusReply&) { negotiate(); });
 }
 
 void RelayPublication::negotiate() {
-  if (stopped_) return;
   std::string error;
   peer_ = PublishingPeer::create(access_.peer_settings(),
                                  {request_.has_audio, request_.has_video, request_.video_fps,
                                   request_.stereo, request_.opus_dtx, request_.captions},
                                  *this, error);
   if (!peer_) {
-    fail({SRN_PUBLISHER_WEBRTC_ERROR, "Publishing is not possible: " + error});
+    on_peer_failed(error);
     return;
   }
   feed_->connect(peer_);
@@ -111,76 +83,48 @@ void RelayPublication::negotiate() {
 }
 
 void RelayPublication::on_local_description(const std::string& type, const std::string& sdp) {
-  json body{{"request", "publish"},
-            {"audio", request_.has_audio},
-            {"video", request_.has_video},
-            {"data", request_.captions},
-            {"display", format_display(display())}};
   negotiated_ = true;
-  access_.client.message(
-      handle_, std::move(body), type, sdp,
-      weakly(shared_from_this(), [](RelayPublication& self, const JanusReply& reply) {
-        if (self.stopped_) return;
-        if (!reply.ok()) {
-          self.fail(publisher_failure("publishing", reply));
-        } else if (!reply.sdp().empty()) {
-          self.peer_->set_remote_answer(reply.sdp());
-        }
-      }));
+  ask(
+      "publishing",
+      {{"request", "publish"},
+       {"audio", request_.has_audio},
+       {"video", request_.has_video},
+       {"data", request_.captions},
+       {"display", format_display(display())}},
+      [this](const JanusReply& reply) {
+        if (!reply.sdp().empty()) peer_->set_remote_answer(reply.sdp());
+      },
+      type, sdp);
 }
 
-void RelayPublication::on_local_candidate(unsigned mline, const std::string& candidate) {
-  access_.client.trickle(handle_, mline, candidate);
-}
-
-void RelayPublication::on_peer_connected() {
-  limit_.stop();
-  if (std::exchange(published_, true) || *access_.left) return;
-  sink_->published({id_, request_.name, access_.own});
-}
-
-void RelayPublication::on_peer_failed(const std::string& reason) {
-  fail({SRN_PUBLISHER_WEBRTC_ERROR, "The media connection for publishing failed: " + reason});
+void RelayPublication::connected() {
+  if (!*access_.left) sink_->published({id_, request_.name, access_.own});
 }
 
 void RelayPublication::notice(const json& message) {
-  const std::string kind = text_of(message, "janus");
-  if (kind == "trickle" && peer_) {
-    const json& candidate = member(message, "candidate");
-    peer_->add_remote_candidate(static_cast<unsigned>(number_of(candidate, "sdpMLineIndex")),
-                                text_of(candidate, "candidate"));
-  } else if (kind == "hangup") {
-    const std::string reason = text_of(message, "reason");
-    negotiated_ = false;
-    // Soon, as the session may be ending with it.
-    limit_ = MainLoop::Timer(*access_.loop, kHangupPatience, [this, reason] {
-      fail({SRN_PUBLISHER_WEBRTC_ERROR, "The server ended the published stream: " + reason});
-    });
-  }
+  if (text_of(message, "janus") == "hangup") negotiated_ = false;
+  RelayStream::notice(message);
 }
 
-void RelayPublication::fail(const Failure& failure) {
-  if (stopped_) return;
-  SARNET_LOG(kWarn, "Publishing failed: " << failure.text);
-  const auto self = shared_from_this();
-  stop();
-  withdraw();
+void RelayPublication::add_remote_candidate(unsigned mline, const std::string& candidate) {
+  if (peer_) peer_->add_remote_candidate(mline, candidate);
+}
+
+void RelayPublication::tell(const Failure& failure) {
   if (!*access_.left) sink_->publication_failed(failure.code, failure.text);
-  over_();
 }
 
 void RelayPublication::stop() {
-  stopped_ = true;
-  limit_.stop();
+  RelayStream::stop();
   feed_->connect(nullptr);
   if (peer_) peer_->stop();
 }
 
 void RelayPublication::withdraw() {
   if (own_handle_) {
-    if (handle_ != 0) access_.client.detach(handle_);
+    RelayStream::withdraw();
   } else if (negotiated_) {
-    access_.client.message(handle_, {{"request", "unpublish"}}, "", "", nullptr);
+    access_.client.message(handle(), {{"request", "unpublish"}}, "", "", nullptr);
   }
 }
 

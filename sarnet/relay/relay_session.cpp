@@ -123,24 +123,29 @@ void RelaySession::leave(std::function<void()> done) {
   stop_next(one_done);
 }
 
+std::vector<std::shared_ptr<RelayStream>> RelaySession::streams() const {
+  std::vector<std::shared_ptr<RelayStream>> all(publications_.begin(), publications_.end());
+  all.insert(all.end(), subscriptions_.begin(), subscriptions_.end());
+  return all;
+}
+
 // One at a time between the loop's other work: each takes some milliseconds.
 void RelaySession::stop_next(std::function<void()> done) {
-  if (!publications_.empty()) {
-    publications_.back()->stop();
-    publications_.pop_back();
-  } else if (!subscriptions_.empty()) {
-    subscriptions_.back()->stop();
-    subscriptions_.pop_back();
-  } else {
+  const auto all = streams();
+  if (all.empty()) {
     done();
     return;
   }
+  all.front()->stop();
+  remove(*all.front());
   loop_->post([this, done = std::move(done)] { stop_next(done); });
 }
 
 void RelaySession::stop_media() {
-  for (const auto& publication : std::exchange(publications_, {})) publication->stop();
-  for (const auto& subscription : std::exchange(subscriptions_, {})) subscription->stop();
+  for (const auto& stream : streams()) {
+    stream->stop();
+    remove(*stream);
+  }
 }
 
 void RelaySession::fail(const Failure& failure) {
@@ -162,10 +167,9 @@ void RelaySession::publish(const PublishRequest& request, std::shared_ptr<Publis
     sink->publication_failed(SRN_PUBLISHER_SESSION_DISCONNECTED, "The session is over");
     return;
   }
-  auto slot = std::make_shared<const RelayPublication*>(nullptr);
-  const auto publication = std::make_shared<RelayPublication>(
-      access_, request, std::move(feed), std::move(sink), [this, slot] { remove(*slot); });
-  *slot = publication.get();
+  const auto publication =
+      std::make_shared<RelayPublication>(access_, request, std::move(feed), std::move(sink),
+                                         [this](const RelayStream& gone) { remove(gone); });
   publications_.push_back(publication);
   const bool is_free = !handle_taken_ && !handle_hanging_up_;
   if (is_free) handle_taken_ = true;
@@ -179,18 +183,20 @@ void RelaySession::unpublish(const PublishedStream* stream) {
   const auto publication = *found;
   publication->stop();
   publication->withdraw();
-  remove(publication.get());
+  remove(*publication);
 }
 
-void RelaySession::remove(const RelayPublication* publication) {
-  const auto found = std::ranges::find_if(
-      publications_, [&](const auto& each) { return each.get() == publication; });
-  if (found == publications_.end()) return;
-  if (publication->shares_handle()) {
-    handle_taken_ = false;
-    handle_hanging_up_ = publication->negotiated();
-  }
-  publications_.erase(found);
+void RelaySession::remove(const RelayStream& gone) {
+  const auto is_it = [&](const auto& each) { return each.get() == &gone; };
+  std::erase_if(subscriptions_, is_it);
+  std::erase_if(publications_, [&](const auto& each) {
+    if (!is_it(each)) return false;
+    if (each->shares_handle()) {
+      handle_taken_ = false;
+      handle_hanging_up_ = each->negotiated();
+    }
+    return true;
+  });
 }
 
 void RelaySession::subscribe(const std::string& stream_id, std::shared_ptr<SubscriptionGate> gate) {
@@ -205,10 +211,8 @@ void RelaySession::subscribe(const std::string& stream_id, std::shared_ptr<Subsc
                                  "There is no stream " + stream_id);
     return;
   }
-  auto slot = std::make_shared<const RelaySubscription*>(nullptr);
-  const auto subscription = std::make_shared<RelaySubscription>(access_, stream_id, std::move(gate),
-                                                                [this, slot] { remove(*slot); });
-  *slot = subscription.get();
+  const auto subscription = std::make_shared<RelaySubscription>(
+      access_, stream_id, std::move(gate), [this](const RelayStream& gone) { remove(gone); });
   subscriptions_.push_back(subscription);
   subscription->start();
 }
@@ -228,11 +232,7 @@ void RelaySession::unsubscribe(const SubscriptionSink* sink) {
   if (subscription == nullptr) return;
   subscription->stop();
   subscription->withdraw();
-  remove(subscription);
-}
-
-void RelaySession::remove(const RelaySubscription* subscription) {
-  std::erase_if(subscriptions_, [&](const auto& each) { return each.get() == subscription; });
+  remove(*subscription);
 }
 
 void RelaySession::on_notice(std::uint64_t handle, const json& message) {
@@ -244,12 +244,8 @@ void RelaySession::on_notice(std::uint64_t handle, const json& message) {
       fail({SRN_SESSION_CONNECTION_DROPPED, "The server closed its room service"});
     }
   }
-  // Copies: they may remove themselves.
-  for (const auto& publication : Publications(publications_)) {
-    if (publication->handle() == handle) publication->notice(message);
-  }
-  for (const auto& subscription : Subscriptions(subscriptions_)) {
-    if (subscription->handle() == handle) subscription->notice(message);
+  for (const auto& stream : streams()) {
+    if (stream->handle() == handle) stream->notice(message);
   }
 }
 

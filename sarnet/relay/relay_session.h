@@ -50,9 +50,6 @@ class RelaySession : public JanusObserver, public RoomObserver {
   void stream_removed(const StreamInfo& stream) override;
 
  private:
-  using Publications = std::vector<std::shared_ptr<RelayPublication>>;
-  using Subscriptions = std::vector<std::shared_ptr<RelaySubscription>>;
-
   void enter_room(bool may_create);
   void create_room();
   void entered(const json& data);
@@ -62,10 +59,11 @@ class RelaySession : public JanusObserver, public RoomObserver {
   // The session failed or was ended by the server: tells so, and stops the media.
   void fail(const Failure& failure);
   void end();
+  // Copies of the pointers: streams may remove themselves.
+  std::vector<std::shared_ptr<RelayStream>> streams() const;
   void stop_media();
   void stop_next(std::function<void()> done);
-  void remove(const RelayPublication* publication);
-  void remove(const RelaySubscription* subscription);
+  void remove(const RelayStream& gone);
   RelaySubscription* find(const SubscriptionSink* sink) const;
 
   const std::shared_ptr<MainLoop> loop_;
@@ -79,8 +77,8 @@ class RelaySession : public JanusObserver, public RoomObserver {
   bool handle_taken_ = false;
   bool handle_hanging_up_ = false;
   std::optional<RelayRoom> room_;
-  Publications publications_;
-  Subscriptions subscriptions_;
+  std::vector<std::shared_ptr<RelayPublication>> publications_;
+  std::vector<std::shared_ptr<RelaySubscription>> subscriptions_;
 };
 
 }  // namespace sarnet::relay

@@ -4,8 +4,6 @@
 
 #include <utility>
 
-#include "core/log.h"
-
 namespace sarnet::relay {
 namespace {
 
@@ -59,47 +57,26 @@ json wishes_request(const std::vector<FeedMedium>& media, const MediaWishes& wis
 }
 
 RelaySubscription::RelaySubscription(RoomAccess& access, std::string stream_id,
-                                     std::shared_ptr<SubscriptionGate> gate,
-                                     std::function<void()> over)
-    : access_(access),
+                                     std::shared_ptr<SubscriptionGate> gate, Over over)
+    : RelayStream(access,
+                  {"subscribing", "the subscription", SRN_SUBSCRIBER_TIMED_OUT,
+                   SRN_SUBSCRIBER_WEBRTC_ERROR, subscriber_failure},
+                  std::move(over)),
       stream_id_(std::move(stream_id)),
-      gate_(std::move(gate)),
-      over_(std::move(over)) {}
+      gate_(std::move(gate)) {}
 
 RelaySubscription::~RelaySubscription() { stop(); }
 
 void RelaySubscription::start() {
-  limit_ = MainLoop::Timer(*access_.loop, kPeerLimit, [this] {
-    fail({SRN_SUBSCRIBER_TIMED_OUT, "The media connection for subscribing was not made in time"});
-  });
-  access_.client.attach(kRoomPlugin, [weak = weak_from_this(), &client = access_.client](
-                                         const JanusReply& reply, std::uint64_t attached) {
-    const auto self = weak.lock();
-    if (!self || self->stopped_) {
-      if (attached != 0) client.detach(attached);
-    } else if (!reply.ok()) {
-      self->fail(subscriber_failure("preparing to subscribe", reply));
-    } else {
-      self->handle_ = attached;
-      self->join();
-    }
-  });
+  begin(0, [this] { join(); });
 }
 
 void RelaySubscription::join() {
   json body = access_.request("join");
   body["ptype"] = "subscriber";
   body["streams"] = json::array({{{"feed", stream_id_}}});
-  access_.client.message(
-      handle_, std::move(body), "", "",
-      weakly(shared_from_this(), [](RelaySubscription& self, const JanusReply& reply) {
-        if (self.stopped_) return;
-        if (!reply.ok()) {
-          self.fail(subscriber_failure("subscribing", reply));
-        } else {
-          self.take_offer(reply.data(), reply.sdp());
-        }
-      }));
+  ask("subscribing", std::move(body),
+      [this](const JanusReply& reply) { take_offer(reply.data(), reply.sdp()); });
 }
 
 void RelaySubscription::take_offer(const json& data, const std::string& sdp) {
@@ -113,38 +90,24 @@ void RelaySubscription::take_offer(const json& data, const std::string& sdp) {
     peer_ = ReceivingPeer::create(access_.peer_settings(), gate_, *this, error);
   }
   if (!peer_) {
-    fail({SRN_SUBSCRIBER_WEBRTC_ERROR, "Subscribing is not possible: " + error});
+    on_peer_failed(error);
     return;
   }
   if (!sdp.empty()) peer_->set_remote_offer(with_active_server(sdp));
 }
 
 void RelaySubscription::on_local_description(const std::string& type, const std::string& sdp) {
-  access_.client.message(
-      handle_, {{"request", "start"}}, type, sdp,
-      weakly(shared_from_this(), [](RelaySubscription& self, const JanusReply& reply) {
-        if (self.stopped_) return;
-        if (!reply.ok()) {
-          self.fail(subscriber_failure("starting the subscription", reply));
-          return;
-        }
-        self.started_ = true;
-        self.send_wishes();
-      }));
+  ask(
+      "starting the subscription", {{"request", "start"}},
+      [this](const JanusReply&) {
+        started_ = true;
+        send_wishes();
+      },
+      type, sdp);
 }
 
-void RelaySubscription::on_local_candidate(unsigned mline, const std::string& candidate) {
-  access_.client.trickle(handle_, mline, candidate);
-}
-
-void RelaySubscription::on_peer_connected() {
-  limit_.stop();
-  if (std::exchange(connected_, true)) return;
+void RelaySubscription::connected() {
   if (auto* sink = gate_->sink()) sink->subscribed();
-}
-
-void RelaySubscription::on_peer_failed(const std::string& reason) {
-  fail({SRN_SUBSCRIBER_WEBRTC_ERROR, "The media connection for subscribing failed: " + reason});
 }
 
 void RelaySubscription::prefer(const MediaWishes& wishes) {
@@ -153,56 +116,39 @@ void RelaySubscription::prefer(const MediaWishes& wishes) {
 }
 
 void RelaySubscription::send_wishes() {
-  if (!started_ || stopped_) return;
+  if (!started_ || stopped()) return;
   json body = wishes_request(media_, wishes_, sent_wishes_);
   sent_wishes_ = wishes_;
-  if (!body.empty()) access_.client.message(handle_, std::move(body), "", "", nullptr);
+  if (!body.empty()) access_.client.message(handle(), std::move(body), "", "", nullptr);
 }
 
 void RelaySubscription::notice(const json& message) {
-  const std::string kind = text_of(message, "janus");
-  if (kind == "trickle" && peer_) {
-    const json& candidate = member(message, "candidate");
-    peer_->add_remote_candidate(static_cast<unsigned>(number_of(candidate, "sdpMLineIndex")),
-                                text_of(candidate, "candidate"));
-  } else if (kind == "hangup") {
-    const std::string reason = text_of(message, "reason");
-    // Soon, as the stream may be ending with it.
-    limit_ = MainLoop::Timer(*access_.loop, kHangupPatience, [this, reason] {
-      fail({SRN_SUBSCRIBER_WEBRTC_ERROR, "The server ended the subscription: " + reason});
-    });
-  } else if (const std::string sdp = sdp_of(message); kind == "event" && peer_ && !sdp.empty()) {
+  RelayStream::notice(message);
+  const std::string sdp = sdp_of(message);
+  if (peer_ && !sdp.empty() && text_of(message, "janus") == "event") {
     take_offer(plugin_data(message), sdp);
   }
 }
 
-void RelaySubscription::fail(const Failure& failure) {
-  if (stopped_) return;
-  SARNET_LOG(kWarn, "Subscribing to " << stream_id_ << " failed: " << failure.text);
-  const auto self = shared_from_this();
-  SubscriptionSink* const sink = gate_->sink();
-  stop();
-  withdraw();
-  if (sink != nullptr) sink->subscription_failed(failure.code, failure.text);
-  over_();
+void RelaySubscription::add_remote_candidate(unsigned mline, const std::string& candidate) {
+  if (peer_) peer_->add_remote_candidate(mline, candidate);
+}
+
+void RelaySubscription::tell(const Failure& failure) {
+  if (auto* sink = gate_->close()) sink->subscription_failed(failure.code, failure.text);
 }
 
 void RelaySubscription::stream_removed() {
-  SubscriptionSink* const sink = gate_->sink();
+  auto* const sink = gate_->close();
   stop();
   withdraw();
   if (sink != nullptr) sink->subscription_ended();
 }
 
 void RelaySubscription::stop() {
-  stopped_ = true;
+  RelayStream::stop();
   gate_->close();
-  limit_.stop();
   if (peer_) peer_->stop();
-}
-
-void RelaySubscription::withdraw() {
-  if (handle_ != 0) access_.client.detach(handle_);
 }
 
 }  // namespace sarnet::relay

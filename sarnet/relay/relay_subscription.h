@@ -1,15 +1,13 @@
 #pragma once
 
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "core/engine.h"
 #include "relay/receiving_peer.h"
-#include "relay/relay_failure.h"
-#include "relay/room_access.h"
+#include "relay/relay_stream.h"
 
 namespace sarnet::relay {
 
@@ -22,7 +20,12 @@ class SubscriptionGate : public MediaSink {
                    std::shared_ptr<const std::atomic<bool>> left)
       : sink_(std::move(sink)), left_(std::move(left)) {}
 
-  void close() { closed_ = true; }
+  // Gives the sink if it was open.
+  SubscriptionSink* close() {
+    auto* const last = sink();
+    closed_ = true;
+    return last;
+  }
   // Null once closed.
   SubscriptionSink* sink() const { return closed_ || *left_ ? nullptr : sink_.get(); }
   bool leads_to(const SubscriptionSink* sink) const { return sink_.get() == sink; }
@@ -50,55 +53,41 @@ struct FeedMedium {
   bool simulcast = false;
 };
 
-// One stream that the session receives, over a handle and a peer of its own. The main loop's thread
-// alone; held by the session until it is over.
-class RelaySubscription : public PeerObserver,
-                          public std::enable_shared_from_this<RelaySubscription> {
+// One stream that the session receives, over a handle of its own.
+class RelaySubscription final : public RelayStream {
  public:
-  // `over` is called once it failed, after the sink was told.
   RelaySubscription(RoomAccess& access, std::string stream_id,
-                    std::shared_ptr<SubscriptionGate> gate, std::function<void()> over);
+                    std::shared_ptr<SubscriptionGate> gate, Over over);
   ~RelaySubscription() override;
 
   void start();
-  void notice(const json& message);
+  void notice(const json& message) override;
   void prefer(const MediaWishes& wishes);
   // Ends all, and tells the sink that its stream is gone.
   void stream_removed();
-  // Ends the media; takes some milliseconds. May be repeated.
-  void stop();
-  // Gives the handle back to the server.
-  void withdraw();
+  void stop() override;
 
-  std::uint64_t handle() const { return handle_; }
   const std::string& stream_id() const { return stream_id_; }
   SubscriptionGate& gate() const { return *gate_; }
 
   void on_local_description(const std::string& type, const std::string& sdp) override;
-  void on_local_candidate(unsigned mline, const std::string& candidate) override;
-  void on_peer_connected() override;
-  void on_peer_failed(const std::string& reason) override;
 
  private:
   void join();
   // Takes the server's list of what it sends, and its offer.
   void take_offer(const json& data, const std::string& sdp);
   void send_wishes();
-  void fail(const Failure& failure);
+  void connected() override;
+  void tell(const Failure& failure) override;
+  void add_remote_candidate(unsigned mline, const std::string& candidate) override;
 
-  RoomAccess& access_;
   const std::string stream_id_;
   const std::shared_ptr<SubscriptionGate> gate_;
-  const std::function<void()> over_;
   std::shared_ptr<ReceivingPeer> peer_;
   std::vector<FeedMedium> media_;
   MediaWishes wishes_;
   MediaWishes sent_wishes_;
-  std::uint64_t handle_ = 0;
   bool started_ = false;
-  bool connected_ = false;
-  bool stopped_ = false;
-  MainLoop::Timer limit_;
 };
 
 // What the server is asked to send of these media; empty when it is what it sends unasked.

@@ -48,12 +48,4 @@ inline constexpr std::chrono::seconds kPeerLimit{15};
 // How long a connection that the server hung up may wait for the reason, which comes separately.
 inline constexpr std::chrono::milliseconds kHangupPatience{1000};
 
-// Calls `then(self, ...)` unless the object went in the meantime: for answers of the server.
-template <class Object, class Then>
-auto weakly(const std::shared_ptr<Object>& object, Then then) {
-  return [weak = std::weak_ptr(object), then = std::move(then)](const auto&... arguments) {
-    if (const auto self = weak.lock()) then(*self, arguments...);
-  };
-}
-
 }  // namespace sarnet::relay
