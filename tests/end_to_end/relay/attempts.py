@@ -1,5 +1,5 @@
-"""Tries to join, once for each (host, token, certificate authority, ...) of its argument, and tells how
-each attempt ended: code 0 for a success."""
+"""Tries to join, once for each (room, host, token, certificate authority, ...) of its argument, and tells
+how each attempt ended: code 0 for a success."""
 
 from __future__ import annotations
 
@@ -12,12 +12,12 @@ import tavrin_media_relay as tavrin
 
 client = tavrin.TavrinVideoClient()
 quiet = tavrin.SessionSettings(logging=tavrin.LoggingSettings(level="off"))
-for host, token, authority, *_ in json.loads(sys.argv[1]):
+for room, host, token, authority, *_ in json.loads(sys.argv[1]):
     os.environ["API_HOSTNAME"] = host
     os.environ["SARNET_RELAY_CA_FILE"] = authority
     outcome: queue.Queue[tuple[int, str]] = queue.Queue()
     started = client.connect(
-        "tests", "marks", token, session_settings=quiet,
+        "tests", room, token, session_settings=quiet,
         on_error_cb=lambda session, message, code: outcome.put((code, message)),
         on_connected_cb=lambda session: outcome.put((0, "")),
     )  # fmt: skip

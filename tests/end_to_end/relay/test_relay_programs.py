@@ -117,25 +117,36 @@ def test_whoever_may_not_or_cannot_join_is_told_why(server):
     tls, clear = f"wss://{ADDRESS}:8989", "ws://127.0.0.1:8188"
     good = join_token("marks", SECRET)
     certificate = str(server.folder / "cert.pem")
+
+    def pinned(pin: str) -> tuple[str, str, str, str]:
+        return "pinned", clear, join_token("pinned", SECRET, pin=pin), ""
+
     rows = {
-        "no token": (clear, "x", "", 1004),
-        "for the server alone": (clear, realm, "", 1004),
-        "expired": (clear, join_token("marks", SECRET, -5), "", 1004),
-        "signed by somebody else": (clear, join_token("marks", "another-secret"), "", 1004),
-        "expired for the room": (clear, f"{realm} {room_token('marks', SECRET, -5)}", "", 1004),
-        "of another room": (clear, f"{realm} {room_token('other', SECRET)}", "", 1004),
-        "unknown authority": (tls, good, "", 1006),
-        "closed port": (f"wss://{ADDRESS}:9", good, certificate, 1006),
-        "unknown host": ("wss://nowhere.invalid", good, certificate, 1006),
-        "right over TLS": (tls, good, certificate, 0),
-        "right in the clear": (clear, good, "", 0),
+        "no token": ("marks", clear, "x", "", 1004),
+        "for the server alone": ("marks", clear, realm, "", 1004),
+        "expired": ("marks", clear, join_token("marks", SECRET, -5), "", 1004),
+        "signed by somebody else": ("marks", clear, join_token("marks", "another-secret"), "", 1004),
+        "expired for the room": ("marks", clear, f"{realm} {room_token('marks', SECRET, -5)}", "", 1004),
+        "of another room": ("marks", clear, f"{realm} {room_token('other', SECRET)}", "", 1004),
+        "unknown authority": ("marks", tls, good, "", 1006),
+        "closed port": ("marks", f"wss://{ADDRESS}:9", good, certificate, 1006),
+        "unknown host": ("marks", "wss://nowhere.invalid", good, certificate, 1006),
+        "right over TLS": ("marks", tls, good, certificate, 0),
+        "right in the clear": ("marks", clear, good, "", 0),
+        "a new room with a pin": (*pinned("2718"), 0),
+        "a wrong pin": (*pinned("3141"), 1004),
+        "no pin": (*pinned(""), 1004),
+        "the right pin": (*pinned("2718"), 0),
     }
-    asked = server.network.start(HERE / "attempts.py", json.dumps(list(rows.values())))
+    asked = server.network.start(
+        HERE / "attempts.py", json.dumps(list(rows.values())), SARNET_RELAY_ADMIN_KEY="key-of-the-tests"
+    )
     for name, row in rows.items():
         told = asked.wait_for("attempt")
         codes = {1006, 1021} if row[-1] == 1006 else {row[-1]}
         assert told["code"] in codes, (name, told)
         assert not told["code"] or len(told["text"]) > 20, (name, told)
+        assert ("pin" in told["text"]) == ("pin" in name and bool(told["code"])), (name, told)
 
 
 def test_the_token_command_finds_the_secret_of_the_running_server(server):
