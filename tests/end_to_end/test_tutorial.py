@@ -1,4 +1,4 @@
-"""The tutorial's programs run, in its order, and print what it shows."""
+"""What the tutorial and the README have one write runs, in their order, and prints what they show."""
 
 from __future__ import annotations
 
@@ -8,9 +8,10 @@ import subprocess
 import sys
 from pathlib import Path
 
+import pytest
+
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("TAVRIN_BUILD") or ROOT / "build" / os.environ.get("TAVRIN_PRESET", "release"))
-PAGE = (ROOT / "docs" / "tutorial.md").read_text(encoding="utf-8")
 
 #: "Save as `FILE`:" and the like, in front of what is to be written there; and what is typed into the terminal.
 STEP = re.compile(
@@ -48,13 +49,14 @@ def assert_shows(shown: list[str], printed: str) -> None:
         assert line == "..." or plain(line) in rest, f"not printed, or not here: {line}\n{printed}"
 
 
-def test_tutorial(tmp_path):
-    commands = 0
-    for verb, name, text, console in STEP.findall(PAGE):
+@pytest.mark.parametrize(("page", "commands"), [("README.md", 1), ("docs/tutorial.md", 8)])
+def test_page(page, commands, tmp_path):
+    text = (ROOT / page).read_text(encoding="utf-8")
+    for verb, name, program, console in STEP.findall(text):
         if verb:
-            write(verb, tmp_path / name, text)
+            write(verb, tmp_path / name, program)
             continue
         for command, shown in re.findall(r"^\$ (.*)\n((?:[^$].*\n)*)", console, re.MULTILINE):
             assert_shows(shown.splitlines(), run(command, tmp_path))
-            commands += 1
-    assert commands == 8, "a command of the page was not understood"
+            commands -= 1
+    assert commands == 0, "a command of the page was not understood"
