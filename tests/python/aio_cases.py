@@ -324,26 +324,27 @@ async def misuse() -> None:
     scenario(participants=[TALKER])
     outcome: list[BaseException] = []
 
-    def use(session: aio.Session) -> None:
+    def use(call) -> None:
         try:
-            session.publish("elsewhere")
+            call()
         except RuntimeError as error:
             outcome.append(error)
 
     class Careless:
-        def __init__(self, session: aio.Session) -> None:
-            self.session = session
+        def __init__(self, call) -> None:
+            self.call = call
 
         def __del__(self) -> None:
-            use(self.session)
+            use(self.call)
 
-    def in_thread(session: aio.Session) -> None:
-        thread = threading.Thread(target=use, args=[session])
+    def in_thread(call) -> None:
+        thread = threading.Thread(target=use, args=[call])
         thread.start()
         thread.join()
 
     async with connect() as session:
-        in_thread(session)
+        in_thread(lambda: session.publish("elsewhere"))
+        subscriber = await session.subscribe(await session.wait_for_stream())
         child = os.fork()
         if child == 0:
             code = 1
@@ -354,9 +355,10 @@ async def misuse() -> None:
             os._exit(code)
         assert os.waitpid(child, 0)[1] == 0
         listening = session.audio_frames()
-    in_thread(session)
-    Careless(session)
-    assert "event loop" in str(outcome[0]) and len(outcome) == 3
+    for call in (session.audio_frames, session.events, subscriber.video_frames, subscriber.captions):
+        in_thread(call)
+    Careless(session.audio_frames)
+    assert "event loop" in str(outcome[0]) and len(outcome) == 6, outcome
     assert all(isinstance(each, aio.ClosedError) for each in outcome[1:])
     async for _ in listening:
         pass

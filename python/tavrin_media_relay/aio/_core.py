@@ -101,12 +101,14 @@ class Core:
             _native.release(self)
 
     def check_place(self) -> None:
-        """Raises if this is not our process, or not our loop."""
+        """Raises if this is not our process, or not our loop: of a session that is over, that it is."""
         _native.check_process()
         here: Optional[asyncio.AbstractEventLoop] = None
         with contextlib.suppress(RuntimeError):
             here = asyncio.get_running_loop()
         if here is not self.loop:
+            if self.ended is not None:
+                raise ClosedError(self.ended)
             raise RuntimeError(
                 "a session is used from the event loop that opened it; from another thread, "
                 "with asyncio.run_coroutine_threadsafe or loop.call_soon_threadsafe"

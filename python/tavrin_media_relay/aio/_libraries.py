@@ -20,10 +20,15 @@ def _mapped(name: str) -> str | None:
     return None
 
 
+_sarnet: ctypes.CDLL | None = None
+
+
 def find_sarnet() -> ctypes.CDLL | None:
     """The real-time library that the module runs on; None before the module is imported."""
-    path = _mapped("libsarnet")
-    return ctypes.CDLL(path) if path else None
+    global _sarnet
+    if _sarnet is None and (path := _mapped("libsarnet")):
+        _sarnet = ctypes.CDLL(path)
+    return _sarnet
 
 
 @functools.cache

@@ -100,8 +100,8 @@ class Session:
 
     async def ended(self) -> None:
         """Waits for the end of the session. Raises SessionError if it has failed."""
-        self._core.check_place()
         while not self.over:
+            self._core.check_place()
             try:
                 await self._core.changed.wait()
             except ClosedError:

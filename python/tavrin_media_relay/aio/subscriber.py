@@ -166,8 +166,9 @@ class Subscriber:
         self.caption_fan.put(Caption(captions.text, captions.is_final, now), now)
 
     def _check(self, what: str, wanted: bool) -> None:
-        self._core.check_place()
-        if self._closed:  # of a stream that has gone, iterators end at once
+        if not self._closed:
+            self._core.check_place()
+        else:  # of a stream that has gone, iterators end at once
             raise ClosedError(f"the subscription to stream {self.stream.id!r} has been closed")
         if not wanted:
             raise RuntimeError(
