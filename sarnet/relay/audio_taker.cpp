@@ -1,8 +1,11 @@
+#include <gst/rtp/rtp.h>
+
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <utility>
 
+#include "relay/opus_stream.h"
 #include "relay/stream_decoder.h"
 
 namespace sarnet::relay {
@@ -11,29 +14,27 @@ namespace {
 
 class AudioTaker final : public StreamDecoder {
  public:
-  explicit AudioTaker(std::shared_ptr<MediaSink> sink) : sink_(std::move(sink)) {}
+  AudioTaker(std::shared_ptr<MediaSink> sink, int channels)
+      : sink_(std::move(sink)),
+        stream_(channels, [this](const AudioFormat& format, std::span<const std::int16_t> samples) {
+          split(format, samples);
+        }) {}
 
   void take(GstSample* sample) override {
-    GstBuffer* buffer = gst_sample_get_buffer(sample);
-    int channels = 0;
-    const GstCaps* caps = gst_sample_get_caps(sample);
-    if (caps == nullptr ||
-        gst_structure_get_int(gst_caps_get_structure(caps, 0), "channels", &channels) == FALSE ||
-        channels < 1 || channels > 2) {
-      return;
-    }
-    if (channels != format_.channels) {
-      format_.channels = channels;
-      filled_ = 0;
-    }
-    GstMapInfo map;
-    if (gst_buffer_map(buffer, &map, GST_MAP_READ) == FALSE) return;
-    split({reinterpret_cast<const std::int16_t*>(map.data), map.size / sizeof(std::int16_t)});
-    gst_buffer_unmap(buffer, &map);
+    GstRTPBuffer packet = GST_RTP_BUFFER_INIT;
+    if (gst_rtp_buffer_map(gst_sample_get_buffer(sample), GST_MAP_READ, &packet) == FALSE) return;
+    stream_.take(gst_rtp_buffer_get_seq(&packet), gst_rtp_buffer_get_timestamp(&packet),
+                 {static_cast<const std::uint8_t*>(gst_rtp_buffer_get_payload(&packet)),
+                  gst_rtp_buffer_get_payload_len(&packet)});
+    gst_rtp_buffer_unmap(&packet);
   }
 
  private:
-  void split(std::span<const std::int16_t> samples) {
+  void split(const AudioFormat& format, std::span<const std::int16_t> samples) {
+    if (format != format_) {
+      format_ = format;
+      filled_ = 0;
+    }
     const auto block = static_cast<std::size_t>(format_.period_frames()) *
                        static_cast<std::size_t>(format_.channels);
     while (!samples.empty()) {
@@ -54,6 +55,7 @@ class AudioTaker final : public StreamDecoder {
   }
 
   const std::shared_ptr<MediaSink> sink_;
+  OpusStream stream_;
   AudioFormat format_{48000, 2};
   // The beginning of a block, whose end is still to come.
   std::array<std::int16_t, 960> rest_{};
@@ -62,8 +64,8 @@ class AudioTaker final : public StreamDecoder {
 
 }  // namespace
 
-std::unique_ptr<StreamDecoder> make_audio_taker(std::shared_ptr<MediaSink> sink) {
-  return std::make_unique<AudioTaker>(std::move(sink));
+std::unique_ptr<StreamDecoder> make_audio_taker(std::shared_ptr<MediaSink> sink, int channels) {
+  return std::make_unique<AudioTaker>(std::move(sink), channels);
 }
 
 }  // namespace sarnet::relay

@@ -45,6 +45,12 @@ GstBusSyncReply on_message(GstBus*, GstMessage* message, gpointer data) {
   return GST_BUS_DROP;
 }
 
+// What is sent comes live and leaves at once. Held until the clock reaches its stamp, a picture
+// that was stamped a little ahead would wait, and with it all that come after it.
+void leave_unpaced(GstBin*, GstElement* element, gpointer) {
+  if (is_made_by(element, "clocksync")) g_object_set(element, "sync", FALSE, nullptr);
+}
+
 }  // namespace
 
 void PeerConnection::ReleaseDescription::operator()(
@@ -73,6 +79,7 @@ bool PeerConnection::build(std::string& error) {
     error = "the media stack has no webrtcbin";
     return false;
   }
+  g_signal_connect(webrtc_, "element-added", G_CALLBACK(&leave_unpaced), nullptr);
   gst_bin_add(pipeline(), webrtc_);
   g_object_set(webrtc_, "bundle-policy", GST_WEBRTC_BUNDLE_POLICY_MAX_BUNDLE, "latency",
                settings_.jitter_ms, nullptr);

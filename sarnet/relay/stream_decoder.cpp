@@ -16,23 +16,22 @@ struct Codec {
   bool is_video;
   const char* chain;
 };
-// Lost sound is concealed by the decoder. After lost pictures the screen stands until the next key
+// Sound is decoded where it is taken: the media stack's decoder holds back each packet until the
+// next one, which might tell of a loss. After lost pictures the screen stands until the next key
 // frame, which is asked for: the ruins of pictures are worse.
 constexpr std::array<Codec, 3> kCodecs{
-    {{"OPUS", false,
-      "rtpopusdepay ! opusdec plc=true use-inband-fec=true ! "
-      "audio/x-raw,format=S16LE,rate=48000,layout=interleaved"},
+    {{"OPUS", false, ""},
      {"VP8", true,
       "rtpvp8depay wait-for-keyframe=true request-keyframe=true ! vp8dec threads=1 qos=false ! "
-      "video/x-raw,format=I420"},
+      "video/x-raw,format=I420 ! "},
      {"H264", true,
       "rtph264depay wait-for-keyframe=true request-keyframe=true ! h264parse ! openh264dec "
       "qos=false ! "
-      "video/x-raw,format=I420"}}};
+      "video/x-raw,format=I420 ! "}}};
 // Shown when it comes: whoever takes it has a clock of its own. No preroll: one kind of media
 // without its first sample would hold up the others.
 constexpr const char* kSink =
-    " ! appsink name=sink sync=false async=false enable-last-sample=false wait-on-eos=false";
+    "appsink name=sink sync=false async=false enable-last-sample=false wait-on-eos=false";
 
 GstFlowReturn on_sample(GstAppSink* sink, gpointer data) {
   const SamplePtr sample(gst_app_sink_pull_sample(sink));
@@ -58,6 +57,9 @@ StreamCaps stream_caps(GstPad* pad) {
   result.is_video = media != nullptr && std::string_view(media) == "video";
   result.codec = codec != nullptr ? codec : "";
   result.ssrc = ssrc;
+  if (const char* stereo = gst_structure_get_string(structure, "sprop-stereo")) {
+    result.channels = std::string_view(stereo) == "1" ? 2 : 1;
+  }
   return result;
 }
 
@@ -78,7 +80,7 @@ bool StreamDecoder::attach(GstBin* pipeline, GstPad* pad, const std::shared_ptr<
   const ElementPtr app_sink(gst_bin_get_by_name(GST_BIN(branch), "sink"));
   GstAppSinkCallbacks callbacks{};
   callbacks.new_sample = &on_sample;
-  auto taker = codec->is_video ? make_picture_taker(sink) : make_audio_taker(sink);
+  auto taker = codec->is_video ? make_picture_taker(sink) : make_audio_taker(sink, caps.channels);
   gst_app_sink_set_callbacks(GST_APP_SINK(app_sink.get()), &callbacks, taker.release(),
                              [](gpointer data) { delete static_cast<StreamDecoder*>(data); });
   gst_bin_add(pipeline, branch);

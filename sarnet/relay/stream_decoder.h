@@ -22,8 +22,9 @@ class StreamDecoder {
   virtual void take(GstSample* sample) = 0;
 };
 
-// Sound in blocks of 10 ms, whatever the size of the packets.
-std::unique_ptr<StreamDecoder> make_audio_taker(std::shared_ptr<MediaSink> sink);
+// Sound in blocks of 10 ms, whatever the size of the packets, which it gets as they come.
+// `channels` as the stream is described, 0 if it isn't.
+std::unique_ptr<StreamDecoder> make_audio_taker(std::shared_ptr<MediaSink> sink, int channels);
 // Pictures of any size, each copied once.
 std::unique_ptr<StreamDecoder> make_picture_taker(std::shared_ptr<MediaSink> sink);
 
@@ -32,6 +33,7 @@ struct StreamCaps {
   bool is_video = false;
   std::string codec;  // "OPUS", "VP8", "H264"
   std::uint32_t ssrc = 0;
+  int channels = 0;  // of sound, 0: not told
 };
 StreamCaps stream_caps(GstPad* pad);
 
