@@ -13,6 +13,11 @@ using Clock = std::chrono::steady_clock;
 
 constexpr AudioFormat kSessionFormat{48000, 2};
 constexpr std::chrono::milliseconds kPeriod{10};
+// Queued beside the block that is under way, which makes 10 ms of the whole blocks that come: a
+// thread of the program may be that late.
+constexpr int kTargetMs = 5;
+// How far behind the program's writes the session's clock ticks.
+constexpr std::chrono::milliseconds kBehind{2};
 // A clock that was held up for longer starts anew instead of catching up.
 constexpr std::chrono::milliseconds kPatience{100};
 
@@ -23,34 +28,29 @@ bool is_silent(std::span<const std::int16_t> samples) {
 }  // namespace
 
 struct CapturePath::Run {
-  explicit Run(const AudioFormat& device) : format(device), drift(device, kSessionFormat) {}
+  explicit Run(const AudioFormat& device) : drift(device, kSessionFormat, kTargetMs) {}
 
-  const AudioFormat format;
   DriftBuffer drift;
   std::mutex mutex;
   std::condition_variable changed;
+  bool begun = false;
   bool stopped = false;
+
+  void begin() {
+    const std::lock_guard lock(mutex);
+    if (!std::exchange(begun, true)) changed.notify_all();
+  }
 };
 
 CapturePath::CapturePath(Counters& counters) : counters_(counters) {}
 
-void CapturePath::start(const AudioFormat& format) {
-  stop();
+std::shared_ptr<CapturePath::Run> CapturePath::launch(const AudioFormat& format) {
   auto run = std::make_shared<Run>(format);
-  {
-    const std::lock_guard lock(mutex_);
-    run_ = run;
-  }
-  counters_.capture_pacing.restart();
   ThreadKeeper::instance().start("srn-capture", [this, run] { pump(*run); });
+  return run;
 }
 
-void CapturePath::stop() {
-  std::shared_ptr<Run> run;
-  {
-    const std::lock_guard lock(mutex_);
-    run.swap(run_);
-  }
+void CapturePath::end(const std::shared_ptr<Run>& run) {
   if (!run) return;
   {
     const std::lock_guard lock(run->mutex);
@@ -59,26 +59,51 @@ void CapturePath::stop() {
   run->changed.notify_all();
 }
 
+void CapturePath::start(const AudioFormat& format) {
+  stop();
+  counters_.capture_pacing.restart();
+  const std::lock_guard lock(mutex_);
+  if (!targets_.empty()) run_ = launch(format);
+  format_ = format;
+}
+
+void CapturePath::stop() {
+  std::shared_ptr<Run> run;
+  {
+    const std::lock_guard lock(mutex_);
+    format_.reset();
+    run.swap(run_);
+  }
+  end(run);
+}
+
 void CapturePath::add(std::shared_ptr<PublishedStream> stream, bool stereo) {
   const std::lock_guard lock(mutex_);
+  if (format_ && !run_) run_ = launch(*format_);
   targets_.push_back({std::move(stream), stereo});
 }
 
 void CapturePath::remove(const PublishedStream* stream) {
   Target gone;
-  const std::lock_guard lock(mutex_);
-  const auto found = std::find_if(targets_.begin(), targets_.end(),
-                                  [&](const Target& each) { return each.stream.get() == stream; });
-  if (found == targets_.end()) return;
-  gone = std::move(*found);
-  targets_.erase(found);
+  std::shared_ptr<Run> run;
+  {
+    const std::lock_guard lock(mutex_);
+    const auto found = std::find_if(targets_.begin(), targets_.end(), [&](const Target& each) {
+      return each.stream.get() == stream;
+    });
+    if (found == targets_.end()) return;
+    gone = std::move(*found);
+    targets_.erase(found);
+    if (targets_.empty()) run.swap(run_);
+  }
+  end(run);
 }
 
 void CapturePath::write(const std::int16_t* samples, std::size_t frames) {
   const auto now = Clock::now();
   const std::lock_guard lock(mutex_);
-  if (!run_ || frames == 0) return;
-  const AudioFormat& format = run_->format;
+  if (!format_ || frames == 0) return;
+  const AudioFormat& format = *format_;
   const std::span<const std::int16_t> all(samples,
                                           frames * static_cast<std::size_t>(format.channels));
   counters_.capture_pacing.add(
@@ -88,7 +113,9 @@ void CapturePath::write(const std::int16_t* samples, std::size_t frames) {
   counters_.capture_frames += frames;
   if (is_silent(all)) ++counters_.capture_silence;
   for (const Target& target : targets_) target.stream->on_captured_audio(format, all);
+  if (!run_) return;
   run_->drift.write(all);
+  run_->begin();
 }
 
 void CapturePath::give(std::span<const std::int16_t> stereo, std::span<const std::int16_t> mono) {
@@ -107,9 +134,12 @@ void CapturePath::pump(Run& run) {
   std::vector<std::int16_t> stereo(frames * 2);
   std::vector<std::int16_t> mono(frames);
   std::uint64_t underruns = 0;
-  auto due = Clock::now();
+  {
+    std::unique_lock lock(run.mutex);
+    run.changed.wait(lock, [&] { return run.begun || run.stopped; });
+  }
+  auto due = Clock::now() + kBehind;
   while (true) {
-    due += kPeriod;
     {
       std::unique_lock lock(run.mutex);
       if (run.changed.wait_until(lock, due, [&] { return run.stopped; })) return;
@@ -122,6 +152,7 @@ void CapturePath::pump(Run& run) {
       mono[frame] = static_cast<std::int16_t>((stereo[2 * frame] + stereo[2 * frame + 1]) / 2);
     }
     give(stereo, mono);
+    due += kPeriod;
   }
 }
 

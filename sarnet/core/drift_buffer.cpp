@@ -8,6 +8,7 @@ namespace sarnet {
 namespace {
 
 constexpr int kFadeMs = 5;
+constexpr int kStepMs = 10;    // by which a target grows
 constexpr int kBlockMs = 100;  // largest block that is worked on at once
 constexpr double kHalfBlockMs =
     5;  // playing starts with target_ms to target_ms + 10 ms left in the queue
@@ -41,12 +42,11 @@ std::size_t in_samples(std::size_t frames, const AudioFormat& format) {
 DriftBuffer::DriftBuffer(AudioFormat writer, AudioFormat reader, int target_ms, int max_ms)
     : writer_(writer),
       reader_(reader),
-      target_frames_(frames_of(std::max(target_ms, 10), writer.rate)),
+      target_frames_(frames_of(std::max(target_ms, 5), writer.rate)),
       max_frames_(std::max(frames_of(max_ms, writer.rate), 2 * target_frames_)),
       fade_frames_(frames_of(kFadeMs, reader.rate)),
-      aim_ms_(static_cast<double>(target_frames_) * 1000.0 / writer.rate + kHalfBlockMs),
-      mean_ms_(aim_ms_),
       resampler_(writer, reader) {
+  aim_for(target_frames_);
   ring_frames_ = max_frames_ + frames_of(kBurstMs, writer.rate);
   ring_.resize(in_samples(ring_frames_, writer_));
   staging_.resize(in_samples(frames_of(kBlockMs, writer.rate) + 1, writer_));
@@ -116,6 +116,12 @@ std::size_t DriftBuffer::pop(std::span<std::int16_t> frames) {
   return count;
 }
 
+void DriftBuffer::aim_for(std::size_t frames) {
+  target_frames_ = frames;
+  aim_ms_ = static_cast<double>(frames) * 1000.0 / writer_.rate + kHalfBlockMs;
+  mean_ms_ = aim_ms_;
+}
+
 // Leaves out the oldest frames; the sound crosses over from what would have come to what comes.
 void DriftBuffer::drop_oldest(std::size_t frames) {
   const std::uint64_t taken = taken_.load(std::memory_order_relaxed);
@@ -149,6 +155,7 @@ bool DriftBuffer::read_block(std::span<std::int16_t> samples) {
     stop_playing();
   }
   if (mode_ == Mode::kPriming && !primed(frames)) {
+    silent_frames_ += frames;
     const bool decaying = decay_left_ > 0;
     fall_silent(samples);
     return decaying;
@@ -188,7 +195,20 @@ bool DriftBuffer::primed(std::size_t frames) {
   return true;
 }
 
+// Whether the writer wrote all the same what it owed since the queue ran dry. One that paused, as
+// at the end of an utterance, has no need of a longer queue.
+bool DriftBuffer::only_late() const {
+  const std::uint64_t written = written_.load(std::memory_order_relaxed) - written_at_underrun_ +
+                                frames_of(kStepMs, writer_.rate);
+  return written * static_cast<std::uint64_t>(reader_.rate) >=
+         static_cast<std::uint64_t>(silent_frames_) * static_cast<std::uint64_t>(writer_.rate);
+}
+
 void DriftBuffer::start_playing() {
+  const std::size_t longer = target_frames_ + frames_of(kStepMs, writer_.rate);
+  if (played_before_ && longer <= frames_of(kDefaultTargetMs, writer_.rate) && only_late()) {
+    aim_for(longer);
+  }
   correction_ = std::clamp(learned_, -kMaxCorrection, kMaxCorrection);
   resampler_.set_correction(1.0);
   resampler_.reset();
@@ -211,8 +231,8 @@ void DriftBuffer::stop_playing() {
     mode_ = Mode::kPriming;
     decay_left_ = fade_frames_;
     joint_position_ = joint_.size();
-    idle_frames_ = 0;
-    written_seen_ = written_.load(std::memory_order_relaxed);
+    idle_frames_ = silent_frames_ = 0;
+    written_seen_ = written_at_underrun_ = written_.load(std::memory_order_relaxed);
   }
 }
 

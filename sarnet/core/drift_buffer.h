@@ -23,12 +23,11 @@ namespace sarnet {
 // Behaviour, in the reader's view:
 //  - It gives silence until `target_ms` of audio is queued ("priming"), then plays.
 //  - When the queue runs dry it fades what is left into silence, counts an underrun and primes
-//  anew. A
-//    writer that stops is no error: one underrun, then silence.
+//    anew. A writer that stops is no error: one underrun, then silence. A writer that was only late
+//    raises a target below kDefaultTargetMs by 10 ms, for good.
 //  - When more than `max_ms` is queued, the oldest goes, is counted, and the joint is cross-faded.
 //  - As long as both clocks agree (the mean queue stays within kDeadBandMs of the target) and the
-//  rates
-//    are equal, samples pass unchanged.
+//    rates are equal, samples pass unchanged.
 class DriftBuffer {
  public:
   static constexpr int kDefaultTargetMs = 40;
@@ -69,6 +68,8 @@ class DriftBuffer {
   bool read_block(std::span<std::int16_t> samples);
   bool primed(std::size_t frames);
   void start_playing();
+  bool only_late() const;
+  void aim_for(std::size_t frames);
   void stop_playing();
   void drop_oldest(std::size_t frames);
   std::size_t play_exact(std::span<std::int16_t> samples);
@@ -81,11 +82,11 @@ class DriftBuffer {
 
   const AudioFormat writer_;
   const AudioFormat reader_;
-  const std::size_t target_frames_;  // of the writer, as are all queue lengths
+  std::size_t target_frames_;  // of the writer, as are all queue lengths
   const std::size_t max_frames_;
   const std::size_t fade_frames_;  // of the reader
-  const double aim_ms_;            // where the mean queue is steered to
-  double mean_ms_;                 // smoothed queue
+  double aim_ms_ = 0;              // where the mean queue is steered to
+  double mean_ms_ = 0;             // smoothed queue
 
   // The ring: positions count frames since the start and never wrap.
   std::vector<std::int16_t> ring_;
@@ -107,6 +108,8 @@ class DriftBuffer {
   std::int16_t last_frame_[2] = {0, 0};
   std::uint64_t written_seen_ = 0;
   std::size_t idle_frames_ = 0;  // reader's frames since the writer last came, while priming
+  std::uint64_t written_at_underrun_ = 0;
+  std::size_t silent_frames_ = 0;  // reader's frames since the underrun
   bool played_before_ = false;
   double learned_ = 0;     // the clocks' difference as learned so far
   double correction_ = 0;  // present speed-up of the reading, 0.01 = one per cent faster

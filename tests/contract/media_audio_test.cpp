@@ -129,8 +129,9 @@ TEST(Mixer, SaturatesOnlyTheSum) {
 // A writer and a reader on a simulated time line, each with its own clock and period.
 class TimeLine {
  public:
-  TimeLine(AudioFormat writer, AudioFormat reader, double drift, double jitter_ms)
-      : buffer(writer, reader),
+  TimeLine(AudioFormat writer, AudioFormat reader, double drift, double jitter_ms,
+           int target_ms = DriftBuffer::kDefaultTargetMs)
+      : buffer(writer, reader, target_ms),
         writer_(writer),
         reader_(reader),
         drift_(drift),
@@ -235,6 +236,27 @@ TEST(DriftBuffer, FadesWhenTheWriterStopsAndComesBack) {
     EXPECT_EQ(line.buffer.counters().frames_dropped, 0U);
     EXPECT_LE(line.largest_step(), steepest(48000) * 1.045 + 2) << drift;
     EXPECT_GT(*std::max_element(line.heard.end() - 480, line.heard.end()), 0.9 * kAmplitude);
+  }
+}
+
+TEST(DriftBuffer, LengthensAShortQueueForALateWriterButNotForOneThatPauses) {
+  struct Case {
+    double drift;
+    double jitter_ms;
+    bool pauses;
+    std::size_t most_underruns;
+    double queued_ms;
+  };
+  for (const Case& each :
+       {Case{0, 0, false, 0, 10}, Case{0.02, 3, false, 0, 10}, Case{0, 0, true, 20, 10},
+        Case{0, 25, false, 3, 30}, Case{-0.02, 3, false, 3, 30}}) {
+    TimeLine line({48000, 1}, {48000, 1}, each.drift, each.jitter_ms, 5);
+    for (int i = 0; i < 20; ++i) {
+      line.run(100);
+      if (each.pauses) line.run(4, false);
+    }
+    EXPECT_LE(line.buffer.counters().underruns, each.most_underruns) << each.jitter_ms;
+    EXPECT_NEAR(line.buffer.counters().queued_ms, each.queued_ms, 12) << each.jitter_ms;
   }
 }
 
