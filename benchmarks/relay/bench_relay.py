@@ -15,6 +15,7 @@ import contextlib
 import json
 import multiprocessing
 import os
+import re
 import statistics
 import subprocess
 import sys
@@ -40,7 +41,7 @@ class Bench:
         settings = self.server.settings
         arguments = [
             sys.executable, str(HERE / f"peer_{library}.py"), role, "--room", room, "--url", settings.host,
-            "--token", tokens.join_token(room, settings.token_secret), "--bursts", str(self.folder / f"{room}.txt"),
+            "--token", tokens.join_token(room, settings.token_secret), "--bursts", str(self.folder / f"bursts-{self.rooms}.txt"),
             "--seconds", str(self.options.seconds), *more,
         ]  # fmt: skip
         environment = dict(os.environ, API_HOSTNAME=settings.host)
@@ -57,28 +58,45 @@ class Bench:
             said.append(line)
         raise SystemExit(f"a peer failed: {''.join(said[-5:])}")
 
-    def pair(self, library: str, streams: int = 1, *more: str) -> tuple[list[Result], Result]:
-        """What the publishers and the subscriber measured."""
-        self.rooms += 1
-        room = f"bench-{self.rooms}"
+    def _copies(self, source: str, target: str, count: int) -> subprocess.Popen[str]:
+        settings = self.server.settings
+        configuration = (self.folder / "server" / "janus.plugin.videoroom.jcfg").read_text()
+        secrets = dict(re.findall(r'room-(\S+): {.*?secret = "(.*?)"', configuration, re.S))
+        arguments = [
+            sys.executable, str(HERE / "copies.py"), "--url", settings.host, "--count", str(count),
+            "--source", source, "--source-token", tokens.join_token(source, settings.token_secret),
+            "--source-secret", secrets[source],
+            "--target", target, "--target-token", tokens.join_token(target, settings.token_secret),
+            "--target-secret", secrets[target],
+        ]  # fmt: skip
+        return subprocess.Popen(arguments, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+
+    def run(self, library: str, copies: int = 0, *more: str) -> tuple[Result, Result]:
+        """What the publisher and the subscriber measured. With copies the subscriber gets these alone."""
+        self.rooms += 2
+        source, target = f"bench-{self.rooms - 1}", f"bench-{self.rooms}"
         everyone: list[subprocess.Popen[str]] = []
         failed = True
         try:
-            for _ in range(streams):
-                publisher = self._start(library, "pub", room, "--tail", "4", *more)
-                everyone.append(publisher)
-                assert self._line(publisher)["event"] == "ready"
-            subscriber = self._start(library, "sub", room, "--streams", str(streams), *more)
-            everyone.append(subscriber)
-            received = self._line(subscriber)
-            published = [self._line(process) for process in everyone[:-1]]
+            everyone.append(self._start(library, "pub", source, "--tail", "4", *more))
+            self._await_ready(everyone[0])
+            if copies:
+                everyone.append(self._copies(source, target, copies))
+                self._await_ready(everyone[1])
+            room = target if copies else source
+            everyone.append(self._start(library, "sub", room, "--streams", str(max(copies, 1)), *more))
+            received = self._line(everyone[-1])
+            published = self._line(everyone[0])
             failed = False
             return published, received
         finally:
             for process in everyone:
                 if failed:
                     process.kill()
-                process.wait()
+                process.communicate()
+
+    def _await_ready(self, process: subprocess.Popen[str]) -> None:
+        assert self._line(process)["event"] == "ready"
 
 
 @contextlib.contextmanager
@@ -135,8 +153,8 @@ def compare(bench: Bench, rounds: int) -> dict[str, dict[str, list[Result]]]:
     found: dict[str, dict[str, list[Result]]] = {name: {"pub": [], "sub": []} for name in ("ours", "aiortc")}
     for _ in range(rounds):
         for library, results in found.items():
-            published, received = bench.pair(library)
-            results["pub"] += published
+            published, received = bench.run(library)
+            results["pub"].append(published)
             results["sub"].append(received)
     print(f"{'':34}{'ours':>10}{'aiortc':>10}{'ratio':>8}")
     for title, role, keys in ROWS:
@@ -155,7 +173,8 @@ def main() -> None:
     options = parser.parse_args()
     results: dict[str, Any] = {"jitter_ms": int(os.environ.get("SARNET_RELAY_JITTER_MS", "200"))}
     with tempfile.TemporaryDirectory() as folder:
-        rooms = [f"bench-{number}" for number in range(1, 2 * options.rounds + len(options.streams) + 3)]
+        runs = 2 * (options.rounds + 1) + len(options.streams)
+        rooms = [f"bench-{number}" for number in range(1, 2 * runs + 1)]
         settings = Settings(
             folder=Path(folder) / "server", port=options.port, rtp_ports=(24000, 24999), rooms=rooms
         )
@@ -169,7 +188,7 @@ def main() -> None:
             print(f"{'streams':>8}{'CPU s/s':>9}{'MiB':>7}{'threads':>9}{'audio':>9}{'pictures/s':>12}")
             results["streams"] = {}
             for count in options.streams:
-                _, received = bench.pair("ours", count, "--size", "320x180", "--fps", "15", "--warm-up", "8")
+                _, received = bench.run("ours", count, "--size", "320x180", "--fps", "15", "--warm-up", "6")
                 results["streams"][count] = received
                 whole = min(received["samples_per_second"]) / 48000
                 least = min(received["frames_per_second"])
