@@ -130,7 +130,7 @@ def _look_at_helpers(findings: _Findings) -> None:
     )
     for name, package, purpose in extras:
         if importlib.util.find_spec(name) is None:
-            findings.add("note", name, "not installed", f"For {purpose}: apt-get install {package}")
+            findings.add("note", name, "not installed", f"For {purpose}: pip install {name}, or apt-get install {package}")
         else:
             findings.add("ok", name, importlib.metadata.version(name))
     programs = (
