@@ -47,16 +47,22 @@ export async function figuresOf(connection) {
         frames_decoded: report.framesDecoded, freezes: report.freezeCount,
         width: report.frameWidth, height: report.frameHeight, fps: report.framesPerSecond,
       } : {energy: report.totalAudioEnergy, concealed: report.concealedSamples, samples: report.totalSamplesReceived});
-    } else if (report.type === 'outbound-rtp') {
-      Object.assign(side(report), {packets: report.packetsSent, bytes: report.bytesSent}, report.kind === 'video' ? {
-        frames_encoded: report.framesEncoded, width: report.frameWidth, height: report.frameHeight,
-        fps: report.framesPerSecond,
-      } : {});
+    } else if (report.type === 'outbound-rtp') { // one for each size of the picture: the largest is shown
+      const sent = side(report);
+      sent.packets = (sent.packets ?? 0) + report.packetsSent;
+      sent.bytes = (sent.bytes ?? 0) + report.bytesSent;
+      if (report.frameWidth > (sent.width ?? 0)) {
+        Object.assign(sent, {
+          frames_encoded: report.framesEncoded, width: report.frameWidth, height: report.frameHeight,
+          fps: report.framesPerSecond,
+        });
+      }
+      if (report.frameWidth) sent.sizes = (sent.sizes ?? 0) + 1;
     } else if (report.type === 'remote-inbound-rtp') {
-      Object.assign(side(report), {
-        lost: report.packetsLost, jitter_ms: milliseconds(report.jitter),
-        round_trip_ms: milliseconds(report.roundTripTime),
-      });
+      const sent = side(report);
+      sent.lost = (sent.lost ?? 0) + report.packetsLost;
+      sent.jitter_ms = Math.max(sent.jitter_ms ?? 0, milliseconds(report.jitter));
+      sent.round_trip_ms = Math.max(sent.round_trip_ms ?? 0, milliseconds(report.roundTripTime) ?? 0);
     }
   }
   return told;

@@ -222,6 +222,17 @@ class Peer {
   }
 }
 
+/**
+ * The sizes in which a camera's picture is sent, for those who do with less: each half the one before, down to
+ * 320 pixels or a little more. The server wants the largest first.
+ */
+function sizesOf(track) {
+  const {width = 0} = track.getSettings();
+  const sizes = ['large', 'medium', 'small'].map((rid, step) => ({rid, scaleResolutionDownBy: 2 ** step}))
+    .filter(({scaleResolutionDownBy: scale}) => width >= 320 * scale);
+  return sizes.length > 1 ? {sendEncodings: sizes} : {};
+}
+
 /** Browsers play one channel of a stereo stream unless the answer asks for both. */
 function wantStereo(answer, offer) {
   if (!/^a=fmtp:.*\bstereo=1/m.test(offer)) return answer;
@@ -306,7 +317,8 @@ export class RoomVisit extends EventTarget {
     const peer = this.#peer(this.#handle);
     this.publishing = peer.connection;
     for (const track of stream?.getTracks() ?? []) {
-      peer.connection.addTransceiver(track, {direction: 'sendonly', streams: [stream]});
+      const sizes = track.kind === 'video' ? sizesOf(track) : {};
+      peer.connection.addTransceiver(track, {direction: 'sendonly', streams: [stream], ...sizes});
     }
     this.#channel = peer.connection.createDataChannel('captions');
     this.#watch(peer, () => this.#tell('trouble', {text: 'Others can no longer see and hear you: the media connection failed.'}));

@@ -111,7 +111,7 @@ class Program:
         received = self.received[stream.id] = Received(stream, self.arguments)
         self.client.subscribe(
             stream,
-            settings=tavrin.SubscriberSettings(subscribe_to_captions=True),
+            settings=tavrin.SubscriberSettings(subscribe_to_captions=True, video_settings=self._wishes()),
             on_error_cb=lambda subscriber, message, code: tell("subscriber error", text=message, code=code),
             on_connected_cb=lambda subscriber: tell("subscribed", id=stream.id),
             on_disconnected_cb=lambda subscriber: tell("unsubscribed", id=stream.id),
@@ -119,6 +119,12 @@ class Program:
             on_render_frame_cb=received.on_frame,
             on_caption_text_cb=received.on_caption,
         )
+
+    def _wishes(self) -> tavrin.SubscriberVideoSettings | None:
+        if self.arguments.wish is None:
+            return None
+        width, height, rate = self.arguments.wish
+        return tavrin.SubscriberVideoSettings(tavrin.VideoResolution(width, height), rate)
 
     def join(self) -> bool:
         size = tavrin.VideoResolution(marks.WIDTH, marks.HEIGHT)
@@ -171,6 +177,7 @@ def main() -> None:
     parser.add_argument("--session", default="marks")
     parser.add_argument("--maker", type=int, required=True)
     parser.add_argument("--tones", type=int, nargs=2, required=True)
+    parser.add_argument("--wish", type=int, nargs=3, help="width, height and rate of pictures")
     parser.add_argument("--frames", type=int, default=60, help="that are enough")
     parser.add_argument("--loud", type=int, default=60, help="periods of sound that are enough")
     parser.add_argument("--captions", type=int, default=2)

@@ -49,6 +49,8 @@ def test_a_browser_and_a_program_hear_see_and_read_each_other(enter_network, tmp
     assert picture["lost"] <= 0.02 * picture["packets"] and sound["lost"] <= 0.02 * sound["packets"]
     assert sound["concealed"] < 0.2 * sound["samples"], sound
     sent = told["You, as sent"]
+    # Two sizes, so that those who want less get less.
+    assert (sent["picture"]["width"], sent["picture"]["sizes"]) == (640, 2), sent
     assert sent["picture"]["frames_encoded"] >= 60 and sent["sound"]["packets"] >= 100
 
     program.wait_for("stream dropped", id=typed["stream"])
