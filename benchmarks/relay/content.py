@@ -14,6 +14,8 @@ RATE, CHANNELS = 48000, 2
 BITS, CELL = 32, 16
 BURST_MS = 20
 LOUD = 12000
+# Seconds between joining and subscribing: what a library makes once in a process, as keys, is made by then.
+SETTLED = 1.0
 
 
 def now_ms() -> float:

@@ -98,6 +98,7 @@ async def main() -> None:
         print(json.dumps({"event": "ready"}), flush=True)
     else:
         feed = (await asyncio.wait_for(janus.publishers.get(), 20))["id"]
+        await asyncio.sleep(content.SETTLED)
         listener.started = content.now_ms()
         peer.on("track", lambda track: consuming.append(asyncio.ensure_future(consume(track, listener))))
         handle = await janus.attach()

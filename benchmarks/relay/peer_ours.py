@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import json
+import queue
 import threading
 import time
 from pathlib import Path
@@ -21,6 +22,7 @@ class Peer:
         self.listeners: list[content.Listener] = []
         self.all_flow = threading.Event()
         self.ready = threading.Event()
+        self.streams: queue.Queue[tavrin.Stream] = queue.Queue()
 
     def join(self) -> None:
         width, height = self.options.size
@@ -36,13 +38,13 @@ class Peer:
             self.options.token,
             session_settings=settings,
             on_error_cb=lambda session, text, code: print(f"session error {code}: {text}", flush=True),
-            on_stream_received_cb=self.subscribe if self.options.role == "sub" else None,
+            on_stream_received_cb=lambda session, stream: self.streams.put(stream),
             on_ready_for_audio_cb=lambda session: self.ready.set(),
         )
         if not joined or not self.ready.wait(20):
             raise SystemExit("joining failed")
 
-    def subscribe(self, session: tavrin.Session, stream: tavrin.Stream) -> None:
+    def subscribe(self, stream: tavrin.Stream) -> None:
         listener = content.Listener(content.now_ms())
         self.listeners.append(listener)
 
@@ -136,8 +138,12 @@ def main() -> None:
     feeder = threading.Thread(target=peer.publish, args=(stop,))
     if arguments.role == "pub":
         feeder.start()
-    elif not peer.all_flow.wait(60):
-        raise SystemExit("not all media came")
+    else:
+        time.sleep(content.SETTLED)
+        for _ in range(arguments.streams):
+            peer.subscribe(peer.streams.get(timeout=20))
+        if not peer.all_flow.wait(60):
+            raise SystemExit("not all media came")
     print(json.dumps(measure(peer, arguments)), flush=True)
     if arguments.role == "pub":
         time.sleep(arguments.tail)

@@ -23,13 +23,13 @@ constexpr const char* kSource =
 constexpr const char* kVp8Encoder =
     "vp8enc name=encoder deadline=1 cpu-used=-12 threads=1 end-usage=cbr buffer-size=600 "
     "buffer-initial-size=400 buffer-optimal-size=500 undershoot=95 static-threshold=100 "
-    "keyframe-max-dist=3000 min-force-key-unit-interval=250000000 ! "
+    "keyframe-max-dist=3000 min-force-key-unit-interval=100000000 ! "
     "rtpvp8pay pt=96 picture-id-mode=15-bit ! ";
 constexpr const char* kVp8Caps =
     "application/x-rtp,media=video,encoding-name=VP8,payload=96,clock-rate=90000";
 constexpr const char* kH264Encoder =
     "openh264enc name=encoder complexity=low rate-control=bitrate gop-size=3000 multi-thread=1 "
-    "min-force-key-unit-interval=250000000 ! video/x-h264,profile=constrained-baseline ! "
+    "min-force-key-unit-interval=100000000 ! video/x-h264,profile=constrained-baseline ! "
     "rtph264pay pt=97 config-interval=-1 aggregate-mode=zero-latency ! ";
 constexpr const char* kH264Caps =
     "application/x-rtp,media=video,encoding-name=H264,payload=97,clock-rate=90000,"
