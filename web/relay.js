@@ -40,13 +40,20 @@ export function splitToken(text) {
   return {realm, room, pin};
 }
 
-/** The name in what a participant shows to others: a plain text, or JSON with a program's stream and data. */
-export function nameOf(display, id) {
+/**
+ * What a participant shows to others: a plain name, or JSON with a program's stream and data. `owner` is set for
+ * a further stream of a program: it comes as a participant, but is nobody.
+ */
+export function readDisplay(display, id) {
+  let owner;
   try {
     const value = JSON.parse(display);
-    if (value && typeof value === 'object') display = value.stream || value.data || '';
+    if (value && typeof value === 'object') {
+      display = value.stream || value.data || '';
+      owner = value.owner;
+    }
   } catch { /* a plain name */ }
-  return (typeof display === 'string' && display.trim()) || `Guest ${String(id).slice(0, 4)}`;
+  return {name: (typeof display === 'string' && display.trim()) || `Guest ${String(id).slice(0, 4)}`, owner};
 }
 
 /** A text from a data channel as a caption: {text, final}. Plain text counts as final. */
@@ -241,10 +248,9 @@ function wantStereo(answer, offer) {
 }
 
 /**
- * A visit to a room. Events (CustomEvent, `detail` in brackets): participant {id, name} (again when the name
- * changes), gone {id},
- * media {id, stream}, unpublished {id}, caption {id, text, final}, returning {broken}, trouble {text},
- * ended {text}.
+ * A visit to a room. Events (CustomEvent, `detail` in brackets): participant {id, name, owner} (again when the
+ * name changes), gone {id}, media {id, stream}, unpublished {id}, caption {id, text, final}, returning {broken},
+ * trouble {text}, ended {text}.
  */
 export class RoomVisit extends EventTarget {
   #signalling;
@@ -362,10 +368,10 @@ export class RoomVisit extends EventTarget {
   }
 
   #meet(id, display) {
-    const name = nameOf(display, id); // which a program may settle only when it publishes
+    const {name, owner} = readDisplay(display, id); // a program may settle its name only when it publishes
     if (id === this.id || this.#known.get(id) === name) return;
     this.#known.set(id, name);
-    this.#tell('participant', {id, name});
+    this.#tell('participant', {id, name, owner});
   }
 
   #see(publishers = []) {

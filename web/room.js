@@ -5,7 +5,7 @@ import {FiguresPanel, Meter} from './figures.js';
 
 const $ = (id) => document.getElementById(id);
 const link = new URLSearchParams(location.hash.slice(1));
-const tiles = new Map(); // participant -> {element, meter, stream, clear}
+const tiles = new Map(); // participant -> {element, name, owner, meter, clear}
 const panel = new FiguresPanel($('figures'), $('figures-cards'));
 
 let visit = null;
@@ -109,10 +109,10 @@ function nameTile(tile, name) {
     name.split(/\s+/).slice(0, 2).map((word) => [...word][0] ?? '').join('').toUpperCase();
 }
 
-function makeTile(id, name) {
+function makeTile(id, name, owner) {
   const element = $('tile').content.firstElementChild.cloneNode(true);
   element.dataset.id = id;
-  const tile = {element, name, meter: null, clear: 0};
+  const tile = {element, name, owner, meter: null, clear: 0};
   nameTile(tile, name);
   tiles.set(id, tile);
   $('alone').before(element);
@@ -144,7 +144,7 @@ function dropTile(id) {
 }
 
 function countPresence() {
-  const others = [...tiles.keys()].filter((id) => id !== OWN).length;
+  const others = [...tiles].filter(([id, {owner}]) => id !== OWN && !owner).length;
   $('presence').textContent = !visit ? '' : others === 0 ? 'You are alone' : others === 1 ? '1 other is here' : `${others} others are here`;
   $('alone').hidden = others > 0;
 }
@@ -181,16 +181,16 @@ function serverUrl() {
 
 function listen(to) {
   const on = (type, act) => to.addEventListener(type, ({detail}) => { if (visit === to) act(detail); });
-  on('participant', ({id, name}) => {
+  on('participant', ({id, name, owner}) => {
     if (tiles.has(id)) {
       nameTile(tiles.get(id), name);
       return;
     }
-    makeTile(id, name).element.querySelector('.state').textContent = 'listening';
-    say(`${name} is here.`);
+    makeTile(id, name, owner).element.querySelector('.state').textContent = 'listening';
+    if (!owner) say(`${name} is here.`);
   });
   on('gone', ({id}) => {
-    say(`${tiles.get(id)?.name ?? 'Somebody'} left.`);
+    if (!tiles.get(id)?.owner) say(`${tiles.get(id)?.name ?? 'Somebody'} left.`);
     dropTile(id);
   });
   on('media', ({id, stream}) => setMedia(id, stream));

@@ -69,9 +69,13 @@ class Visitor:
         raise TimeoutError(f"the keyboard does not get to {name}")
 
     def enter(self, link: str, name: str) -> None:
-        self.browser.get("about:blank")  # a link that differs in its fragment alone loads nothing
-        self.browser.get(link)
-        field = self.browser.find_element(By.ID, "name")
+        def load() -> Any:
+            self.browser.get("about:blank")  # a link that differs in its fragment alone loads nothing
+            self.browser.get(link)
+            return self.browser.find_elements(By.ID, "name")
+
+        # The browser gives a page up when an interface of the network comes up meanwhile.
+        [field] = self.until("the page", load)
         field.clear()
         field.send_keys(name, Keys.ENTER)
 
