@@ -18,10 +18,11 @@ from types import SimpleNamespace
 import pytest
 
 sys.path[:0] = [str(Path(__file__).parent)]
+import programs  # noqa: E402
 import scripted  # noqa: E402
 from scripted import DEADLINE, PRELUDE, until  # noqa: E402
 
-sys.path[:0] = scripted.PYTHON_PATH
+sys.path[:0] = programs.PYTHON_PATH
 
 Line = namedtuple("Line", "level thread logger text")
 Event = namedtuple("Event", "name args thread")
@@ -237,7 +238,7 @@ def run():
         variables = {key: value for key, value in os.environ.items() if key != "API_HOSTNAME"}
         variables |= {
             "LD_LIBRARY_PATH": str(scripted.SUPPORT),
-            "PYTHONPATH": os.pathsep.join([*map(str, path), *scripted.PYTHON_PATH]),
+            "PYTHONPATH": os.pathsep.join([*map(str, path), *programs.PYTHON_PATH]),
             "PYTHONFAULTHANDLER": "1",
             **environment,
         }

@@ -7,15 +7,12 @@ loads the library; a module loaded afterwards that asks for `libsarnet.so` gets 
 from __future__ import annotations
 
 import ctypes
-import os
 import re
 import time
-from pathlib import Path
 
-ROOT = Path(__file__).resolve().parents[2]
-BUILD = Path(os.environ.get("TAVRIN_BUILD") or ROOT / "build" / os.environ.get("TAVRIN_PRESET", "release"))
+from programs import BUILD, ROOT
+
 SUPPORT = BUILD / "tests" / "support"
-PYTHON_PATH = [str(BUILD / "python"), str(ROOT / "python"), str(Path(__file__).parent)]
 
 _TYPES = {
     "void": None,

@@ -3,45 +3,36 @@
 from __future__ import annotations
 
 import asyncio
-import os
 import random
 import signal
 import subprocess
 import sys
 from pathlib import Path
 
+import aio_cases
 import numpy as np
 import pytest
+from programs import BUILD, COMPLAINTS, environment
 
-HERE = Path(__file__).resolve().parent
-ROOT = HERE.parents[1]
-BUILD = Path(os.environ.get("TAVRIN_BUILD") or ROOT / "build" / os.environ.get("TAVRIN_PRESET", "release"))
-sys.path[:0] = [str(HERE), str(BUILD / "python"), str(ROOT / "python")]
-
-import aio_cases  # noqa: E402
-from tavrin_media_relay import frame_buffer_size  # noqa: E402
-from tavrin_media_relay.aio import AudioFrame  # noqa: E402
-from tavrin_media_relay.aio._pictures import convert, convert_aside  # noqa: E402
-from tavrin_media_relay.aio._resample import Converter  # noqa: E402
-
-#: On standard error these tell of something that was left behind.
-COMPLAINTS = ("Traceback", "was destroyed", "never awaited", "never retrieved", "Exception in", "ResourceWarning")
+from tavrin_media_relay import frame_buffer_size
+from tavrin_media_relay.aio import AudioFrame
+from tavrin_media_relay.aio._pictures import convert, convert_aside
+from tavrin_media_relay.aio._resample import Converter
 
 
-def start(case: str, folder: Path, **environment: str) -> subprocess.Popen[str]:
-    variables = {key: value for key, value in os.environ.items() if key not in ("LD_LIBRARY_PATH", "API_HOSTNAME")}
-    variables["PYTHONPATH"] = os.pathsep.join([str(BUILD / "python"), str(ROOT / "python")])
-    variables |= environment
+def start(case: str, folder: Path, **variables: object) -> subprocess.Popen[str]:
     return subprocess.Popen(
         [sys.executable, "-X", "dev", "-W", "ignore::DeprecationWarning", aio_cases.__file__, case],
-        env=variables, cwd=folder, text=True, errors="replace", stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        env=environment(**variables), cwd=folder, text=True, errors="replace",
+        stdout=subprocess.PIPE, stderr=subprocess.PIPE,
         preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL),  # ignored where tests run in the background
     )  # fmt: skip
 
 
 @pytest.mark.parametrize("case", [*(case.__name__ for case in aio_cases.CASES), "lost_outcomes"])
 def test_case(case, tmp_path):
-    program = start(case, tmp_path, **({"LD_LIBRARY_PATH": str(BUILD / "tests" / "support")} if case == "lost_outcomes" else {}))
+    scripted = {"LD_LIBRARY_PATH": BUILD / "tests" / "support"} if case == "lost_outcomes" else {}
+    program = start(case, tmp_path, **scripted)
     try:
         out, err = program.communicate(timeout=60)
     finally:

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import json
-import os
 import re
 import resource
 import shutil
@@ -16,20 +15,14 @@ from pathlib import Path
 
 import numpy as np
 import pytest
-
-ROOT = Path(__file__).resolve().parents[2]
-BUILD = Path(os.environ.get("TAVRIN_BUILD") or ROOT / "build" / os.environ.get("TAVRIN_PRESET", "release"))
-COMPLAINTS = ("Traceback", "was destroyed", "never awaited", "never retrieved", "Exception ignored", "ResourceWarning")
+from programs import BUILD, COMPLAINTS, environment
 
 
-def start(*arguments: object, python: tuple[str, ...] = ("-X", "dev"), **environment: object) -> subprocess.Popen[str]:
-    dropped = ("LD_LIBRARY_PATH", "API_HOSTNAME", "SESSION_ID", "TOKEN", "SARNET_RELAY_TOKEN_SECRET")
-    variables = {key: value for key, value in os.environ.items() if key not in dropped}
-    variables["PYTHONPATH"] = os.pathsep.join([str(BUILD / "python"), str(ROOT / "python")])
-    variables |= {key: str(value) for key, value in environment.items()}
+
+def start(*arguments: object, python: tuple[str, ...] = ("-X", "dev"), **variables: object) -> subprocess.Popen[str]:
     return subprocess.Popen(
         [sys.executable, *python, "-m", "tavrin_media_relay", *map(str, arguments)],
-        env=variables, text=True, errors="replace", stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        env=environment(**variables), text=True, errors="replace", stdout=subprocess.PIPE, stderr=subprocess.PIPE,
     )  # fmt: skip
 
 
@@ -43,14 +36,14 @@ def end(program: subprocess.Popen[str], code: int) -> tuple[str, str]:
     return out, err
 
 
-def run(*arguments: object, code: int = 0, **environment: object) -> str:
-    out, err = end(start(*arguments, **environment), code)
+def run(*arguments: object, code: int = 0, **variables: object) -> str:
+    out, err = end(start(*arguments, **variables), code)
     return out + err if code else out
 
 
-def told(*arguments: object, code: int = 0, **environment: object) -> dict[str, dict]:
+def told(*arguments: object, code: int = 0, **variables: object) -> dict[str, dict]:
     """The last of each kind of what was told in JSON, which is all that standard output may hold."""
-    out, _ = end(start(*arguments, "--json", **environment), code)
+    out, _ = end(start(*arguments, "--json", **variables), code)
     return {each.get("event"): each for each in map(json.loads, out.splitlines())}
 
 

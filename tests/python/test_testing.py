@@ -6,10 +6,8 @@ import os
 import re
 import subprocess
 import sys
-from pathlib import Path
 
-ROOT = Path(__file__).resolve().parents[2]
-BUILD = Path(os.environ.get("TAVRIN_BUILD") or ROOT / "build" / os.environ.get("TAVRIN_PRESET", "release"))
+from programs import ROOT, environment
 
 REHEARSALS = r'''
 import asyncio, json, os, sys, time, wave
@@ -186,14 +184,11 @@ def test_fails_and_shows_why(rehearsal):
 '''
 
 
-def pytest_of(*arguments: object, **environment: object) -> subprocess.CompletedProcess[str]:
-    variables = {key: value for key, value in os.environ.items() if key not in ("LD_LIBRARY_PATH", "API_HOSTNAME")}
-    variables["PYTHONPATH"] = os.pathsep.join([str(BUILD / "python"), str(ROOT / "python")])
-    variables |= {key: str(value) for key, value in environment.items()}
+def pytest_of(*arguments: object, **variables: object) -> subprocess.CompletedProcess[str]:
     options = ["-p", "tavrin_media_relay.testing.plugin", "-p", "no:cacheprovider", "-q", "-W", "error"]
     return subprocess.run(
         [sys.executable, "-X", "dev", "-m", "pytest", *options, *map(str, arguments)],
-        env=variables, cwd=ROOT, capture_output=True, text=True, errors="replace", timeout=120,
+        env=environment(**variables), cwd=ROOT, capture_output=True, text=True, errors="replace", timeout=120,
     )  # fmt: skip
 
 
@@ -216,6 +211,6 @@ def test_rehearsals(tmp_path):
 def test_the_plug_in_asks_for_nothing_until_it_is_used():
     """It is loaded by every pytest of an environment."""
     code = "import sys, tavrin_media_relay.testing.plugin; print(*sys.modules)"
-    environment = {"PYTHONPATH": str(ROOT / "python"), "PATH": os.defpath}
-    done = subprocess.run([sys.executable, "-c", code], env=environment, capture_output=True, text=True, check=True)
+    bare = {"PYTHONPATH": str(ROOT / "python"), "PATH": os.defpath}
+    done = subprocess.run([sys.executable, "-c", code], env=bare, capture_output=True, text=True, check=True)
     assert not {"numpy", "_tavrin_video", "asyncio"} & set(done.stdout.split())
