@@ -91,8 +91,8 @@ SRN_API srn_status srn_statistics_get(struct srn_statistics* statistics);
 SRN_API srn_status srn_statistics_get_subscriber(const srn_subscriber* subscriber,
                                                  struct srn_subscriber_statistics* statistics);
 
-/* Writes the figures of the library and of each living subscriber as one JSON object, zero-terminated,
- * into the caller's buffer, and returns the length that the whole text has without the zero. As with
+/* Writes the figures of the library and of each living subscriber, with the id of its stream, as one
+ * JSON object, zero-terminated, into the caller's buffer, and returns the length that the whole text has without the zero. As with
  * snprintf, a result of `capacity` or more means that the text was cut; `buffer` may then be null. */
 SRN_API size_t srn_statistics_json(char* buffer, size_t capacity);
 

@@ -1,3 +1,4 @@
+#include <json/writer.h>
 #include <sarnet/sarnet_statistics.h>
 
 #include <algorithm>
@@ -79,6 +80,10 @@ class JsonObject {
     key(name);
     text_ += std::to_string(value);
   }
+  void add_text(const char* name, const std::string& value) {
+    key(name);
+    text_ += Json::valueToQuotedString(value.c_str());
+  }
   std::string& text() { return text_; }
 
  private:
@@ -144,6 +149,7 @@ std::string to_json() {
   for (const auto& subscriber : Library::instance().subscribers.all()) {
     json.key(subscriber->id().c_str());
     json.begin();
+    json.add_text("stream", subscriber->stream().id);
     add_delivery(collect(*subscriber));
     json.end();
   }

@@ -53,7 +53,9 @@ TEST(Delivery, ASlowCallbackLosesTheOldestAndDelaysNobody) {
 
   std::string json(srn_statistics_json(nullptr, 0), '\0');
   json.resize(std::min(srn_statistics_json(json.data(), json.size() + 1), json.size()));
-  EXPECT_THAT(json, HasSubstr(srn_subscriber_get_subscriber_id(slow.handle)));
+  EXPECT_THAT(
+      json, HasSubstr(srn_subscriber_get_subscriber_id(slow.handle) +
+                      std::string("\":{\"stream\":\"") + srn_stream_get_id(stream->get()) + "\","));
 }
 
 TEST(Delivery, HonoursTheWishesOfASubscriber) {

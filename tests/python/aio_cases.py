@@ -409,9 +409,11 @@ async def statistics() -> None:
         stream = await session.wait_for_stream()
         async with session.subscribe(stream) as subscriber:
             async for _ in subscriber.audio_frames():
-                figures = session.statistics().streams[stream.id].audio
+                told = session.statistics()
+                figures = told.streams[stream.id].audio
                 if figures.delivered >= 20:
                     break
+    assert [each["stream"] for each in told.library["subscribers"].values()] == [stream.id] and figures.lost == 0
     taken = figures.delivered + figures.dropped + figures.waiting
     assert abs(figures.escaped_views - taken) <= 2 and figures.received >= 20, figures  # counted while more came
     assert session.statistics().mix.escaped_views == 0  # nobody listens to the mix

@@ -24,6 +24,8 @@ class Received:
     """Taken from the iterators, all of them together."""
     dropped: int = 0
     """Given up by the iterators, for slow consumers."""
+    lost: int = 0
+    """Given up by the library, because the module did not take them in time."""
     waiting: int = 0
     """In the queues of the iterators now, all of them together."""
     escaped_views: int = 0
@@ -65,13 +67,14 @@ class Statistics:
     video_written_ms: float
 
 
-def _received(fan: Fan[Any], views: bool = True) -> Received:
+def _received(fan: Fan[Any], lost: int = 0, views: bool = True) -> Received:
     totals = fan.totals
     delays, spent = totals.delays, totals.spent
     return Received(
         totals.received,
         totals.delivered,
         totals.dropped,
+        lost,
         fan.waiting,
         totals.kept if views else 0,
         delays.quantile(0.5),
@@ -102,11 +105,18 @@ def library_statistics() -> Optional[dict[str, Any]]:
 
 
 def of_session(core: Core) -> Statistics:
-    streams = {
-        stream_id: StreamFigures(
-            _received(each.audio_fan), _received(each.video_fan), _received(each.caption_fan, views=False)
+    library = library_statistics()
+    deliveries = {each["stream"]: each for each in (library or {}).get("subscribers", {}).values()}
+    streams = {}
+    for stream_id, each in core.subscribers.items():
+        known = deliveries.get(stream_id, {})
+        audio, video, captions = (
+            known.get(f"{kind}_dropped", 0) for kind in ("audio_blocks", "pictures", "captions")
         )
-        for stream_id, each in core.subscribers.items()
-    }
+        streams[stream_id] = StreamFigures(
+            _received(each.audio_fan, audio),
+            _received(each.video_fan, video),
+            _received(each.caption_fan, captions, views=False),
+        )
     written = core.publisher.written_ms if core.publisher is not None else (0.0, 0.0)
-    return Statistics(library_statistics(), _received(core.mix), streams, written[0], written[1])
+    return Statistics(library, _received(core.mix), streams, written[0], written[1])
