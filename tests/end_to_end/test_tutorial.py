@@ -11,7 +11,6 @@ from pathlib import Path
 import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
-BUILD = Path(os.environ.get("TAVRIN_BUILD") or ROOT / "build" / os.environ.get("TAVRIN_PRESET", "release"))
 
 #: "Save as `FILE`:" and the like, in front of what is to be written there; and what is typed into the terminal.
 STEP = re.compile(
@@ -30,8 +29,7 @@ def write(verb: str, path: Path, text: str) -> None:
 
 
 def run(command: str, folder: Path) -> str:
-    variables = {key: value for key, value in os.environ.items() if key not in ("LD_LIBRARY_PATH", "API_HOSTNAME")}
-    variables["PYTHONPATH"] = os.pathsep.join([str(BUILD / "python"), str(ROOT / "python")])
+    variables = {key: value for key, value in os.environ.items() if key not in ("API_HOSTNAME", "SESSION_ID", "TOKEN")}
     command = command.replace("../dev python", sys.executable)
     done = subprocess.run(command, shell=True, cwd=folder, env=variables, capture_output=True, text=True, timeout=60)
     return done.stdout + done.stderr
