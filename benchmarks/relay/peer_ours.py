@@ -7,12 +7,15 @@ import json
 import queue
 import threading
 import time
+from datetime import timedelta
 from pathlib import Path
 
 import content
 import numpy as np
 
 import tavrin_media_relay as tavrin
+
+MOST_WAITING = timedelta(milliseconds=40)
 
 
 class Peer:
@@ -80,16 +83,23 @@ class Peer:
                 self.client.clear_media_buffers()  # what was fed before anyone took it would be late for ever
             next_picture, next_piece = begin + number / self.options.fps, begin + piece / 100
             time.sleep(max(0.0, min(next_picture, next_piece) - time.monotonic()))
+            waiting = self.client.get_media_buffer_stats()
+            assert waiting
+            # What gathered while the processor was busy elsewhere would make all that follows late: it is left out.
             if next_piece <= next_picture:
+                piece += 1
                 samples, is_burst = next(pieces)
+                if waiting.audio and waiting.audio.duration > MOST_WAITING:
+                    continue
                 if is_burst:
                     bursts.sent()
                 self.client.add_audio(tavrin.AudioData(content.RATE, content.CHANNELS, len(samples) // 4, samples))
-                piece += 1
             else:
+                number += 1
+                if waiting.video and waiting.video.duration > MOST_WAITING:
+                    continue
                 resolution = tavrin.VideoResolution(width, height)
                 self.client.add_video(tavrin.VideoFrame(resolution, "YUV420P", pictures.make(number)))
-                number += 1
 
 
 def measure(peer: Peer, options: argparse.Namespace) -> dict[str, object]:
