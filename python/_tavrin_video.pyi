@@ -81,7 +81,7 @@ class TavrinVideoClient:
 
         An `application_id` with a hyphen is an Application ID, one without is an API key; each kind has its
         own endpoint. The environment variable API_HOSTNAME, read at each call, names another host (no
-        "https://" in front).
+        `https://` in front).
 
         Gives True when the attempt has been started: its outcome comes as `on_connected_cb` or
         `on_error_cb`. Gives False, with a line in the log, when it could not be started, and when a session
