@@ -9,9 +9,9 @@ IceServer parse_ice_server(std::string_view text) {
     std::string_view name;
     IceServer::Kind kind;
   };
-  static constexpr std::array<Scheme, 3> kSchemes{{{"stun", IceServer::Kind::kStun},
-                                                   {"turn", IceServer::Kind::kTurn},
-                                                   {"turns", IceServer::Kind::kTurn}}};
+  // The media stack would take "turns" too, and go to it in the clear.
+  static constexpr std::array<Scheme, 2> kSchemes{
+      {{"stun", IceServer::Kind::kStun}, {"turn", IceServer::Kind::kTurn}}};
   const std::size_t colon = text.find(':');
   if (colon == std::string_view::npos) {
     return {};

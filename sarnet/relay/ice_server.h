@@ -12,7 +12,7 @@ struct IceServer {
   std::string uri;
 };
 
-// Reads "stun:host[:port]" and "turn:user:password@host[:port][?transport=tcp]", "turns:" likewise.
+// Reads "stun:host[:port]" and "turn:user:password@host[:port][?transport=tcp]".
 // A user name may hold a colon when it is written %3A.
 IceServer parse_ice_server(std::string_view text);
 

@@ -25,8 +25,7 @@ struct PeerSettings {
   bool loopback = false;
   // How long received packets may wait for those that overtook them, in milliseconds.
   unsigned jitter_ms = 200;
-  // "stun:host:port" and "turn:user:password@host:port", the latter also with "?transport=tcp", or
-  // "turns:" for TURN over TLS.
+  // "stun:host:port" and "turn:user:password@host:port", the latter also with "?transport=tcp".
   std::vector<std::string> ice_servers;
 };
 

@@ -118,10 +118,13 @@ class Network:
         if user:
             self._enter += ["--user", "--preserve-credentials"]
 
-    def start(self, *command: object, **environment: str) -> Process:
-        process = Process([*self._enter, sys.executable, *map(str, command)], **environment)
+    def run(self, *command: object, **environment: str) -> Process:
+        process = Process([*self._enter, *map(str, command)], **environment)
         self._processes.append(process)
         return process
+
+    def start(self, *command: object, **environment: str) -> Process:
+        return self.run(sys.executable, *command, **environment)
 
     @contextlib.contextmanager
     def broken(self, packets: str = "") -> Iterator[None]:

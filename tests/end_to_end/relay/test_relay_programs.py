@@ -5,6 +5,7 @@ from __future__ import annotations
 import json
 import os
 import re
+import shutil
 import signal
 import time
 
@@ -110,6 +111,25 @@ def test_a_break_of_the_network(server, packets, seconds):
         numbers = received["numbers"]
         assert max(b - a for a, b in zip(numbers, numbers[1:])) <= (seconds + 1.5) * marks.FPS, numbers
         assert numbers[-1] >= begin + (seconds + 3) * marks.FPS, numbers
+
+
+@pytest.mark.skipif(shutil.which("turnserver") is None, reason="Debian's package coturn is not installed")
+@pytest.mark.parametrize(("query", "ports"), [("", ""), ("?transport=tcp", "3478, ")], ids=["UDP", "TCP"])
+def test_media_go_through_a_turn_server(server, tmp_path, query, ports):
+    [advised] = re.findall("(# /etc/turnserver.conf.*?)```", (ROOT / "docs/deployment.md").read_text(), re.S)
+    config = tmp_path / "turnserver.conf"
+    config.write_text(
+        advised.replace("203.0.113.10", ADDRESS) + f"listening-ip={ADDRESS}\nrelay-ip={ADDRESS}\n"
+        f"min-port=61000\nmax-port=61999\nlog-file=stdout\nno-cli\npidfile={tmp_path}/pid\nuserdb={tmp_path}/db\n"
+    )
+    turn = server.network.run("turnserver", "-c", config)
+    turn.wait_for_line(lambda line: "Total General servers" in line)
+    variables = {"SARNET_RELAY_ICE_SERVERS": f"turn:relay:PASSWORD@{ADDRESS}:3478{query}"}
+    # No way to the server's media but from the ports that the TURN server lends.
+    with server.network.broken(f"udp dport {{ {ports}20000-20999 }} udp sport != 61000-61999"):
+        programs = [server.program(maker, **variables) for maker in (1, 2)]
+        for program in programs:
+            program.wait_for("enough")
 
 
 def test_whoever_may_not_or_cannot_join_is_told_why(server):
