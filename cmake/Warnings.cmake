@@ -1,8 +1,9 @@
 # One set of warnings for all of the project's own targets.
 add_library(tavrin_warnings INTERFACE)
 target_compile_options(tavrin_warnings INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Wnon-virtual-dtor
-  -Wold-style-cast -Woverloaded-virtual -Wnull-dereference -Wimplicit-fallthrough)
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Wnull-dereference
+  -Wimplicit-fallthrough
+  "$<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor;-Wold-style-cast;-Woverloaded-virtual>")
 # Not in a user's build, whose compiler may know warnings that ours does not.
 if(TAVRIN_WARNINGS_ARE_ERRORS)
   target_compile_options(tavrin_warnings INTERFACE -Werror)
