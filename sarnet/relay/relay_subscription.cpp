@@ -2,21 +2,20 @@
 
 #include <sarnet/sarnet.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace sarnet::relay {
 namespace {
 
-// Layers of a stream that is published in several: by custom the smallest is a quarter of the
-// largest, 320 pixels wide or less, and each rate is twice the one below it.
-int layer_for_size(const MediaWishes& wishes) {
-  if (wishes.max_width == 0) return 2;
-  return wishes.max_width <= 320 ? 0 : wishes.max_width <= 640 ? 1 : 2;
-}
-
-int layer_for_rate(const MediaWishes& wishes) {
-  if (wishes.max_framerate <= 0) return 2;
-  return wishes.max_framerate <= 8 ? 0 : wishes.max_framerate <= 15 ? 1 : 2;
+// Each size is twice the one below it, and so is each rate; the smallest is by custom 320 wide.
+int expected_width(int layer, const LayerWidths& widths) {
+  const auto of = [&](int each) { return widths.at(static_cast<std::size_t>(each)); };
+  for (const int known : {layer, layer - 1, layer + 1, layer - 2, layer + 2}) {
+    if (known < 0 || known > 2 || of(known) == 0) continue;
+    return known <= layer ? of(known) << (layer - known) : of(known) >> (known - layer);
+  }
+  return 320 << layer;
 }
 
 // Has the server begin the DTLS handshake. When we begin it, our first packet often comes before
@@ -32,21 +31,29 @@ std::string with_active_server(std::string sdp) {
 
 }  // namespace
 
-json wishes_request(const std::vector<FeedMedium>& media, const MediaWishes& wishes,
-                    const MediaWishes& before) {
+StreamWishes stream_wishes(const MediaWishes& wishes, const LayerWidths& widths) {
+  StreamWishes stream{wishes.audio, wishes.video};
+  const auto suffices = [&](int layer) {
+    return expected_width(layer, widths) >= wishes.max_width;
+  };
+  if (wishes.max_width > 0) stream.size_layer = suffices(0) ? 0 : suffices(1) ? 1 : 2;
+  if (wishes.max_framerate > 0) {
+    stream.rate_layer = wishes.max_framerate <= 8 ? 0 : wishes.max_framerate <= 15 ? 1 : 2;
+  }
+  return stream;
+}
+
+json wishes_request(const std::vector<FeedMedium>& media, const StreamWishes& now,
+                    const StreamWishes& before) {
   json streams = json::array();
   for (const FeedMedium& medium : media) {
     json stream = json::object();
     const bool is_video = medium.type == "video";
-    if (medium.type == "audio" && wishes.audio != before.audio) stream["send"] = wishes.audio;
-    if (is_video && wishes.video != before.video) stream["send"] = wishes.video;
+    if (medium.type == "audio" && now.audio != before.audio) stream["send"] = now.audio;
+    if (is_video && now.video != before.video) stream["send"] = now.video;
     if (is_video && medium.simulcast) {
-      if (layer_for_size(wishes) != layer_for_size(before)) {
-        stream["substream"] = layer_for_size(wishes);
-      }
-      if (layer_for_rate(wishes) != layer_for_rate(before)) {
-        stream["temporal"] = layer_for_rate(wishes);
-      }
+      if (now.size_layer != before.size_layer) stream["substream"] = now.size_layer;
+      if (now.rate_layer != before.rate_layer) stream["temporal"] = now.rate_layer;
     }
     if (stream.empty()) continue;
     stream["mid"] = medium.mid;
@@ -87,6 +94,11 @@ void RelaySubscription::take_offer(const json& data, const std::string& sdp) {
   }
   std::string error = "the server made no offer";
   if (!peer_ && !sdp.empty()) {
+    gate_->on_width([this, weak = weak_from_this(), loop = access_.loop](int width) {
+      loop->post([this, weak, width] {
+        if (const auto self = weak.lock()) saw_width(width);
+      });
+    });
     peer_ = ReceivingPeer::create(access_.peer_settings(), gate_, *this, error);
   }
   if (!peer_) {
@@ -117,13 +129,21 @@ void RelaySubscription::prefer(const MediaWishes& wishes) {
 
 void RelaySubscription::send_wishes() {
   if (!started_ || stopped()) return;
-  json body = wishes_request(media_, wishes_, sent_wishes_);
-  sent_wishes_ = wishes_;
+  const StreamWishes now = stream_wishes(wishes_, widths_);
+  json body = wishes_request(media_, now, std::exchange(sent_wishes_, now));
   if (!body.empty()) access_.client.message(handle(), std::move(body), "", "", nullptr);
+}
+
+void RelaySubscription::saw_width(int width) {
+  widths_.at(layer_) = width;
+  send_wishes();
 }
 
 void RelaySubscription::notice(const json& message) {
   RelayStream::notice(message);
+  if (const json& layer = member(plugin_data(message), "substream"); layer.is_number_unsigned()) {
+    layer_ = std::min(layer.get<std::size_t>(), widths_.size() - 1);
+  }
   const std::string sdp = sdp_of(message);
   if (peer_ && !sdp.empty() && text_of(message, "janus") == "event") {
     take_offer(plugin_data(message), sdp);

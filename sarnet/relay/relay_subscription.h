@@ -1,6 +1,8 @@
 #pragma once
 
+#include <array>
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,10 +32,14 @@ class SubscriptionGate : public MediaSink {
   SubscriptionSink* sink() const { return closed_ || *left_ ? nullptr : sink_.get(); }
   bool leads_to(const SubscriptionSink* sink) const { return sink_.get() == sink; }
 
+  // Called on the streaming thread with each new width of the pictures. Before any comes.
+  void on_width(std::function<void(int)> taker) { width_taker_ = std::move(taker); }
+
   void on_audio(const AudioFormat& format, std::span<const std::int16_t> samples) override {
     if (auto* to = sink()) to->on_audio(format, samples);
   }
   void on_picture(const PictureRef& picture) override {
+    if (std::exchange(width_, picture->width()) != picture->width()) width_taker_(width_);
     if (auto* to = sink()) to->on_picture(picture);
   }
   void on_caption(std::string_view text, bool is_final) override {
@@ -44,6 +50,8 @@ class SubscriptionGate : public MediaSink {
   const std::shared_ptr<SubscriptionSink> sink_;
   const std::shared_ptr<const std::atomic<bool>> left_;
   std::atomic<bool> closed_{false};
+  std::function<void(int)> width_taker_ = [](int) {};
+  int width_ = 0;
 };
 
 // One medium of a subscribed stream, as the server lists it.
@@ -52,6 +60,23 @@ struct FeedMedium {
   std::string type;  // "audio", "video" or "data"
   bool simulcast = false;
 };
+
+// Of a stream that is published in several sizes, each with several rates: the widths that were
+// seen so far, the smallest layer first, 0 where none was.
+using LayerWidths = std::array<int, 3>;
+
+// What the server is asked for; of layers the largest unless something else is wished.
+struct StreamWishes {
+  bool audio = true;
+  bool video = true;
+  int size_layer = 2;
+  int rate_layer = 2;
+};
+// The smallest layer that is no smaller than what is wished.
+StreamWishes stream_wishes(const MediaWishes& wishes, const LayerWidths& widths);
+// Of these media; empty when nothing changes.
+json wishes_request(const std::vector<FeedMedium>& media, const StreamWishes& now,
+                    const StreamWishes& before);
 
 // One stream that the session receives, over a handle of its own.
 class RelaySubscription final : public RelayStream {
@@ -77,6 +102,7 @@ class RelaySubscription final : public RelayStream {
   // Takes the server's list of what it sends, and its offer.
   void take_offer(const json& data, const std::string& sdp);
   void send_wishes();
+  void saw_width(int width);
   void connected() override;
   void tell(const Failure& failure) override;
   void add_remote_candidate(unsigned mline, const std::string& candidate) override;
@@ -86,12 +112,10 @@ class RelaySubscription final : public RelayStream {
   std::shared_ptr<ReceivingPeer> peer_;
   std::vector<FeedMedium> media_;
   MediaWishes wishes_;
-  MediaWishes sent_wishes_;
+  StreamWishes sent_wishes_;
+  LayerWidths widths_{};
+  std::size_t layer_ = 0;  // that comes now, of a stream that has several
   bool started_ = false;
 };
-
-// What the server is asked to send of these media; empty when it is what it sends unasked.
-json wishes_request(const std::vector<FeedMedium>& media, const MediaWishes& wishes,
-                    const MediaWishes& before);
 
 }  // namespace sarnet::relay

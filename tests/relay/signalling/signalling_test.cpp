@@ -118,11 +118,29 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(Requests, SayNoMoreThanWhatChanged) {
   const std::vector<FeedMedium> plain{{"0", "audio", false}, {"1", "video", false}};
   const std::vector<FeedMedium> layered{{"0", "video", true}};
-  EXPECT_THAT(wishes_request(plain, {.max_width = 100, .max_framerate = 5}, {}), IsEmpty());
-  EXPECT_EQ(wishes_request(plain, {.audio = false}, {}).dump(),
+  const auto request = [](const auto& media, const MediaWishes& wishes) {
+    return wishes_request(media, stream_wishes(wishes, {}), {});
+  };
+  EXPECT_THAT(request(plain, {.max_width = 100, .max_framerate = 5}), IsEmpty());
+  EXPECT_EQ(request(plain, {.audio = false}).dump(),
             R"({"request":"configure","streams":[{"mid":"0","send":false}]})");
-  EXPECT_EQ(wishes_request(layered, {.max_width = 640, .max_framerate = 5}, {})["streams"].dump(),
+  EXPECT_EQ(request(layered, {.max_width = 640, .max_framerate = 5})["streams"].dump(),
             R"([{"mid":"0","substream":1,"temporal":0}])");
+}
+
+TEST(Requests, AskForTheSmallestLayerThatIsNotTooSmall) {
+  struct Row {
+    int wish;
+    LayerWidths seen;
+    int layer;
+  };
+  for (const Row& row :
+       {Row{320, {}, 0}, Row{641, {}, 2}, Row{0, {160}, 2}, Row{320, {160}, 1},
+        Row{320, {0, 0, 640}, 1}, Row{160, {0, 0, 640}, 0}, Row{200, {160, 640}, 1},
+        Row{900, {0, 640}, 2}, Row{5000, {320, 640, 1280}, 2}}) {
+    SCOPED_TRACE(testing::PrintToString(row.seen) + std::to_string(row.wish));
+    EXPECT_EQ(stream_wishes({.max_width = row.wish}, row.seen).size_layer, row.layer);
+  }
 }
 
 TEST(Requests, TakeTheProgramsTokenApart) {
