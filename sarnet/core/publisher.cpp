@@ -1,5 +1,6 @@
 #include "core/publisher.h"
 
+#include <system_error>
 #include <utility>
 
 #include "core/library.h"
@@ -166,7 +167,7 @@ void Publication::begin_on_strand() {
     return;
   }
   bool ended = false;
-  {
+  try {
     const std::lock_guard lock(mutex_);
     ended = ended_;
     if (!ended) {
@@ -177,6 +178,10 @@ void Publication::begin_on_strand() {
       }
       if (request.has_video) publisher_->video_->connect(stream, request.video_fps);
     }
+  } catch (const std::system_error& e) {
+    failed(SRN_PUBLISHER_UNABLE_TO_PUBLISH,
+           std::string("The captured audio cannot be carried: ") + e.what());
+    return;
   }
   if (ended) {
     engine_->unpublish(stream);
