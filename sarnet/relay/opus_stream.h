@@ -48,7 +48,7 @@ class OpusStream {
   bool begun_ = false;
   std::uint16_t next_number_ = 0;
   std::uint32_t next_place_ = 0;
-  std::array<std::int16_t, 2 * kLongestPacket> samples_{};
+  std::array<std::int16_t, std::size_t{2} * kLongestPacket> samples_{};
 };
 
 }  // namespace sarnet::relay
