@@ -40,7 +40,7 @@ void OpusStream::take(std::uint16_t number, std::uint32_t place,
   if (frames <= 0 || frames > kLongestPacket || late || !prepare(packet)) {
     return;
   }
-  if (begun_ && ahead > 0) {
+  if (begun_ && ahead >= 0) {
     conceal(static_cast<std::int32_t>(place - next_place_), packet);
   }
   decode(packet, kLongestPacket, false);

@@ -15,8 +15,9 @@ namespace sarnet::relay {
 
 // Decodes one stream of Opus packets in the order of their numbers. Lost packets are concealed: the
 // last one from the redundancy that the next packet carries about it (in-band FEC), those before by
-// the decoder's guess. One thread at a time; nothing allocates after the first packet, nor after
-// the first stereo packet of a stream that began in mono.
+// the decoder's guess. What a sender left out because it was silent is filled in the same way, with
+// faint noise, once it goes on. One thread at a time; nothing allocates after the first packet, nor
+// after the first stereo packet of a stream that began in mono.
 class OpusStream {
  public:
   // Interleaved samples of up to 120 ms, valid during the call.

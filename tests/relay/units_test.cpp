@@ -282,8 +282,9 @@ TEST(OpusStream, TakesNothingButOpusAndBeginsAnewWithTheSender) {
   EXPECT_EQ(frames, 0U);
   stream.take(40000, 0, packets[0]);
   stream.take(100, 77, packets[1]);                // a new beginning
-  stream.take(103, 77 + 10 * 48000U, packets[2]);  // too long a loss to fill
-  EXPECT_EQ(frames, 3 * 960U);
+  stream.take(101, 77 + 960 + 4800, packets[2]);   // after 100 ms in which nothing was sent
+  stream.take(103, 77 + 10 * 48000U, packets[3]);  // too long a loss to fill
+  EXPECT_EQ(frames, 4 * 960U + 4800U);
 }
 
 }  // namespace
