@@ -118,7 +118,7 @@ TEST(PeersUnderLoss, StandThreePercentEachWay) {
   }
   // All but what was still under way.
   EXPECT_GE(static_cast<double>(listener.blocks), 0.95 * call.blocks_sent());
-  EXPECT_LT(seconds(listener.longest_silence), 0.5);
+  EXPECT_LT(seconds(listener.longest_silence), 1.0);
   expect_bursts(listener);
 }
 
