@@ -230,6 +230,23 @@ def test_loops(run, loop):
     check(run(flow(text), timeout=90))
 
 
+def test_subscriber_that_goes_while_it_is_said_to_be_connected(run):
+    """The library's word and the end meet in some runs of this length, not in all."""
+    program = run(
+        flow(
+            """
+start()
+lib.storm_stop(), lib.storm_start("1,2,3", 200, 200, 64, 48, 3)
+end = time.monotonic() + 3
+while time.monotonic() < end:
+    client.unsubscribe(streams[0]), client.subscribe(streams[0])
+"""
+            + FAULTS
+        )
+    )
+    check(program)
+
+
 def test_media_call_that_outlives_its_subscriber(run):
     """Counted as begun by the library, then the subscriber goes, then the slot is called."""
     program = run(

@@ -62,10 +62,11 @@ struct MRSubscriberDataCallbacks {
 
 /// One received stream: a subscriber of the library, bound to its session until `unsubscribe`.
 //
-/// All operations belong to the worker, but for `getSubscriberInfo` and `isSubscribed`, which any
-/// thread may call. The library's state events go to the manager; `release` waits for one under
-/// way. Its media run on a shared gate with data of its own and are never waited for.
-class MRSubscriber : public std::enable_shared_from_this<MRSubscriber> {
+/// All operations belong to the worker, and so does every reference that keeps it;
+/// `getSubscriberInfo`, `isSubscribed` and `getTicket` any thread may call. The library's state
+/// events go to the manager; `release` waits for one under way. Its media run on a shared gate with
+/// data of its own and are never waited for.
+class MRSubscriber {
  public:
   /// Makes and binds a subscriber. Empty on failure: the log says why, and nothing stays behind in
   /// the library. `manager` gets the state events and outlives the subscriber.
@@ -87,6 +88,10 @@ class MRSubscriber : public std::enable_shared_from_this<MRSubscriber> {
 
   bool isSubscribed() const;
   MRSubscriberInfo getSubscriberInfo() const;
+  /// Like no other subscriber's, those that are gone included; any thread. An event names its
+  /// subscriber by this. An owning reference, taken from a weak one even for a moment, could turn
+  /// out the last on the library's thread, and the end would wait there for its own callback.
+  const void* getTicket() const { return ticket_; }
   /// Empty until `setDataCallbacks`.
   const MRStreamInfo& getStreamInfo() const;
   /// Opens the way for the media. Only the first call counts.

@@ -110,36 +110,34 @@ void MRSubscriberManager::retire(const std::shared_ptr<MRSubscriber>& subscriber
 void MRSubscriberManager::onSubscriberConnected(const MRSubscriber& subscriber) {
   const MRSubscriberInfo info = subscriber.getSubscriberInfo();
   LOG4CXX_DEBUG(logger_, "MRSubscriberManager::onSubscriberConnected: subscriber_info:" << info);
-  event_queue_.post(
-      [this, stream_id = info.publisher_stream_id, source = subscriber.weak_from_this()] {
-        const SubscriberData held = findSubscriber(stream_id, source);
-        if (held.subscriber == nullptr || !held.subscriber->isSubscribed()) {
-          return;
-        }
-        if (held.callbacks.on_connected != nullptr) {
-          held.callbacks.on_connected(*held.subscriber);
-        }
-      });
+  event_queue_.post([this, stream_id = info.publisher_stream_id, ticket = subscriber.getTicket()] {
+    const SubscriberData held = findSubscriber(stream_id, ticket);
+    if (held.subscriber == nullptr || !held.subscriber->isSubscribed()) {
+      return;
+    }
+    if (held.callbacks.on_connected != nullptr) {
+      held.callbacks.on_connected(*held.subscriber);
+    }
+  });
 }
 
 void MRSubscriberManager::onSubscriberDisconnected(const MRSubscriber& subscriber) {
   const MRSubscriberInfo info = subscriber.getSubscriberInfo();
   LOG4CXX_DEBUG(logger_,
                 "MRSubscriberManager::onSubscriberDisconnected: subscriber_info: " << info);
-  event_queue_.post(
-      [this, stream_id = info.publisher_stream_id, source = subscriber.weak_from_this()] {
-        const SubscriberData held = findSubscriber(stream_id, source);
-        if (held.subscriber == nullptr) {
-          return;
-        }
-        if (held.callbacks.on_disconnected != nullptr) {
-          held.callbacks.on_disconnected(*held.subscriber);
-        }
-        // The callable may have unsubscribed, and even subscribed to the stream anew.
-        if (findSubscriber(stream_id, source).subscriber != nullptr) {
-          subscribers_data_.erase(stream_id);
-        }
-      });
+  event_queue_.post([this, stream_id = info.publisher_stream_id, ticket = subscriber.getTicket()] {
+    const SubscriberData held = findSubscriber(stream_id, ticket);
+    if (held.subscriber == nullptr) {
+      return;
+    }
+    if (held.callbacks.on_disconnected != nullptr) {
+      held.callbacks.on_disconnected(*held.subscriber);
+    }
+    // The callable may have unsubscribed, and even subscribed to the stream anew.
+    if (findSubscriber(stream_id, ticket).subscriber != nullptr) {
+      subscribers_data_.erase(stream_id);
+    }
+  });
 }
 
 void MRSubscriberManager::onSubscriberError(const MRSubscriber& subscriber,
@@ -147,9 +145,9 @@ void MRSubscriberManager::onSubscriberError(const MRSubscriber& subscriber,
   const MRSubscriberInfo info = subscriber.getSubscriberInfo();
   LOG4CXX_ERROR(logger_, "MRSubscriberManager::onSubscriberError: subscriber_info: "
                              << info << " code:" << code << " description:" << description);
-  event_queue_.post([this, stream_id = info.publisher_stream_id,
-                     source = subscriber.weak_from_this(), description = description, code] {
-    const SubscriberData held = findSubscriber(stream_id, source);
+  event_queue_.post([this, stream_id = info.publisher_stream_id, ticket = subscriber.getTicket(),
+                     description = description, code] {
+    const SubscriberData held = findSubscriber(stream_id, ticket);
     if (held.subscriber == nullptr || !held.subscriber->isSubscribed()) {
       return;
     }
@@ -160,9 +158,9 @@ void MRSubscriberManager::onSubscriberError(const MRSubscriber& subscriber,
 }
 
 MRSubscriberManager::SubscriberData MRSubscriberManager::findSubscriber(
-    const std::string& stream_id, const std::weak_ptr<const MRSubscriber>& source) const {
+    const std::string& stream_id, const void* ticket) const {
   const auto entry = subscribers_data_.find(stream_id);
-  if (entry == subscribers_data_.end() || entry->second.subscriber != source.lock()) {
+  if (entry == subscribers_data_.end() || entry->second.subscriber->getTicket() != ticket) {
     return {};
   }
   return entry->second;

@@ -76,8 +76,7 @@ class MRSubscriberManager : public MRSubscriberObserver {
   /// A copy of the stream's entry, so that a callback may end the subscription that it is called
   /// for. Empty if the entry is not, or no longer, the one of the subscriber that the event came
   /// from.
-  SubscriberData findSubscriber(const std::string& stream_id,
-                                const std::weak_ptr<const MRSubscriber>& source) const;
+  SubscriberData findSubscriber(const std::string& stream_id, const void* ticket) const;
   /// Whether there was an entry.
   bool eraseSubscriber(const std::string& stream_id);
   /// Before the manager's reference goes: makes sure that the library's subscriber goes with it.
