@@ -54,6 +54,11 @@ class Output:
             self._at_most = 0.0
         self.changed.notify()
 
+    @property
+    def is_dry(self) -> bool:
+        """Whether the module is known to hold nothing. The turn is held."""
+        return self._dry == self.added
+
     def emptied(self) -> None:
         """After a clear, while nobody writes."""
         self.ran_dry(self.added)
