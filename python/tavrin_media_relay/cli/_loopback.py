@@ -41,8 +41,10 @@ class Figures:
     """Milliseconds that the library's thread was in our callable."""
     escaped_views: int
     """Received blocks of audio that outlived the module's call."""
+    pacing: Optional[dict[str, Any]]
+    """The library's counters of what we sent while we spoke: once speech has ended, three periods are left out."""
     library: Optional[dict[str, Any]]
-    """The library's counters."""
+    """The library's counters at the end."""
 
     def as_dict(self) -> dict[str, Any]:
         return asdict(self)
@@ -75,6 +77,12 @@ async def _listen(session: aio.Session) -> tuple[int, int, aio.Received]:
                     break
         received = session.statistics().streams[stream.id].audio
     return loudest, pictures, received
+
+
+async def _pacing(session: aio.Session) -> Optional[dict[str, Any]]:
+    await asyncio.sleep(0.9 * _SPOKEN_S)
+    library = session.statistics().library
+    return library["capture"] if library is not None else None
 
 
 async def _show(video: aio.VideoOutput, picture: bytes) -> None:
@@ -110,8 +118,8 @@ async def loopback(folder: Path, logging: LoggingSettings) -> Figures:
         reset_library()
         listening = asyncio.create_task(asyncio.wait_for(_listen(session), _PATIENCE))
         await publisher.audio.write(spoken)
-        showing = asyncio.gather(publisher.audio.drained(), _show(publisher.video, picture))
-        await asyncio.wait_for(showing, _PATIENCE)
+        showing = asyncio.gather(_pacing(session), publisher.audio.drained(), _show(publisher.video, picture))
+        pacing, *_ = await asyncio.wait_for(showing, _PATIENCE)
         loudest, pictures, received = await listening
         library = session.statistics().library
     samples, pictures_sent = await _recorded(folder / "recording")
@@ -128,5 +136,6 @@ async def loopback(folder: Path, logging: LoggingSettings) -> Figures:
         delays,
         kept,
         received.escaped_views,
+        pacing,
         library,
     )

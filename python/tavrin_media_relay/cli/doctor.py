@@ -203,9 +203,9 @@ def _judge_pacing(findings: _Findings, figures: Figures) -> None:
     text = f"from the library's thread to async for: {_times(figures.delays)}; "
     text += f"its thread was kept {_times(figures.kept, 3)}; {figures.escaped_views} views outlived their call"
     findings.add("ok" if figures.delays["p99"] < _LATE_MS else "note", "delivery", text)
-    if figures.library is None:
+    if figures.library is None or figures.pacing is None:
         return
-    capture, video, delivery = (figures.library[part] for part in ("capture", "video", "delivery"))
+    capture, video, delivery = figures.pacing, figures.library["video"], figures.library["delivery"]
     _tell_callbacks(findings, figures.library.get("callbacks", {}))
     dropped = delivery["audio_blocks_dropped"] + delivery["pictures_dropped"]
     text = "{frames_provided} provided, {frames_repeated} of them repeated and {frames_black} black, {frames_late} late"
