@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+from pathlib import Path
+
 import pytest
 from scripted import PRELUDE
 
@@ -100,6 +102,12 @@ ENDINGS = [
 def test_interpreter_exit_with_all_media_running(run, ending, text, code):
     for _ in range(10 if ending == "at the end of the program" else 3):
         check(run(flow("start()\n" + text)), code)
+
+
+@pytest.mark.parametrize("seed", range(8))
+def test_storm(run, seed):
+    path = str(Path(__file__).parent / "storm.py")
+    check(run(f"import runpy, sys\nsys.argv[1:] = ['{seed}']\nrunpy.run_path({path!r}, run_name='__main__')", prelude=""))
 
 
 def test_exit_leaves_the_library_in_order(run, tmp_path):
