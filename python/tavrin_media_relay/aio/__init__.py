@@ -10,6 +10,7 @@ from ..models import Connection, Stream
 from ._channel import Channel, Policy
 from ._connect import connect
 from ._media import AudioIterator, MediaIterator
+from ._opening import Opening
 from ._pictures import Layout
 from .audio_output import AudioOutput
 from .errors import ClosedError, MediaError, PublisherError, SessionError, SubscriberError
@@ -48,6 +49,7 @@ __all__ = [
     "Layout",
     "MediaError",
     "MediaIterator",
+    "Opening",
     "Policy",
     "Publisher",
     "PublisherEnded",
