@@ -16,6 +16,7 @@ from programs import BUILD, COMPLAINTS, environment
 
 from tavrin_media_relay import frame_buffer_size
 from tavrin_media_relay.aio import AudioFrame
+from tavrin_media_relay.aio._output import Output
 from tavrin_media_relay.aio._pictures import convert, convert_aside
 from tavrin_media_relay.aio._resample import Converter
 
@@ -39,6 +40,16 @@ def test_case(case, tmp_path):
         program.kill()
     assert program.returncode == 0, f"exit code {program.returncode}\n{out[-3000:]}\n{err[-6000:]}"
     assert not [each for each in COMPLAINTS if each in err], err
+
+
+def test_a_queue_found_dry_during_a_write_is_not_dry_after_it():
+    async def write() -> Output:
+        output, found = Output(0, 1000), []
+        await output.hand_over(lambda: found.append(output.added) or True, 20)
+        output.ran_dry(*found)
+        return output
+
+    assert not asyncio.run(write()).is_dry
 
 
 @pytest.mark.parametrize(

@@ -84,14 +84,14 @@ class Output:
     async def hand_over(self, add: Callable[[], bool], ms: float) -> None:
         """Gives the module something that there is room for. The turn is held."""
         end = asyncio.get_running_loop().time() + _PATIENCE
-        # Counted before: a notice that the queue is dry, on its way now, must not count for this.
-        self.added += 1
         while not add():
             if asyncio.get_running_loop().time() > end:
                 raise PublisherError(
                     PublisherError.TIMED_OUT, f"the session has taken nothing for {_PATIENCE:g} s"
                 )
             await self.changed.wait(_RETRY)
+        # Counted after: the worker, who may find the queue dry during the call, must not count this.
+        self.added += 1
         self._at_most += ms
         self.written_ms += ms
 
