@@ -1,6 +1,6 @@
-// The page: the lobby, the tiles, the bar. What is said to the server is relay.js's affair.
+// The page: the lobby, the tiles, the bar. What is said to the server is janus.js's affair.
 
-import {RoomVisit} from './relay.js';
+import {RoomVisit} from './janus.js';
 import {FiguresPanel, Meter} from './figures.js';
 
 const $ = (id) => document.getElementById(id);

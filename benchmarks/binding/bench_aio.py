@@ -1,6 +1,6 @@
 """What the asyncio face costs, and what it holds to, measured on the scripted library.
 
-    LD_LIBRARY_PATH=<build>/tests/support PYTHONPATH=<build>/python:python \\
+    LD_LIBRARY_PATH=<build>/scripted PYTHONPATH=<build>/python:python \\
         /usr/bin/python3 benchmarks/binding/bench_aio.py [--json FILE]
 
 Latency: a feeding thread hands the module 10 ms of audio for each stream, every 10 ms, with the time in its

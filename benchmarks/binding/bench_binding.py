@@ -1,6 +1,6 @@
 """What the Python boundary costs, measured with the built module on the scripted library.
 
-    LD_LIBRARY_PATH=<build>/tests/support PYTHONPATH=<build>/python:python \\
+    LD_LIBRARY_PATH=<build>/scripted PYTHONPATH=<build>/python:python \\
         /usr/bin/python3 benchmarks/binding/bench_binding.py [--json FILE]
 
 Times are medians over batches, with the fastest and slowest batch beside them: other work on the

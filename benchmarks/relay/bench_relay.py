@@ -26,9 +26,9 @@ from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
 
-from tavrin_media_relay.relay import tokens
-from tavrin_media_relay.relay.server import RelayServer
-from tavrin_media_relay.relay.settings import Settings
+from tavrin_media_relay.server import tokens
+from tavrin_media_relay.server.server import RelayServer
+from tavrin_media_relay.server.settings import Settings
 
 HERE = Path(__file__).resolve().parent
 Result = dict[str, Any]

@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "api/guard.h"
-#include "core/library.h"
+#include "session/library.h"
 
 using sarnet::guarded_status;
 using sarnet::kInvalid;

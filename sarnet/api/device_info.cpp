@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "core/log.h"
+#include "base/log.h"
 
 extern "C" {
 

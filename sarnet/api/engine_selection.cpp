@@ -4,9 +4,9 @@
 
 #include <utility>
 
-#include "core/host_address.h"
-#include "core/relay_plugin.h"
+#include "base/host_address.h"
 #include "embedded/embedded_engine.h"
+#include "plugins/relay_plugin.h"
 
 namespace sarnet {
 namespace {

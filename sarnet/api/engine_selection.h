@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "core/engine.h"
+#include "base/engine.h"
 
 namespace sarnet {
 

@@ -5,7 +5,7 @@
 
 #include <exception>
 
-#include "core/log.h"
+#include "base/log.h"
 
 namespace sarnet {
 

@@ -1,7 +1,7 @@
 #include "api/device_info.h"
 #include "api/engine_selection.h"
 #include "api/guard.h"
-#include "core/library.h"
+#include "session/library.h"
 
 using sarnet::empty;
 using sarnet::guarded;

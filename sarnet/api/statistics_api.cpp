@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "api/guard.h"
-#include "core/library.h"
+#include "session/library.h"
 
 using sarnet::guarded_status;
 using sarnet::kInvalid;

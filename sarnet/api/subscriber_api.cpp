@@ -1,7 +1,7 @@
 #include <cmath>
 
 #include "api/guard.h"
-#include "core/library.h"
+#include "session/library.h"
 
 using sarnet::guarded;
 using sarnet::guarded_status;

@@ -1,5 +1,5 @@
 #include "api/guard.h"
-#include "core/library.h"
+#include "session/library.h"
 
 using sarnet::guarded;
 using sarnet::kInvalid;

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "core/log.h"
-#include "core/thread_keeper.h"
+#include "base/log.h"
+#include "base/thread_keeper.h"
 
 namespace sarnet {
 namespace {

@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "core/file_plugin.h"
-#include "core/picture.h"
+#include "base/picture.h"
+#include "embedded/companion_media.h"
 #include "embedded/room_stream.h"
 #include "embedded/scenario.h"
-#include "embedded/test_media.h"
+#include "plugins/file_plugin.h"
 
 namespace sarnet {
 

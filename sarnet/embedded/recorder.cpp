@@ -9,8 +9,8 @@
 #include <filesystem>
 #include <utility>
 
-#include "core/log.h"
-#include "core/thread_keeper.h"
+#include "base/log.h"
+#include "base/thread_keeper.h"
 
 namespace sarnet {
 namespace {

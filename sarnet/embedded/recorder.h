@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
-#include "core/audio_format.h"
-#include "core/file_plugin.h"
-#include "core/picture.h"
+#include "base/audio_format.h"
+#include "base/picture.h"
+#include "plugins/file_plugin.h"
 
 namespace sarnet {
 

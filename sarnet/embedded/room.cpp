@@ -6,9 +6,9 @@
 #include <optional>
 #include <utility>
 
-#include "core/library.h"
-#include "core/log.h"
-#include "core/thread_keeper.h"
+#include "base/log.h"
+#include "base/thread_keeper.h"
+#include "session/library.h"
 
 namespace sarnet {
 namespace {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "core/engine.h"
+#include "base/engine.h"
 #include "embedded/player.h"
 #include "embedded/recorder.h"
 #include "embedded/room_stream.h"

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "core/log.h"
+#include "base/log.h"
 #include "embedded/room.h"
 
 namespace sarnet {

@@ -4,7 +4,7 @@
 #include <mutex>
 #include <vector>
 
-#include "core/engine.h"
+#include "base/engine.h"
 #include "embedded/recorder.h"
 
 namespace sarnet {

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "core/file_plugin.h"
 #include "files/decoded_stream.h"
+#include "plugins/file_plugin.h"
 
 namespace sarnet {
 

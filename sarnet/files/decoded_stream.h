@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "core/file_plugin.h"
 #include "files/ffmpeg_handles.h"
+#include "plugins/file_plugin.h"
 
 namespace sarnet {
 

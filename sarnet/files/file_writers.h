@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <string>
 
-#include "core/file_plugin.h"
 #include "files/ffmpeg_handles.h"
+#include "plugins/file_plugin.h"
 
 namespace sarnet {
 

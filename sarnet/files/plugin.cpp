@@ -1,8 +1,8 @@
-#include "core/file_plugin.h"
-#include "core/file_plugin_entry.h"
 #include "files/audio_file_reader.h"
 #include "files/file_writers.h"
 #include "files/video_file_reader.h"
+#include "plugins/file_plugin.h"
+#include "plugins/file_plugin_entry.h"
 
 namespace sarnet {
 namespace {

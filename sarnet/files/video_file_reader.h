@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "core/file_plugin.h"
 #include "files/decoded_stream.h"
+#include "plugins/file_plugin.h"
 
 namespace sarnet {
 

@@ -1,6 +1,6 @@
-#include "core/relay_plugin_entry.h"
-#include "relay/relay_engine.h"
-#include "relay/services.h"
+#include "plugins/relay_plugin_entry.h"
+#include "relay/peer/services.h"
+#include "relay/room/relay_engine.h"
 
 extern "C" __attribute__((visibility("default"))) const sarnet::RelayPlugin* sarnet_relay_entry(
     int version, const sarnet::RelayServices& services) {

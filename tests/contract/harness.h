@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/waiting.h"
+#include "waiting.h"
 
 namespace contract {
 

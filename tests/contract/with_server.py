@@ -15,7 +15,7 @@ import sys
 import tempfile
 from pathlib import Path
 
-from tavrin_media_relay.relay import RelayServer, Settings, realm_token
+from tavrin_media_relay.server import RelayServer, Settings, realm_token
 
 
 def free_port() -> int:

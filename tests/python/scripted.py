@@ -12,7 +12,7 @@ import time
 
 from programs import BUILD, ROOT
 
-SUPPORT = BUILD / "tests" / "support"
+SUPPORT = BUILD / "scripted"
 
 _TYPES = {
     "void": None,
@@ -80,7 +80,7 @@ class Library:
 
     def __init__(self) -> None:
         self._library = ctypes.CDLL(str(SUPPORT / "libsarnet.so"))
-        header = (ROOT / "tests/support/scripted_sarnet.h").read_text()
+        header = (ROOT / "tools/scripted_sarnet/scripted_sarnet.h").read_text()
         declared = re.findall(r"SCRIPTED_API ([\w ]+?\**)\s*scripted_(\w+)\(([^)]*)\);", header)
         assert len(declared) > 60, "the header of the scripted library was not understood"
         for result, name, arguments in declared:

@@ -32,7 +32,7 @@ def start(case: str, folder: Path, **variables: object) -> subprocess.Popen[str]
 
 @pytest.mark.parametrize("case", [*(case.__name__ for case in aio_cases.CASES), "lost_outcomes"])
 def test_case(case, tmp_path):
-    scripted = {"LD_LIBRARY_PATH": BUILD / "tests" / "support"} if case == "lost_outcomes" else {}
+    scripted = {"LD_LIBRARY_PATH": BUILD / "scripted"} if case == "lost_outcomes" else {}
     program = start(case, tmp_path, **scripted)
     try:
         out, err = program.communicate(timeout=60)

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <future>
 
-#include "relay/services.h"
+#include "relay/peer/services.h"
 
 namespace loopback {
 

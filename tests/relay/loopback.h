@@ -9,9 +9,9 @@
 #include <thread>
 #include <vector>
 
-#include "relay/publishing_peer.h"
-#include "relay/receiving_peer.h"
-#include "relay/sdp_text.h"
+#include "relay/peer/publishing_peer.h"
+#include "relay/peer/receiving_peer.h"
+#include "relay/peer/sdp_text.h"
 
 // A publishing and a receiving peer in one process, over 127.0.0.1, with no server between them.
 namespace loopback {

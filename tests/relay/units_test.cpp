@@ -11,14 +11,14 @@
 #include <string>
 #include <vector>
 
-#include "relay/caption_text.h"
-#include "relay/ice_server.h"
-#include "relay/opus_stream.h"
-#include "relay/peer_connection.h"
-#include "relay/rtcp_feedback.h"
-#include "relay/rtcp_order.h"
-#include "relay/sdp_text.h"
-#include "relay/stamp_clock.h"
+#include "relay/peer/ice_server.h"
+#include "relay/peer/opus_stream.h"
+#include "relay/peer/peer_connection.h"
+#include "relay/peer/rtcp_feedback.h"
+#include "relay/peer/rtcp_order.h"
+#include "relay/peer/sdp_text.h"
+#include "relay/peer/stamp_clock.h"
+#include "relay/room/caption_text.h"
 
 namespace sarnet::relay {
 namespace {

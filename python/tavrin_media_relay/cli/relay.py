@@ -6,8 +6,8 @@ import argparse
 import sys
 from typing import Any
 
-from ..relay import RelayServer, ServerError, join_token
-from ..relay import __main__ as server_commands
+from ..server import RelayServer, ServerError, join_token
+from ..server import __main__ as server_commands
 from ._failure import Failure
 from ._options import command
 from ._terminal import Terminal

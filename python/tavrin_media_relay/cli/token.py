@@ -5,8 +5,8 @@ from __future__ import annotations
 import argparse
 from typing import Any
 
-from ..relay import ServerError
-from ..relay import __main__ as server_commands
+from ..server import ServerError
+from ..server import __main__ as server_commands
 from ._failure import Failure
 from ._options import command
 from ._terminal import Terminal

@@ -1,10 +1,8 @@
-"""A server of one's own for development and tests: Debian's Janus, configured, started and stopped.
+"""The former name of `tavrin_media_relay.server`, kept for programs and service files that use it."""
 
-`RelayServer` runs one; `tokens` signs who may enter. On the command line: `python3 -m tavrin_media_relay.relay`.
-"""
+from .. import server
+from ..server import RelayServer, ServerError, Settings, join_token, realm_token, room_token
 
-from .server import RelayServer, ServerError
-from .settings import Settings
-from .tokens import join_token, realm_token, room_token
-
+#: The submodules, and what `python3 -m` runs, are those of the server.
+__path__ = server.__path__
 __all__ = ["RelayServer", "ServerError", "Settings", "join_token", "realm_token", "room_token"]

@@ -18,7 +18,7 @@ from typing import Any
 
 import pytest
 
-from tavrin_media_relay.relay import join_token
+from tavrin_media_relay.server import join_token
 
 HERE = Path(__file__).resolve().parent
 ROOT = HERE.parents[2]
@@ -157,7 +157,7 @@ class Server(Process):
     @classmethod
     def on(cls, network: Network, folder: Path, *options: object, command: str = "serve") -> "Server":
         started = network.start(
-            "-m", "tavrin_media_relay.relay", command, "--dir", folder, "--address", network.address,
+            "-m", "tavrin_media_relay.server", command, "--dir", folder, "--address", network.address,
             "--room", "marks", "--admin-key", "key-of-the-tests", *options,
         )  # fmt: skip
         started.__class__ = cls

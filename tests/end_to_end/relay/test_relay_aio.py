@@ -7,7 +7,7 @@ import re
 import pytest
 from processes import SECRET
 
-from tavrin_media_relay.relay import join_token
+from tavrin_media_relay.server import join_token
 
 
 def test_programs_hear_see_and_read_each_other_and_strangers_are_refused(server):

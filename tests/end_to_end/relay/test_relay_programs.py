@@ -13,7 +13,7 @@ import marks
 import pytest
 from processes import ADDRESS, HERE, ROOT, SECRET, Server
 
-from tavrin_media_relay.relay import join_token, realm_token, room_token
+from tavrin_media_relay.server import join_token, realm_token, room_token
 
 
 def check_received(received: dict, maker: int) -> None:
@@ -171,7 +171,7 @@ def test_whoever_may_not_or_cannot_join_is_told_why(server):
 
 def test_the_token_command_finds_the_secret_of_the_running_server(server):
     made = server.network.start(
-        "-m", "tavrin_media_relay.relay", "token", "marks", "--dir", server.folder, "--lifetime", "2m",
+        "-m", "tavrin_media_relay.server", "token", "marks", "--dir", server.folder, "--lifetime", "2m",
         SARNET_RELAY_TOKEN_SECRET="",
     )  # fmt: skip
     token = made.wait_for_line(lambda line: line.count(":") == 2)

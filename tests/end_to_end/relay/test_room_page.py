@@ -7,7 +7,7 @@ import re
 import pytest
 from processes import ADDRESS, HERE, ROOT, SECRET, Server
 
-from tavrin_media_relay.relay import join_token
+from tavrin_media_relay.server import join_token
 
 ARTEFACTS = ROOT / "out" / "tests"
 

@@ -9,10 +9,10 @@
 #include <thread>
 #include <vector>
 
-#include "relay/janus_reply.h"
-#include "relay/janus_socket.h"
-#include "relay/main_loop.h"
-#include "support/waiting.h"
+#include "relay/signalling/janus_reply.h"
+#include "relay/signalling/janus_socket.h"
+#include "relay/signalling/main_loop.h"
+#include "waiting.h"
 
 // A signalling server on 127.0.0.1 that says what a test has it say. Everything goes well until the
 // test changes it. Any thread.

@@ -6,13 +6,13 @@
 #include <chrono>
 #include <thread>
 
-#include "relay/relay_engine.h"
-#include "relay/relay_room.h"
-#include "relay/relay_settings.h"
-#include "relay/relay_subscription.h"
-#include "relay/services.h"
+#include "relay/peer/services.h"
+#include "relay/room/relay_engine.h"
+#include "relay/room/relay_room.h"
+#include "relay/room/relay_settings.h"
+#include "relay/room/relay_subscription.h"
 #include "relay/signalling/scripted_server.h"
-#include "support/waiting.h"
+#include "waiting.h"
 
 namespace sarnet::relay {
 namespace {

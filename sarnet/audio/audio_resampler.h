@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "base/audio_format.h"
+
+namespace sarnet {
+
+// Copies `frames` frames from one count of channels to another: mono goes to both channels, stereo
+// becomes the mean of its two. The buffers must not overlap.
+void convert_channels(const std::int16_t* input, int input_channels, std::int16_t* output,
+                      int output_channels, std::size_t frames);
+
+// Converts a stream of audio from one format to another: any rates from 8 to 48 kHz, one or two
+// channels each way (mono goes to both channels, stereo becomes the mean of its two).
+//
+// One thread at a time. The constructor allocates and throws std::invalid_argument for an invalid
+// format and std::bad_alloc; everything else neither allocates, waits nor fails.
+//
+// With equal rates and no correction the samples pass bit-exact (but for the change of channels)
+// and without delay. From the first correction other than 1, or with different rates, a
+// band-limited interpolator works with up to 3 ms of input held back, which flush() gives out.
+class AudioResampler {
+ public:
+  struct Result {
+    std::size_t consumed = 0;  // input frames taken
+    std::size_t produced = 0;  // output frames written
+  };
+
+  AudioResampler(AudioFormat input, AudioFormat output);
+  ~AudioResampler();
+  AudioResampler(const AudioResampler&) = delete;
+  AudioResampler& operator=(const AudioResampler&) = delete;
+
+  const AudioFormat& input_format() const { return input_; }
+  const AudioFormat& output_format() const { return output_; }
+
+  // Multiplies the number of output frames made of the same input, 0.9 to 1.1, clamped: 1.01
+  // stretches the sound by one per cent. Takes effect smoothly over the next call of process.
+  void set_correction(double factor);
+
+  // Interpolates from now on even where samples could pass as they are, until reset().
+  void interpolate() { interpolating_ = true; }
+
+  // Converts until the input is used up or the output is full. Both spans hold samples, a whole
+  // number of frames of their format.
+  Result process(std::span<const std::int16_t> input, std::span<std::int16_t> output);
+
+  // Gives out what is held back, as if silence followed. Returns the frames written; fewer than the
+  // room in `output` means that nothing is left. reset() must follow before the next process().
+  std::size_t flush(std::span<std::int16_t> output);
+
+  // Forgets all input; the next frame starts a new stream. Keeps the correction.
+  void reset();
+
+  // Upper bound of the output frames that `frames` more input frames can give at the present
+  // correction.
+  std::size_t max_output_frames(std::size_t frames) const;
+
+ private:
+  struct StateDeleter {
+    void operator()(void* state) const;
+  };
+
+  // One call of the interpolator over at most one block each way.
+  Result convert_block(std::span<const std::int16_t> input, std::span<std::int16_t> output,
+                       bool end_of_input);
+  double ratio() const;
+
+  const AudioFormat input_;
+  const AudioFormat output_;
+  const int channels_;  // inside the interpolator: the smaller of both counts
+  double correction_ = 1.0;
+  bool interpolating_;
+  std::vector<float> input_block_;
+  std::vector<float> output_block_;
+  std::unique_ptr<void, StateDeleter> state_;
+};
+
+}  // namespace sarnet

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "audio/audio_mixer.h"
+#include "audio/drift_buffer.h"
+#include "base/audio_format.h"
+#include "base/statistics.h"
+
+namespace sarnet {
+
+// One subscribed stream on its way into the mix: written by the engine, read by the program's
+// render thread. Allocates when one of the two formats changes, not otherwise.
+class RenderSource {
+ public:
+  // Dropped when nothing renders (no `reader` format).
+  void write(const AudioFormat& format, std::span<const std::int16_t> samples,
+             const std::optional<AudioFormat>& reader);
+  // Whether anything but silence was read; false leaves `samples` unspecified.
+  bool read(const AudioFormat& format, std::span<std::int16_t> samples);
+  double queued_ms() const;
+
+ private:
+  std::shared_ptr<DriftBuffer> buffer() const;
+
+  mutable std::mutex mutex_;
+  std::shared_ptr<DriftBuffer> buffer_;
+};
+
+// The mix of all subscribed audio, read by the program. Any thread; no lock is held while the
+// program's code runs.
+class RenderPath {
+ public:
+  explicit RenderPath(Counters& counters);
+
+  void start(const AudioFormat& format);
+  // Reads come back short from now on.
+  void stop();
+  // Of the device, while it renders.
+  std::optional<AudioFormat> format() const;
+
+  void add(std::shared_ptr<RenderSource> source);
+  void remove(const RenderSource* source);
+
+  // Frames read: all of them, or none when nothing renders (fewer when stop() came in between).
+  std::size_t read(std::int16_t* buffer, std::size_t frames);
+  // The longest queue in front of the mixer.
+  std::int64_t delay_us() const;
+
+ private:
+  // 10 ms of the largest format: longer reads are mixed in pieces.
+  static constexpr std::size_t kMaxBlock = std::size_t{2} * 480;
+
+  Counters& counters_;
+  mutable std::mutex mutex_;
+  std::optional<AudioFormat> format_;
+  std::vector<std::shared_ptr<RenderSource>> sources_;
+
+  std::mutex mix_mutex_;  // one reader at a time; taken before mutex_
+  AudioMixer mixer_{kMaxBlock};
+  std::vector<std::int16_t> scratch_ = std::vector<std::int16_t>(kMaxBlock);
+};
+
+}  // namespace sarnet

@@ -1,0 +1,85 @@
+#include "base/strand.h"
+
+#include <cxxabi.h>
+
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <utility>
+
+#include "base/log.h"
+#include "base/thread_keeper.h"
+
+namespace sarnet {
+
+struct Strand::State {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::deque<std::function<void()>> tasks;
+  int holds = 0;
+  bool closed = false;
+};
+
+Strand::Strand(const char* name) : state_(std::make_shared<State>()) {
+  ThreadKeeper::instance().start(name, [state = state_] { run(*state); });
+}
+
+Strand::~Strand() { close(); }
+
+void Strand::run(State& state) {
+  while (true) {
+    std::function<void()> task;
+    {
+      std::unique_lock lock(state.mutex);
+      state.changed.wait(
+          lock, [&] { return state.closed || (state.holds == 0 && !state.tasks.empty()); });
+      if (state.closed) return;
+      task = std::move(state.tasks.front());
+      state.tasks.pop_front();
+    }
+    try {
+      task();
+    } catch (abi::__forced_unwind&) {
+      throw;
+    } catch (const std::exception& error) {
+      SARNET_LOG(kError, "An event was lost by an exception: " << error.what());
+    }
+  }
+}
+
+void Strand::post(std::function<void()> task) {
+  {
+    const std::lock_guard lock(state_->mutex);
+    if (state_->closed) return;
+    state_->tasks.push_back(std::move(task));
+  }
+  state_->changed.notify_one();
+}
+
+void Strand::close() {
+  // What the tasks hold is released outside the lock: it may be the last reference to something
+  // that closes this strand again.
+  std::deque<std::function<void()>> dropped;
+  {
+    const std::lock_guard lock(state_->mutex);
+    state_->closed = true;
+    dropped.swap(state_->tasks);
+  }
+  state_->changed.notify_one();
+}
+
+Strand::Hold::Hold(Strand& strand) : strand_(strand) {
+  const std::lock_guard lock(strand_.state_->mutex);
+  ++strand_.state_->holds;
+}
+
+Strand::Hold::~Hold() {
+  {
+    const std::lock_guard lock(strand_.state_->mutex);
+    --strand_.state_->holds;
+  }
+  strand_.state_->changed.notify_one();
+}
+
+}  // namespace sarnet

@@ -1,0 +1,92 @@
+#include "base/thread_keeper.h"
+
+#include <cxxabi.h>
+#include <pthread.h>
+
+#include <exception>
+#include <utility>
+
+#include "base/log.h"
+
+namespace sarnet {
+namespace {
+
+thread_local bool own_thread = false;
+
+}  // namespace
+
+ThreadKeeper& ThreadKeeper::instance() {
+  // Never destroyed: a thread may still be here when the process runs its exit handlers.
+  static auto* const keeper = new ThreadKeeper;
+  return *keeper;
+}
+
+std::thread::id ThreadKeeper::start(const char* name, std::function<void()> body) {
+  join_ended();
+  const std::lock_guard lock(mutex_);
+  Entry& entry = threads_.emplace_back();
+  try {
+    entry.thread = std::thread([this, &entry, name, body = std::move(body)]() mutable {
+      // A destructor, since the program may end the thread by pthread_exit inside a callback. What
+      // the body holds goes first, so that nothing of it is left once the thread counts as ended.
+      struct Farewell {
+        ThreadKeeper& keeper;
+        Entry& entry;
+        std::function<void()>& body;
+        ~Farewell() {
+          body = nullptr;
+          const std::lock_guard farewell_lock(keeper.mutex_);
+          entry.ended = true;
+          keeper.ended_.notify_all();
+        }
+      } farewell{*this, entry, body};
+      own_thread = true;
+      pthread_setname_np(pthread_self(), name);
+      try {
+        body();
+      } catch (abi::__forced_unwind&) {
+        throw;
+      } catch (const std::exception& error) {
+        SARNET_LOG(kError, "Thread " << name << " ended by an exception: " << error.what());
+      } catch (...) {
+        SARNET_LOG(kError, "Thread " << name << " ended by an unknown exception");
+      }
+    });
+  } catch (...) {
+    threads_.pop_back();
+    throw;
+  }
+  return entry.thread.get_id();
+}
+
+void ThreadKeeper::join_ended() {
+  std::list<Entry> ended;
+  {
+    const std::lock_guard lock(mutex_);
+    for (auto entry = threads_.begin(); entry != threads_.end();) {
+      const auto current = entry++;
+      if (current->ended) ended.splice(ended.end(), threads_, current);
+    }
+  }
+  for (Entry& entry : ended) entry.thread.join();
+}
+
+bool ThreadKeeper::join_all(std::chrono::milliseconds timeout) {
+  bool all_ended = false;
+  {
+    std::unique_lock lock(mutex_);
+    all_ended = ended_.wait_for(lock, timeout, [this] {
+      for (const Entry& entry : threads_) {
+        if (!entry.ended) return false;
+      }
+      return true;
+    });
+  }
+  join_ended();
+  if (!all_ended) SARNET_LOG(kError, "A callback of the program holds a thread of the library");
+  return all_ended;
+}
+
+bool ThreadKeeper::on_own_thread() const { return own_thread; }
+
+}  // namespace sarnet

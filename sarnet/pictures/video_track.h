@@ -1,0 +1,47 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+
+#include "base/engine.h"
+#include "base/picture.h"
+#include "base/statistics.h"
+#include "pictures/picture_converter.h"
+#include "pictures/video_frame.h"
+
+namespace sarnet {
+
+// The object behind srn_video_capturer: turns the program's frames into pictures and gives them to
+// the stream that is published, if any. Any thread; a call waits for no more than another thread's
+// conversion.
+class VideoTrack {
+ public:
+  explicit VideoTrack(Counters& counters);
+
+  // Where pictures go; null: nowhere.
+  void connect(std::shared_ptr<PublishedStream> stream, int fps);
+
+  // Done with the pixels when it returns. `handle` only tells a repeated frame from a new one.
+  // False for a layout or rotation that we do not convert.
+  bool provide(int rotation, const VideoFrame& frame, const void* handle);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  // The pictures that may be on their way to subscribers and into a recording at once.
+  static constexpr std::size_t kMaxPictures = 64;
+
+  void count(const Picture& picture, const void* handle);
+
+  Counters& counters_;
+  PicturePool pool_{kMaxPictures};
+  std::mutex mutex_;
+  PictureConverter converter_;
+  std::shared_ptr<PublishedStream> stream_;
+  std::chrono::microseconds period_{};
+  const void* last_handle_ = nullptr;
+  Clock::time_point last_time_{};
+};
+
+}  // namespace sarnet

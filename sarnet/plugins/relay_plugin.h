@@ -1,0 +1,19 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "base/engine.h"
+#include "base/host_address.h"
+
+namespace sarnet {
+
+// The engine that joins sessions on a server stands in a shared object of its own,
+// libsarnet_relay.so beside libsarnet.so, loaded with the first session that needs it and kept for
+// the life of the process: its media stack costs memory that other programs need not pay.
+//
+// Any thread. An engine for one participation; null when the plug-in cannot be loaded, `error` then
+// says which file and why.
+std::shared_ptr<Engine> make_relay_engine(const HostAddress& address, std::string& error);
+
+}  // namespace sarnet

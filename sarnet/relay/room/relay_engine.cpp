@@ -1,0 +1,119 @@
+#include "relay/room/relay_engine.h"
+
+#include <sarnet/sarnet.h>
+
+#include <atomic>
+#include <mutex>
+#include <utility>
+
+#include "relay/peer/peer_connection.h"
+#include "relay/peer/services.h"
+#include "relay/room/relay_session.h"
+#include "relay/room/relay_settings.h"
+#include "relay/signalling/main_loop.h"
+
+namespace sarnet::relay {
+namespace {
+
+// What the loop's thread keeps alive: the session ends on it, before the loop goes.
+struct Participation {
+  const std::shared_ptr<MainLoop> loop = std::make_shared<MainLoop>();
+  const std::shared_ptr<std::atomic<bool>> left = std::make_shared<std::atomic<bool>>(false);
+  std::unique_ptr<RelaySession> session;
+};
+
+class RelayEngine : public Engine {
+ public:
+  RelayEngine(HostAddress address, JanusSettings client)
+      : address_(std::move(address)), client_(std::move(client)) {}
+  ~RelayEngine() override { leave(); }
+  RelayEngine(const RelayEngine&) = delete;
+  RelayEngine& operator=(const RelayEngine&) = delete;
+
+  void join(const JoinRequest& request, std::shared_ptr<SessionSink> sink) override {
+    auto participation = std::make_shared<Participation>();
+    participation->session = std::make_unique<RelaySession>(
+        participation->loop, participation->left, relay_settings(address_, request.port), request,
+        std::move(sink), client_);
+    const std::lock_guard lock(mutex_);
+    if (left_) return;
+    warm_media_stack();
+    services().start_thread("srn-relay", [participation] {
+      participation->loop->run();
+      participation->session.reset();
+    });
+    participation_ = participation;
+    post([](RelaySession& session) { session.join(); });
+  }
+
+  void leave() override {
+    const std::lock_guard lock(mutex_);
+    left_ = true;
+    if (!participation_) return;
+    *participation_->left = true;
+    post([loop = participation_->loop](RelaySession& session) {
+      session.leave([loop] { loop->quit(); });
+    });
+    participation_.reset();
+  }
+
+  std::shared_ptr<PublishedStream> publish(const PublishRequest& request,
+                                           std::shared_ptr<PublicationSink> sink) override {
+    const std::lock_guard lock(mutex_);
+    if (!participation_) return nullptr;
+    auto feed = std::make_shared<PublishedFeed>();
+    post([request, feed, sink = std::move(sink)](RelaySession& session) {
+      session.publish(request, feed, sink);
+    });
+    return feed;
+  }
+
+  void unpublish(const std::shared_ptr<PublishedStream>& stream) override {
+    const std::lock_guard lock(mutex_);
+    post([stream](RelaySession& session) { session.unpublish(stream.get()); });
+  }
+
+  void subscribe(const std::string& stream_id, std::shared_ptr<SubscriptionSink> sink) override {
+    const std::lock_guard lock(mutex_);
+    if (!participation_) return;
+    auto gate = std::make_shared<SubscriptionGate>(std::move(sink), participation_->left);
+    post([stream_id, gate](RelaySession& session) { session.subscribe(stream_id, gate); });
+  }
+
+  void prefer(const std::shared_ptr<SubscriptionSink>& sink, const MediaWishes& wishes) override {
+    const std::lock_guard lock(mutex_);
+    post([sink, wishes](RelaySession& session) { session.prefer(sink.get(), wishes); });
+  }
+
+  void unsubscribe(const std::shared_ptr<SubscriptionSink>& sink) override {
+    const std::lock_guard lock(mutex_);
+    post([sink](RelaySession& session) { session.unsubscribe(sink.get()); });
+  }
+
+ private:
+  // Under the lock. The thread keeps the participation while its loop runs, so the pointers hold.
+  template <class Task>
+  void post(Task task) {
+    if (!participation_) return;
+    participation_->loop->post(
+        [session = participation_->session.get(), task = std::move(task)] { task(*session); });
+  }
+
+  const HostAddress address_;
+  const JanusSettings client_;
+  std::mutex mutex_;
+  std::shared_ptr<Participation> participation_;
+  bool left_ = false;
+};
+
+}  // namespace
+
+std::shared_ptr<Engine> make_engine(const HostAddress& address) {
+  return std::make_shared<RelayEngine>(address, JanusSettings{});
+}
+
+std::shared_ptr<Engine> make_engine(const HostAddress& address, const JanusSettings& client) {
+  return std::make_shared<RelayEngine>(address, client);
+}
+
+}  // namespace sarnet::relay

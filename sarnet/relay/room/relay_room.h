@@ -1,0 +1,61 @@
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "base/engine.h"
+#include "relay/room/room_member.h"
+
+namespace sarnet::relay {
+
+// Told of the others, each change once: a participant before its streams, and its streams' end
+// before its own.
+class RoomObserver {
+ public:
+  virtual ~RoomObserver() = default;
+  virtual void participant_joined(const ConnectionInfo& participant) = 0;
+  virtual void participant_left(const ConnectionInfo& participant) = 0;
+  virtual void stream_added(const StreamInfo& stream) = 0;
+  virtual void stream_removed(const StreamInfo& stream) = 0;
+};
+
+// Who is in the room and publishes, as the server's notices tell it: doubled ones change nothing,
+// and what they leave out is filled in. A stream has the id of the participation that publishes it.
+class RelayRoom {
+ public:
+  // The observer must outlive it.
+  RelayRoom(std::string session_id, std::string own_id, RoomObserver& observer);
+
+  // The lists of those who are here, in the answer to our joining or in a notice, and those who
+  // came, went or ceased to publish.
+  void take(const json& data);
+  // The full list of participants: what came and went while nobody told us.
+  void resynchronise(const json& participants);
+
+  bool has_stream(const std::string& id) const;
+
+ private:
+  struct Member {
+    ConnectionInfo connection;  // its owner's, for a further stream
+    Display display;
+    bool is_connection = true;
+    bool publishing = false;
+    StreamInfo stream;
+  };
+  using Members = std::map<std::string, Member>;
+
+  void enter_owners(const json& participants);
+  // Null for ourselves, for our further streams and for what has no id.
+  Member* enter(const json& participant);
+  void publishes(const json& participant);
+  void add_stream(Member& member, const std::string& id);
+  void remove_stream(Member& member);
+  void leave(const std::string& id);
+
+  const std::string session_id_;
+  const std::string own_id_;
+  RoomObserver& observer_;
+  Members members_;
+};
+
+}  // namespace sarnet::relay

@@ -1,0 +1,99 @@
+#include "relay/room/relay_stream.h"
+
+#include <utility>
+
+#include "base/log.h"
+
+namespace sarnet::relay {
+
+void RelayStream::begin(std::uint64_t handle, std::function<void()> then) {
+  handle_ = handle;
+  limit_ = MainLoop::Timer(*access_.loop, kPeerLimit, [this] {
+    fail({words_.timed_out,
+          std::string("The media connection for ") + words_.purpose + " was not made in time"});
+  });
+  if (handle != 0) {
+    then();
+    return;
+  }
+  access_.client.attach(
+      kRoomPlugin, [weak = weak_from_this(), &client = access_.client, then = std::move(then)](
+                       const JanusReply& reply, std::uint64_t attached) {
+        const auto self = weak.lock();
+        if (!self || self->stopped_) {
+          if (attached != 0) client.detach(attached);
+        } else if (!reply.ok()) {
+          const std::string step = std::string("preparing for ") + self->words_.purpose;
+          self->fail(self->words_.refused(step, reply));
+        } else {
+          self->handle_ = attached;
+          then();
+        }
+      });
+}
+
+void RelayStream::ask(const char* step, json body, std::function<void(const JanusReply&)> then,
+                      const std::string& sdp_type, const std::string& sdp) {
+  access_.client.message(
+      handle_, std::move(body), sdp_type, sdp,
+      [weak = weak_from_this(), step, then = std::move(then)](const JanusReply& reply) {
+        const auto self = weak.lock();
+        if (!self || self->stopped_) return;
+        if (reply.ok()) {
+          then(reply);
+        } else {
+          self->fail(self->words_.refused(step, reply));
+        }
+      });
+}
+
+void RelayStream::on_local_candidate(unsigned mline, const std::string& candidate) {
+  access_.client.trickle(handle_, mline, candidate);
+}
+
+void RelayStream::on_peer_failed(const std::string& reason) {
+  fail({words_.webrtc_error,
+        std::string("The media connection for ") + words_.purpose + " failed: " + reason});
+}
+
+void RelayStream::on_peer_connected() {
+  limit_.stop();
+  if (!std::exchange(connected_, true)) connected();
+}
+
+void RelayStream::notice(const json& message) {
+  const std::string kind = text_of(message, "janus");
+  if (kind == "trickle") {
+    const json& candidate = member(message, "candidate");
+    add_remote_candidate(static_cast<unsigned>(number_of(candidate, "sdpMLineIndex")),
+                         text_of(candidate, "candidate"));
+  } else if (kind == "hangup") {
+    // Soon, as the stream or the session may be ending with it.
+    limit_ = MainLoop::Timer(
+        *access_.loop, kHangupPatience, [this, reason = text_of(message, "reason")] {
+          fail({words_.webrtc_error,
+                std::string("The server ended ") + words_.subject + ": " + reason});
+        });
+  }
+}
+
+void RelayStream::fail(const Failure& failure) {
+  if (stopped_) return;
+  SARNET_LOG(kWarn, "A stream failed: " << failure.text);
+  const auto self = shared_from_this();
+  tell(failure);
+  stop();
+  withdraw();
+  over_(*this);
+}
+
+void RelayStream::stop() {
+  stopped_ = true;
+  limit_.stop();
+}
+
+void RelayStream::withdraw() {
+  if (handle_ != 0) access_.client.detach(handle_);
+}
+
+}  // namespace sarnet::relay

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "relay/peer/peer_connection.h"
+#include "relay/room/room_access.h"
+#include "relay/signalling/relay_failure.h"
+
+namespace sarnet::relay {
+
+// One stream between the program and the server: negotiation over a handle of the server, by a peer
+// of the derived class. Whatever goes wrong ends it, once. The main loop's thread alone; held by
+// the session until it is over.
+class RelayStream : public PeerObserver, public std::enable_shared_from_this<RelayStream> {
+ public:
+  // Called once it failed, after the program was told.
+  using Over = std::function<void(const RelayStream&)>;
+
+  std::uint64_t handle() const { return handle_; }
+  // What the server says on the handle.
+  virtual void notice(const json& message);
+  // Ends the media; takes some milliseconds. May be repeated.
+  virtual void stop();
+  // Gives the handle back to the server.
+  virtual void withdraw();
+
+  void on_local_candidate(unsigned mline, const std::string& candidate) override;
+  void on_peer_connected() override;
+  void on_peer_failed(const std::string& reason) override;
+
+ protected:
+  // How its failures are told.
+  struct Words {
+    const char* purpose;  // "publishing"
+    const char* subject;  // "the published stream"
+    int timed_out;
+    int webrtc_error;
+    Failure (*refused)(const std::string& step, const JanusReply& reply);
+  };
+
+  RelayStream(RoomAccess& access, Words words, Over over)
+      : access_(access), words_(words), over_(std::move(over)) {}
+
+  // Attaches a handle of its own where `handle` is 0. The media connection must be made in time.
+  void begin(std::uint64_t handle, std::function<void()> then);
+  // `then` is left out when the server refuses, which ends the stream, or the stream was stopped.
+  void ask(const char* step, json body, std::function<void(const JanusReply&)> then,
+           const std::string& sdp_type = "", const std::string& sdp = "");
+  void fail(const Failure& failure);
+  bool stopped() const { return stopped_; }
+
+  // The program's side.
+  virtual void connected() = 0;
+  virtual void tell(const Failure& failure) = 0;
+  virtual void add_remote_candidate(unsigned mline, const std::string& candidate) = 0;
+
+  RoomAccess& access_;
+
+ private:
+  const Words words_;
+  const Over over_;
+  std::uint64_t handle_ = 0;
+  bool connected_ = false;
+  bool stopped_ = false;
+  MainLoop::Timer limit_;
+};
+
+}  // namespace sarnet::relay

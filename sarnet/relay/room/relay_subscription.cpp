@@ -1,0 +1,174 @@
+#include "relay/room/relay_subscription.h"
+
+#include <sarnet/sarnet.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace sarnet::relay {
+namespace {
+
+// Each size is twice the one below it, and so is each rate; the smallest is by custom 320 wide.
+int expected_width(int layer, const LayerWidths& widths) {
+  const auto of = [&](int each) { return widths.at(static_cast<std::size_t>(each)); };
+  for (const int known : {layer, layer - 1, layer + 1, layer - 2, layer + 2}) {
+    if (known < 0 || known > 2 || of(known) == 0) continue;
+    return known <= layer ? of(known) << (layer - known) : of(known) >> (known - layer);
+  }
+  return 320 << layer;
+}
+
+// Has the server begin the DTLS handshake. When we begin it, our first packet often comes before
+// the server is ready for it, and goes out again only a second later.
+std::string with_active_server(std::string sdp) {
+  constexpr std::string_view kEither = "a=setup:actpass";
+  constexpr std::string_view kActive = "a=setup:active";
+  for (auto at = sdp.find(kEither); at != std::string::npos; at = sdp.find(kEither, at)) {
+    sdp.replace(at, kEither.size(), kActive);
+  }
+  return sdp;
+}
+
+}  // namespace
+
+StreamWishes stream_wishes(const MediaWishes& wishes, const LayerWidths& widths) {
+  StreamWishes stream{wishes.audio, wishes.video};
+  const auto suffices = [&](int layer) {
+    return expected_width(layer, widths) >= wishes.max_width;
+  };
+  if (wishes.max_width > 0) stream.size_layer = suffices(0) ? 0 : suffices(1) ? 1 : 2;
+  if (wishes.max_framerate > 0) {
+    stream.rate_layer = wishes.max_framerate <= 8 ? 0 : wishes.max_framerate <= 15 ? 1 : 2;
+  }
+  return stream;
+}
+
+json wishes_request(const std::vector<FeedMedium>& media, const StreamWishes& now,
+                    const StreamWishes& before) {
+  json streams = json::array();
+  for (const FeedMedium& medium : media) {
+    json stream = json::object();
+    const bool is_video = medium.type == "video";
+    if (medium.type == "audio" && now.audio != before.audio) stream["send"] = now.audio;
+    if (is_video && now.video != before.video) stream["send"] = now.video;
+    if (is_video && medium.simulcast) {
+      if (now.size_layer != before.size_layer) stream["substream"] = now.size_layer;
+      if (now.rate_layer != before.rate_layer) stream["temporal"] = now.rate_layer;
+    }
+    if (stream.empty()) continue;
+    stream["mid"] = medium.mid;
+    streams.push_back(std::move(stream));
+  }
+  if (streams.empty()) return json::object();
+  return {{"request", "configure"}, {"streams", std::move(streams)}};
+}
+
+RelaySubscription::RelaySubscription(RoomAccess& access, std::string stream_id,
+                                     std::shared_ptr<SubscriptionGate> gate, Over over)
+    : RelayStream(access,
+                  {"subscribing", "the subscription", SRN_SUBSCRIBER_TIMED_OUT,
+                   SRN_SUBSCRIBER_WEBRTC_ERROR, subscriber_failure},
+                  std::move(over)),
+      stream_id_(std::move(stream_id)),
+      gate_(std::move(gate)) {}
+
+RelaySubscription::~RelaySubscription() { stop(); }
+
+void RelaySubscription::start() {
+  begin(0, [this] { join(); });
+}
+
+void RelaySubscription::join() {
+  json body = access_.request("join");
+  body["ptype"] = "subscriber";
+  body["streams"] = json::array({{{"feed", stream_id_}}});
+  ask("subscribing", std::move(body),
+      [this](const JanusReply& reply) { take_offer(reply.data(), reply.sdp()); });
+}
+
+void RelaySubscription::take_offer(const json& data, const std::string& sdp) {
+  media_.clear();
+  for (const json& each : member(data, "streams")) {
+    media_.push_back({text_of(each, "mid"), text_of(each, "type"),
+                      member(each, "simulcast").is_object() || flag_of(each, "simulcast")});
+  }
+  std::string error = "the server made no offer";
+  if (!peer_ && !sdp.empty()) {
+    gate_->on_width([this, weak = weak_from_this(), loop = access_.loop](int width) {
+      loop->post([this, weak, width] {
+        if (const auto self = weak.lock()) saw_width(width);
+      });
+    });
+    peer_ = ReceivingPeer::create(access_.peer_settings(), gate_, *this, error);
+  }
+  if (!peer_) {
+    on_peer_failed(error);
+    return;
+  }
+  if (!sdp.empty()) peer_->set_remote_offer(with_active_server(sdp));
+}
+
+void RelaySubscription::on_local_description(const std::string& type, const std::string& sdp) {
+  ask(
+      "starting the subscription", {{"request", "start"}},
+      [this](const JanusReply&) {
+        started_ = true;
+        send_wishes();
+      },
+      type, sdp);
+}
+
+void RelaySubscription::connected() {
+  if (auto* sink = gate_->sink()) sink->subscribed();
+}
+
+void RelaySubscription::prefer(const MediaWishes& wishes) {
+  wishes_ = wishes;
+  send_wishes();
+}
+
+void RelaySubscription::send_wishes() {
+  if (!started_ || stopped()) return;
+  const StreamWishes now = stream_wishes(wishes_, widths_);
+  json body = wishes_request(media_, now, std::exchange(sent_wishes_, now));
+  if (!body.empty()) access_.client.message(handle(), std::move(body), "", "", nullptr);
+}
+
+void RelaySubscription::saw_width(int width) {
+  widths_.at(layer_) = width;
+  send_wishes();
+}
+
+void RelaySubscription::notice(const json& message) {
+  RelayStream::notice(message);
+  if (const json& layer = member(plugin_data(message), "substream"); layer.is_number_unsigned()) {
+    layer_ = std::min(layer.get<std::size_t>(), widths_.size() - 1);
+  }
+  const std::string sdp = sdp_of(message);
+  if (peer_ && !sdp.empty() && text_of(message, "janus") == "event") {
+    take_offer(plugin_data(message), sdp);
+  }
+}
+
+void RelaySubscription::add_remote_candidate(unsigned mline, const std::string& candidate) {
+  if (peer_) peer_->add_remote_candidate(mline, candidate);
+}
+
+void RelaySubscription::tell(const Failure& failure) {
+  if (auto* sink = gate_->close()) sink->subscription_failed(failure.code, failure.text);
+}
+
+void RelaySubscription::stream_removed() {
+  auto* const sink = gate_->close();
+  stop();
+  withdraw();
+  if (sink != nullptr) sink->subscription_ended();
+}
+
+void RelaySubscription::stop() {
+  RelayStream::stop();
+  gate_->close();
+  if (peer_) peer_->stop();
+}
+
+}  // namespace sarnet::relay

@@ -1,0 +1,121 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/engine.h"
+#include "relay/peer/receiving_peer.h"
+#include "relay/room/relay_stream.h"
+
+namespace sarnet::relay {
+
+// Stands before the program's sink so that nothing more is passed on, from any thread, once the
+// program has had enough.
+class SubscriptionGate : public MediaSink {
+ public:
+  // `left` closes all gates of a session at once.
+  SubscriptionGate(std::shared_ptr<SubscriptionSink> sink,
+                   std::shared_ptr<const std::atomic<bool>> left)
+      : sink_(std::move(sink)), left_(std::move(left)) {}
+
+  // Gives the sink if it was open.
+  SubscriptionSink* close() {
+    auto* const last = sink();
+    closed_ = true;
+    return last;
+  }
+  // Null once closed.
+  SubscriptionSink* sink() const { return closed_ || *left_ ? nullptr : sink_.get(); }
+  bool leads_to(const SubscriptionSink* sink) const { return sink_.get() == sink; }
+
+  // Called on the streaming thread with each new width of the pictures. Before any comes.
+  void on_width(std::function<void(int)> taker) { width_taker_ = std::move(taker); }
+
+  void on_audio(const AudioFormat& format, std::span<const std::int16_t> samples) override {
+    if (auto* to = sink()) to->on_audio(format, samples);
+  }
+  void on_picture(const PictureRef& picture) override {
+    if (std::exchange(width_, picture->width()) != picture->width()) width_taker_(width_);
+    if (auto* to = sink()) to->on_picture(picture);
+  }
+  void on_caption(std::string_view text, bool is_final) override {
+    if (auto* to = sink()) to->on_caption(text, is_final);
+  }
+
+ private:
+  const std::shared_ptr<SubscriptionSink> sink_;
+  const std::shared_ptr<const std::atomic<bool>> left_;
+  std::atomic<bool> closed_{false};
+  std::function<void(int)> width_taker_ = [](int) {};
+  int width_ = 0;
+};
+
+// One medium of a subscribed stream, as the server lists it.
+struct FeedMedium {
+  std::string mid;
+  std::string type;  // "audio", "video" or "data"
+  bool simulcast = false;
+};
+
+// Of a stream that is published in several sizes, each with several rates: the widths that were
+// seen so far, the smallest layer first, 0 where none was.
+using LayerWidths = std::array<int, 3>;
+
+// What the server is asked for; of layers the largest unless something else is wished.
+struct StreamWishes {
+  bool audio = true;
+  bool video = true;
+  int size_layer = 2;
+  int rate_layer = 2;
+};
+// The smallest layer that is no smaller than what is wished.
+StreamWishes stream_wishes(const MediaWishes& wishes, const LayerWidths& widths);
+// Of these media; empty when nothing changes.
+json wishes_request(const std::vector<FeedMedium>& media, const StreamWishes& now,
+                    const StreamWishes& before);
+
+// One stream that the session receives, over a handle of its own.
+class RelaySubscription final : public RelayStream {
+ public:
+  RelaySubscription(RoomAccess& access, std::string stream_id,
+                    std::shared_ptr<SubscriptionGate> gate, Over over);
+  ~RelaySubscription() override;
+
+  void start();
+  void notice(const json& message) override;
+  void prefer(const MediaWishes& wishes);
+  // Ends all, and tells the sink that its stream is gone.
+  void stream_removed();
+  void stop() override;
+
+  const std::string& stream_id() const { return stream_id_; }
+  SubscriptionGate& gate() const { return *gate_; }
+
+  void on_local_description(const std::string& type, const std::string& sdp) override;
+
+ private:
+  void join();
+  // Takes the server's list of what it sends, and its offer.
+  void take_offer(const json& data, const std::string& sdp);
+  void send_wishes();
+  void saw_width(int width);
+  void connected() override;
+  void tell(const Failure& failure) override;
+  void add_remote_candidate(unsigned mline, const std::string& candidate) override;
+
+  const std::string stream_id_;
+  const std::shared_ptr<SubscriptionGate> gate_;
+  std::shared_ptr<ReceivingPeer> peer_;
+  std::vector<FeedMedium> media_;
+  MediaWishes wishes_;
+  StreamWishes sent_wishes_;
+  LayerWidths widths_{};
+  std::size_t layer_ = 0;  // that comes now, of a stream that has several
+  bool started_ = false;
+};
+
+}  // namespace sarnet::relay

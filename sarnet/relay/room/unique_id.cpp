@@ -1,0 +1,15 @@
+#include "relay/room/unique_id.h"
+
+#include <cstdio>
+#include <random>
+
+namespace sarnet::relay {
+
+std::string unique_id() {
+  std::random_device random;
+  char text[17];
+  std::snprintf(text, sizeof text, "%08x%08x", random(), random());
+  return text;
+}
+
+}  // namespace sarnet::relay

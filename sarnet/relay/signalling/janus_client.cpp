@@ -1,0 +1,266 @@
+#include "relay/signalling/janus_client.h"
+
+#include <sarnet/sarnet.h>
+
+#include <utility>
+
+#include "base/log.h"
+
+namespace sarnet::relay {
+namespace {
+
+constexpr std::chrono::milliseconds kRetryPeriod{250};
+
+}  // namespace
+
+JanusClient::JanusClient(MainLoop& loop, JanusSettings settings, JanusObserver& observer)
+    : loop_(loop), settings_(std::move(settings)), observer_(observer) {}
+
+JanusClient::~JanusClient() { end(); }
+
+void JanusClient::open(std::function<void(const Failure*)> done) {
+  opened_ = std::move(done);
+  state_ = State::kConnecting;
+  connect_timer_ = MainLoop::Timer(loop_, settings_.connect_limit, [this] {
+    fail_opening({SRN_SESSION_CONNECTION_TIMED_OUT,
+                  "Cannot connect to " + settings_.url + ": no answer in time"});
+  });
+  connect();
+}
+
+void JanusClient::connect() {
+  socket_ = std::make_shared<JanusSocket>(JanusSocket::Callbacks{
+      [this] { connected(); }, [this](std::string_view text) { received(text); },
+      [this](const std::string& reason) { connection_failed(reason); }});
+  std::string error;
+  if (socket_->open(settings_.url, settings_.ca_file, error)) return;
+  loop_.post([this, socket = std::weak_ptr(socket_), error] {
+    if (!socket.expired()) connection_failed(error);
+  });
+}
+
+void JanusClient::connected() {
+  if (state_ == State::kBroken) {
+    claim();
+    return;
+  }
+  request(
+      {{"janus", "create"}}, [this](const JanusReply& reply) { session_created(reply); }, false,
+      true);
+}
+
+void JanusClient::session_created(const JanusReply& reply) {
+  if (!reply.ok()) {
+    fail_opening(session_failure("opening a session", reply));
+    return;
+  }
+  session_ = member(member(reply.message, "data"), "id").get<std::uint64_t>();
+  connect_timer_.stop();
+  state_ = State::kOpen;
+  life_timer_ = MainLoop::Timer(
+      loop_, settings_.keepalive, [this] { check_life(); }, true);
+  heard_ = true;
+  std::exchange(opened_, nullptr)(nullptr);
+}
+
+void JanusClient::fail_opening(const Failure& failure) {
+  end();
+  if (const auto opened = std::exchange(opened_, nullptr)) opened(&failure);
+}
+
+void JanusClient::connection_failed(const std::string& reason) {
+  switch (state_) {
+    case State::kConnecting:
+      fail_opening(
+          {SRN_SESSION_CONNECTION_FAILED, "Cannot connect to " + settings_.url + ": " + reason});
+      break;
+    case State::kOpen:
+      if (closed_) {
+        end();
+        std::exchange(closed_, nullptr)();
+      } else {
+        broken(reason);
+      }
+      break;
+    case State::kBroken:
+      retry_timer_ = MainLoop::Timer(loop_, kRetryPeriod, [this] { connect(); });
+      break;
+    default:
+      break;
+  }
+}
+
+void JanusClient::check_life() {
+  if (state_ != State::kOpen || closed_) return;
+  if (!heard_) {
+    broken("no sign of life");
+    return;
+  }
+  heard_ = false;
+  request({{"janus", "keepalive"}}, nullptr, true);
+}
+
+void JanusClient::broken(const std::string& reason) {
+  SARNET_LOG(kWarn, "The connection to " << settings_.url << " broke: " << reason);
+  state_ = State::kBroken;
+  break_reason_ = reason;
+  break_timer_ = MainLoop::Timer(loop_, settings_.reconnect_limit,
+                                 [this] { lost("and could not be resumed in time"); });
+  socket_->close();
+  connect();
+}
+
+void JanusClient::claim() {
+  request(
+      {{"janus", "claim"}},
+      [this](const JanusReply& reply) {
+        if (state_ != State::kBroken) return;
+        if (reply.ok()) {
+          resumed();
+        } else if (reply.outcome == JanusReply::Outcome::kRefused) {
+          lost("and the server does not know the session any more: " + reply.text);
+        } else {
+          socket_->close();
+          connect();
+        }
+      },
+      false, true);
+}
+
+void JanusClient::resumed() {
+  SARNET_LOG(kInfo, "The connection to " << settings_.url << " was resumed");
+  break_timer_.stop();
+  state_ = State::kOpen;
+  heard_ = true;
+  for (const std::string& text : std::exchange(unsent_, {})) socket_->send(text);
+  observer_.on_resumed();
+}
+
+void JanusClient::lost(const std::string& reason) {
+  end();
+  observer_.on_lost(
+      {SRN_SESSION_CONNECTION_DROPPED,
+       "The connection to " + settings_.url + " broke (" + break_reason_ + ") " + reason});
+}
+
+void JanusClient::attach(const std::string& plugin,
+                         std::function<void(const JanusReply&, std::uint64_t handle)> answer) {
+  request({{"janus", "attach"}, {"plugin", plugin}},
+          [answer = std::move(answer)](const JanusReply& reply) {
+            const json& data = member(reply.message, "data");
+            answer(reply, reply.ok() ? member(data, "id").get<std::uint64_t>() : 0);
+          });
+}
+
+void JanusClient::detach(std::uint64_t handle) {
+  request({{"janus", "detach"}, {"handle_id", handle}}, nullptr);
+}
+
+void JanusClient::message(std::uint64_t handle, json body, const std::string& sdp_type,
+                          const std::string& sdp, Answer answer) {
+  json message{{"janus", "message"}, {"handle_id", handle}, {"body", std::move(body)}};
+  if (!sdp.empty()) message["jsep"] = {{"type", sdp_type}, {"sdp", sdp}};
+  request(std::move(message), std::move(answer));
+}
+
+void JanusClient::trickle(std::uint64_t handle, unsigned mline, const std::string& candidate) {
+  const json text = candidate.empty() ? json{{"completed", true}}
+                                      : json{{"sdpMLineIndex", mline}, {"candidate", candidate}};
+  request({{"janus", "trickle"}, {"handle_id", handle}, {"candidate", text}}, nullptr, true);
+}
+
+void JanusClient::request(json message, Answer answer, bool acknowledged_is_answer, bool now) {
+  if (state_ == State::kIdle || state_ == State::kClosed) return;
+  const std::string transaction = std::to_string(next_transaction_++);
+  message["transaction"] = transaction;
+  if (!settings_.token.empty()) message["token"] = settings_.token;
+  if (session_ != 0) message["session_id"] = session_;
+  if (answer) {
+    Pending& pending = pending_[transaction];
+    pending.answer = std::move(answer);
+    pending.acknowledged_is_answer = acknowledged_is_answer;
+    pending.limit = MainLoop::Timer(loop_, settings_.answer_limit, [this, transaction] {
+      JanusReply late;
+      late.outcome = JanusReply::Outcome::kTimedOut;
+      this->answer(transaction, late);
+    });
+  }
+  // Tokens and addresses stay out of the log.
+  SARNET_LOG(kDebug, "relay: asks " << text_of(message, "janus") << ' '
+                                    << text_of(member(message, "body"), "request") << " as "
+                                    << transaction << " on " << number_of(message, "handle_id"));
+  std::string text = message.dump(-1, ' ', false, json::error_handler_t::replace);
+  if (now || state_ == State::kOpen) {
+    socket_->send(text);
+  } else {
+    unsent_.push_back(std::move(text));
+  }
+}
+
+void JanusClient::answer(const std::string& transaction, const JanusReply& reply) {
+  const auto found = pending_.find(transaction);
+  if (found == pending_.end()) return;
+  const Pending pending = std::move(found->second);
+  pending_.erase(found);
+  pending.answer(reply);
+}
+
+void JanusClient::received(std::string_view text) {
+  heard_ = true;
+  json message = json::parse(text, nullptr, false);
+  if (!message.is_object()) {
+    SARNET_LOG(kWarn, "The server sent what is not a message");
+    return;
+  }
+  const std::string kind = text_of(message, "janus");
+  const std::string transaction = text_of(message, "transaction");
+  SARNET_LOG(kDebug, "relay: hears " << kind << ' ' << text_of(plugin_data(message), "videoroom")
+                                     << " to " << transaction << " on "
+                                     << number_of(message, "sender"));
+  if (const auto found = pending_.find(transaction); found != pending_.end()) {
+    if (kind != "ack" || found->second.acknowledged_is_answer) {
+      answer(transaction, make_reply(std::move(message)));
+    }
+    return;
+  }
+  if (state_ != State::kOpen || closed_ || kind == "ack" || kind == "success") return;
+  if (kind == "timeout") {
+    break_reason_ = "the server gave the session up";
+    lost("for good");
+    return;
+  }
+  if (kind == "error") {
+    SARNET_LOG(kWarn,
+               "The server refused a request: " << text_of(member(message, "error"), "reason"));
+    return;
+  }
+  const json& sender = member(message, "sender");
+  observer_.on_notice(sender.is_number() ? sender.get<std::uint64_t>() : 0, message);
+}
+
+void JanusClient::close(std::chrono::milliseconds limit, std::function<void()> done) {
+  const auto finish = [this] {
+    end();
+    std::exchange(closed_, nullptr)();
+  };
+  closed_ = std::move(done);
+  if (state_ != State::kOpen) {
+    loop_.post(finish);
+    return;
+  }
+  for (auto& each : pending_) each.second.answer = [](const JanusReply&) {};
+  close_timer_ = MainLoop::Timer(loop_, limit, finish);
+  request({{"janus", "destroy"}}, [finish](const JanusReply&) { finish(); });
+}
+
+void JanusClient::end() {
+  state_ = State::kClosed;
+  if (socket_) socket_->close();
+  pending_.clear();
+  unsent_.clear();
+  for (auto* timer : {&connect_timer_, &break_timer_, &retry_timer_, &life_timer_, &close_timer_}) {
+    timer->stop();
+  }
+}
+
+}  // namespace sarnet::relay

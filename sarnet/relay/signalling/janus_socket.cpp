@@ -1,0 +1,115 @@
+#include "relay/signalling/janus_socket.h"
+
+#include <utility>
+
+#include "relay/signalling/guarded.h"
+
+namespace sarnet::relay {
+namespace {
+
+struct ErrorDeleter {
+  void operator()(GError* error) const { g_error_free(error); }
+};
+using ErrorHandle = std::unique_ptr<GError, ErrorDeleter>;
+
+// Messages of the server with descriptions of many streams outgrow libsoup's 128 KiB.
+constexpr guint64 kMaxMessage = guint64{4} * 1024 * 1024;
+
+}  // namespace
+
+JanusSocket::JanusSocket(Callbacks callbacks)
+    : callbacks_(std::move(callbacks)), cancellable_(g_cancellable_new()) {}
+
+JanusSocket::~JanusSocket() { close(); }
+
+bool JanusSocket::open(const std::string& url, const std::string& ca_file, std::string& error) {
+  session_.reset(soup_session_new());
+  // Straight to the server: media could not follow through a proxy.
+  soup_session_set_proxy_resolver(session_.get(), nullptr);
+  if (!ca_file.empty()) {
+    GError* raw = nullptr;
+    const GObjectHandle<GTlsDatabase> database(g_tls_file_database_new(ca_file.c_str(), &raw));
+    if (!database) {
+      const ErrorHandle owned(raw);
+      error = "cannot read the certificate authorities in '" + ca_file + "': " + owned->message;
+      return false;
+    }
+    soup_session_set_tls_database(session_.get(), database.get());
+  }
+  const GObjectHandle<SoupMessage> message(soup_message_new(SOUP_METHOD_GET, url.c_str()));
+  if (!message) {
+    error = "'" + url + "' is not an address";
+    return false;
+  }
+  const char* protocols[] = {"janus-protocol", nullptr};
+  soup_session_websocket_connect_async(
+      session_.get(), message.get(), nullptr, const_cast<char**>(protocols), G_PRIORITY_DEFAULT,
+      cancellable_.get(), &on_connected, new std::shared_ptr<JanusSocket>(shared_from_this()));
+  return true;
+}
+
+void JanusSocket::on_connected(GObject*, GAsyncResult* result, gpointer data) {
+  const std::unique_ptr<std::shared_ptr<JanusSocket>> self(
+      static_cast<std::shared_ptr<JanusSocket>*>(data));
+  guarded("Opening the connection", [&] { (*self)->connected(result); });
+}
+
+void JanusSocket::connected(GAsyncResult* result) {
+  GError* raw = nullptr;
+  connection_.reset(soup_session_websocket_connect_finish(session_.get(), result, &raw));
+  const ErrorHandle error(raw);
+  if (closed_) {
+    close();
+    return;
+  }
+  if (!connection_) {
+    fail(error->message);
+    return;
+  }
+  soup_websocket_connection_set_max_incoming_payload_size(connection_.get(), kMaxMessage);
+  g_signal_connect(connection_.get(), "message", G_CALLBACK(&on_message), this);
+  g_signal_connect(connection_.get(), "closed", G_CALLBACK(&on_closed), this);
+  callbacks_.opened();
+}
+
+void JanusSocket::on_message(SoupWebsocketConnection*, int, GBytes* bytes, gpointer data) {
+  const auto self = static_cast<JanusSocket*>(data)->shared_from_this();
+  if (self->closed_) return;
+  gsize size = 0;
+  const auto* text = static_cast<const char*>(g_bytes_get_data(bytes, &size));
+  guarded("Using a message of the server", [&] { self->callbacks_.received({text, size}); });
+}
+
+void JanusSocket::on_closed(SoupWebsocketConnection*, gpointer data) {
+  const auto self = static_cast<JanusSocket*>(data)->shared_from_this();
+  guarded("Losing the connection", [&] { self->fail("the server closed the connection"); });
+}
+
+void JanusSocket::fail(const std::string& reason) {
+  if (closed_) return;
+  const auto failed = std::exchange(callbacks_.failed, nullptr);
+  close();
+  failed(reason);
+}
+
+void JanusSocket::send(const std::string& text) {
+  if (!connection_ || closed_) return;
+  if (soup_websocket_connection_get_state(connection_.get()) != SOUP_WEBSOCKET_STATE_OPEN) return;
+  soup_websocket_connection_send_text(connection_.get(), text.c_str());
+}
+
+void JanusSocket::close() {
+  closed_ = true;
+  g_cancellable_cancel(cancellable_.get());
+  if (connection_) {
+    g_signal_handlers_disconnect_by_data(connection_.get(), this);
+    // With the stream: libsoup's own farewell waits for the other side. Cancelled, so that it does
+    // not wait for the network either.
+    g_io_stream_close(soup_websocket_connection_get_io_stream(connection_.get()),
+                      cancellable_.get(), nullptr);
+    connection_.reset();
+  }
+  if (session_) soup_session_abort(session_.get());
+}
+
+}  // namespace sarnet::relay
