@@ -10,7 +10,7 @@ What a callable raises (`SystemExit` too) is printed and logged, and stops nothi
 ignored. A callable that is not callable is ignored as well: its event goes unreported.
 """
 
-from typing import Any, Callable, Literal, Optional, Protocol, Union, final
+from typing import Any, Callable, Final, Literal, Optional, Protocol, Union, final
 
 from tavrin_media_relay.models import (
     AudioData,
@@ -49,6 +49,16 @@ class _PublisherErrorCallback(Protocol):
     def __call__(self, publisher: Publisher, message: str, code: int, /) -> object: ...
 
 @final
+class _Statistics:
+    """Counters of the process, each as it stands when it is read."""
+
+    @property
+    def escaped_views(self) -> int:
+        """Audio blocks and frames of which a program still had a view when its callable returned."""
+
+__statistics__: Final[_Statistics]
+
+@final
 class TavrinVideoClient:
     """A handle on the process's one session.
 
@@ -85,7 +95,11 @@ class TavrinVideoClient:
 
         Gives True when the attempt has been started: its outcome comes as `on_connected_cb` or
         `on_error_cb`. Gives False, with a line in the log, when it could not be started, and when a session
-        is up or being set up already. Raises TypeError or ValueError for bad arguments.
+        is up or being set up already.
+
+        Raises what is wrong with the arguments: TypeError (kind or number), ValueError (a NUL in a text),
+        UnicodeEncodeError (a text with lone surrogates); and with `session_settings`: AttributeError (a
+        field is missing), TypeError (of another type), OverflowError (a number beyond 64 bits).
 
         on_connected_cb(session): we are in.
         on_disconnected_cb(session): the session ended without being asked to. Not called for `disconnect`.
@@ -106,7 +120,8 @@ class TavrinVideoClient:
         """Leaves the session and lets go of every callable.
 
         Blocks until the library has confirmed, at most 5 seconds. Gives True also when there was nothing to
-        leave. Raises no `on_disconnected_cb`.
+        leave, and False, with a line in the log, when the session could not be left; the callables are gone
+        in any case. Raises no `on_disconnected_cb`.
         """
 
     def subscribe(
@@ -169,8 +184,11 @@ class TavrinVideoClient:
 
         Copies the samples before it returns; never waits. 28,800,000 samples fit: 300 s at 48 kHz stereo.
         Gives False, with a warning in the log, when nothing was taken: no room, or audio is not consumed
-        yet (wait for `on_ready_for_audio_cb`). Raises TypeError or AttributeError for a bad object,
-        ValueError "sample_buffer is too small" if it holds less than it claims.
+        yet (wait for `on_ready_for_audio_cb`).
+
+        Raises AttributeError (a field is missing), TypeError (of another type, or `sample_buffer` is no
+        bytes-like object), BufferError (its memory is not contiguous or cannot be lent), OverflowError (a
+        number beyond 64 bits), ValueError "sample_buffer is too small" (it holds less than it claims).
 
         The samples are taken to have the session's form: the rate in the object is not looked at.
 
@@ -182,8 +200,11 @@ class TavrinVideoClient:
 
         Copies the pixels before it returns; never waits. 150 pictures fit: 5 s at 30 a second, 69 MB at
         640x480 YUV420P. Gives False, with a warning in the log, when it was not taken: no
-        session, another form, or a full queue. Raises TypeError, AttributeError or ValueError for a bad
-        object, ValueError "frame_buffer is too small" if it holds less than a frame.
+        session, another form, or a full queue.
+
+        Raises AttributeError, TypeError, BufferError and OverflowError as `add_audio` does,
+        UnicodeEncodeError (`format` with lone surrogates), ValueError (None, or "frame_buffer is too
+        small": it holds less than a frame), RuntimeError (no frame of that format and size).
 
         When the queue is empty the last picture is repeated for two seconds; then pictures are black.
         """

@@ -28,23 +28,72 @@ Py_buffer construct_py_buffer(const void* data, std::size_t bytes, Py_ssize_t it
   return buffer;
 }
 
-// For SystemExit PyErr_Print would end the process from this thread, which the process's end then
-// waits for.
-void print_exception() {
-  if (PyErr_ExceptionMatches(PyExc_SystemExit) == 0) {
-    PyErr_Print();
+// The pending exception, normalised and with its traceback, taken off the thread.
+struct Raised {
+  PyObjectPtr type;
+  PyObjectPtr value;
+  PyObjectPtr traceback;
+
+  static Raised take() {
+    PyObject* type = nullptr;
+    PyObject* value = nullptr;
+    PyObject* traceback = nullptr;
+    enter_python([&] {
+      PyErr_Fetch(&type, &value, &traceback);
+      PyErr_NormalizeException(&type, &value, &traceback);
+    });
+    if (value != nullptr && traceback != nullptr) {
+      PyException_SetTraceback(value, traceback);
+    }
+    return {PyObjectPtr(type), PyObjectPtr(value), PyObjectPtr(traceback)};
+  }
+
+  // On sys.stderr. Calls no hook, ends nothing, and survives whatever the stream does.
+  void display() const {
+    enter_python([this] { PyErr_Display(type.get(), value.get(), traceback.get()); });
+    clear_exception();
+  }
+};
+
+// As hooks and debuggers get what is not there.
+PyObject* or_none(const PyObjectPtr& object) { return object != nullptr ? object.get() : Py_None; }
+
+void set_sys_attribute(const char* name, PyObject* value) {
+  // Drops what stood there.
+  if (enter_python([=] { return PySys_SetObject(name, value); }) < 0) {
+    clear_exception();
+  }
+}
+
+void write_to_stderr(const char* text) {
+  enter_python([text] { PySys_WriteStderr("%s", text); });
+}
+
+// Shows the pending exception as the interpreter would, through sys.excepthook, and clears it.
+// PyErr_Print is not for threads of ours: for a SystemExit, the callable's or the hook's, it ends
+// the process from this thread, which the process's end then waits for.
+void show_exception() {
+  const Raised raised = Raised::take();
+  set_sys_attribute("last_type", or_none(raised.type));
+  set_sys_attribute("last_value", or_none(raised.value));
+  set_sys_attribute("last_traceback", or_none(raised.traceback));
+  const PyObjectPtr hook = new_reference(PySys_GetObject("excepthook"));  // it may replace itself
+  if (hook == nullptr) {
+    write_to_stderr("sys.excepthook is missing\n");
+    raised.display();
     return;
   }
-  PyObject* type = nullptr;
-  PyObject* value = nullptr;
-  PyObject* traceback = nullptr;
-  PyErr_Fetch(&type, &value, &traceback);
-  PyErr_NormalizeException(&type, &value, &traceback);
-  PyErr_Display(type, value, traceback);
-  PyErr_Clear();
-  Py_XDECREF(type);
-  Py_XDECREF(value);
-  Py_XDECREF(traceback);
+  const PyObjectPtr result(enter_python([&] {
+    return PyObject_CallFunctionObjArgs(hook.get(), or_none(raised.type), or_none(raised.value),
+                                        or_none(raised.traceback), nullptr);
+  }));
+  if (result == nullptr) {
+    const Raised by_hook = Raised::take();
+    write_to_stderr("Error in sys.excepthook:\n");
+    by_hook.display();
+    write_to_stderr("\nOriginal exception was:\n");
+    raised.display();
+  }
 }
 
 }  // namespace
@@ -70,6 +119,8 @@ PyObject* MemberName::object() {
   return object_;
 }
 
+void clear_exception() { enter_python(PyErr_Clear); }
+
 void set_error_if_not_present(PyObject* type, const char* message) {
   if (PyErr_Occurred() == nullptr) {
     PyErr_SetString(type, message);
@@ -84,14 +135,18 @@ Py_buffer construct_py_buffer_from_uint8(const std::uint8_t* data, std::size_t c
   return construct_py_buffer(data, count, 1, "B");
 }
 
-PyObjectPtr get_member_value(PyObject* object, MemberName& name) {
+PyObjectPtr get_attribute(PyObject* object, MemberName& name) {
   PyObject* key = name.object();
   if (key == nullptr) {
     return nullptr;
   }
-  PyObjectPtr value(enter_python([=] { return PyObject_GetAttr(object, key); }));
+  return PyObjectPtr(enter_python([=] { return PyObject_GetAttr(object, key); }));
+}
+
+PyObjectPtr get_member_value(PyObject* object, MemberName& name) {
+  PyObjectPtr value = get_attribute(object, name);
   if (value == nullptr) {
-    PyErr_Clear();
+    clear_exception();
     const std::string message = concat("Object has no member '", name.text(), "'");
     PyErr_SetString(PyExc_AttributeError, message.c_str());
     LOG4CXX_WARN(logger, "get_member_value: " << message);
@@ -180,7 +235,7 @@ PyObjectPtr call_python_object_with_gil(PyObject* callable, PyObject* args, std:
   if (result == nullptr) {
     LOG4CXX_ERROR(logger,
                   "call_python_object_with_gil: Python function raised an exception for " << name);
-    enter_python(print_exception);
+    show_exception();
   }
   // Last, as a failed call's traceback may show the arguments.
   PyObjectDeleter()(args);

@@ -79,7 +79,12 @@ void set_error_if_not_present(PyObject* type, const char* message);
 Py_buffer construct_py_buffer_from_int16(const std::int16_t* data, std::size_t count);
 Py_buffer construct_py_buffer_from_uint8(const std::uint8_t* data, std::size_t count);
 
-// The value of an attribute. Whatever keeps it from being read counts as its absence.
+// Clears the pending exception, whose last reference may run finalisers.
+void clear_exception();
+
+// The value of an attribute, as it is.
+PyObjectPtr get_attribute(PyObject* object, MemberName& name);
+// The same of a model's attribute. Whatever keeps it from being read counts as its absence.
 PyObjectPtr get_member_value(PyObject* object, MemberName& name);
 std::optional<std::string> get_member_value_as_string(PyObject* object, MemberName& name);
 // By truth value: the attribute need not be a bool.

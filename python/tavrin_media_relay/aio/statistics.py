@@ -7,6 +7,8 @@ import json
 from dataclasses import dataclass, field
 from typing import TYPE_CHECKING, Any, Optional
 
+import _tavrin_video
+
 from . import _libraries
 from ._fan import Fan
 
@@ -65,6 +67,9 @@ class Statistics:
     audio_written_ms: float
     """By the present publisher."""
     video_written_ms: float
+    escaped_views: int = 0
+    """The module's own count, for the whole process: blocks and pictures of which somebody still had a view when the
+    callable that got them had returned."""
 
 
 def _received(fan: Fan[Any], lost: int = 0, views: bool = True) -> Received:
@@ -119,4 +124,5 @@ def of_session(core: Core) -> Statistics:
             _received(each.caption_fan, captions, views=False),
         )
     written = core.publisher.written_ms if core.publisher is not None else (0.0, 0.0)
-    return Statistics(library, _received(core.mix), streams, written[0], written[1])
+    escaped = _tavrin_video.__statistics__.escaped_views
+    return Statistics(library, _received(core.mix), streams, written[0], written[1], escaped)

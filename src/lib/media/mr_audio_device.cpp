@@ -82,7 +82,7 @@ MRAudioDeviceSettings MRAudioDevice::currentSettings() {
 }
 
 void MRAudioDevice::stop() {
-  capturer_.stop();
+  stopCapturer();
   renderer_.stop();
   capturer_.destroy();
   renderer_.destroy();
@@ -145,6 +145,14 @@ srn_bool MRAudioDevice::onStartCapturer(const srn_audio_device*, void* user_data
   return delegate(logger_, user_data, [](MRAudioDevice& device) { return device.startCapturer(); });
 }
 
+bool MRAudioDevice::stopCapturer() {
+  {
+    const std::lock_guard lock(settings_mutex_);
+    has_untold_start_ = false;
+  }
+  return capturer_.stop();
+}
+
 bool MRAudioDevice::startCapturer() {
   const bool started = capturer_.start();
   MRCapturerStartedCallback on_started;
@@ -166,8 +174,7 @@ bool MRAudioDevice::startCapturer() {
 
 srn_bool MRAudioDevice::onStopCapturer(const srn_audio_device*, void* user_data) {
   LOG4CXX_DEBUG(logger_, "MRAudioDevice::onStopCapturer: ");
-  return delegate(logger_, user_data,
-                  [](MRAudioDevice& device) { return device.capturer_.stop(); });
+  return delegate(logger_, user_data, [](MRAudioDevice& device) { return device.stopCapturer(); });
 }
 
 srn_bool MRAudioDevice::onIsCapturerInitialized(const srn_audio_device*, void* user_data) {

@@ -88,6 +88,7 @@ class MRAudioDevice {
                                       srn_audio_device_settings* settings);
 
   bool startCapturer();
+  bool stopCapturer();
   MRAudioDeviceSettings currentSettings();
 
   static const log4cxx::LoggerPtr& logger_;

@@ -51,7 +51,8 @@ bool read_video_preferences(PyObject* object, MRSubscriberSettings& settings) {
     return false;
   }
   if (framerate.get() != Py_None) {
-    const long preferred = PyLong_AsLong(framerate.get());
+    const long preferred =
+        python_utils::enter_python([&] { return PyLong_AsLong(framerate.get()); });
     if (PyErr_Occurred() != nullptr) {
       return false;
     }

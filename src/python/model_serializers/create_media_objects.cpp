@@ -14,7 +14,9 @@ using python_utils::PyGILLock;
 using python_utils::set_error_if_not_present;
 
 PyObjectPtr create_view(const PyObjectPtr& memory) {
-  return PyObjectPtr(memory == nullptr ? nullptr : PyMemoryView_FromObject(memory.get()));
+  return PyObjectPtr(memory == nullptr ? nullptr : enter_python([&] {
+    return PyMemoryView_FromObject(memory.get());
+  }));
 }
 
 // Counts beyond what Python or this address space can hold are refused with the rest.
@@ -95,10 +97,8 @@ PyObjectPtr create_video_frame_object(const MRVideoFrameData& frame, PyObjectPtr
     set_error_if_not_present(PyExc_MemoryError, "Failed to create Python objects");
     return nullptr;
   }
-  PyObject* method_name = names::kModelConstruct.object();
-  const PyObjectPtr model_construct(method_name == nullptr ? nullptr : enter_python([=] {
-    return PyObject_GetAttr(video_frame_class, method_name);
-  }));
+  const PyObjectPtr model_construct =
+      python_utils::get_attribute(video_frame_class, names::kModelConstruct);
   if (model_construct == nullptr) {
     LOG4CXX_ERROR(serializer_logger, "Failed to get model_construct method from VideoFrame");
     return nullptr;

@@ -22,18 +22,18 @@ PyObjectPtr create_local_time(int64_t milliseconds) {
   if (module == nullptr) {
     return fail(PyExc_ImportError, "Failed to import datetime module");
   }
-  const PyObjectPtr datetime(PyObject_GetAttr(module.get(), names::kDatetime.object()));
+  const PyObjectPtr datetime = python_utils::get_attribute(module.get(), names::kDatetime);
   if (datetime == nullptr) {
     return fail(PyExc_RuntimeError, "Failed to get datetime class");
   }
-  PyObject* method_name = names::kFromTimestamp.object();
-  const PyObjectPtr from_timestamp(
-      method_name == nullptr ? nullptr : PyObject_GetAttr(datetime.get(), method_name));
+  const PyObjectPtr from_timestamp =
+      python_utils::get_attribute(datetime.get(), names::kFromTimestamp);
   if (from_timestamp == nullptr) {
     return fail(PyExc_RuntimeError, "Failed to get fromtimestamp method");
   }
   const PyObjectPtr seconds(PyFloat_FromDouble(static_cast<double>(milliseconds) / 1000.0));
-  const PyObjectPtr args(seconds == nullptr ? nullptr : PyTuple_Pack(1, seconds.get()));
+  const PyObjectPtr args(
+      seconds == nullptr ? nullptr : enter_python([&] { return PyTuple_Pack(1, seconds.get()); }));
   if (args == nullptr) {
     return fail(PyExc_MemoryError, "Failed to create timestamp objects");
   }

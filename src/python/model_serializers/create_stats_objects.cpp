@@ -17,9 +17,7 @@ PyObjectPtr create_timedelta(int64_t milliseconds) {
     LOG4CXX_ERROR(serializer_logger, "Failed to import datetime module");
     return nullptr;
   }
-  PyObject* class_name = names::kTimedelta.object();
-  const PyObjectPtr timedelta(class_name == nullptr ? nullptr
-                                                    : PyObject_GetAttr(module.get(), class_name));
+  const PyObjectPtr timedelta = python_utils::get_attribute(module.get(), names::kTimedelta);
   if (timedelta == nullptr) {
     LOG4CXX_ERROR(serializer_logger, "Failed to get timedelta class");
     return nullptr;

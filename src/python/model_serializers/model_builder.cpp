@@ -9,8 +9,8 @@ using python_utils::PyObjectPtr;
 using python_utils::set_error_if_not_present;
 
 PyObjectPtr call_with_keywords(PyObject* factory, std::initializer_list<Keyword> keywords) {
-  const PyObjectPtr args(PyTuple_New(0));
-  const PyObjectPtr kwargs(PyDict_New());
+  const PyObjectPtr args(enter_python([] { return PyTuple_New(0); }));
+  const PyObjectPtr kwargs(enter_python([] { return PyDict_New(); }));
   bool complete = args != nullptr && kwargs != nullptr;
   for (const Keyword& keyword : keywords) {
     complete = complete && keyword.value != nullptr && keyword.name.object() != nullptr &&
@@ -35,7 +35,7 @@ PyObjectPtr import_datetime() {
   PyObject* name = names::kDatetime.object();
   PyObjectPtr module(name == nullptr ? nullptr : PyImport_GetModule(name));
   if (module == nullptr || module.get() == Py_None) {
-    PyErr_Clear();
+    python_utils::clear_exception();
     module.reset(enter_python([] { return PyImport_ImportModule("datetime"); }));
   }
   return module;

@@ -114,13 +114,10 @@ PyObject* sdk_wrapper_connect(MRController& controller, PyObject* args, PyObject
 PyObject* sdk_wrapper_disconnect(MRController& controller, PyObject* /*args*/,
                                  PyObject* /*kwargs*/) {
   LOG4CXX_INFO(logger, "Disconnecting from session");
-  const bool disconnected = call_unlocked(false, [&] {
-    const bool done = controller.disconnect();
-    if (!done) {
-      LOG4CXX_ERROR(logger, "Failed to disconnect from session");
-    }
-    return done;
-  });
+  const bool disconnected = call_unlocked(false, [&] { return controller.disconnect(); });
+  if (!disconnected) {
+    LOG4CXX_ERROR(logger, "Failed to disconnect from session");
+  }
 
   // Everything is taken out before anything is dropped: a finaliser may come back here.
   auto session_callables = exchange_callables(kSessionSlots, {});

@@ -24,7 +24,8 @@ bool EventArguments::addError(const std::string& message, int code, const char* 
 }
 
 PyObjectPtr EventArguments::takeTuple() {
-  PyObjectPtr tuple(PyTuple_New(static_cast<Py_ssize_t>(count_)));
+  PyObjectPtr tuple(
+      python_utils::enter_python([this] { return PyTuple_New(static_cast<Py_ssize_t>(count_)); }));
   for (std::size_t i = 0; tuple != nullptr && i < count_; ++i) {
     PyTuple_SetItem(tuple.get(), static_cast<Py_ssize_t>(i), objects_[i].release());
   }

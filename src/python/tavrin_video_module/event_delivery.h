@@ -87,6 +87,6 @@ void deliver(const Target& target, std::string_view name, Build&& build) {
   if (build(arguments)) {
     arguments.call(target.callable(), name);
   } else {
-    PyErr_Clear();  // the next event on this thread begins with a clean slate
+    python_utils::clear_exception();  // the next event on this thread begins with a clean slate
   }
 }

@@ -7,6 +7,7 @@
 #include "support/mr_device_info.h"
 #include "tavrin_video_module/client_object.h"
 #include "tavrin_video_module/state.h"
+#include "tavrin_video_module/statistics_object.h"
 
 using python_utils::PyObjectPtr;
 
@@ -34,8 +35,7 @@ PyObject* create_module() {
   const PyObjectPtr type(create_client_type());
   if (type == nullptr) {
     LOG4CXX_ERROR(logger, "PyInit_tavrin_video: Could not create TavrinVideoClient type");
-    PyErr_Print();
-    return nullptr;
+    return nullptr;  // the importer sees why
   }
   LOG4CXX_TRACE(logger, "PyInit_tavrin_video: TavrinVideoClient type created successfully");
 
@@ -53,6 +53,11 @@ PyObject* create_module() {
   }
   if (PyModule_AddObjectRef(module.get(), "TavrinVideoClient", type.get()) < 0) {
     LOG4CXX_ERROR(logger, "PyInit_tavrin_video: Could not add TavrinVideoClient to module");
+    return nullptr;
+  }
+  const PyObjectPtr statistics = create_statistics_object();
+  if (statistics == nullptr ||
+      PyModule_AddObjectRef(module.get(), "__statistics__", statistics.get()) < 0) {
     return nullptr;
   }
   LOG4CXX_TRACE(logger, "PyInit_tavrin_video: Module initialized successfully");
