@@ -10,5 +10,6 @@ if(TAVRIN_WARNINGS_ARE_ERRORS)
 endif()
 # The sanitizers' instrumentation makes gcc see null dereferences that are not there.
 if(TAVRIN_SANITIZE)
-  target_compile_options(tavrin_warnings INTERFACE -Wno-null-dereference -Wno-maybe-uninitialized)
+  target_compile_options(tavrin_warnings INTERFACE
+    -Wno-null-dereference $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 endif()

@@ -42,6 +42,10 @@ class FfmpegPlugin final : public FilePlugin {
   }
 };
 
+// The largest block that a file may make the decoders ask for: a picture of 8192 x 8192 in RGBA.
+// What its header claims is no measure: a few bytes may ask for 2 GiB.
+constexpr std::size_t kMaxBlock = std::size_t{8192} * 8192 * 4;
+
 }  // namespace
 }  // namespace sarnet
 
@@ -54,6 +58,7 @@ extern "C" __attribute__((visibility("default"))) const sarnet::FilePlugin* sarn
   if (av_log_get_level() == AV_LOG_INFO) {
     av_log_set_level(AV_LOG_FATAL);
   }
+  av_max_alloc(sarnet::kMaxBlock);
   static const sarnet::FfmpegPlugin plugin;
   return &plugin;
 }

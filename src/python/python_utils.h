@@ -23,7 +23,7 @@ namespace python_utils {
 // without holding the lock. A parked thread costs nothing and ends with the process. (An unwinding
 // that C code began has no exception object, which the sanitizer must be told.)
 template <class Call>
-__attribute__((no_sanitize("null,alignment"))) auto enter_python(Call&& call) {
+__attribute__((no_sanitize("null"), no_sanitize("alignment"))) auto enter_python(Call&& call) {
   try {
     return call();
   } catch (const abi::__forced_unwind&) {

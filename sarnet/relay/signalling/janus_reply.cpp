@@ -18,7 +18,8 @@ std::string text_of(const json& object, const char* name) {
 
 std::int64_t number_of(const json& object, const char* name) {
   const json& value = member(object, name);
-  return value.is_number() ? value.get<std::int64_t>() : 0;
+  // A fraction, or a number beyond the range, is none of the server's.
+  return value.is_number_integer() ? value.get<std::int64_t>() : 0;
 }
 
 bool flag_of(const json& object, const char* name) {
