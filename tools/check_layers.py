@@ -44,9 +44,9 @@ def rank(path: Path) -> int | None:
 
 
 def wrong_includes() -> list[str]:
-    roots = [ROOT / "src/lib", ROOT / "src/python", ROOT / "sarnet", ROOT / "include"]
+    roots = [ROOT / "src/lib", ROOT / "src/python", ROOT / "sarnet", ROOT / "include", ROOT]
     found = []
-    for source in sources("src") + sources("sarnet"):
+    for source in sources("src") + sources("sarnet") + sources("common"):
         where = source.relative_to(ROOT)
         text = source.read_text(encoding="utf-8")
         for match in INCLUDE.finditer(text):
@@ -55,7 +55,9 @@ def wrong_includes() -> list[str]:
                 continue
             line = text.count("\n", 0, match.start()) + 1
             tops = {where.parts[0], target.parts[0]}
-            if tops == {"src", "sarnet"}:
+            if where.parts[0] == "common" and target.parts[0] != "common":
+                found.append(f"{where}:{line}: {target}: common needs nothing")
+            elif tops == {"src", "sarnet"}:
                 found.append(f"{where}:{line}: {target} lies across the contract")
             elif where.parts[0] == "src" and target.parts[0] == "src":
                 above, below = rank(where), rank(target)

@@ -37,6 +37,7 @@ bool MRController::connect(MRSessionInfo session_info, const MRSessionSettings& 
 
 bool MRController::connectInternal(MRSessionInfo& session_info,
                                    const MRSessionSettings& session_settings) {
+  event_queue_.requireWorkerThread();
   if (!isSntLibraryInitialised_) {
     LOG4CXX_ERROR(logger_, "MRController::connect: MR library not initialised.");
     return false;
@@ -101,6 +102,7 @@ bool MRController::disconnect() {
 }
 
 bool MRController::disconnectInternal() {
+  event_queue_.requireWorkerThread();
   LOG4CXX_DEBUG(logger_, "MRController::disconnect");
   if (!isSntLibraryInitialised_) {
     LOG4CXX_ERROR(logger_, "MRController::disconnect: MR library not initialised.");

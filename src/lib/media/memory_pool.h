@@ -4,10 +4,11 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <stack>
 #include <utility>
+
+#include "common/mutex.h"
 
 /// Recycles buffers by their exact size, so that a steady flow of frames allocates nothing.
 ///
@@ -32,7 +33,7 @@ class MemoryPool {
   Buffer getBuffer(int size) {
     if (size < 1) return {};
     {
-      const std::lock_guard lock(mutex_);
+      const common::LockGuard lock(mutex_);
       const auto entry = pools_.find(size);
       if (entry != pools_.end() && !entry->second.empty()) {
         Buffer buffer = std::move(entry->second.top());
@@ -48,7 +49,7 @@ class MemoryPool {
   bool returnBuffer(int size, Buffer buffer) {
     if (size < 1 || !buffer) return false;
     try {
-      const std::lock_guard lock(mutex_);
+      const common::LockGuard lock(mutex_);
       pools_[size].push(std::move(buffer));
     } catch (const std::bad_alloc&) {
       return false;
@@ -59,13 +60,13 @@ class MemoryPool {
   /// Frees every buffer that waits in the pool.
   void clear() {
     std::map<int, Stack> dropped;
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     dropped.swap(pools_);
   }
 
   /// How many buffers of that size wait in the pool.
   std::size_t getPoolSize(int size) {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     const auto entry = pools_.find(size);
     return entry == pools_.end() ? 0 : entry->second.size();
   }
@@ -76,6 +77,6 @@ class MemoryPool {
   MemoryPool() = default;
   ~MemoryPool() = default;
 
-  std::mutex mutex_;
-  std::map<int, Stack> pools_;
+  common::Mutex mutex_;
+  std::map<int, Stack> pools_ GUARDED_BY(mutex_);
 };

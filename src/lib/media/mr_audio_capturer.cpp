@@ -20,7 +20,7 @@ MRAudioCapturer::~MRAudioCapturer() {
 }
 
 bool MRAudioCapturer::init(int sample_rate, int channels) {
-  const std::lock_guard lifecycle(lifecycle_mutex_);
+  const common::LockGuard lifecycle(lifecycle_mutex_);
   if (state_.load() != AudioCapturerState::Uninitialized) {
     LOG4CXX_WARN(logger_, "MRAudioCapturer::init: Already initialized");
     return false;
@@ -32,7 +32,7 @@ bool MRAudioCapturer::init(int sample_rate, int channels) {
     return false;
   }
   // An addAudio that passed its test of the state in the session before may still want the buffer.
-  const std::lock_guard lock(injected_audio_mutex_);
+  const common::LockGuard lock(injected_audio_mutex_);
   sample_rate_.store(sample_rate);
   num_channels_.store(channels);
   frames_per_period_ = period->frames;
@@ -60,7 +60,7 @@ void MRAudioCapturer::resetInjectedAudioState() {
 }
 
 bool MRAudioCapturer::start() {
-  const std::lock_guard lifecycle(lifecycle_mutex_);
+  const common::LockGuard lifecycle(lifecycle_mutex_);
   LOG4CXX_DEBUG(logger_, "MRAudioCapturer::start: Starting...");
   switch (state_.load()) {
     case AudioCapturerState::Uninitialized:
@@ -79,7 +79,7 @@ bool MRAudioCapturer::start() {
 }
 
 bool MRAudioCapturer::stop() {
-  const std::lock_guard lifecycle(lifecycle_mutex_);
+  const common::LockGuard lifecycle(lifecycle_mutex_);
   return stopLocked();
 }
 
@@ -104,7 +104,7 @@ bool MRAudioCapturer::stopLocked() {
 }
 
 bool MRAudioCapturer::destroy() {
-  const std::lock_guard lifecycle(lifecycle_mutex_);
+  const common::LockGuard lifecycle(lifecycle_mutex_);
   return destroyLocked();
 }
 
@@ -130,7 +130,7 @@ bool MRAudioCapturer::isRunning() const { return state_.load() == AudioCapturerS
 bool MRAudioCapturer::addAudio(const MRAudioData& data) {
   if (!isRunning()) return false;
   const std::optional<std::size_t> count = data.sampleCount();
-  const std::lock_guard lock(injected_audio_mutex_);
+  const common::LockGuard lock(injected_audio_mutex_);
   if (!isRunning()) return false;
 
   const auto waiting = static_cast<std::size_t>(injected_write_index_ - injected_read_index_);
@@ -170,7 +170,7 @@ bool MRAudioCapturer::clearAudioBuffers() {
     return false;
   }
   LOG4CXX_INFO(logger_, "MRAudioCapturer::clearAudioBuffers: clearing the audio buffers.");
-  const std::lock_guard lock(injected_audio_mutex_);
+  const common::LockGuard lock(injected_audio_mutex_);
   // The rest of the buffer is zero already, and the capture task is waiting.
   std::fill_n(injected_audio_buffer_.get(), injected_high_water_, sample_t{0});
   std::fill_n(silence_buffer_.get(), period_buffer_length_, sample_t{0});
@@ -187,7 +187,7 @@ bool MRAudioCapturer::clearAudioBuffers() {
 void MRAudioCapturer::setOnAudioBuffersDrainedCallback(
     MRAudioCapturerBuffersDrainedCallback&& callback) {
   // The old callable is left in `callback`, to be destroyed by the caller without the lock.
-  const std::lock_guard lock(injected_audio_mutex_);
+  const common::LockGuard lock(injected_audio_mutex_);
   on_buffers_drained_cb_.swap(callback);
 }
 
@@ -218,7 +218,7 @@ bool MRAudioCapturer::runInjectedAudioTask() {
 
 void MRAudioCapturer::captureTask() {
   if (!isInitialized()) return;
-  const std::lock_guard lock(injected_audio_mutex_);
+  const common::LockGuard lock(injected_audio_mutex_);
   LOG4CXX_TRACE(logger_, "Begin write capture data...");
   srn_status status = SRN_SUCCESS;
   const std::int32_t waiting = injected_write_index_ - injected_read_index_;

@@ -9,8 +9,8 @@
 #include <cstdlib>
 #include <functional>
 #include <memory>
-#include <mutex>
 
+#include "common/mutex.h"
 #include "media/mr_audio_data.h"
 #include "runtime/periodic_task_runner.h"
 
@@ -71,9 +71,8 @@ class MRAudioCapturer {
   std::chrono::milliseconds getAudioBufferDuration() const;
 
  protected:
-  /// Allocates the three buffers for the current format and empties them. Called by `init` with
-  /// injected_audio_mutex_ held.
-  virtual void resetInjectedAudioState();
+  /// Allocates the three buffers for the current format and empties them. Called by `init`.
+  virtual void resetInjectedAudioState() REQUIRES(injected_audio_mutex_);
 
  private:
   struct FreeDeleter {
@@ -81,37 +80,41 @@ class MRAudioCapturer {
   };
 
   bool runInjectedAudioTask();
-  void updateBufferedFramesNumber();
-  bool stopLocked();
-  bool destroyLocked();
+  void updateBufferedFramesNumber() REQUIRES(injected_audio_mutex_);
+  bool stopLocked() REQUIRES(lifecycle_mutex_);
+  bool destroyLocked() REQUIRES(lifecycle_mutex_);
 
-  // The periodic task and its cases; injected_audio_mutex_ held in all but the first.
+  // The periodic task and its cases.
   void captureTask();
-  srn_status writePeriod();
-  srn_status writeRemainderPadded();
-  srn_status writeSilence();
-  bool isToleratedDrySpell();
+  srn_status writePeriod() REQUIRES(injected_audio_mutex_);
+  srn_status writeRemainderPadded() REQUIRES(injected_audio_mutex_);
+  srn_status writeSilence() REQUIRES(injected_audio_mutex_);
+  bool isToleratedDrySpell() REQUIRES(injected_audio_mutex_);
 
   const std::chrono::milliseconds audio_period_;
   std::atomic<int> sample_rate_{0};
   std::atomic<int> num_channels_{0};
   std::atomic<AudioCapturerState> state_{AudioCapturerState::Uninitialized};
-  std::mutex lifecycle_mutex_;       ///< one life-cycle call at a time; never taken by the task
-  std::mutex injected_audio_mutex_;  ///< guards all below, but the atomic count and the runner
-  std::size_t period_buffer_bytes_ = 0;
-  std::size_t period_buffer_length_ = 0;  ///< samples of all channels in one period
-  std::int32_t injected_read_index_ = 0;
-  std::int32_t injected_write_index_ = 0;
-  std::size_t injected_high_water_ = 0;  ///< samples that may be other than zero
-  bool is_receiving_data_ = false;       ///< a full period went out since the last reset
-  std::size_t frames_per_period_ = 0;
+  common::Mutex lifecycle_mutex_;       ///< one life-cycle call at a time; never taken by the task
+  common::Mutex injected_audio_mutex_;  ///< guards what is said to be its own
+  std::size_t period_buffer_bytes_ GUARDED_BY(injected_audio_mutex_) = 0;
+  /// samples of all channels in one period
+  std::size_t period_buffer_length_ GUARDED_BY(injected_audio_mutex_) = 0;
+  std::int32_t injected_read_index_ GUARDED_BY(injected_audio_mutex_) = 0;
+  std::int32_t injected_write_index_ GUARDED_BY(injected_audio_mutex_) = 0;
+  /// samples that may be other than zero
+  std::size_t injected_high_water_ GUARDED_BY(injected_audio_mutex_) = 0;
+  /// a full period went out since the last reset
+  bool is_receiving_data_ GUARDED_BY(injected_audio_mutex_) = false;
+  std::size_t frames_per_period_ GUARDED_BY(injected_audio_mutex_) = 0;
   std::atomic<std::uint32_t> current_buffered_frames_{0};
   const log4cxx::LoggerPtr logger_;
-  std::unique_ptr<MRAudio::sample_t[], FreeDeleter> injected_audio_buffer_;
-  std::unique_ptr<MRAudio::sample_t[]> silence_buffer_;
-  std::unique_ptr<MRAudio::sample_t[]> mixed_buffer_;
-  MRAudioCapturerBuffersDrainedCallback on_buffers_drained_cb_;
-  int periods_without_data_ = 0;
+  std::unique_ptr<MRAudio::sample_t[], FreeDeleter> injected_audio_buffer_
+      GUARDED_BY(injected_audio_mutex_);
+  std::unique_ptr<MRAudio::sample_t[]> silence_buffer_ GUARDED_BY(injected_audio_mutex_);
+  std::unique_ptr<MRAudio::sample_t[]> mixed_buffer_ GUARDED_BY(injected_audio_mutex_);
+  MRAudioCapturerBuffersDrainedCallback on_buffers_drained_cb_ GUARDED_BY(injected_audio_mutex_);
+  int periods_without_data_ GUARDED_BY(injected_audio_mutex_) = 0;
   PeriodicTaskRunner task_runner_;  ///< last, so that its thread ends before what it uses
 };
 

@@ -72,12 +72,12 @@ MRAudioDevice::MRAudioDevice(MRAudioDataCallback&& on_audio)
 }
 
 void MRAudioDevice::updateSettings(const MRAudioDeviceSettings& settings) {
-  const std::lock_guard lock(settings_mutex_);
+  const common::LockGuard lock(settings_mutex_);
   audio_settings_ = settings;
 }
 
 MRAudioDeviceSettings MRAudioDevice::currentSettings() {
-  const std::lock_guard lock(settings_mutex_);
+  const common::LockGuard lock(settings_mutex_);
   return audio_settings_;
 }
 
@@ -92,7 +92,7 @@ void MRAudioDevice::setOnCapturerStartedCallback(MRCapturerStartedCallback&& cal
   MRCapturerStartedCallback late;
   {
     // The old callable is left in `callback`, to be destroyed by the caller without the lock.
-    const std::lock_guard lock(settings_mutex_);
+    const common::LockGuard lock(settings_mutex_);
     on_capturer_started_cb_.swap(callback);
     if (on_capturer_started_cb_ && std::exchange(has_untold_start_, false)) {
       late = on_capturer_started_cb_;
@@ -147,7 +147,7 @@ srn_bool MRAudioDevice::onStartCapturer(const srn_audio_device*, void* user_data
 
 bool MRAudioDevice::stopCapturer() {
   {
-    const std::lock_guard lock(settings_mutex_);
+    const common::LockGuard lock(settings_mutex_);
     has_untold_start_ = false;
   }
   return capturer_.stop();
@@ -157,7 +157,7 @@ bool MRAudioDevice::startCapturer() {
   const bool started = capturer_.start();
   MRCapturerStartedCallback on_started;
   {
-    const std::lock_guard lock(settings_mutex_);
+    const common::LockGuard lock(settings_mutex_);
     on_started = on_capturer_started_cb_;
     if (started) has_untold_start_ = !on_started;
   }

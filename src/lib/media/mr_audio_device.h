@@ -4,9 +4,9 @@
 
 #include <chrono>
 #include <functional>
-#include <mutex>
 #include <ostream>
 
+#include "common/mutex.h"
 #include "media/mr_audio_capturer.h"
 #include "media/mr_audio_data.h"
 #include "media/mr_audio_renderer.h"
@@ -96,8 +96,8 @@ class MRAudioDevice {
   MRAudioCapturer capturer_;
   MRAudioRenderer renderer_;
   srn_audio_device_callbacks audio_device_callbacks_;
-  std::mutex settings_mutex_;  ///< a leaf; guards what follows
-  MRAudioDeviceSettings audio_settings_;
-  MRCapturerStartedCallback on_capturer_started_cb_;
-  bool has_untold_start_ = false;
+  common::Mutex settings_mutex_;  ///< a leaf; guards what follows
+  MRAudioDeviceSettings audio_settings_ GUARDED_BY(settings_mutex_);
+  MRCapturerStartedCallback on_capturer_started_cb_ GUARDED_BY(settings_mutex_);
+  bool has_untold_start_ GUARDED_BY(settings_mutex_) = false;
 };

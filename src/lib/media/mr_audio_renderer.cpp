@@ -28,7 +28,7 @@ MRAudioRenderer::~MRAudioRenderer() {
 }
 
 bool MRAudioRenderer::init(int sample_rate, int channels) {
-  const std::lock_guard lifecycle(lifecycle_mutex_);
+  const common::LockGuard lifecycle(lifecycle_mutex_);
   if (state_.load() != AudioRendererState::Uninitialized) {
     LOG4CXX_WARN(logger_, "MRAudioRenderer::init: Already initialized");
     return false;
@@ -50,7 +50,7 @@ bool MRAudioRenderer::start() {
   for (;;) {
     std::shared_future<void> previous;
     {
-      const std::lock_guard lifecycle(lifecycle_mutex_);
+      const common::LockGuard lifecycle(lifecycle_mutex_);
       if (state_.load() == AudioRendererState::Uninitialized) {
         LOG4CXX_WARN(logger_, "MRAudioRenderer::start: Not initialized");
         return false;
@@ -98,7 +98,7 @@ bool MRAudioRenderer::startThreadLocked() {
 }
 
 bool MRAudioRenderer::stop() {
-  const std::lock_guard lifecycle(lifecycle_mutex_);
+  const common::LockGuard lifecycle(lifecycle_mutex_);
   return stopLocked();
 }
 
@@ -121,7 +121,8 @@ bool MRAudioRenderer::stopLocked() {
 }
 
 void MRAudioRenderer::launchJoinLocked() {
-  const auto join = [this] {
+  // While it is under way the thread is the join's alone: start and destroy wait for the future.
+  const auto join = [this]() NO_THREAD_SAFETY_ANALYSIS {
     LOG4CXX_DEBUG(logger_,
                   "MRAudioRenderer::stop: Joining thread to stop: the renderer is not running");
     if (thread_.joinable()) thread_.join();
@@ -136,7 +137,7 @@ void MRAudioRenderer::launchJoinLocked() {
 }
 
 bool MRAudioRenderer::destroy() {
-  const std::lock_guard lifecycle(lifecycle_mutex_);
+  const common::LockGuard lifecycle(lifecycle_mutex_);
   return destroyLocked();
 }
 

@@ -7,9 +7,9 @@
 #include <cstddef>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <thread>
 
+#include "common/mutex.h"
 #include "media/mr_audio_data.h"
 
 enum class AudioRendererState { Uninitialized = 0, Initialized = 1, Running = 2 };
@@ -43,10 +43,10 @@ class MRAudioRenderer {
   bool isRunning() const;
 
  private:
-  bool stopLocked();
-  bool destroyLocked();
-  bool startThreadLocked();
-  void launchJoinLocked();
+  bool stopLocked() REQUIRES(lifecycle_mutex_);
+  bool destroyLocked() REQUIRES(lifecycle_mutex_);
+  bool startThreadLocked() REQUIRES(lifecycle_mutex_);
+  void launchJoinLocked() REQUIRES(lifecycle_mutex_);
   void runLoop(int sample_rate, int channels);
   void loopFn(int sample_rate, int channels);
   bool deliverPeriod(MRAudio::sample_t* buffer, std::size_t frames, int sample_rate, int channels);
@@ -55,11 +55,11 @@ class MRAudioRenderer {
   const MRAudioDataCallback on_audio_;
   const log4cxx::LoggerPtr logger_;
   std::atomic<AudioRendererState> state_{AudioRendererState::Uninitialized};
-  std::mutex lifecycle_mutex_;  ///< guards what follows; never taken by the loop or the join
-  int sample_rate_ = 0;
-  int num_channels_ = 0;
-  std::thread thread_;
+  common::Mutex lifecycle_mutex_;  ///< guards what follows; never taken by the loop or the join
+  int sample_rate_ GUARDED_BY(lifecycle_mutex_) = 0;
+  int num_channels_ GUARDED_BY(lifecycle_mutex_) = 0;
+  std::thread thread_ GUARDED_BY(lifecycle_mutex_);
   /// Completes when the join thread has joined thread_; none before the first stop and once
   /// consumed.
-  std::shared_future<void> thread_join_future_;
+  std::shared_future<void> thread_join_future_ GUARDED_BY(lifecycle_mutex_);
 };

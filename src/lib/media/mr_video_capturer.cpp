@@ -110,7 +110,7 @@ bool MRVideoCapturer::addVideo(std::unique_ptr<MRVideoFrame> frame) {
                               << format_ << " Got: " << data.format);
     return false;
   }
-  const std::lock_guard lock(frame_mutex_);
+  const common::LockGuard lock(frame_mutex_);
   if (frame_buffers_.size() >= kInjectedVideoBufferItems) {
     LOG4CXX_ERROR(logger_, "MRVideoCapturer::addVideo: Video buffer is full.");
     return false;
@@ -126,7 +126,7 @@ bool MRVideoCapturer::clearVideoBuffers() {
     return false;
   }
   LOG4CXX_INFO(logger_, "MRVideoCapturer::clearVideoBuffers: clearing the video buffers.");
-  const std::lock_guard lock(frame_mutex_);
+  const common::LockGuard lock(frame_mutex_);
   frame_buffers_.clear();
   current_buffered_frames_.store(0);
   return true;
@@ -143,12 +143,12 @@ const std::deque<std::unique_ptr<MRVideoFrame>>& MRVideoCapturer::getVideoFrameB
 
 void MRVideoCapturer::setOnVideoBufferDrainedCallback(MRVideoBufferDrainedCallback&& callback) {
   // The old callable is left in `callback`, to be destroyed by the caller without the lock.
-  const std::lock_guard lock(callback_mutex_);
+  const common::LockGuard lock(callback_mutex_);
   on_buffer_drained_cb_.swap(callback);
 }
 
 MRVideoBufferDrainedCallback MRVideoCapturer::getOnVideoBufferDrainedCallback() const {
-  const std::lock_guard lock(callback_mutex_);
+  const common::LockGuard lock(callback_mutex_);
   return on_buffer_drained_cb_;
 }
 
@@ -168,7 +168,7 @@ std::shared_ptr<srn_video_frame> MRVideoCapturer::takeQueuedFrame() {
 
 std::shared_ptr<srn_video_frame> MRVideoCapturer::getNextFrame() {
   {
-    const std::lock_guard lock(frame_mutex_);
+    const common::LockGuard lock(frame_mutex_);
     if (!frame_buffers_.empty()) return takeQueuedFrame();
     if (last_frame_) updateBufferedFramesNumber();
   }
@@ -219,7 +219,7 @@ void MRVideoCapturer::provideFrame() {
 }
 
 bool MRVideoCapturer::stop() {
-  const std::lock_guard lifecycle(lifecycle_mutex_);
+  const common::LockGuard lifecycle(lifecycle_mutex_);
   LOG4CXX_DEBUG(logger_, "MRVideoCapturer::stop: Stopping...");
   if (!isRunning()) {
     LOG4CXX_WARN(logger_, "MRVideoCapturer::stop: Not running");
@@ -256,7 +256,7 @@ srn_bool MRVideoCapturer::OnStart(const srn_video_capturer*, void* user_data) {
   }
   return guarded(logger_, [user_data] {
     auto* self = static_cast<MRVideoCapturer*>(user_data);
-    const std::lock_guard lifecycle(self->lifecycle_mutex_);
+    const common::LockGuard lifecycle(self->lifecycle_mutex_);
     self->runInjectedVideoTask();
   });
 }

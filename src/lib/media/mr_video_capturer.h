@@ -10,9 +10,9 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <ostream>
 
+#include "common/mutex.h"
 #include "media/mr_video_frame.h"
 #include "runtime/periodic_task_runner.h"
 
@@ -95,8 +95,8 @@ class MRVideoCapturer {
                                        srn_video_capturer_settings* settings);
 
  private:
-  void updateBufferedFramesNumber();
-  std::shared_ptr<srn_video_frame> takeQueuedFrame();
+  void updateBufferedFramesNumber() REQUIRES(frame_mutex_);
+  std::shared_ptr<srn_video_frame> takeQueuedFrame() REQUIRES(frame_mutex_);
   void raiseDrained();
   void provideFrame();
 
@@ -110,15 +110,15 @@ class MRVideoCapturer {
   const std::chrono::microseconds video_period_;
   std::atomic<const srn_video_capturer*> capturer_{nullptr};
   srn_video_capturer_callbacks callbacks_;
-  std::mutex frame_mutex_;  ///< guards frame_buffers_; taken before the pool's
-  std::deque<std::unique_ptr<MRVideoFrame>> frame_buffers_;
+  common::Mutex frame_mutex_;  ///< guards frame_buffers_; taken before the pool's
+  std::deque<std::unique_ptr<MRVideoFrame>> frame_buffers_ GUARDED_BY(frame_mutex_);
   const int max_repetition_last_frame_;
   int times_repeated_last_frame_ = 0;         ///< the task's own
   std::unique_ptr<MRVideoFrame> last_frame_;  ///< the task's own, while it runs
   const std::unique_ptr<MRVideoFrame> black_frame_;
   const int drained_buffer_hysteresis_periods_;
-  mutable std::mutex callback_mutex_;  ///< a leaf; guards the callback below
-  MRVideoBufferDrainedCallback on_buffer_drained_cb_;
-  std::mutex lifecycle_mutex_;      ///< start and stop, one at a time; never taken by the task
+  mutable common::Mutex callback_mutex_;  ///< a leaf; guards the callback below
+  MRVideoBufferDrainedCallback on_buffer_drained_cb_ GUARDED_BY(callback_mutex_);
+  common::Mutex lifecycle_mutex_;   ///< start and stop, one at a time; never taken by the task
   PeriodicTaskRunner task_runner_;  ///< last, so that its thread ends before what it uses
 };

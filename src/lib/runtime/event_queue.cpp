@@ -38,7 +38,7 @@ void EventQueue::start() {
 void EventQueue::stop() {
   LOG4CXX_DEBUG(logger_, "EventQueue::stop: Stopping (" << name_ << ")");
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     bool expected = true;
     if (!running_.compare_exchange_strong(expected, false)) {
       LOG4CXX_WARN(logger_, "EventQueue::stop: Not running (" << name_ << ")");
@@ -49,8 +49,9 @@ void EventQueue::stop() {
   if (worker_.joinable()) worker_.join();
   // The system may give the id to another thread, which must not pass for the worker.
   worker_thread_id_.store(std::thread::id());
+  worker_role_.leave();
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     queue_.clear();
   }
   LOG4CXX_DEBUG(logger_, "EventQueue::stop: Stopped (" << name_ << ")");
@@ -60,7 +61,7 @@ bool EventQueue::isRunning() const { return running_.load(); }
 
 bool EventQueue::post(std::function<void()>&& task) {
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (!running_.load()) {
       LOG4CXX_TRACE(logger_,
                     "EventQueue::post: Queue not running, dropping event (" << name_ << ")");
@@ -77,13 +78,13 @@ namespace {
 
 /// Where a caller waits for its task. Lives on the caller's stack.
 struct Completion {
-  std::mutex mutex;
+  common::Mutex mutex;
   std::condition_variable cv;
-  bool done = false;
+  bool done GUARDED_BY(mutex) = false;
 
   void wait() {
-    std::unique_lock lock(mutex);
-    cv.wait(lock, [this] { return done; });
+    common::UniqueLock lock(mutex);
+    cv.wait(lock.native(), [this]() REQUIRES(mutex) { return done; });
   }
 };
 
@@ -99,7 +100,7 @@ class CompletionSignal {
     Completion* const completion = std::exchange(completion_, nullptr);
     if (completion == nullptr) return;
     // Notified under the mutex: the waiter cannot leave, and take the record away, before that.
-    const std::lock_guard lock(completion->mutex);
+    const common::LockGuard lock(completion->mutex);
     completion->done = true;
     completion->cv.notify_one();
   }
@@ -146,6 +147,7 @@ bool EventQueue::isOnWorkerThread() const {
 }
 
 void EventQueue::runWorker() try {
+  worker_role_.take();
   worker_thread_id_.store(std::this_thread::get_id());
   LOG4CXX_DEBUG(logger_, "EventQueue::processLoop: Worker thread started (" << name_ << ")");
   processLoop();
@@ -161,7 +163,7 @@ void EventQueue::runWorker() try {
 
 void EventQueue::abandon() {
   std::deque<std::function<void()>> dropped;
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   running_.store(false);
   dropped.swap(queue_);
 }
@@ -184,8 +186,9 @@ void EventQueue::processLoop() {
   while (running_.load()) {
     std::function<void()> task;
     {
-      std::unique_lock lock(mutex_);
-      cv_.wait(lock, [this] { return !queue_.empty() || !running_.load(); });
+      common::UniqueLock lock(mutex_);
+      cv_.wait(lock.native(),
+               [this]() REQUIRES(mutex_) { return !queue_.empty() || !running_.load(); });
       if (queue_.empty()) continue;
       task = std::move(queue_.front());
       queue_.pop_front();
@@ -195,7 +198,7 @@ void EventQueue::processLoop() {
 
   std::deque<std::function<void()>> remaining;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     remaining.swap(queue_);
   }
   for (const auto& task : remaining) run(task, "draining");

@@ -6,11 +6,12 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 
+#include "common/mutex.h"
+#include "common/thread_role.h"
 #include "runtime/event_queue_result.h"
 
 /// One worker thread that runs tasks in the order in which they were posted.
@@ -60,6 +61,10 @@ class EventQueue {
 
   bool isOnWorkerThread() const;
 
+  /// For what belongs to the worker: in builds that check threads, ends the program when another
+  /// thread calls while the worker lives.
+  void requireWorkerThread() const { worker_role_.require(); }
+
  private:
   void runWorker();
   void processLoop();
@@ -70,8 +75,9 @@ class EventQueue {
   const std::string name_;
   std::thread worker_;
   std::atomic<std::thread::id> worker_thread_id_{};
-  std::mutex mutex_;  ///< guards queue_, and running_ in its way to false
-  std::deque<std::function<void()>> queue_;
+  common::ThreadRole worker_role_{"EventQueue worker"};
+  common::Mutex mutex_;  ///< guards queue_, and running_ in its way to false
+  std::deque<std::function<void()>> queue_ GUARDED_BY(mutex_);
   std::condition_variable cv_;
   std::atomic<bool> running_{false};
 };

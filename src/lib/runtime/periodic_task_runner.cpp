@@ -25,7 +25,7 @@ PeriodicTaskRunner::~PeriodicTaskRunner() {
 bool PeriodicTaskRunner::isRunning() const { return is_running_.load(); }
 
 bool PeriodicTaskRunner::run(const Task& task, Nanos period, const ErrorCallback& on_error) {
-  const std::lock_guard lock(thread_mutex_);
+  const common::LockGuard lock(thread_mutex_);
   bool expected = false;
   if (!is_running_.compare_exchange_strong(expected, true)) {
     LOG4CXX_ERROR(logger_, "Illegal state. Task must not be running.");
@@ -45,7 +45,7 @@ bool PeriodicTaskRunner::stop() {
   LOG4CXX_TRACE(logger_, "Trying to stop a task.");
   if (!isRunning()) return false;
   // The flag and the join are one step for `run`, which would revive the old loop in between.
-  const std::lock_guard lock(thread_mutex_);
+  const common::LockGuard lock(thread_mutex_);
   bool expected = true;
   if (!is_running_.compare_exchange_strong(expected, false)) return false;
   if (thread_.joinable()) thread_.join();

@@ -4,10 +4,10 @@
 
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 
+#include "common/mutex.h"
 #include "runtime/clock.h"
 
 /// One thread that calls a task once a period until told to stop, the first time at once.
@@ -51,7 +51,7 @@ class PeriodicTaskRunner {
 
   const std::string name_;
   const log4cxx::LoggerPtr logger_;
-  std::mutex thread_mutex_;  ///< guards thread_; held while a loop is joined, never by the loop
-  std::thread thread_;
+  common::Mutex thread_mutex_;  ///< guards thread_; held while a loop is joined, never by the loop
+  std::thread thread_ GUARDED_BY(thread_mutex_);
   std::atomic<bool> is_running_{false};
 };

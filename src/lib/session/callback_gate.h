@@ -8,10 +8,11 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <shared_mutex>
 #include <unordered_map>
 #include <utility>
+
+#include "common/mutex.h"
 
 // What the callbacks of the library need to reach objects that may be going away at that moment.
 //
@@ -85,29 +86,29 @@ class CallbackDoor {
 
   /// From here on nobody enters. Returns when the last visitor has left. May be repeated.
   void close() {
-    std::unique_lock lock(mutex_);
+    common::UniqueLock lock(mutex_);
     closed_ = true;
-    empty_.wait(lock, [this] { return visitors_ == 0; });
+    empty_.wait(lock.native(), [this]() REQUIRES(mutex_) { return visitors_ == 0; });
   }
 
  private:
   bool enter() {
-    const std::scoped_lock lock(mutex_);
+    const common::LockGuard lock(mutex_);
     visitors_ += closed_ ? 0 : 1;
     return !closed_;
   }
 
   void leave() {
-    const std::scoped_lock lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (--visitors_ == 0) {
       empty_.notify_all();
     }
   }
 
-  std::mutex mutex_;
+  common::Mutex mutex_;
   std::condition_variable empty_;
-  int visitors_ = 0;
-  bool closed_ = false;
+  int visitors_ GUARDED_BY(mutex_) = 0;
+  bool closed_ GUARDED_BY(mutex_) = false;
 };
 
 /// Runs the body of a library callback and keeps its exceptions from the library's frames. The

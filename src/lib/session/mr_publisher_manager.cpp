@@ -18,6 +18,7 @@ MRPublisherManager::~MRPublisherManager() {
 std::string MRPublisherManager::publish(const MRPublisherSettings& settings,
                                         const MRPublisherCallbacks& callbacks,
                                         const std::shared_ptr<MRSession>& session) {
+  event_queue_.requireWorkerThread();
   LOG4CXX_INFO(logger_, "MRPublisherManager::publish: settings:" << settings);
   if (publisher_ != nullptr) {
     LOG4CXX_WARN(logger_, "MRPublisherManager::publish: Already publishing");
@@ -35,11 +36,11 @@ std::string MRPublisherManager::publish(const MRPublisherSettings& settings,
   }
   callbacks_ = callbacks;
   {
-    const std::scoped_lock lock(settings_mutex_);
+    const common::LockGuard lock(settings_mutex_);
     settings_ = settings;
   }
   {
-    const std::scoped_lock lock(publisher_mutex_);
+    const common::LockGuard lock(publisher_mutex_);
     publisher_ = std::move(publisher);
     publisher_id_ = publisher_->getPublisherInfo().publisher_id;
   }
@@ -49,6 +50,7 @@ std::string MRPublisherManager::publish(const MRPublisherSettings& settings,
 }
 
 bool MRPublisherManager::unpublish() {
+  event_queue_.requireWorkerThread();
   LOG4CXX_DEBUG(logger_, "MRPublisherManager::unpublish");
   if (publisher_ == nullptr) {
     LOG4CXX_DEBUG(logger_, "MRPublisherManager::unpublish: No active publisher");
@@ -70,12 +72,12 @@ void MRPublisherManager::resetState() {
 
 void MRPublisherManager::destroyPublisher() {
   std::unique_ptr<MRPublisher> publisher;
-  const std::scoped_lock lock(publisher_mutex_);
+  const common::LockGuard lock(publisher_mutex_);
   publisher = std::move(publisher_);
 }
 
 bool MRPublisherManager::addVideo(std::unique_ptr<MRVideoFrame> frame) {
-  const std::scoped_lock lock(publisher_mutex_);
+  const common::LockGuard lock(publisher_mutex_);
   if (publisher_ == nullptr) {
     LOG4CXX_TRACE(logger_, "MRPublisherManager::addVideo: No active publisher");
     return false;
@@ -84,7 +86,7 @@ bool MRPublisherManager::addVideo(std::unique_ptr<MRVideoFrame> frame) {
 }
 
 bool MRPublisherManager::clearVideoBuffers() {
-  const std::scoped_lock lock(publisher_mutex_);
+  const common::LockGuard lock(publisher_mutex_);
   if (publisher_ == nullptr) {
     LOG4CXX_TRACE(logger_, "MRPublisherManager::clearVideoBuffers: No active publisher");
     return false;
@@ -93,7 +95,7 @@ bool MRPublisherManager::clearVideoBuffers() {
 }
 
 void MRPublisherManager::setOnVideoBufferDrainedCallback(MRVideoBufferDrainedCallback&& callback) {
-  const std::scoped_lock lock(publisher_mutex_);
+  const common::LockGuard lock(publisher_mutex_);
   if (publisher_ == nullptr) {
     LOG4CXX_TRACE(logger_,
                   "MRPublisherManager::setOnVideoBufferDrainedCallback: No active publisher");
@@ -103,18 +105,18 @@ void MRPublisherManager::setOnVideoBufferDrainedCallback(MRVideoBufferDrainedCal
 }
 
 MRVideoBufferDrainedCallback MRPublisherManager::getOnVideoBufferDrainedCallback() const {
-  const std::scoped_lock lock(publisher_mutex_);
+  const common::LockGuard lock(publisher_mutex_);
   return publisher_ != nullptr ? publisher_->getOnVideoBufferDrainedCallback() : nullptr;
 }
 
 std::chrono::milliseconds MRPublisherManager::getVideoBufferDuration() const {
-  const std::scoped_lock lock(publisher_mutex_);
+  const common::LockGuard lock(publisher_mutex_);
   return publisher_ != nullptr ? publisher_->getVideoBufferDuration()
                                : std::chrono::milliseconds(0);
 }
 
 MRPublisherSettings MRPublisherManager::getSettings() const {
-  const std::scoped_lock lock(settings_mutex_);
+  const common::LockGuard lock(settings_mutex_);
   return settings_;
 }
 

@@ -6,9 +6,9 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "common/mutex.h"
 #include "media/mr_video_capturer.h"
 #include "media/mr_video_frame.h"
 #include "runtime/event_queue.h"
@@ -75,7 +75,7 @@ class MRPublisherManager : public MRPublisherObserver {
 
   /// Guards the publisher's life against the media calls. Written on the worker only, which
   /// therefore reads without it.
-  mutable std::mutex publisher_mutex_;
+  mutable common::Mutex publisher_mutex_;
   std::unique_ptr<MRPublisher> publisher_;
 
   std::atomic<bool> is_publishing_{false};
@@ -85,8 +85,8 @@ class MRPublisherManager : public MRPublisherObserver {
   MRPublisherCallbacks callbacks_;
   std::string publisher_id_;
 
-  mutable std::mutex settings_mutex_;  ///< a leaf
-  MRPublisherSettings settings_;
+  mutable common::Mutex settings_mutex_;  ///< a leaf
+  MRPublisherSettings settings_ GUARDED_BY(settings_mutex_);
 
   EventQueue& event_queue_;
   const log4cxx::LoggerPtr logger_;

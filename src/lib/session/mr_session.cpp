@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <future>
-#include <mutex>
 #include <ostream>
 #include <utility>
 
@@ -48,8 +47,8 @@ struct MRSession::Gate {
   std::atomic<bool> force_disconnected{false};
   std::atomic<bool> settled{false};
   std::promise<bool> disconnect_promise;
-  std::mutex own_connection_info_mutex;  // a leaf
-  MRConnectionInfo own_connection_info;
+  common::Mutex own_connection_info_mutex;  // a leaf
+  MRConnectionInfo own_connection_info GUARDED_BY(own_connection_info_mutex);
 };
 
 namespace {
@@ -153,7 +152,7 @@ MRSession::~MRSession() {
 }
 
 MRConnectionInfo MRSession::getSessionConnectionInfo() const {
-  const std::scoped_lock lock(gate_->own_connection_info_mutex);
+  const common::LockGuard lock(gate_->own_connection_info_mutex);
   return gate_->own_connection_info;
 }
 
@@ -180,7 +179,7 @@ void MRSession::onSessionConnected(srn_session* session, void* user_data) {
       MRConnectionInfo info = MRConnection::createConnectionInfo(connection.get());
       connection.reset();
       {
-        const std::scoped_lock lock(gate.own_connection_info_mutex);
+        const common::LockGuard lock(gate.own_connection_info_mutex);
         gate.own_connection_info = std::move(info);
       }
       LOG4CXX_DEBUG(logger, "MRSession::onSessionConnected: Cached session connection info");

@@ -1,7 +1,6 @@
 #include "session/mr_subscriber.h"
 
 #include <atomic>
-#include <mutex>
 #include <ostream>
 #include <utility>
 
@@ -169,7 +168,7 @@ void MRSubscriber::createSubscriberInfo(const std::string& stream_id,
 }
 
 void MRSubscriber::setSubscriberInfo(MRSubscriberInfo info) {
-  const std::scoped_lock lock(info_mutex_);
+  const common::LockGuard lock(info_mutex_);
   subscriber_info_ = std::move(info);
 }
 
@@ -202,7 +201,7 @@ void MRSubscriber::release() {
 bool MRSubscriber::isSubscribed() const { return gate_->subscribed.load(); }
 
 MRSubscriberInfo MRSubscriber::getSubscriberInfo() const {
-  const std::scoped_lock lock(info_mutex_);
+  const common::LockGuard lock(info_mutex_);
   return subscriber_info_;
 }
 

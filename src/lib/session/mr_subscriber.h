@@ -7,10 +7,10 @@
 #include <functional>
 #include <iosfwd>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include "common/mutex.h"
 #include "media/mr_audio_data.h"
 #include "media/mr_video_frame.h"
 #include "session/mr_session.h"
@@ -124,6 +124,6 @@ class MRSubscriber {
   std::shared_ptr<MRSession> session_;
   const std::shared_ptr<Gate> gate_;  ///< all that the callbacks use
   void* const ticket_;                ///< by which they find it
-  mutable std::mutex info_mutex_;     ///< a leaf
-  MRSubscriberInfo subscriber_info_;
+  mutable common::Mutex info_mutex_;  ///< a leaf
+  MRSubscriberInfo subscriber_info_ GUARDED_BY(info_mutex_);
 };

@@ -16,6 +16,7 @@ MRSubscriberManager::~MRSubscriberManager() {
 }
 
 void MRSubscriberManager::addStream(const std::string& stream_id, const MRStream& stream) {
+  event_queue_.requireWorkerThread();
   LOG4CXX_DEBUG(logger_, "MRSubscriberManager::addStream: stream_id:" << stream_id);
   if (hasStream(stream_id)) {
     LOG4CXX_WARN(logger_,
@@ -26,6 +27,7 @@ void MRSubscriberManager::addStream(const std::string& stream_id, const MRStream
 }
 
 void MRSubscriberManager::removeStream(const std::string& stream_id) {
+  event_queue_.requireWorkerThread();
   LOG4CXX_DEBUG(logger_, "MRSubscriberManager::removeStream: stream_id:" << stream_id);
   if (!hasStream(stream_id)) {
     LOG4CXX_WARN(logger_, "MRSubscriberManager::removeStream: Stream doesn't exist. stream_id:"
@@ -40,6 +42,7 @@ std::string MRSubscriberManager::subscribe(const std::string& stream_id,
                                            const MRSubscriberCallbacks& callbacks,
                                            const std::shared_ptr<MRSession>& session,
                                            const MRSubscriberSettings& settings) {
+  event_queue_.requireWorkerThread();
   LOG4CXX_INFO(logger_, "MRSubscriberManager::subscribe: stream_id:" << stream_id);
   LOG4CXX_INFO(logger_, "MRSubscriberManager::subscriber: settings:" << settings);
   const auto stream = streams_.find(stream_id);
@@ -70,6 +73,7 @@ std::string MRSubscriberManager::subscribe(const std::string& stream_id,
 }
 
 bool MRSubscriberManager::unsubscribe(const std::string& stream_id) {
+  event_queue_.requireWorkerThread();
   LOG4CXX_DEBUG(logger_, "MRSubscriberManager::unsubscribe: stream_id:" << stream_id);
   if (!eraseSubscriber(stream_id)) {
     LOG4CXX_WARN(logger_, "MRSubscriberManager::unsubscribe: Subscriber doesn't exist. stream_id:"
@@ -80,6 +84,7 @@ bool MRSubscriberManager::unsubscribe(const std::string& stream_id) {
 }
 
 void MRSubscriberManager::reset() {
+  event_queue_.requireWorkerThread();
   LOG4CXX_DEBUG(logger_, "MRSubscriberManager::reset");
   auto subscribers = std::exchange(subscribers_data_, {});
   for (auto& [stream_id, data] : subscribers) {

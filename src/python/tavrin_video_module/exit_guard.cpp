@@ -1,8 +1,8 @@
 #include "tavrin_video_module/exit_guard.h"
 
 bool ExitGuard::waitUntilEmpty(std::chrono::milliseconds timeout) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return emptied_.wait_for(lock, timeout, [this] { return inside_.load() == 0; });
+  common::UniqueLock lock(mutex_);
+  return emptied_.wait_for(lock.native(), timeout, [this] { return inside_.load() == 0; });
 }
 
 bool ExitGuard::enterPython() {
@@ -18,7 +18,7 @@ bool ExitGuard::enterPython() {
 void ExitGuard::leave() {
   // Only the end of the process waits, so at all other times leaving is one atomic operation.
   if (inside_.fetch_sub(1) == 1 && closing_.load()) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const common::LockGuard lock(mutex_);
     emptied_.notify_all();
   }
 }

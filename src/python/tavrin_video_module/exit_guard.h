@@ -4,8 +4,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <utility>
+
+#include "common/mutex.h"
 
 // Keeps native threads and the end of the interpreter apart: counts who is on the way into Python
 // or inside the controller, and closes the way into Python before finalisation begins. One for the
@@ -51,6 +52,6 @@ class ExitGuard {
 
   std::atomic<bool> closing_{false};
   std::atomic<int64_t> inside_{0};
-  std::mutex mutex_;  // guards nothing but the sleep of the waiting thread
+  common::Mutex mutex_;  // guards nothing but the sleep of the waiting thread
   std::condition_variable emptied_;
 };
