@@ -42,11 +42,11 @@ class Bench:
     def _start(self, library: str, role: str, room: str, *more: str) -> subprocess.Popen[str]:
         settings = self.server.settings
         arguments = [
-            sys.executable, str(HERE / f"peer_{library}.py"), role, "--room", room, "--url", settings.host,
-            "--token", tokens.join_token(room, settings.token_secret), "--bursts", str(self.folder / f"bursts-{self.rooms}.txt"),
+            sys.executable, str(HERE / f"peer_{library}.py"), role, "--room", room, "--url", settings.host, "--bursts", str(self.folder / f"bursts-{self.rooms}.txt"),
             "--seconds", str(self.options.seconds), *more,
         ]  # fmt: skip
-        environment = dict(os.environ, API_HOSTNAME=settings.host)
+        token = tokens.join_token(room, settings.token_secret)
+        environment = dict(os.environ, API_HOSTNAME=settings.host, TOKEN=token)
         return subprocess.Popen(arguments, stdout=subprocess.PIPE, text=True, env=environment)
 
     @staticmethod
@@ -64,14 +64,19 @@ class Bench:
         settings = self.server.settings
         configuration = (self.folder / "server" / "janus.plugin.videoroom.jcfg").read_text()
         secrets = dict(re.findall(r'room-(\S+): {.*?secret = "(.*?)"', configuration, re.S))
-        arguments = [
-            sys.executable, str(HERE / "copies.py"), "--url", settings.host, "--count", str(count),
-            "--source", source, "--source-token", tokens.join_token(source, settings.token_secret),
-            "--source-secret", secrets[source],
-            "--target", target, "--target-token", tokens.join_token(target, settings.token_secret),
-            "--target-secret", secrets[target],
-        ]  # fmt: skip
-        return subprocess.Popen(arguments, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        order = {
+            "url": settings.host, "count": count,
+            "source": source, "source_token": tokens.join_token(source, settings.token_secret),
+            "source_secret": secrets[source],
+            "target": target, "target_token": tokens.join_token(target, settings.token_secret),
+            "target_secret": secrets[target],
+        }  # fmt: skip
+        arguments = [sys.executable, str(HERE / "copies.py")]
+        process = subprocess.Popen(arguments, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        assert process.stdin is not None
+        process.stdin.write(json.dumps(order) + "\n")
+        process.stdin.flush()
+        return process
 
     def run(self, library: str, copies: int = 0, *more: str) -> tuple[Result, Result]:
         """What the publisher and the subscriber measured. With copies the subscriber gets these alone."""

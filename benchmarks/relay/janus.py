@@ -3,15 +3,15 @@
 from __future__ import annotations
 
 import asyncio
-import base64
 import itertools
 import json
-import os
 from typing import Any
+
+import websockets
 
 
 class Janus:
-    """A client of the server: just the messages that are needed, over a WebSocket in the clear."""
+    """A client of the server: just the messages that are needed."""
 
     def __init__(self, token: str) -> None:
         self.token, _, self.room_token = token.partition(" ")
@@ -21,28 +21,13 @@ class Janus:
         self.session = 0
 
     async def open(self, url: str) -> None:
-        host, _, port = url.removeprefix("ws://").partition(":")
-        self._reader, self._writer = await asyncio.open_connection(host, int(port))
-        key = base64.b64encode(os.urandom(16)).decode()
-        self._writer.write(
-            f"GET / HTTP/1.1\r\nHost: {host}:{port}\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-            f"Sec-WebSocket-Key: {key}\r\nSec-WebSocket-Version: 13\r\n"
-            "Sec-WebSocket-Protocol: janus-protocol\r\n\r\n".encode()
-        )
-        await self._reader.readuntil(b"\r\n\r\n")
+        self._socket = await websockets.connect(url, subprotocols=["janus-protocol"], max_size=None)
         self._task = asyncio.create_task(self._read())
         self.session = (await self.ask(janus="create"))["data"]["id"]
 
     async def _read(self) -> None:
-        while True:
-            head = await self._reader.readexactly(2)
-            size = head[1] & 127
-            if size > 125:
-                size = int.from_bytes(await self._reader.readexactly(2 if size == 126 else 8), "big")
-            body = await self._reader.readexactly(size)
-            if head[0] & 15 != 1:
-                continue
-            message = json.loads(body)
+        async for text in self._socket:
+            message = json.loads(text)
             if message["janus"] == "ack":
                 continue
             waiting = self._waiting.pop(message.get("transaction", ""), None)
@@ -56,12 +41,8 @@ class Janus:
         message |= {"transaction": name, "token": self.token}
         if self.session:
             message["session_id"] = self.session
-        body, mask = json.dumps(message).encode(), os.urandom(4)
-        size = len(body)
-        head = bytes([0x81]) + (bytes([0x80 | size]) if size < 126 else bytes([0xFE]) + size.to_bytes(2, "big"))
-        masked = bytes(byte ^ mask[i % 4] for i, byte in enumerate(body))
         self._waiting[name] = asyncio.get_running_loop().create_future()
-        self._writer.write(head + mask + masked)
+        await self._socket.send(json.dumps(message))
         return await asyncio.wait_for(self._waiting[name], 20)
 
     async def attach(self) -> int:

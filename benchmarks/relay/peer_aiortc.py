@@ -5,6 +5,7 @@ from __future__ import annotations
 import asyncio
 import fractions
 import json
+import os
 import time
 from typing import Any
 
@@ -77,7 +78,7 @@ async def consume(track: Any, listener: content.Listener) -> None:
 
 async def main() -> None:
     arguments = options()
-    janus = Janus(arguments.token)
+    janus = Janus(os.environ["TOKEN"])
     await janus.open(arguments.url)
     control = await janus.attach()
     peer = RTCPeerConnection(RTCConfiguration(iceServers=[]))

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import argparse
 import json
+import os
 import queue
 import threading
 import time
@@ -38,7 +39,7 @@ class Peer:
         joined = self.client.connect(
             "bench",
             self.options.room,
-            self.options.token,
+            os.environ["TOKEN"],
             session_settings=settings,
             on_error_cb=lambda session, text, code: print(f"session error {code}: {text}", flush=True),
             on_stream_received_cb=lambda session, stream: self.streams.put(stream),
@@ -128,7 +129,6 @@ def options() -> argparse.Namespace:
     parser = argparse.ArgumentParser()
     parser.add_argument("role", choices=["pub", "sub"])
     parser.add_argument("--room", required=True)
-    parser.add_argument("--token", required=True)
     parser.add_argument("--url", required=True)
     parser.add_argument("--bursts", type=Path, required=True)
     parser.add_argument("--size", type=lambda text: tuple(map(int, text.split("x"))), default=(640, 480))

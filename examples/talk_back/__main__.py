@@ -136,7 +136,6 @@ class TalkBack:
 def main() -> int:
     parser = argparse.ArgumentParser(prog="talk_back", description=__doc__.splitlines()[0])
     parser.add_argument("--session", default=os.environ.get("SESSION_ID", "lobby"))
-    parser.add_argument("--token", default=os.environ.get("TOKEN", "a-token"))
     parser.add_argument("--application", default=os.environ.get("APPLICATION_ID", "talk-back"))
     parser.add_argument("--delay", type=float, default=0.6, help="seconds before it answers (default: 0.6)")
     arguments = parser.parse_args()
@@ -144,7 +143,7 @@ def main() -> int:
     for name in (signal.SIGINT, signal.SIGTERM):
         signal.signal(name, lambda number, frame: program.leaving.set())
     try:
-        program.join(arguments.application, arguments.session, arguments.token)
+        program.join(arguments.application, arguments.session, os.environ.get("TOKEN", "a-token"))
         program.run()
     except RuntimeError as error:
         program.failure = program.failure or str(error)

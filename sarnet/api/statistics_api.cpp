@@ -1,9 +1,9 @@
-#include <json/writer.h>
 #include <sarnet/sarnet_statistics.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
+#include <nlohmann/json.hpp>
+#include <string>
 
 #include "api/guard.h"
 #include "session/library.h"
@@ -65,97 +65,62 @@ void hand_over(Record figures, Record* target) {
   std::memcpy(target, &figures, std::min(target->size, sizeof figures));
 }
 
-class JsonObject {
- public:
-  void begin() { text_ += '{'; }
-  void end() { text_ += '}'; }
-  void key(const char* name) {
-    if (text_.back() != '{' && text_.back() != '[') text_ += ',';
-    text_ += '"';
-    text_ += name;
-    text_ += "\":";
-  }
-  template <class Number>
-  void add(const char* name, Number value) {
-    key(name);
-    text_ += std::to_string(value);
-  }
-  void add_text(const char* name, const std::string& value) {
-    key(name);
-    text_ += Json::valueToQuotedString(value.c_str());
-  }
-  std::string& text() { return text_; }
+using Json = nlohmann::ordered_json;
 
- private:
-  std::string text_;
-};
+void add_times(Json& json, const std::string& name, const auto& times) {
+  json[name + "_p50_us"] = times.p50;
+  json[name + "_p99_us"] = times.p99;
+  json[name + "_max_us"] = times.max;
+}
+
+Json times_of(const srn_callback_statistics& audio, const srn_callback_statistics& picture,
+              const srn_callback_statistics& caption) {
+  Json json;
+  for (const auto& [kind, times] :
+       {std::pair{"audio", &audio}, {"picture", &picture}, {"caption", &caption}}) {
+    add_times(json, kind + std::string("_waited"), times->waited);
+    add_times(json, kind + std::string("_took"), times->took);
+  }
+  return json;
+}
+
+template <class Record>
+void add_delivery(Json& json, const Record& record) {
+  json["audio_blocks_delivered"] = record.audio_blocks_delivered;
+  json["audio_blocks_dropped"] = record.audio_blocks_dropped;
+  json["pictures_delivered"] = record.pictures_delivered;
+  json["pictures_dropped"] = record.pictures_dropped;
+  json["captions_delivered"] = record.captions_delivered;
+  json["captions_dropped"] = record.captions_dropped;
+}
 
 std::string to_json() {
   const srn_statistics figures = collect();
-  JsonObject json;
-  const auto add_times = [&json](const std::string& name, const auto& times) {
-    json.add((name + "_p50_us").c_str(), times.p50);
-    json.add((name + "_p99_us").c_str(), times.p99);
-    json.add((name + "_max_us").c_str(), times.max);
-  };
-  json.begin();
-  json.key("capture");
-  json.begin();
-  json.add("periods_written", figures.capture_periods_written);
-  json.add("frames_written", figures.capture_frames_written);
-  json.add("silence_periods", figures.capture_silence_periods);
-  json.add("gaps", figures.capture_gaps);
-  json.add("underruns", figures.capture_underruns);
-  add_times("lateness", figures.capture_lateness);
-  json.end();
-  json.key("render");
-  json.begin();
-  json.add("periods_read", figures.render_periods_read);
-  json.add("silent_periods", figures.render_silent_periods);
-  json.add("mixer_delay_us", figures.mixer_delay_us);
-  json.end();
-  json.key("video");
-  json.begin();
-  json.add("frames_provided", figures.frames_provided);
-  json.add("frames_repeated", figures.frames_repeated);
-  json.add("frames_black", figures.frames_black);
-  json.add("frames_late", figures.frames_late);
-  json.add("frames_dropped", figures.frames_dropped);
-  json.end();
-  const auto add_delivery = [&json](const auto& record) {
-    json.add("audio_blocks_delivered", record.audio_blocks_delivered);
-    json.add("audio_blocks_dropped", record.audio_blocks_dropped);
-    json.add("pictures_delivered", record.pictures_delivered);
-    json.add("pictures_dropped", record.pictures_dropped);
-    json.add("captions_delivered", record.captions_delivered);
-    json.add("captions_dropped", record.captions_dropped);
-  };
-  json.key("delivery");
-  json.begin();
-  add_delivery(figures);
-  json.end();
-  json.key("callbacks");
-  json.begin();
-  const auto add_callbacks = [&](const std::string& kind, const srn_callback_statistics& record) {
-    add_times(kind + "_waited", record.waited);
-    add_times(kind + "_took", record.took);
-  };
-  add_callbacks("audio", figures.audio_callbacks);
-  add_callbacks("picture", figures.picture_callbacks);
-  add_callbacks("caption", figures.caption_callbacks);
-  json.end();
-  json.key("subscribers");
-  json.begin();
+  Json json;
+  json["capture"] = {{"periods_written", figures.capture_periods_written},
+                     {"frames_written", figures.capture_frames_written},
+                     {"silence_periods", figures.capture_silence_periods},
+                     {"gaps", figures.capture_gaps},
+                     {"underruns", figures.capture_underruns}};
+  add_times(json["capture"], "lateness", figures.capture_lateness);
+  json["render"] = {{"periods_read", figures.render_periods_read},
+                    {"silent_periods", figures.render_silent_periods},
+                    {"mixer_delay_us", figures.mixer_delay_us}};
+  json["video"] = {{"frames_provided", figures.frames_provided},
+                   {"frames_repeated", figures.frames_repeated},
+                   {"frames_black", figures.frames_black},
+                   {"frames_late", figures.frames_late},
+                   {"frames_dropped", figures.frames_dropped}};
+  add_delivery(json["delivery"], figures);
+  json["callbacks"] =
+      times_of(figures.audio_callbacks, figures.picture_callbacks, figures.caption_callbacks);
+  Json& subscribers = json["subscribers"] = Json::object();
   for (const auto& subscriber : Library::instance().subscribers.all()) {
-    json.key(subscriber->id().c_str());
-    json.begin();
-    json.add_text("stream", subscriber->stream().id);
-    add_delivery(collect(*subscriber));
-    json.end();
+    Json& each = subscribers[subscriber->id()];
+    each["stream"] = subscriber->stream().id;
+    add_delivery(each, collect(*subscriber));
   }
-  json.end();
-  json.end();
-  return std::move(json.text());
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 }  // namespace

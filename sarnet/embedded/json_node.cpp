@@ -1,34 +1,16 @@
 #include "embedded/json_node.h"
 
 #include <algorithm>
-#include <array>
-#include <memory>
+#include <cmath>
+#include <set>
+#include <vector>
 
 namespace sarnet {
 namespace {
 
-bool is_utf8(std::string_view text) {
-  for (std::size_t i = 0; i < text.size();) {
-    const auto lead = static_cast<unsigned char>(text[i++]);
-    if (lead < 0x80) {
-      continue;
-    }
-    const std::size_t more = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : 1;
-    std::uint32_t point = lead & (0x3FU >> more);
-    for (std::size_t k = 0; k < more; ++k, ++i) {
-      if (i >= text.size() || (static_cast<unsigned char>(text[i]) & 0xC0U) != 0x80) {
-        return false;
-      }
-      point = (point << 6U) | (static_cast<unsigned char>(text[i]) & 0x3FU);
-    }
-    constexpr std::array<std::uint32_t, 4> kShortest{0, 0x80, 0x800, 0x10000};
-    if (lead < 0xC2 || lead > 0xF4 || point < kShortest[more] || point > 0x10FFFF ||
-        (point >= 0xD800 && point < 0xE000)) {
-      return false;
-    }
-  }
-  return true;
-}
+using nlohmann::json;
+
+constexpr std::size_t kMaxDepth = 32;
 
 std::string list_of(std::initializer_list<std::string_view> keys) {
   std::string result;
@@ -38,55 +20,119 @@ std::string list_of(std::initializer_list<std::string_view> keys) {
   return result;
 }
 
-// The parser lists all that it stumbled over, as "* Line 3, Column 5\n  Reason\n"; the first is the
-// cause.
-std::string first_syntax_error(const std::string& listed) {
-  std::string text = listed.substr(0, listed.find("\n*", 1));
-  text.erase(0, text.find_first_not_of("* "));
-  std::string line;
-  for (const char c : text) {
-    if (c == '\n') {
-      line += line.ends_with(':') || line.find(": ") != std::string::npos ? " " : ":";
-    } else if (c != ' ' || !line.ends_with(' ')) {
-      line += line.ends_with(':') && c != ' ' ? std::string(" ") + c : std::string(1, c);
+// Follows the parser from value to value, and throws JsonError where it does not go on.
+class Guard {
+ public:
+  void operator()(json::parse_event_t event, const json& parsed) {
+    switch (event) {
+      case json::parse_event_t::object_start:
+      case json::parse_event_t::array_start:
+        if (levels_.size() == kMaxDepth) {
+          throw JsonError(place(),
+                          "is nested deeper than " + std::to_string(kMaxDepth) + " levels");
+        }
+        levels_.push_back({event == json::parse_event_t::array_start, {}, {}, 0});
+        break;
+      case json::parse_event_t::key:
+        levels_.back().key = parsed.get<std::string>();
+        if (!levels_.back().keys.insert(levels_.back().key).second) {
+          throw JsonError(place(), "is there twice");
+        }
+        break;
+      case json::parse_event_t::object_end:
+      case json::parse_event_t::array_end:
+        levels_.pop_back();
+        [[fallthrough]];
+      case json::parse_event_t::value:
+        if (!levels_.empty()) ++levels_.back().index;
+        break;
     }
   }
-  line.erase(line.find_last_not_of(" :.") + 1);
-  return line;
+
+  std::string place() const {
+    std::string path;
+    for (const Level& level : levels_) {
+      if (level.is_list) {
+        path += "[" + std::to_string(level.index) + "]";
+      } else if (!level.key.empty()) {
+        path += (path.empty() ? "" : ".") + level.key;
+      }
+    }
+    return path;
+  }
+
+ private:
+  struct Level {
+    bool is_list = false;
+    std::set<std::string> keys;
+    std::string key;
+    std::size_t index = 0;
+  };
+  std::vector<Level> levels_;
+};
+
+std::string in_one_line(std::string text) {
+  const auto is_control = [](char c) { return static_cast<unsigned char>(c) < ' '; };
+  std::replace_if(text.begin(), text.end(), is_control, '?');
+  return text;
+}
+
+// "[json.exception.parse_error.101] parse error at line 3, column 3: reason" without the names of
+// the library.
+std::string reason_of(const json::exception& failure) {
+  std::string text = failure.what();
+  for (const std::string_view end : {"] ", "parse error at "}) {
+    if (const auto found = text.find(end); found != std::string::npos) {
+      text.erase(0, found + end.size());
+    }
+  }
+  // It quotes the text as it is, however long, and also what is no text.
+  return text.substr(0, text.find("; last read: "));
 }
 
 }  // namespace
 
-Json::Value parse_json(const std::string& text) {
-  Json::CharReaderBuilder builder;
-  Json::CharReaderBuilder::strictMode(&builder.settings_);
-  builder["allowComments"] = true;
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  Json::Value root;
-  std::string errors;
-  if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors)) {
-    throw JsonError("", first_syntax_error(errors));
+JsonError::JsonError(const std::string& where, const std::string& what)
+    : std::runtime_error(in_one_line(where.empty() ? what : where + ": " + what)) {}
+
+json parse_json(const std::string& text) {
+  Guard guard;
+  try {
+    return json::parse(
+        text,
+        [&guard](int, json::parse_event_t event, const json& parsed) {
+          guard(event, parsed);
+          return true;
+        },
+        true, true);
+  } catch (const json::parse_error& failure) {
+    throw JsonError("", reason_of(failure));
+  } catch (const json::exception& failure) {
+    throw JsonError(guard.place(), reason_of(failure));
   }
-  return root;
 }
 
-JsonNode JsonNode::operator[](const char* key) const {
-  return {value_[key], path_.empty() ? key : path_ + "." + key};
+JsonNode JsonNode::operator[](const std::string& key) const {
+  return {value_.at(key), place_of(key)};
+}
+
+std::string JsonNode::place_of(const std::string& key) const {
+  return path_.empty() ? key : path_ + "." + key;
 }
 
 void JsonNode::expect_list() const {
-  if (!value_.isArray()) {
+  if (!value_.is_array()) {
     throw JsonError(path_, "expected a list, found " + kind());
   }
 }
 
 void JsonNode::expect_object(std::initializer_list<std::string_view> keys) const {
-  if (!value_.isObject()) {
+  if (!value_.is_object()) {
     throw JsonError(path_, "expected an object, found " + kind());
   }
-  for (const std::string& key : value_.getMemberNames()) {
+  for (const auto& [key, value] : value_.items()) {
     if (std::find(keys.begin(), keys.end(), key) == keys.end()) {
-      throw JsonError((*this)[key.c_str()].path_, "unknown key; known here: " + list_of(keys));
+      throw JsonError(place_of(key), "unknown key; known here: " + list_of(keys));
     }
   }
 }
@@ -96,12 +142,12 @@ std::string JsonNode::text(const char* key, const std::string& otherwise) const 
     return otherwise;
   }
   const JsonNode node = (*this)[key];
-  if (!node.value_.isString()) {
+  if (!node.value_.is_string()) {
     throw JsonError(node.path_, "expected a text, found " + node.kind());
   }
-  std::string result = node.value_.asString();
-  if (result.find('\0') != std::string::npos || !is_utf8(result)) {
-    throw JsonError(node.path_, "holds a zero character or is not UTF-8");
+  auto result = node.value_.get<std::string>();
+  if (result.find('\0') != std::string::npos) {
+    throw JsonError(node.path_, "holds a zero character");
   }
   return result;
 }
@@ -110,7 +156,7 @@ std::string JsonNode::required_text(const char* key) const {
   require(key);
   std::string result = text(key, "");
   if (result.empty()) {
-    throw JsonError((*this)[key].path_, "must not be empty");
+    throw JsonError(place_of(key), "must not be empty");
   }
   return result;
 }
@@ -120,10 +166,10 @@ bool JsonNode::flag(const char* key, bool otherwise) const {
     return otherwise;
   }
   const JsonNode node = (*this)[key];
-  if (!node.value_.isBool()) {
+  if (!node.value_.is_boolean()) {
     throw JsonError(node.path_, "expected true or false, found " + node.kind());
   }
-  return node.value_.asBool();
+  return node.value_.get<bool>();
 }
 
 std::int64_t JsonNode::whole(const char* key, std::int64_t otherwise, std::int64_t least,
@@ -132,10 +178,12 @@ std::int64_t JsonNode::whole(const char* key, std::int64_t otherwise, std::int64
     return otherwise;
   }
   const JsonNode node = (*this)[key];
-  if (!node.value_.isInt64()) {
+  // 250.0 is one, too.
+  const double nearly = node.value_.is_number() ? node.value_.get<double>() : NAN;
+  if (std::abs(nearly) > 9e18 || nearly != std::floor(nearly)) {
     throw JsonError(node.path_, "expected a whole number, found " + node.kind());
   }
-  const std::int64_t result = node.value_.asInt64();
+  const auto result = node.value_.get<std::int64_t>();
   if (result < least || result > most) {
     throw JsonError(node.path_, "must be from " + std::to_string(least) + " to " +
                                     std::to_string(most) + ", is " + std::to_string(result));
@@ -148,20 +196,19 @@ double JsonNode::number(const char* key, double otherwise, double least, double 
     return otherwise;
   }
   const JsonNode node = (*this)[key];
-  if (!node.value_.isNumeric()) {
+  if (!node.value_.is_number()) {
     throw JsonError(node.path_, "expected a number, found " + node.kind());
   }
-  const double result = node.value_.asDouble();
+  const auto result = node.value_.get<double>();
   if (!(result >= least && result <= most)) {
-    throw JsonError(node.path_, "must be from " + Json::valueToString(least) + " to " +
-                                    Json::valueToString(most));
+    throw JsonError(node.path_, "must be from " + json(least).dump() + " to " + json(most).dump());
   }
   return result;
 }
 
 void JsonNode::require(const char* key) const {
   if (!has(key)) {
-    throw JsonError((*this)[key].path_, "is missing");
+    throw JsonError(place_of(key), "is missing");
   }
 }
 
@@ -173,23 +220,19 @@ void JsonNode::require_one_of(const char* first, const char* second) const {
 }
 
 void JsonNode::refuse(const char* key, const std::string& reason) const {
-  throw JsonError((*this)[key].path_, reason);
+  throw JsonError(place_of(key), reason);
 }
 
 std::string JsonNode::kind() const {
   switch (value_.type()) {
-    case Json::nullValue:
-      return "null";
-    case Json::booleanValue:
-      return value_.asBool() ? "true" : "false";
-    case Json::stringValue:
+    case json::value_t::string:
       return "a text";
-    case Json::arrayValue:
+    case json::value_t::array:
       return "a list";
-    case Json::objectValue:
+    case json::value_t::object:
       return "an object";
     default:
-      return "the number " + value_.asString();
+      return (value_.is_number() ? "the number " : "") + value_.dump();
   }
 }
 

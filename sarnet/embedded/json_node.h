@@ -1,9 +1,9 @@
 #pragma once
 
-#include <json/json.h>
-
+#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -11,30 +11,29 @@
 
 namespace sarnet {
 
-// What is wrong with a JSON text and where: "participants[0].id: is missing".
+// What is wrong with a JSON text and where, in one line: "participants[0].id: is missing".
 struct JsonError : std::runtime_error {
-  JsonError(const std::string& where, const std::string& what)
-      : std::runtime_error(where.empty() ? what : where + ": " + what) {}
+  JsonError(const std::string& where, const std::string& what);
 };
 
-// Reads strict JSON, but for comments. Throws JsonError with the line of the first mistake, and
-// what the JSON library throws for nesting without end.
-Json::Value parse_json(const std::string& text);
+// Reads strict JSON in UTF-8, but for comments. Throws JsonError with the line and column of the
+// first mistake, or the place of a key that is there twice and of nesting deeper than 32.
+nlohmann::json parse_json(const std::string& text);
 
 // A value together with its place in the text, e.g. participants[1].captions[0].at_ms. Borrows the
 // value. Readers give `otherwise` for a key that is not there, and throw JsonError for a value that
 // does not fit.
 class JsonNode {
  public:
-  JsonNode(const Json::Value& value, std::string path) : value_(value), path_(std::move(path)) {}
+  JsonNode(const nlohmann::json& value, std::string path) : value_(value), path_(std::move(path)) {}
 
   // The value must be an object without other keys than these. Comes before all below.
   void expect_object(std::initializer_list<std::string_view> keys) const;
 
-  bool has(const char* key) const { return value_.isMember(key); }
-  JsonNode operator[](const char* key) const;
+  bool has(const char* key) const { return value_.contains(key); }
+  JsonNode operator[](const std::string& key) const;  // must be there
 
-  std::string text(const char* key, const std::string& otherwise) const;  // UTF-8 without zeros
+  std::string text(const char* key, const std::string& otherwise) const;  // without zeros
   std::string required_text(const char* key) const;                       // nor empty
   bool flag(const char* key, bool otherwise) const;
   std::int64_t whole(const char* key, std::int64_t otherwise, std::int64_t least,
@@ -49,7 +48,7 @@ class JsonNode {
     }
     const JsonNode list = (*this)[key];
     list.expect_list();
-    for (Json::ArrayIndex i = 0; i < list.value_.size(); ++i) {
+    for (std::size_t i = 0; i < list.value_.size(); ++i) {
       visit(JsonNode(list.value_[i], list.path_ + "[" + std::to_string(i) + "]"));
     }
   }
@@ -59,12 +58,13 @@ class JsonNode {
   void require_one_of(const char* first, const char* second) const;
   // Throws for a key whose value the caller does not like.
   [[noreturn]] void refuse(const char* key, const std::string& reason) const;
+  std::string place_of(const std::string& key) const;
 
  private:
   void expect_list() const;
   std::string kind() const;
 
-  const Json::Value& value_;
+  const nlohmann::json& value_;
   std::string path_;
 };
 

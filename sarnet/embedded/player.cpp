@@ -17,10 +17,12 @@ constexpr milliseconds kPatience{200};
 
 }  // namespace
 
-Player::Player(ScenarioParticipant script) : script_(std::move(script)) {}
+Player::Player(ScenarioParticipant script, StopFlag all_over)
+    : script_(std::move(script)), all_over_(std::move(all_over)) {}
 
-std::shared_ptr<Player> Player::create(const ScenarioParticipant& script, std::string& error) {
-  auto player = std::make_shared<Player>(script);
+std::shared_ptr<Player> Player::create(const ScenarioParticipant& script, const StopFlag& all_over,
+                                       std::string& error) {
+  auto player = std::make_shared<Player>(script, all_over);
   return player->open(error) ? player : nullptr;
 }
 
@@ -30,19 +32,30 @@ bool Player::open(std::string& error) {
   const bool video_file = script_.video && !script_.video->file.empty();
   if (audio_file || video_file) {
     plugin = FilePlugin::load(error);
-    if (plugin == nullptr) return false;
+    if (plugin == nullptr) {
+      error = (audio_file ? script_.audio->file_key : script_.video->file_key) + ": " + error;
+      return false;
+    }
   }
+  const auto interrupted = [this] { return over(); };
   if (audio_file) {
-    audio_file_ = plugin->open_audio(script_.audio->file, kFormat, script_.audio->loop, error);
-    if (!audio_file_) return false;
+    const auto& audio = *script_.audio;
+    audio_file_ = plugin->open_audio(audio.file, kFormat, audio.loop, interrupted, error);
+    if (!audio_file_) {
+      error = audio.file_key + ": " + error;
+      return false;
+    }
   } else if (script_.audio) {
     tone_.emplace(kFormat, script_.audio->tone_hz, script_.audio->tone_level);
   }
   if (video_file) {
     const auto& video = *script_.video;
-    video_file_ =
-        plugin->open_video(video.file, video.width, video.height, video.fps, video.loop, error);
-    if (!video_file_) return false;
+    video_file_ = plugin->open_video(video.file, video.width, video.height, video.fps, video.loop,
+                                     interrupted, error);
+    if (!video_file_) {
+      error = video.file_key + ": " + error;
+      return false;
+    }
     fps_ = video_file_->fps();
   } else if (script_.video) {
     card_.emplace(script_.video->width, script_.video->height);
@@ -70,7 +83,7 @@ void Player::run() {
   while (true) {
     {
       std::unique_lock lock(mutex_);
-      if (changed_.wait_until(lock, due, [this] { return stopped_; })) return;
+      if (changed_.wait_until(lock, due, [this] { return over(); })) return;
     }
     if (const auto now = Clock::now(); now > due + kPatience) {
       const auto lost = (now - due) / kPeriod * kPeriod;
@@ -80,12 +93,18 @@ void Player::run() {
     }
     const auto elapsed = due - start;
     if (script_.audio) play_audio();
-    while (fps_ > 0 && std::chrono::duration<double>(elapsed).count() * fps_ >= pictures_) {
+    while (fps_ > 0 && !over() &&
+           std::chrono::duration<double>(elapsed).count() * fps_ >= pictures_) {
       play_picture();
     }
     play_captions(elapsed);
     due += kPeriod;
   }
+}
+
+// A file that was left in the middle is no failure.
+void Player::report(const std::string& key, const std::string& error) const {
+  if (!over()) SARNET_LOG(kError, key << ": " << error);
 }
 
 void Player::play_audio() {
@@ -96,7 +115,7 @@ void Player::play_audio() {
     std::size_t frames = 0;
     if (audio_file_) {
       const ReadStatus status = audio_file_->read(block_, frames);
-      if (status == ReadStatus::kError) SARNET_LOG(kError, audio_file_->error());
+      if (status == ReadStatus::kError) report(script_.audio->file_key, audio_file_->error());
       if (status != ReadStatus::kOk) audio_file_.reset();
     }
     std::fill(block_.begin() + static_cast<std::ptrdiff_t>(2 * frames), block_.end(),
@@ -117,7 +136,7 @@ void Player::play_picture() {
     card_->paint(number, picture->mutable_view());
   } else {
     const ReadStatus status = video_file_->read(picture->mutable_view());
-    if (status == ReadStatus::kError) SARNET_LOG(kError, video_file_->error());
+    if (status == ReadStatus::kError) report(script_.video->file_key, video_file_->error());
     if (status != ReadStatus::kOk) {
       fps_ = 0;
       return;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -20,10 +21,14 @@ namespace sarnet {
 // the steady clock, on a thread of its own that the ThreadKeeper joins.
 class Player : public std::enable_shared_from_this<Player> {
  public:
-  // Opens the participant's files; blocks on the disk. Null and `error` on failure.
-  static std::shared_ptr<Player> create(const ScenarioParticipant& script, std::string& error);
+  using StopFlag = std::shared_ptr<const std::atomic<bool>>;
 
-  explicit Player(ScenarioParticipant script);
+  // Opens the participant's files; blocks on the disk. Null and `error`, which names the scenario
+  // and its key, on failure. Once `all_over` is set, opening and playing end as by stop().
+  static std::shared_ptr<Player> create(const ScenarioParticipant& script, const StopFlag& all_over,
+                                        std::string& error);
+
+  Player(ScenarioParticipant script, StopFlag all_over);
 
   // Once. Throws std::system_error when no thread can be made.
   void start(std::shared_ptr<RoomStream> stream);
@@ -37,12 +42,15 @@ class Player : public std::enable_shared_from_this<Player> {
   static constexpr std::size_t kBlock = std::size_t{2} * 480;
 
   bool open(std::string& error);
+  bool over() const { return stopped_ || (all_over_ && *all_over_); }
+  void report(const std::string& key, const std::string& error) const;
   void run();
   void play_audio();
   void play_picture();
   void play_captions(Clock::duration elapsed);
 
   const ScenarioParticipant script_;
+  const StopFlag all_over_;
   std::unique_ptr<AudioReader> audio_file_;
   std::unique_ptr<VideoReader> video_file_;
   std::optional<Tone> tone_;
@@ -58,7 +66,7 @@ class Player : public std::enable_shared_from_this<Player> {
 
   std::mutex mutex_;
   std::condition_variable changed_;
-  bool stopped_ = false;
+  std::atomic<bool> stopped_{false};  // set under mutex_
 };
 
 }  // namespace sarnet

@@ -1,15 +1,19 @@
 #include "embedded/recorder.h"
 
-#include <json/writer.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <utility>
 
 #include "base/log.h"
+#include "base/regular_file.h"
 #include "base/thread_keeper.h"
 
 namespace sarnet {
@@ -55,6 +59,7 @@ std::chrono::nanoseconds length_of(std::size_t samples, const AudioFormat& forma
   return std::chrono::nanoseconds(std::chrono::seconds(frames)) / format.rate;
 }
 
+std::string log_path(const std::string& folder) { return folder + "/events.jsonl"; }
 std::string audio_name(int publication) { return "audio-" + std::to_string(publication) + ".wav"; }
 std::string video_name(int publication) { return "video-" + std::to_string(publication) + ".y4m"; }
 
@@ -65,33 +70,56 @@ std::shared_ptr<Recorder> Recorder::create(const std::string& folder, std::strin
   if (plugin == nullptr) return nullptr;
   std::error_code status;
   std::filesystem::create_directories(folder, status);
-  const auto mode = used_before(folder) ? std::ios::app : std::ios::trunc;
-  std::ofstream log(std::filesystem::path(folder) / "events.jsonl", mode);
-  if (!log) {
-    error = "cannot write to the recording folder '" + folder + "'";
-    if (status) error += ": " + status.message();
+  if (status) {
+    error = "cannot make the recording folder '" + folder + "': " + status.message();
     return nullptr;
   }
-  auto recorder = std::make_shared<Recorder>(*plugin, folder, std::move(log));
+  std::string reason;
+  const int log = create_regular(log_path(folder), used_before(folder), reason);
+  if (log < 0) {
+    error = "cannot write '" + log_path(folder) + "': " + reason;
+    return nullptr;
+  }
+  auto recorder = std::make_shared<Recorder>(*plugin, folder, log);
   ThreadKeeper::instance().start("srn-recorder", [recorder] { recorder->run(); });
   return recorder;
 }
 
-Recorder::Recorder(const FilePlugin& plugin, std::string folder, std::ofstream log)
-    : plugin_(plugin), folder_(std::move(folder)), log_(std::move(log)) {}
+Recorder::Recorder(const FilePlugin& plugin, std::string folder, int log)
+    : plugin_(plugin), folder_(std::move(folder)), log_(log) {}
 
-std::string Recorder::line_of(const char* event, Json::Value fields, Clock::time_point at) {
+Recorder::~Recorder() { ::close(log_); }
+
+std::string Recorder::line_of(const char* event, nlohmann::json fields, Clock::time_point at) {
   using std::chrono::system_clock;
   const auto ago = std::chrono::duration_cast<system_clock::duration>(Clock::now() - at);
+  const double seconds = std::chrono::duration<double>(at.time_since_epoch()).count();
   fields["time"] = utc(system_clock::now() - ago);
-  fields["at"] = std::chrono::duration<double>(at.time_since_epoch()).count();
+  fields["at"] = std::round(seconds * 1e6) / 1e6;
   fields["event"] = event;
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  builder["precision"] = 6;  // microseconds
-  builder["precisionType"] = "decimal";
-  builder["emitUTF8"] = true;
-  return Json::writeString(builder, fields);
+  return fields.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
+}
+
+// Says once what goes wrong.
+void Recorder::write_line(const std::string& line) {
+  for (std::size_t done = 0; done < line.size() && !log_failed_;) {
+    const ssize_t count = ::write(log_, line.data() + done, line.size() - done);
+    if (count >= 0) {
+      done += static_cast<std::size_t>(count);
+    } else if (errno != EINTR) {
+      log_failed_ = true;
+      SARNET_LOG(kError, "Recording: cannot write '" << log_path(folder_) << "': "
+                                                     << std::generic_category().message(errno));
+    }
+  }
+}
+
+// What is written into a folder that was removed leaves no trace, not even an error.
+void Recorder::look_after_log() {
+  struct stat about {};
+  if (::fstat(log_, &about) == 0 && about.st_nlink == 0) {
+    SARNET_LOG(kError, "Recording: '" << log_path(folder_) << "' was removed while it was written");
+  }
 }
 
 Recorder::Item* Recorder::reserve() {
@@ -106,7 +134,7 @@ int Recorder::begin_publication(const std::string& name, bool has_audio, bool ha
     losses_[publication];
     fps_[publication] = std::max(fps, 1);
   }
-  Json::Value fields(Json::objectValue);
+  nlohmann::json fields;
   fields["publication"] = publication;
   fields["name"] = name;
   if (has_audio) fields["audio"] = audio_name(publication);
@@ -168,7 +196,7 @@ void Recorder::add_picture(int publication, const PictureRef& picture) {
   changed_.notify_one();
 }
 
-void Recorder::log(const char* event, Json::Value fields) {
+void Recorder::log(const char* event, nlohmann::json fields) {
   std::string line = line_of(event, std::move(fields));
   {
     const std::lock_guard lock(mutex_);
@@ -186,6 +214,7 @@ void Recorder::close() {
   {
     const std::lock_guard lock(mutex_);
     closed_ = true;
+    closed_at_ = Clock::now();
   }
   changed_.notify_one();
 }
@@ -201,16 +230,30 @@ void Recorder::run() {
       first_ = (first_ + 1) % queue_.size();
       --size_;
       if (item.kind == Kind::kPicture) --pictures_queued_;
+      if (closed_ && Clock::now() > closed_at_ + kLastWrites && lose(item)) continue;
     }
     write(item);
     item.picture = {};
   }
   // Publications whose end found the queue full.
   while (!files_.empty()) finish(files_.begin()->first);
-  Json::Value fields(Json::objectValue);
-  fields["lines_lost"] = Json::UInt64(lines_lost_);
-  log_ << line_of("closed", std::move(fields)) << '\n' << std::flush;
-  if (!log_) SARNET_LOG(kError, "The event log in '" << folder_ << "' could not be written");
+  nlohmann::json fields;
+  fields["lines_lost"] = lines_lost_;
+  write_line(line_of("closed", std::move(fields)));
+  look_after_log();
+}
+
+// False for what is no media.
+bool Recorder::lose(Item& item) {
+  Loss& loss = losses_[item.publication];
+  if (item.kind == Kind::kPicture) {
+    ++loss.pictures;
+    item.picture = {};
+    return true;
+  }
+  if (item.kind != Kind::kAudio) return false;
+  loss.audio_frames += item.samples / static_cast<std::size_t>(item.format.channels);
+  return true;
 }
 
 void Recorder::write(Item& item) {
@@ -225,7 +268,7 @@ void Recorder::write(Item& item) {
       finish(item.publication);
       break;
     case Kind::kLine:
-      log_ << item.line << '\n' << std::flush;
+      write_line(item.line);
       break;
   }
 }
@@ -233,19 +276,19 @@ void Recorder::write(Item& item) {
 void Recorder::fail(Files& files, int publication, const std::string& error) {
   if (std::exchange(files.failed, true)) return;
   SARNET_LOG(kError, "Recording: " << error);
-  Json::Value fields(Json::objectValue);
+  nlohmann::json fields;
   fields["publication"] = publication;
   fields["text"] = error;
-  log_ << line_of("recording_failed", std::move(fields)) << '\n' << std::flush;
+  write_line(line_of("recording_failed", std::move(fields)));
 }
 
 void Recorder::mark(Timeline& due, const Item& item, const char* place, std::uint64_t number) {
   if (due && std::chrono::abs(item.came - *due) <= kTolerance) return;
   due = item.came;
-  Json::Value fields(Json::objectValue);
+  nlohmann::json fields;
   fields["publication"] = item.publication;
-  fields[place] = Json::UInt64(number);
-  log_ << line_of("mark", std::move(fields), item.came) << '\n' << std::flush;
+  fields[place] = number;
+  write_line(line_of("mark", std::move(fields), item.came));
 }
 
 void Recorder::write_audio(Files& files, const Item& item) {
@@ -309,23 +352,23 @@ void Recorder::finish(int publication) {
   }
   if (files.audio && !files.audio->close()) fail(files, publication, files.audio->error());
   if (files.video && !files.video->close()) fail(files, publication, files.video->error());
-  Json::Value fields(Json::objectValue);
+  nlohmann::json fields;
   fields["publication"] = publication;
   if (files.audio) {
     fields["audio"] = audio_name(publication);
     fields["audio_rate"] = files.format.rate;
     fields["audio_channels"] = files.format.channels;
-    fields["audio_frames"] = Json::UInt64(files.audio_frames);
+    fields["audio_frames"] = files.audio_frames;
   }
   if (files.video) {
     fields["video"] = video_name(publication);
     fields["width"] = files.width;
     fields["height"] = files.height;
-    fields["pictures"] = Json::UInt64(files.pictures);
+    fields["pictures"] = files.pictures;
   }
-  fields["audio_frames_lost"] = Json::UInt64(loss.audio_frames);
-  fields["pictures_lost"] = Json::UInt64(loss.pictures);
-  log_ << line_of("recorded", std::move(fields)) << '\n' << std::flush;
+  fields["audio_frames_lost"] = loss.audio_frames;
+  fields["pictures_lost"] = loss.pictures;
+  write_line(line_of("recorded", std::move(fields)));
 }
 
 }  // namespace sarnet

@@ -1,15 +1,13 @@
 #pragma once
 
-#include <json/value.h>
-
 #include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <span>
 #include <string>
@@ -31,8 +29,8 @@ namespace sarnet {
 // more than kTolerance away from where the marks before it and the rate would have put it.
 //
 // Any thread calls; nothing waits for the disk. The queue is bounded: what comes while it is full
-// is lost and counted. A thread of its own, which the ThreadKeeper joins, writes, and ends after
-// close().
+// is lost and counted. A thread of its own, which the ThreadKeeper joins, writes. It ends after
+// close(): what is not on a slow disk half a second later is lost and counted, too.
 class Recorder : public std::enable_shared_from_this<Recorder> {
  public:
   // Null and `error` when the folder cannot be made or written to. Blocks on the disk. Within one
@@ -40,7 +38,11 @@ class Recorder : public std::enable_shared_from_this<Recorder> {
   // first.
   static std::shared_ptr<Recorder> create(const std::string& folder, std::string& error);
 
-  Recorder(const FilePlugin& plugin, std::string folder, std::ofstream log);
+  // `log`: the open event log, closed by the recorder.
+  Recorder(const FilePlugin& plugin, std::string folder, int log);
+  ~Recorder();
+  Recorder(const Recorder&) = delete;
+  Recorder& operator=(const Recorder&) = delete;
 
   // A new publication's number. Its media are written from its first block or picture on.
   int begin_publication(const std::string& name, bool has_audio, bool has_video, int fps);
@@ -48,12 +50,13 @@ class Recorder : public std::enable_shared_from_this<Recorder> {
   void add_audio(int publication, const AudioFormat& format, std::span<const std::int16_t> samples);
   void add_picture(int publication, const PictureRef& picture);
   // Adds a line to the log; the times are added here.
-  void log(const char* event, Json::Value fields = Json::Value(Json::objectValue));
+  void log(const char* event, nlohmann::json fields = nlohmann::json::object());
   void close();
 
  private:
   using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::milliseconds kTolerance{5};
+  static constexpr std::chrono::milliseconds kLastWrites{500};
 
   enum class Kind { kAudio, kPicture, kEnd, kLine };
   static constexpr std::size_t kMaxSamples = 960;
@@ -96,17 +99,21 @@ class Recorder : public std::enable_shared_from_this<Recorder> {
   void mark(Timeline& due, const Item& item, const char* place, std::uint64_t number);
   void run();
   void write(Item& item);
+  bool lose(Item& item);  // under mutex_
+  void write_line(const std::string& line);
+  void look_after_log();
   void write_audio(Files& files, const Item& item);
   void write_picture(Files& files, const Item& item);
   void finish(int publication);
   void fail(Files& files, int publication, const std::string& error);
-  static std::string line_of(const char* event, Json::Value fields,
+  static std::string line_of(const char* event, nlohmann::json fields,
                              Clock::time_point at = Clock::now());
   int fps_of(int publication);
 
   const FilePlugin& plugin_;
   const std::string folder_;
-  std::ofstream log_;             // of the writer's thread
+  const int log_;
+  bool log_failed_ = false;       // of the writer's thread
   std::map<int, Files> files_;    // of the writer's thread
   std::uint64_t lines_lost_ = 0;  // under mutex_
 
@@ -119,6 +126,7 @@ class Recorder : public std::enable_shared_from_this<Recorder> {
   std::map<int, Loss> losses_;
   std::map<int, int> fps_;
   bool closed_ = false;
+  Clock::time_point closed_at_;
 };
 
 }  // namespace sarnet

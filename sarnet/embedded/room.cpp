@@ -3,6 +3,7 @@
 #include <sarnet/sarnet.h>
 
 #include <algorithm>
+#include <exception>
 #include <optional>
 #include <utility>
 
@@ -33,33 +34,46 @@ void Room::open() {
   ThreadKeeper::instance().start("srn-room", [self = shared_from_this()] { self->run(); });
 }
 
-void Room::prepare() {
-  std::string error;
-  std::optional<Scenario> scenario =
-      scenario_path_.empty() ? default_scenario() : load_scenario(scenario_path_, error);
-  std::vector<std::unique_ptr<Actor>> actors;
-  std::shared_ptr<Recorder> recorder;
-  if (scenario) {
-    for (const ScenarioParticipant& script : scenario->participants) {
-      auto actor = std::make_unique<Actor>();
-      actor->script = script;
-      actor->connection = {script.id, script.data, session_id_, 0};
-      if (script.publishes()) {
-        actor->player = Player::create(script, error);
-        if (!actor->player) break;
-      }
-      actors.push_back(std::move(actor));
-    }
+bool Room::set(Stage& stage, std::string& error) const {
+  if (scenario_path_.empty()) {
+    stage.scenario = default_scenario();
+  } else {
+    auto scenario = load_scenario(scenario_path_, error);
+    if (!scenario) return false;
+    stage.scenario = std::move(*scenario);
   }
-  if (scenario && error.empty() && !scenario->record_folder.empty()) {
-    recorder = Recorder::create(scenario->record_folder, error);
+  for (const ScenarioParticipant& script : stage.scenario.participants) {
+    auto actor = std::make_unique<Actor>();
+    actor->script = script;
+    actor->connection = {script.id, script.data, session_id_, 0};
+    if (script.publishes()) {
+      actor->player = Player::create(script, over_, error);
+      if (!actor->player) return false;
+    }
+    stage.actors.push_back(std::move(actor));
+  }
+  if (!stage.scenario.record_folder.empty()) {
+    stage.recorder = Recorder::create(stage.scenario.record_folder, error);
+    if (!stage.recorder) error = stage.scenario.place_of("record") + ": " + error;
+  }
+  return error.empty();
+}
+
+void Room::prepare() {
+  Stage stage;
+  std::string error;
+  bool fine = false;
+  try {
+    fine = set(stage, error);
+  } catch (const std::exception& failure) {  // no memory for what a file holds
+    error = stage.scenario.place_of(failure.what());
   }
   const std::lock_guard lock(mutex_);
   fault_ = error;
-  if (scenario && error.empty()) {
-    scenario_ = std::move(*scenario);
-    actors_ = std::move(actors);
-    recorder_ = std::move(recorder);
+  if (fine) {
+    scenario_ = std::move(stage.scenario);
+    actors_ = std::move(stage.actors);
+    recorder_ = std::move(stage.recorder);
   }
   ready_ = true;
   for (const auto& member : members_) {
@@ -102,7 +116,7 @@ void Room::soon(std::function<void()> action) { at(Clock::now() + kLatency, std:
 void Room::record(const char* event,
                   std::initializer_list<std::pair<const char*, std::string>> fields) {
   if (!recorder_) return;
-  Json::Value values(Json::objectValue);
+  nlohmann::json values;
   for (const auto& [name, text] : fields) values[name] = text;
   recorder_->log(event, std::move(values));
 }
@@ -203,6 +217,7 @@ void Room::leave(const void* key) {
 void Room::close_if_empty() {
   if (!members_.empty() || closed_) return;
   closed_ = true;
+  *over_ = true;
   changed_.notify_one();
 }
 

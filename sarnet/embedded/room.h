@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -74,6 +75,14 @@ class Room : public std::enable_shared_from_this<Room> {
   void run();
   // On the room's thread, without the lock: reads the scenario and opens its files.
   void prepare();
+  // What prepare() finds.
+  struct Stage {
+    Scenario scenario;
+    std::vector<std::unique_ptr<Actor>> actors;
+    std::shared_ptr<Recorder> recorder;
+  };
+  // False and `error` when the scenario cannot be played.
+  bool set(Stage& stage, std::string& error) const;
 
   // All below: under the lock.
   void at(Clock::time_point time, std::function<void()> action);
@@ -107,6 +116,8 @@ class Room : public std::enable_shared_from_this<Room> {
   std::multimap<Clock::time_point, std::function<void()>> actions_;
   bool ready_ = false;
   bool closed_ = false;
+  // The same for those that open and play files.
+  const std::shared_ptr<std::atomic<bool>> over_ = std::make_shared<std::atomic<bool>>(false);
   bool script_begun_ = false;
   std::string fault_;  // why the scenario cannot be played; empty: it can
   Scenario scenario_;

@@ -23,13 +23,19 @@ bool Scenario::needs_files() const {
          });
 }
 
+std::string Scenario::place_of(const std::string& key) const {
+  return "scenario '" + path + "': " + key;
+}
+
 Scenario default_scenario() {
   ScenarioParticipant companion;
   companion.id = "companion";
   companion.name = "Companion";
   companion.data = "A test card, a tone and captions";
-  companion.audio = ScenarioAudio{.file = {}, .tone_hz = 440, .tone_level = 0.1, .loop = true};
-  companion.video = ScenarioVideo{.file = {}, .width = 640, .height = 480, .fps = 30, .loop = true};
+  companion.audio =
+      ScenarioAudio{.file = {}, .file_key = {}, .tone_hz = 440, .tone_level = 0.1, .loop = true};
+  companion.video = ScenarioVideo{
+      .file = {}, .file_key = {}, .width = 640, .height = 480, .fps = 30, .loop = true};
   companion.captions = {{500, "Hello,", false},
                         {1000, "Hello, this is", false},
                         {1500, "Hello, this is your companion.", true},
@@ -50,7 +56,7 @@ std::optional<Scenario> load_scenario(const std::string& path, std::string& erro
   std::error_code status;
   const std::filesystem::path file = std::filesystem::absolute(path, status);
   if (!std::filesystem::is_regular_file(file, status)) {
-    return refuse(status ? status.message() : "not a file");
+    return refuse(status ? status.message() : "not a regular file");
   }
   const std::uintmax_t size = std::filesystem::file_size(file, status);
   if (status || size > kMaxScenarioBytes) {

@@ -13,6 +13,7 @@ namespace sarnet {
 
 struct ScenarioAudio {
   std::string file;          // empty: a tone
+  std::string file_key;      // for messages: "scenario 'talk.json': participants[0].audio.file"
   double tone_hz = 440;      // with no file
   double tone_level = 0.25;  // 0 to 1 of full scale
   bool loop = true;
@@ -20,7 +21,8 @@ struct ScenarioAudio {
 
 struct ScenarioVideo {
   std::string file;  // empty: the moving test card
-  int width = 0;     // pixels; 0: the file's own; never 0 for the test card
+  std::string file_key;
+  int width = 0;  // pixels; 0: the file's own; never 0 for the test card
   int height = 0;
   int fps = 0;  // 0: the file's own; never 0 for the test card
   bool loop = true;
@@ -78,6 +80,8 @@ struct Scenario {
   // True when a participant plays a file or the session is recorded, so that the file plug-in is
   // needed.
   bool needs_files() const;
+  // "scenario 'talk.json': KEY"
+  std::string place_of(const std::string& key) const;
 };
 
 // One companion with a moving test card (640x480 at 30 fps), a tone and captions that repeat.

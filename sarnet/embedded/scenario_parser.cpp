@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/regular_file.h"
 #include "embedded/json_node.h"
 #include "embedded/scenario.h"
 
@@ -25,11 +26,13 @@ std::int64_t required_ms(const JsonNode& node, const char* key) {
 
 class Parser {
  public:
-  explicit Parser(std::string folder) : folder_(std::move(folder)) {}
+  Parser(std::string folder, const std::string& name) : folder_(std::move(folder)) {
+    result_.path = name;
+  }
 
   Scenario scenario(const JsonNode& root) {
     root.expect_object({"token", "join_delay_ms", "refuse", "participants", "events", "record"});
-    Scenario result;
+    Scenario& result = result_;
     if (root.has("token")) {
       result.token = root.text("token", "");
     }
@@ -50,7 +53,7 @@ class Parser {
         root.refuse("record", "'" + result.record_folder + "' is not a folder");
       }
     }
-    return result;
+    return std::move(result_);
   }
 
  private:
@@ -60,13 +63,12 @@ class Parser {
 
   std::string media_file(const JsonNode& node) const {
     std::string file = resolve(node.required_text("file"));
-    std::error_code status;
-    if (!std::filesystem::exists(file, status)) {
-      node.refuse("file", "there is no file '" + file + "'");
+    std::string reason;
+    const int opened = open_regular(file, reason);
+    if (opened < 0) {
+      node.refuse("file", "cannot read '" + file + "': " + reason);
     }
-    if (!std::filesystem::is_regular_file(file, status) || access(file.c_str(), R_OK) != 0) {
-      node.refuse("file", "cannot read '" + file + "'");
-    }
+    close(opened);
     return file;
   }
 
@@ -89,6 +91,7 @@ class Parser {
     ScenarioAudio result;
     if (node.has("file")) {
       result.file = media_file(node);
+      result.file_key = result_.place_of(node.place_of("file"));
       if (node.has("level")) {
         node.refuse("level", "belongs to a tone, not to a file");
       }
@@ -109,6 +112,7 @@ class Parser {
     ScenarioVideo result;
     if (node.has("file")) {
       result.file = media_file(node);
+      result.file_key = result_.place_of(node.place_of("file"));
       result.loop = node.flag("loop", result.loop);
     } else {
       if (!node.flag("testcard", true)) {
@@ -215,6 +219,7 @@ class Parser {
   }
 
   const std::string folder_;
+  Scenario result_;
   std::set<std::string> ids_;
 };
 
@@ -223,12 +228,10 @@ class Parser {
 std::optional<Scenario> parse_scenario(const std::string& json, const std::string& folder,
                                        const std::string& name, std::string& error) {
   try {
-    const Json::Value root = parse_json(json);
+    const nlohmann::json root = parse_json(json);
     std::error_code status;
-    Parser parser(std::filesystem::absolute(folder, status).string());
-    Scenario scenario = parser.scenario(JsonNode(root, ""));
-    scenario.path = name;
-    return scenario;
+    Parser parser(std::filesystem::absolute(folder, status).string(), name);
+    return parser.scenario(JsonNode(root, ""));
   } catch (const std::exception& failure) {
     error = "scenario '" + name + "': " + failure.what();
     return std::nullopt;

@@ -4,17 +4,38 @@
 #include <utility>
 
 namespace sarnet {
+namespace {
 
-AudioFileReader::AudioFileReader(std::string path, AudioFormat format, bool loop)
-    : path_(std::move(path)), format_(format), loop_(loop) {}
+// The slowest that narrowband sound comes in, and the fastest that converters and their files know.
+// A hundred times more or less makes a second of the file nothing, or the memory full.
+constexpr int kMinFileRate = 4000;
+constexpr int kMaxFileRate = 384000;
+
+}  // namespace
+
+AudioFileReader::AudioFileReader(std::string path, AudioFormat format, bool loop,
+                                 Interrupted interrupted)
+    : path_(std::move(path)), format_(format), loop_(loop), stream_(std::move(interrupted)) {}
 
 bool AudioFileReader::open() {
   if (!format_.valid()) {
     error_ = failure_text("read", path_, "sound is given out at 8 to 48 kHz in 1 or 2 channels");
     return false;
   }
+  if (!start_round()) {
+    return false;
+  }
+  const std::size_t period = static_cast<std::size_t>(format_.period_frames()) *
+                             static_cast<std::size_t>(format_.channels);
+  while (!ended_ && ready_.size() < period) fetch();
+  return error_.empty();
+}
+
+// Opens the file from its start.
+bool AudioFileReader::start_round() {
+  heard_ = 0;
   if (!stream_.open(path_, AVMEDIA_TYPE_AUDIO)) {
-    error_ = stream_.error();
+    fail(stream_.error());
     return false;
   }
   return true;
@@ -30,6 +51,12 @@ bool AudioFileReader::prepare_conversion(const AVFrame& frame) {
   if (converter_ && frame.sample_rate == source_rate_ && frame.format == source_format_ &&
       frame.ch_layout.nb_channels == source_channels_) {
     return true;
+  }
+  if (frame.sample_rate < kMinFileRate || frame.sample_rate > kMaxFileRate) {
+    error_ = failure_text("read", path_,
+                          "sample rate " + std::to_string(frame.sample_rate) + " Hz is beyond " +
+                              std::to_string(kMinFileRate) + " to " + std::to_string(kMaxFileRate));
+    return false;
   }
   AVChannelLayout source{};
   AVChannelLayout target{};
@@ -88,28 +115,32 @@ bool AudioFileReader::convert(const AVFrame* frame) {
   return made >= 0;
 }
 
-ReadStatus AudioFileReader::refill() {
-  ready_.clear();
-  ready_position_ = 0;
+// Puts a little more of the file behind ready_, or nothing at the end of a round.
+ReadStatus AudioFileReader::fetch() {
   AVFrame* frame = nullptr;
   switch (stream_.next(frame)) {
     case ReadStatus::kOk:
-      heard_anything_ = heard_anything_ || frame->nb_samples > 0;
-      return prepare_conversion(*frame) && convert(frame) ? ReadStatus::kOk : fail(error_);
+      if (!prepare_conversion(*frame) || !convert(frame)) {
+        return fail(error_);
+      }
+      heard_ += static_cast<double>(frame->nb_samples) / frame->sample_rate;
+      return ReadStatus::kOk;
     case ReadStatus::kError:
       return fail(stream_.error());
     case ReadStatus::kEnd:
       break;
   }
-  if (!heard_anything_) {
+  if (heard_ <= 0) {
     return fail(failure_text("read", path_, "there is no sound in it"));
   }
   if (!loop_) {
     ended_ = true;
     return convert(nullptr) ? ReadStatus::kOk : fail(error_);
   }
-  heard_anything_ = false;
-  return open() ? ReadStatus::kOk : fail(error_);
+  if (heard_ < kShortestRound) {
+    return fail(failure_text("read", path_, "it is too short to be repeated, less than 10 ms"));
+  }
+  return start_round() ? ReadStatus::kOk : ReadStatus::kError;
 }
 
 ReadStatus AudioFileReader::read(std::span<std::int16_t> samples, std::size_t& frames) {
@@ -123,7 +154,9 @@ ReadStatus AudioFileReader::read(std::span<std::int16_t> samples, std::size_t& f
         status = error_.empty() ? ReadStatus::kEnd : ReadStatus::kError;
         break;
       }
-      refill();
+      ready_.clear();
+      ready_position_ = 0;
+      fetch();
       continue;
     }
     const std::size_t count = std::min(wanted - filled, ready_.size() - ready_position_);

@@ -11,8 +11,9 @@ namespace sarnet {
 
 class AudioFileReader final : public AudioReader {
  public:
-  AudioFileReader(std::string path, AudioFormat format, bool loop);
+  AudioFileReader(std::string path, AudioFormat format, bool loop, Interrupted interrupted);
 
+  // Decodes the first sound, to know that there is some.
   bool open();
   ReadStatus read(std::span<std::int16_t> samples, std::size_t& frames) override;
   double duration() const override { return stream_.duration(); }
@@ -20,7 +21,8 @@ class AudioFileReader final : public AudioReader {
 
  private:
   ReadStatus fail(const std::string& error);
-  ReadStatus refill();
+  bool start_round();
+  ReadStatus fetch();
   bool prepare_conversion(const AVFrame& frame);
   bool convert(const AVFrame* frame);
 
@@ -36,7 +38,7 @@ class AudioFileReader final : public AudioReader {
   int source_channels_ = 0;
   std::vector<std::int16_t> ready_;  // converted, from ready_position_ on not yet read
   std::size_t ready_position_ = 0;
-  bool heard_anything_ = false;  // in this round of the loop
+  double heard_ = 0;  // seconds, in this round of the loop
   bool ended_ = false;
 };
 

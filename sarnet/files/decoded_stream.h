@@ -1,8 +1,10 @@
 #pragma once
 
+#include <memory>
 #include <string>
+#include <utility>
 
-#include "files/ffmpeg_handles.h"
+#include "files/file_io.h"
 #include "plugins/file_plugin.h"
 
 namespace sarnet {
@@ -11,6 +13,12 @@ namespace sarnet {
 // time.
 class DecodedStream {
  public:
+  // Pictures that decode in a fraction of a second and 100 MB; 8K video and large photographs do.
+  static constexpr int kMaxSide = 8192;
+
+  // Once `interrupted` gives true, all below fail soon.
+  explicit DecodedStream(Interrupted interrupted) : interrupted_(std::move(interrupted)) {}
+
   // Opens the file, or opens it anew from the start. False and error() on failure; the object is
   // then only good for another open().
   bool open(const std::string& path, AVMediaType kind);
@@ -25,9 +33,13 @@ class DecodedStream {
 
  private:
   bool fail(int status);
+  bool fail(const std::string& reason);
+  int find_streams();
 
+  const Interrupted interrupted_;
   std::string path_;
   std::string error_;
+  std::unique_ptr<FileIo> file_;  // outlives input_
   InputPtr input_;
   AVStream* stream_ = nullptr;  // of input_
   CodecPtr codec_;

@@ -24,10 +24,7 @@ struct InputDeleter {
   void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
 };
 struct OutputDeleter {
-  void operator()(AVFormatContext* context) const {
-    avio_closep(&context->pb);
-    avformat_free_context(context);
-  }
+  void operator()(AVFormatContext* context) const { avformat_free_context(context); }
 };
 
 using PacketPtr = std::unique_ptr<AVPacket, FfmpegDeleter>;

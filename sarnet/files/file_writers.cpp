@@ -10,8 +10,8 @@ extern "C" {
 namespace sarnet {
 namespace {
 
-// Creates the file and its muxer with one stream, not yet its header.
-int create_output(const char* kind, const std::string& path, OutputPtr& output) {
+// Makes the muxer of the file with one stream, not yet its header.
+int create_output(const char* kind, const FileIo& file, OutputPtr& output) {
   AVFormatContext* context = nullptr;
   int status = avformat_alloc_output_context2(&context, nullptr, kind, nullptr);
   output.reset(context);
@@ -23,7 +23,9 @@ int create_output(const char* kind, const std::string& path, OutputPtr& output) 
   }
   // No name of a program in the file: the same media give the same bytes.
   context->flags |= AVFMT_FLAG_BITEXACT;
-  return avio_open(&context->pb, ("file:" + path).c_str(), AVIO_FLAG_WRITE);
+  context->pb = file.context();
+  context->flags |= AVFMT_FLAG_CUSTOM_IO;
+  return 0;
 }
 
 // Writes the end of the file; tells a full disk apart from success.
@@ -49,8 +51,15 @@ WavWriter::WavWriter(std::string path, AudioFormat format)
 WavWriter::~WavWriter() { close(); }
 
 bool WavWriter::fail(int status) {
+  fail(std::string());
   error_ = failure_text("write", path_, status);
+  return false;
+}
+
+bool WavWriter::fail(const std::string& reason) {
+  error_ = failure_text("write", path_, reason);
   output_.reset();
+  file_.reset();
   return false;
 }
 
@@ -58,7 +67,12 @@ bool WavWriter::open() {
   if (!format_.valid()) {
     return fail(AVERROR(EINVAL));
   }
-  if (const int status = create_output("wav", path_, output_); status < 0) {
+  std::string reason;
+  file_ = FileIo::create(path_, reason);
+  if (!file_) {
+    return fail(reason);
+  }
+  if (const int status = create_output("wav", *file_, output_); status < 0) {
     return fail(status);
   }
   AVCodecParameters& codec = *output_->streams[0]->codecpar;
@@ -142,8 +156,15 @@ Y4mWriter::Y4mWriter(std::string path, int width, int height, int fps)
 Y4mWriter::~Y4mWriter() { close(); }
 
 bool Y4mWriter::fail(int status) {
+  fail(std::string());
   error_ = failure_text("write", path_, status);
+  return false;
+}
+
+bool Y4mWriter::fail(const std::string& reason) {
+  error_ = failure_text("write", path_, reason);
   output_.reset();
+  file_.reset();
   return false;
 }
 
@@ -151,7 +172,12 @@ bool Y4mWriter::open() {
   if (width_ <= 0 || height_ <= 0 || fps_ <= 0) {
     return fail(AVERROR(EINVAL));
   }
-  if (const int status = create_output("yuv4mpegpipe", path_, output_); status < 0) {
+  std::string reason;
+  file_ = FileIo::create(path_, reason);
+  if (!file_) {
+    return fail(reason);
+  }
+  if (const int status = create_output("yuv4mpegpipe", *file_, output_); status < 0) {
     return fail(status);
   }
   const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_WRAPPED_AVFRAME);

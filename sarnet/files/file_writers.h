@@ -1,9 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
-#include "files/ffmpeg_handles.h"
+#include "files/file_io.h"
 #include "plugins/file_plugin.h"
 
 namespace sarnet {
@@ -20,12 +21,14 @@ class WavWriter final : public AudioWriter {
 
  private:
   bool fail(int status);
+  bool fail(const std::string& reason);
   bool state_length();
 
   const std::string path_;
   const AudioFormat format_;
   std::string error_;
-  OutputPtr output_;  // null when closed or failed
+  std::unique_ptr<FileIo> file_;  // outlives output_
+  OutputPtr output_;              // null when closed or failed
   PacketPtr packet_;
   std::int64_t data_start_ = 0;     // where the samples begin, bytes
   std::int64_t frames_ = 0;         // written
@@ -44,14 +47,16 @@ class Y4mWriter final : public VideoWriter {
 
  private:
   bool fail(int status);
+  bool fail(const std::string& reason);
 
   const std::string path_;
   const int width_;
   const int height_;
   const int fps_;
   std::string error_;
-  OutputPtr output_;  // null when closed or failed
-  CodecPtr wrapper_;  // the muxer takes frames wrapped in packets
+  std::unique_ptr<FileIo> file_;  // outlives output_
+  OutputPtr output_;              // null when closed or failed
+  CodecPtr wrapper_;              // the muxer takes frames wrapped in packets
   FramePtr frame_;
   PacketPtr packet_;
   std::int64_t pictures_ = 0;

@@ -20,15 +20,17 @@ std::unique_ptr<Interface> opened(std::unique_ptr<Object> object, std::string& e
 class FfmpegPlugin final : public FilePlugin {
  public:
   std::unique_ptr<AudioReader> open_audio(const std::string& path, const AudioFormat& format,
-                                          bool loop, std::string& error) const override {
-    return opened<AudioReader>(std::make_unique<AudioFileReader>(path, format, loop), error);
+                                          bool loop, const Interrupted& interrupted,
+                                          std::string& error) const override {
+    return opened<AudioReader>(std::make_unique<AudioFileReader>(path, format, loop, interrupted),
+                               error);
   }
 
   std::unique_ptr<VideoReader> open_video(const std::string& path, int width, int height,
-                                          double fps, bool loop,
+                                          double fps, bool loop, const Interrupted& interrupted,
                                           std::string& error) const override {
-    return opened<VideoReader>(std::make_unique<VideoFileReader>(path, width, height, fps, loop),
-                               error);
+    return opened<VideoReader>(
+        std::make_unique<VideoFileReader>(path, width, height, fps, loop, interrupted), error);
   }
 
   std::unique_ptr<AudioWriter> create_audio(const std::string& path, const AudioFormat& format,

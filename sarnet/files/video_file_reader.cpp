@@ -14,7 +14,9 @@ namespace sarnet {
 namespace {
 
 constexpr double kStillFps = 30;
-constexpr int kMaxSide = 16384;
+constexpr int kMaxSide = DecodedStream::kMaxSide;
+// Milliseconds are the finest that timestamps of many formats know, and slow motion is filmed at.
+constexpr int kMaxFps = 1000;
 // Timestamps of many formats are rounded to milliseconds.
 constexpr double kTimeTolerance = 0.0015;
 
@@ -45,12 +47,14 @@ void copy_planes(const AVFrame& source, const MutablePictureView& target) {
 
 }  // namespace
 
-VideoFileReader::VideoFileReader(std::string path, int width, int height, double fps, bool loop)
+VideoFileReader::VideoFileReader(std::string path, int width, int height, double fps, bool loop,
+                                 Interrupted interrupted)
     : path_(std::move(path)),
       width_(width),
       height_(height),
       fps_(fps),
       loop_(loop),
+      stream_(std::move(interrupted)),
       shown_(new_frame()),
       next_(new_frame()),
       scaled_(new_frame()) {}
@@ -69,16 +73,38 @@ bool VideoFileReader::open() {
   return fill_in_defaults();
 }
 
+// The guess may be as fine as the timestamps where pictures come unevenly; their mean is not.
+bool VideoFileReader::find_frame_rate() {
+  const AVRational guess =
+      av_guess_frame_rate(nullptr, const_cast<AVStream*>(&stream_.stream()), nullptr);
+  double least = INFINITY;
+  for (const AVRational& rate : {guess, stream_.stream().avg_frame_rate}) {
+    if (rate.num > 0 && rate.den > 0) {
+      least = std::min(least, av_q2d(rate));
+    }
+  }
+  if (std::isinf(least)) {
+    return true;
+  }
+  if (least > kMaxFps) {
+    fail(failure_text("read", path_,
+                      "frame rate " + std::to_string(std::llround(least)) + " is beyond " +
+                          std::to_string(kMaxFps)));
+    return false;
+  }
+  frame_seconds_ =
+      1 / (guess.den > 0 && av_q2d(guess) > 0 && av_q2d(guess) <= kMaxFps ? av_q2d(guess) : least);
+  return true;
+}
+
 // Opens the file from its start and decodes the picture to show and the one after it.
 bool VideoFileReader::start_round() {
   if (!stream_.open(path_, AVMEDIA_TYPE_VIDEO)) {
     fail(stream_.error());
     return false;
   }
-  const AVRational rate =
-      av_guess_frame_rate(nullptr, const_cast<AVStream*>(&stream_.stream()), nullptr);
-  if (rate.num > 0 && rate.den > 0) {
-    frame_seconds_ = av_q2d(av_inv_q(rate));
+  if (!find_frame_rate()) {
+    return false;
   }
   next_time_ = -frame_seconds_;
   first_timestamp_ = NAN;
@@ -139,7 +165,7 @@ bool VideoFileReader::fill_in_defaults() {
   if (!(fps_ > 0)) {
     fps_ = still_ ? kStillFps : 1.0 / frame_seconds_;
   }
-  if (width_ > kMaxSide || height_ > kMaxSide || !(fps_ <= 1000)) {
+  if (width_ > kMaxSide || height_ > kMaxSide || !(fps_ <= kMaxFps)) {
     fail(failure_text("read", path_,
                       "pictures of " + std::to_string(width_) + "x" + std::to_string(height_) +
                           " are too large, or too many"));
@@ -199,6 +225,9 @@ ReadStatus VideoFileReader::read(const MutablePictureView& target) {
     }
     if (!loop_) {
       return ReadStatus::kEnd;
+    }
+    if (round_end - round_start_ < kShortestRound) {
+      return fail(failure_text("read", path_, "it is too short to be repeated, less than 10 ms"));
     }
     round_start_ = round_end;
     if (!start_round()) {

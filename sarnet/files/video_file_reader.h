@@ -9,7 +9,8 @@ namespace sarnet {
 
 class VideoFileReader final : public VideoReader {
  public:
-  VideoFileReader(std::string path, int width, int height, double fps, bool loop);
+  VideoFileReader(std::string path, int width, int height, double fps, bool loop,
+                  Interrupted interrupted);
 
   // Decodes the first pictures, to know the size and whether the picture stands still.
   bool open();
@@ -23,6 +24,7 @@ class VideoFileReader final : public VideoReader {
  private:
   ReadStatus fail(const std::string& error);
   bool start_round();
+  bool find_frame_rate();
   ReadStatus advance();
   bool fill_in_defaults();
   bool scale(const AVFrame& picture);

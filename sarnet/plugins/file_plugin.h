@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -16,8 +17,16 @@ namespace sarnet {
 // resident memory, and most programs name no file.
 //
 // Readers and writers: one thread at a time each, any thread. All of their calls may block on the
-// disk and take milliseconds, so decode ahead on a thread that nothing waits for. Error texts name
-// the file, what was tried and why it failed; they are empty while all is well.
+// disk and take milliseconds, so decode ahead on a thread that nothing waits for. Only regular
+// files are read and written. Error texts name the file, what was tried and why it failed; they are
+// empty while all is well.
+
+// Whether reading is to end. Called by a reader's calls on their thread, often; what they do then
+// ends with kError within the decoding of one picture or one block of sound. May be empty.
+using Interrupted = std::function<bool()>;
+
+// A file that repeats has to last this long, in seconds: each round opens it anew.
+inline constexpr double kShortestRound = 0.00999;
 
 enum class ReadStatus {
   kOk,
@@ -84,15 +93,18 @@ class FilePlugin {
   static const FilePlugin* load_from(const std::string& path, std::string& error);
 
   // Opens a file of any kind the decoders know and converts to `format`. Null and `error` on
-  // failure, also when there is no audio in it.
+  // failure, also when there is no audio in it, or at a rate beyond 4 to 384 kHz.
   virtual std::unique_ptr<AudioReader> open_audio(const std::string& path,
                                                   const AudioFormat& format, bool loop,
+                                                  const Interrupted& interrupted,
                                                   std::string& error) const = 0;
 
   // Opens a video or a still picture (PNG, JPEG, WebP, ...). A width, height or fps of 0 means the
   // file's own (30 fps for a still picture; with one side given, the other keeps the aspect ratio).
+  // Pictures beyond 8192x8192 and more than 1000 a second are refused.
   virtual std::unique_ptr<VideoReader> open_video(const std::string& path, int width, int height,
                                                   double fps, bool loop,
+                                                  const Interrupted& interrupted,
                                                   std::string& error) const = 0;
 
   // A WAV file of 16-bit PCM.

@@ -32,7 +32,7 @@ const sarnet::FilePlugin& plugin() {
 
 void hear(const std::string& path, bool loop) {
   std::string error;
-  const auto reader = plugin().open_audio(path, {48000, 2}, loop, error);
+  const auto reader = plugin().open_audio(path, {48000, 2}, loop, {}, error);
   if (reader == nullptr && error.empty()) __builtin_trap();
   std::array<std::int16_t, 960> samples{};
   for (int i = 0; reader != nullptr && i < kReads; ++i) {
@@ -46,7 +46,7 @@ void hear(const std::string& path, bool loop) {
 
 void see(const std::string& path, bool loop) {
   std::string error;
-  const auto reader = plugin().open_video(path, 0, 0, 0, loop, error);
+  const auto reader = plugin().open_video(path, 0, 0, 0, loop, {}, error);
   if (reader == nullptr && error.empty()) __builtin_trap();
   if (reader == nullptr || long{reader->width()} * reader->height() > kMaxPixels) return;
   static sarnet::PicturePool pool(1);

@@ -86,8 +86,8 @@ TEST_F(FilesTest, WavComesBackByteExactAndLoopsWithoutAGap) {
     ASSERT_TRUE(writer->close());
     EXPECT_EQ(fs::file_size(file), 44 + sent.size() * 2);
 
-    const auto once = plugin_->open_audio(file, format, false, error_);
-    const auto looped = plugin_->open_audio(file, format, true, error_);
+    const auto once = plugin_->open_audio(file, format, false, {}, error_);
+    const auto looped = plugin_->open_audio(file, format, true, {}, error_);
     ASSERT_TRUE(once && looped) << error_;
     std::size_t frames = 0;
     std::vector<std::int16_t> heard(sent.size() + 100);
@@ -95,7 +95,7 @@ TEST_F(FilesTest, WavComesBackByteExactAndLoopsWithoutAGap) {
     EXPECT_EQ(frames, 12345U);
     EXPECT_TRUE(std::equal(sent.begin(), sent.end(), heard.begin()));
     EXPECT_NEAR(once->duration(), 12345.0 / format.rate, 0.01);
-    const auto converted = plugin_->open_audio(file, {16000, 2}, false, error_);
+    const auto converted = plugin_->open_audio(file, {16000, 2}, false, {}, error_);
     std::vector<std::int16_t> pairs(60'000);
     EXPECT_EQ(converted->read(pairs, frames), ReadStatus::kEnd);
     EXPECT_NEAR(static_cast<double>(frames), 12345.0 * 16000 / format.rate, 3);
@@ -131,7 +131,7 @@ TEST_F(FilesTest, Y4mHoldsThePicturesByteForByte) {
     const PictureRef read = pool_.acquire(width, height);
     std::size_t position = bytes.find('\n') + 1;
     EXPECT_NE(bytes.substr(0, position).find("F10:1"), std::string::npos);
-    const auto reader = plugin_->open_video(file, 0, 0, 0, false, error_);
+    const auto reader = plugin_->open_video(file, 0, 0, 0, false, {}, error_);
     ASSERT_NE(reader, nullptr) << error_;
     EXPECT_EQ(reader->width(), width);
     EXPECT_EQ(reader->fps(), 10);
@@ -162,7 +162,8 @@ TEST_F(FilesTest, VideoFollowsTheRateAndSizeAskedFor) {
                       {5, 63, 47, true, {0, 2, 4, 6, 8, 0, 2, 4, 6, 8, 0}}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.fps);
-    const auto reader = plugin_->open_video(file, row.width, row.height, row.fps, row.loop, error_);
+    const auto reader =
+        plugin_->open_video(file, row.width, row.height, row.fps, row.loop, {}, error_);
     ASSERT_NE(reader, nullptr) << error_;
     const PictureRef picture = pool_.acquire(reader->width(), reader->height());
     for (const std::uint32_t number : row.numbers) {
@@ -178,7 +179,7 @@ TEST_F(FilesTest, AStillPictureStandsStill) {
   for (int i = 0; i < 4 * 3; ++i) pixels += std::string("\xff\0\0", 3);
   const std::string file = put("red.ppm", "P6 4 3 255\n" + pixels);
   for (const bool loop : {true, false}) {
-    const auto reader = plugin_->open_video(file, 0, 0, 0, loop, error_);
+    const auto reader = plugin_->open_video(file, 0, 0, 0, loop, {}, error_);
     ASSERT_NE(reader, nullptr) << error_;
     EXPECT_EQ(reader->width(), 4);
     EXPECT_EQ(reader->height(), 3);
@@ -190,6 +191,43 @@ TEST_F(FilesTest, AStillPictureStandsStill) {
   }
 }
 
+TEST_F(FilesTest, ReadingEndsWhenItIsInterruptedOrGetsNowhere) {
+  const std::string sound = put("sound.wav", "");
+  ASSERT_TRUE(plugin_->create_audio(sound, {8000, 1}, error_)->write(noise(8000)));
+  const std::string endless = put("endless.wav", bytes_of(sound).substr(0, 36));
+  fs::resize_file(endless, std::uintmax_t{1} << 33);
+  int asked = 0;
+  const auto soon = [&asked] { return ++asked > 5; };
+  EXPECT_EQ(plugin_->open_audio(endless, {48000, 1}, true, soon, error_), nullptr);
+  EXPECT_LT(asked, 100);
+  EXPECT_EQ(plugin_->open_audio(endless, {48000, 1}, true, {}, error_), nullptr);
+  EXPECT_NE(error_.find("no sound or picture in its first 64 MiB"), std::string::npos) << error_;
+
+  bool stop = false;
+  const auto reader = plugin_->open_audio(
+      sound, {48000, 1}, true, [&] { return stop; }, error_);
+  ASSERT_NE(reader, nullptr) << error_;
+  std::size_t frames = 0;
+  std::vector<std::int16_t> block(480'000);
+  EXPECT_EQ(reader->read(block, frames), ReadStatus::kOk);
+  stop = true;
+  EXPECT_EQ(reader->read(block, frames), ReadStatus::kError);
+  const auto shrinking = plugin_->open_audio(sound, {48000, 1}, true, {}, error_);
+  fs::resize_file(sound, 44);
+  EXPECT_EQ(shrinking->read(block, frames), ReadStatus::kError);
+
+  const std::string film = card_file(64, 48);
+  std::string fast = bytes_of(film);
+  fast.replace(fast.find("F10:1"), 5, "F999:1");
+  fast.resize(fast.find("FRAME") + 2 * (6 + 64 * 48 * 3 / 2));
+  const auto brief = plugin_->open_video(put("fast.y4m", fast), 0, 0, 30, true, {}, error_);
+  ASSERT_NE(brief, nullptr) << error_;
+  const PictureRef picture = pool_.acquire(64, 48);
+  EXPECT_EQ(brief->read(picture->mutable_view()), ReadStatus::kOk);
+  EXPECT_EQ(brief->read(picture->mutable_view()), ReadStatus::kError);
+  EXPECT_NE(brief->error().find("too short to be repeated"), std::string::npos);
+}
+
 TEST_F(FilesTest, ErrorsNameTheFileAndTheReason) {
   const std::string text = put("words.txt", "These are words and no media at all.\n");
   const std::string video = card_file(64, 48);
@@ -199,14 +237,15 @@ TEST_F(FilesTest, ErrorsNameTheFileAndTheReason) {
                                                               {text, "Invalid data"},
                                                               {cut, "cannot read"},
                                                               {video, "there is no audio in it"},
-                                                              {folder_.string(), "cannot read"}};
+                                                              {folder_.string(), "Is a directory"},
+                                                              {"/dev/zero", "not a regular file"}};
   for (const auto& [file, reason] : rows) {
     error_.clear();
-    EXPECT_EQ(plugin_->open_audio(file, format, true, error_), nullptr);
+    EXPECT_EQ(plugin_->open_audio(file, format, true, {}, error_), nullptr);
     EXPECT_NE(error_.find("'" + file + "'"), std::string::npos) << error_;
     EXPECT_NE(error_.find(reason), std::string::npos) << error_;
   }
-  EXPECT_EQ(plugin_->open_video(path("none.png"), 0, 0, 0, true, error_), nullptr);
+  EXPECT_EQ(plugin_->open_video(path("none.png"), 0, 0, 0, true, {}, error_), nullptr);
   EXPECT_NE(error_.find("none.png"), std::string::npos);
   EXPECT_EQ(plugin_->create_audio(path("no/folder.wav"), format, error_), nullptr);
   EXPECT_NE(error_.find("cannot write"), std::string::npos) << error_;

@@ -1,18 +1,17 @@
-"""Tries to join, once for each (room, host, token, certificate authority, ...) of its argument, and tells
-how each attempt ended: code 0 for a success."""
+"""Tries to join, once for each (room, host, token, certificate authority, ...) of ATTEMPTS, and tells how each
+attempt ended: code 0 for a success."""
 
 from __future__ import annotations
 
 import json
 import os
 import queue
-import sys
 
 import tavrin_media_relay as tavrin
 
 client = tavrin.TavrinVideoClient()
 quiet = tavrin.SessionSettings(logging=tavrin.LoggingSettings(level="off"))
-for room, host, token, authority, *_ in json.loads(sys.argv[1]):
+for room, host, token, authority, *_ in json.loads(os.environ["ATTEMPTS"]):
     os.environ["API_HOSTNAME"] = host
     os.environ["SARNET_RELAY_CA_FILE"] = authority
     outcome: queue.Queue[tuple[int, str]] = queue.Queue()

@@ -158,7 +158,7 @@ class Server(Process):
     def on(cls, network: Network, folder: Path, *options: object, command: str = "serve") -> "Server":
         started = network.start(
             "-m", "tavrin_media_relay.server", command, "--dir", folder, "--address", network.address,
-            "--room", "marks", "--admin-key", "key-of-the-tests", *options,
+            "--room", "marks", *options, SARNET_RELAY_ADMIN_KEY="key-of-the-tests",
         )  # fmt: skip
         started.__class__ = cls
         assert isinstance(started, cls)

@@ -159,7 +159,7 @@ def test_whoever_may_not_or_cannot_join_is_told_why(server):
         "the right pin": (*pinned("2718"), 0),
     }
     asked = server.network.start(
-        HERE / "attempts.py", json.dumps(list(rows.values())), SARNET_RELAY_ADMIN_KEY="key-of-the-tests"
+        HERE / "attempts.py", ATTEMPTS=json.dumps(list(rows.values())), SARNET_RELAY_ADMIN_KEY="key-of-the-tests"
     )
     for name, row in rows.items():
         told = asked.wait_for("attempt")
