@@ -1,34 +1,10 @@
 #include "embedded/json_node.h"
 
 #include <algorithm>
-#include <array>
 #include <memory>
 
 namespace sarnet {
 namespace {
-
-bool is_utf8(std::string_view text) {
-  for (std::size_t i = 0; i < text.size();) {
-    const auto lead = static_cast<unsigned char>(text[i++]);
-    if (lead < 0x80) {
-      continue;
-    }
-    const std::size_t more = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : 1;
-    std::uint32_t point = lead & (0x3FU >> more);
-    for (std::size_t k = 0; k < more; ++k, ++i) {
-      if (i >= text.size() || (static_cast<unsigned char>(text[i]) & 0xC0U) != 0x80) {
-        return false;
-      }
-      point = (point << 6U) | (static_cast<unsigned char>(text[i]) & 0x3FU);
-    }
-    constexpr std::array<std::uint32_t, 4> kShortest{0, 0x80, 0x800, 0x10000};
-    if (lead < 0xC2 || lead > 0xF4 || point < kShortest[more] || point > 0x10FFFF ||
-        (point >= 0xD800 && point < 0xE000)) {
-      return false;
-    }
-  }
-  return true;
-}
 
 std::string list_of(std::initializer_list<std::string_view> keys) {
   std::string result;
@@ -100,7 +76,7 @@ std::string JsonNode::text(const char* key, const std::string& otherwise) const 
     throw JsonError(node.path_, "expected a text, found " + node.kind());
   }
   std::string result = node.value_.asString();
-  if (result.find('\0') != std::string::npos || !is_utf8(result)) {
+  if (result.find('\0') != std::string::npos || valid_text(result) != result) {
     throw JsonError(node.path_, "holds a zero character or is not UTF-8");
   }
   return result;

@@ -9,12 +9,15 @@
 #include <string_view>
 #include <utility>
 
+#include "base/printable_text.h"
+
 namespace sarnet {
 
-// What is wrong with a JSON text and where: "participants[0].id: is missing".
+// What is wrong with a JSON text and where: "participants[0].id: is missing". Printable, whatever
+// the text holds.
 struct JsonError : std::runtime_error {
   JsonError(const std::string& where, const std::string& what)
-      : std::runtime_error(where.empty() ? what : where + ": " + what) {}
+      : std::runtime_error(printable_text(where.empty() ? what : where + ": " + what, 1000)) {}
 };
 
 // Reads strict JSON, but for comments. Throws JsonError with the line of the first mistake, and

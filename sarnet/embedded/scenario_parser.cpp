@@ -230,7 +230,7 @@ std::optional<Scenario> parse_scenario(const std::string& json, const std::strin
     scenario.path = name;
     return scenario;
   } catch (const std::exception& failure) {
-    error = "scenario '" + name + "': " + failure.what();
+    error = "scenario '" + printable_text(name) + "': " + failure.what();
     return std::nullopt;
   }
 }

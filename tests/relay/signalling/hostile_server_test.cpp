@@ -134,7 +134,7 @@ TEST_F(Signalling, EndsWhenMoreComesThanCanBeTaken) {
   constexpr int kEndless = 4096;
   const std::string piece(65536, 'x');
   std::string signs;
-  for (int i = 0; i < 16; ++i) signs += ScriptedServer::frame(0x89, "");
+  for (int i = 0; i < 1024; ++i) signs += ScriptedServer::frame(0x89, "");
   struct Row {
     const char* name;
     std::string bytes;
