@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 // What the native tests wait with, instead of sleeping. Any thread may call any of it.
@@ -69,6 +70,14 @@ class Journal {
              std::chrono::milliseconds deadline = kDeadline) const {
     std::unique_lock lock(mutex_);
     return added_.wait_for(lock, deadline, [&] { return counted(begin) >= times; });
+  }
+  bool await_any(const std::vector<std::pair<std::string, long>>& lines,
+                 std::chrono::milliseconds deadline = kDeadline) const {
+    std::unique_lock lock(mutex_);
+    return added_.wait_for(lock, deadline, [&] {
+      return std::ranges::any_of(
+          lines, [&](const auto& line) { return counted(line.first) >= line.second; });
+    });
   }
 
  private:

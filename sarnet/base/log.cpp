@@ -8,8 +8,12 @@
 #include <cstdio>
 #include <ctime>
 
+#include "base/printable_text.h"
+
 namespace sarnet {
 namespace {
+
+constexpr std::size_t kMaxLine = 8192;
 
 std::atomic<int> current_level{static_cast<int>(LogLevel::kError)};
 
@@ -49,7 +53,8 @@ void write_log(LogLevel level, const std::string& text) {
       std::snprintf(stamp, sizeof stamp, "%02d:%02d:%02d.%03d sarnet %s ", local.tm_hour,
                     local.tm_min, local.tm_sec, static_cast<int>(millis), name_of(level));
   std::string line(stamp, static_cast<std::size_t>(std::max(length, 0)));
-  line += text;
+  // Whatever a text holds that came from elsewhere, it stays one line.
+  line += printable_text(text, kMaxLine);
   line += '\n';
   // Nothing can be done about a closed standard error, so the result is not looked at.
   [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());

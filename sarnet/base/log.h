@@ -11,7 +11,7 @@ enum class LogLevel { kDisabled = 0, kError = 1, kWarn = 2, kInfo = 3, kDebug = 
 // Errors only, until a program asks for more. Values outside the enumeration are clamped.
 void set_log_level(int level);
 bool log_enabled(LogLevel level);
-// Writes one line, as one write, so that lines of several threads do not mix.
+// Writes one line, as one write, so that lines of several threads do not mix; see printable_text.h.
 void write_log(LogLevel level, const std::string& text);
 
 }  // namespace sarnet

@@ -5,6 +5,8 @@
 #include <set>
 #include <vector>
 
+#include "base/printable_text.h"
+
 namespace sarnet {
 namespace {
 
@@ -71,11 +73,8 @@ class Guard {
   std::vector<Level> levels_;
 };
 
-std::string in_one_line(std::string text) {
-  const auto is_control = [](char c) { return static_cast<unsigned char>(c) < ' '; };
-  std::replace_if(text.begin(), text.end(), is_control, '?');
-  return text;
-}
+// Enough for a path of keys and the reason.
+constexpr std::size_t kMaxErrorLength = 1000;
 
 // "[json.exception.parse_error.101] parse error at line 3, column 3: reason" without the names of
 // the library.
@@ -93,7 +92,8 @@ std::string reason_of(const json::exception& failure) {
 }  // namespace
 
 JsonError::JsonError(const std::string& where, const std::string& what)
-    : std::runtime_error(in_one_line(where.empty() ? what : where + ": " + what)) {}
+    : std::runtime_error(
+          printable_text(where.empty() ? what : where + ": " + what, kMaxErrorLength)) {}
 
 json parse_json(const std::string& text) {
   Guard guard;

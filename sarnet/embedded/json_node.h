@@ -9,6 +9,8 @@
 #include <string_view>
 #include <utility>
 
+#include "base/printable_text.h"
+
 namespace sarnet {
 
 // What is wrong with a JSON text and where, in one line: "participants[0].id: is missing".

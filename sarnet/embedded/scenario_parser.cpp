@@ -233,7 +233,7 @@ std::optional<Scenario> parse_scenario(const std::string& json, const std::strin
     Parser parser(std::filesystem::absolute(folder, status).string(), name);
     return parser.scenario(JsonNode(root, ""));
   } catch (const std::exception& failure) {
-    error = "scenario '" + name + "': " + failure.what();
+    error = "scenario '" + printable_text(name) + "': " + failure.what();
     return std::nullopt;
   }
 }

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import grp
 import os
+import re
 import shutil
 import signal
 import socket
@@ -18,6 +19,15 @@ from .settings import Settings
 START_SECONDS = 10.0
 STOP_SECONDS = 5.0
 _SHIM = "libtavrin_loopback.so"
+# The server colours its lines, and writes what participants sent into them.
+_UNPRINTABLE = re.compile(
+    r"\x1b\[[0-9;]*m|([\x00-\x08\x0b-\x1f\x7f-\x9f\u061c\u200e\u200f\u2028-\u202e\u2066-\u2069\ud800-\udfff])"
+)
+
+
+def printable(line: str) -> str:
+    """`line` on one line of one direction, without colours; U+FFFD stands for other control characters."""
+    return _UNPRINTABLE.sub(lambda found: "\N{REPLACEMENT CHARACTER}" if found[1] else "", line)
 
 
 class ServerError(RuntimeError):
@@ -167,9 +177,10 @@ class RelayServer:
 
     def log_tail(self, lines: int = 15) -> str:
         try:
-            return "\n".join((self.folder / "janus.log").read_text(errors="replace").splitlines()[-lines:])
+            text = (self.folder / "janus.log").read_text(encoding="utf-8", errors="replace")
         except OSError:
             return "(it wrote no log)"
+        return "\n".join(map(printable, text.split("\n")[-lines - 1:])).strip()
 
     def wait(self, timeout: float | None = None) -> int | None:
         """The server's exit status when it has ended by itself; None after `timeout` seconds."""

@@ -65,7 +65,8 @@ void RelayPublication::join() {
   body["ptype"] = "publisher";
   body["id"] = id_;
   body["display"] = format_display(display());
-  ask("entering the room to publish", std::move(body), [this](const JanusReply&) { negotiate(); });
+  ask("entering the room to publish", std::move(body), [this](const JanusReply&) { negotiate(); },
+      {.room = "joined"});
 }
 
 void RelayPublication::negotiate() {
@@ -91,10 +92,8 @@ void RelayPublication::on_local_description(const std::string& type, const std::
        {"video", request_.has_video},
        {"data", request_.captions},
        {"display", format_display(display())}},
-      [this](const JanusReply& reply) {
-        if (!reply.sdp().empty()) peer_->set_remote_answer(reply.sdp());
-      },
-      type, sdp);
+      [this](const JanusReply& reply) { peer_->set_remote_answer(reply.sdp()); },
+      {.room = "event", .sdp = true}, type, sdp);
 }
 
 void RelayPublication::connected() {

@@ -4,6 +4,9 @@
 #include <set>
 #include <utility>
 
+#include "base/log.h"
+#include "relay/signalling/wire_limits.h"
+
 namespace sarnet::relay {
 namespace {
 
@@ -20,10 +23,10 @@ RelayRoom::RelayRoom(std::string session_id, std::string own_id, RoomObserver& o
 
 void RelayRoom::take(const json& data) {
   if (const json& one = member(data, "joining"); one.is_object()) enter(one);
-  enter_owners(member(data, "attendees"));
-  enter_owners(member(data, "publishers"));
-  for (const json& each : member(data, "attendees")) enter(each);
-  for (const json& each : member(data, "publishers")) publishes(each);
+  enter_owners(list_of(data, "attendees"));
+  enter_owners(list_of(data, "publishers"));
+  for (const json& each : list_of(data, "attendees")) enter(each);
+  for (const json& each : list_of(data, "publishers")) publishes(each);
   if (const auto found = members_.find(text_of(data, "unpublished")); found != members_.end()) {
     remove_stream(found->second);
   }
@@ -33,7 +36,7 @@ void RelayRoom::take(const json& data) {
 
 void RelayRoom::resynchronise(const json& participants) {
   std::set<std::string> present;
-  for (const json& each : participants) present.insert(text_of(each, "id"));
+  for (const json& each : participants) present.insert(text_id_of(each, "id"));
   std::vector<std::string> gone;
   for (const auto& [id, unused] : members_) {
     if (!present.contains(id)) gone.push_back(id);
@@ -44,7 +47,7 @@ void RelayRoom::resynchronise(const json& participants) {
     enter(each);
     if (flag_of(each, "publisher")) {
       publishes(each);
-    } else if (const auto found = members_.find(text_of(each, "id")); found != members_.end()) {
+    } else if (const auto found = members_.find(text_id_of(each, "id")); found != members_.end()) {
       remove_stream(found->second);
     }
   }
@@ -63,9 +66,15 @@ void RelayRoom::enter_owners(const json& participants) {
 }
 
 RelayRoom::Member* RelayRoom::enter(const json& participant) {
-  const std::string id = text_of(participant, "id");
+  const std::string id = text_id_of(participant, "id");
   const Display display = parse_display(text_of(participant, "display"));
   if (id.empty() || id == own_id_ || display.owner == own_id_) return nullptr;
+  if (members_.size() >= kMaxMembers && !members_.contains(id)) {
+    if (!std::exchange(is_full_, true)) {
+      SARNET_LOG(kWarn, "There are more participants than can be told of; some are left out");
+    }
+    return nullptr;
+  }
   const auto [place, is_new] = members_.try_emplace(id);
   Member& member = place->second;
   member.display = display;
@@ -83,7 +92,7 @@ RelayRoom::Member* RelayRoom::enter(const json& participant) {
 
 void RelayRoom::publishes(const json& participant) {
   Member* const member = enter(participant);
-  if (member != nullptr && !member->publishing) add_stream(*member, text_of(participant, "id"));
+  if (member != nullptr && !member->publishing) add_stream(*member, text_id_of(participant, "id"));
 }
 
 void RelayRoom::add_stream(Member& member, const std::string& id) {

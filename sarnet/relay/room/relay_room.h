@@ -21,6 +21,7 @@ class RoomObserver {
 
 // Who is in the room and publishes, as the server's notices tell it: doubled ones change nothing,
 // and what they leave out is filled in. A stream has the id of the participation that publishes it.
+// More participations than kMaxMembers are left out.
 class RelayRoom {
  public:
   // The observer must outlive it.
@@ -56,6 +57,7 @@ class RelayRoom {
   const std::string own_id_;
   RoomObserver& observer_;
   Members members_;
+  bool is_full_ = false;
 };
 
 }  // namespace sarnet::relay

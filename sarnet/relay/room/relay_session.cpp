@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "base/log.h"
+#include "base/printable_text.h"
 #include "relay/room/unique_id.h"
 
 namespace sarnet::relay {
@@ -72,15 +73,17 @@ void RelaySession::enter_room(bool may_create) {
   body["ptype"] = "publisher";
   body["id"] = access_.own.id;
   body["display"] = format_display({access_.own.data, access_.own.created_ms, "", ""});
-  client_.message(handle_, std::move(body), "", "", [this, may_create](const JanusReply& reply) {
-    if (reply.ok()) {
-      entered(reply.data());
-    } else if (may_create && reply.error == JanusError::kNoSuchRoom) {
-      create_room();
-    } else {
-      fail(session_failure("entering the room", reply));
-    }
-  });
+  client_.message(handle_, std::move(body), "", "",
+                  [this, may_create](const JanusReply& reply) {
+                    if (reply.ok()) {
+                      entered(reply.data());
+                    } else if (may_create && reply.error == JanusError::kNoSuchRoom) {
+                      create_room();
+                    } else {
+                      fail(session_failure("entering the room", reply));
+                    }
+                  },
+                  {.room = "joined"});
 }
 
 void RelaySession::create_room() {
@@ -208,7 +211,7 @@ void RelaySession::subscribe(const std::string& stream_id, std::shared_ptr<Subsc
   }
   if (!room_->has_stream(stream_id)) {
     wanting->subscription_failed(SRN_SUBSCRIBER_SERVER_CANNOT_FIND_STREAM,
-                                 "There is no stream " + stream_id);
+                                 "There is no stream " + printable_text(stream_id));
     return;
   }
   const auto subscription = std::make_shared<RelaySubscription>(
@@ -236,6 +239,7 @@ void RelaySession::unsubscribe(const SubscriptionSink* sink) {
 }
 
 void RelaySession::on_notice(std::uint64_t handle, const json& message) {
+  if (handle == 0) return;
   if (handle == handle_) {
     const std::string kind = text_of(message, "janus");
     if (kind == "event") room_notice(plugin_data(message));
@@ -267,12 +271,13 @@ void RelaySession::on_resumed() {
   client_.message(handle_, access_.request("listparticipants"), "", "",
                   [this](const JanusReply& reply) {
                     if (reply.ok()) {
-                      room_->resynchronise(member(reply.data(), "participants"));
+                      room_->resynchronise(list_of(reply.data(), "participants"));
                     } else {
                       const Failure failure = session_failure("asking who is in the room", reply);
                       fail({SRN_SESSION_CONNECTION_DROPPED, failure.text});
                     }
-                  });
+                  },
+                  {.room = "participants", .list = "participants"});
 }
 
 void RelaySession::on_lost(const Failure& failure) { fail(failure); }

@@ -3,6 +3,8 @@
 #include <utility>
 
 #include "base/log.h"
+#include "base/printable_text.h"
+#include "relay/signalling/wire_limits.h"
 
 namespace sarnet::relay {
 
@@ -33,7 +35,8 @@ void RelayStream::begin(std::uint64_t handle, std::function<void()> then) {
 }
 
 void RelayStream::ask(const char* step, json body, std::function<void(const JanusReply&)> then,
-                      const std::string& sdp_type, const std::string& sdp) {
+                      const Expected& expected, const std::string& sdp_type,
+                      const std::string& sdp) {
   access_.client.message(
       handle_, std::move(body), sdp_type, sdp,
       [weak = weak_from_this(), step, then = std::move(then)](const JanusReply& reply) {
@@ -44,7 +47,8 @@ void RelayStream::ask(const char* step, json body, std::function<void(const Janu
         } else {
           self->fail(self->words_.refused(step, reply));
         }
-      });
+      },
+      expected);
 }
 
 void RelayStream::on_local_candidate(unsigned mline, const std::string& candidate) {
@@ -52,12 +56,12 @@ void RelayStream::on_local_candidate(unsigned mline, const std::string& candidat
 }
 
 void RelayStream::on_peer_failed(const std::string& reason) {
-  fail({words_.webrtc_error,
-        std::string("The media connection for ") + words_.purpose + " failed: " + reason});
+  fail({words_.webrtc_error, std::string("The media connection for ") + words_.purpose +
+                                 " failed: " + printable_text(reason)});
 }
 
 void RelayStream::on_peer_connected() {
-  limit_.stop();
+  if (!hung_up_) limit_.stop();
   if (!std::exchange(connected_, true)) connected();
 }
 
@@ -65,14 +69,17 @@ void RelayStream::notice(const json& message) {
   const std::string kind = text_of(message, "janus");
   if (kind == "trickle") {
     const json& candidate = member(message, "candidate");
-    add_remote_candidate(static_cast<unsigned>(number_of(candidate, "sdpMLineIndex")),
-                         text_of(candidate, "candidate"));
-  } else if (kind == "hangup") {
+    const std::int64_t mline = number_of(candidate, "sdpMLineIndex");
+    const std::string text = text_of(candidate, "candidate");
+    const bool is_usable = mline >= 0 && std::cmp_less(mline, kMaxMedia) &&
+                           text.size() <= kMaxCandidate && ++candidates_ <= kMaxCandidates;
+    if (is_usable) add_remote_candidate(static_cast<unsigned>(mline), text);
+  } else if (kind == "hangup" && !std::exchange(hung_up_, true)) {
     // Soon, as the stream or the session may be ending with it.
     limit_ = MainLoop::Timer(
         *access_.loop, kHangupPatience, [this, reason = text_of(message, "reason")] {
           fail({words_.webrtc_error,
-                std::string("The server ended ") + words_.subject + ": " + reason});
+                std::string("The server ended ") + words_.subject + ": " + printable_text(reason)});
         });
   }
 }

@@ -48,7 +48,7 @@ class RelayStream : public PeerObserver, public std::enable_shared_from_this<Rel
   void begin(std::uint64_t handle, std::function<void()> then);
   // `then` is left out when the server refuses, which ends the stream, or the stream was stopped.
   void ask(const char* step, json body, std::function<void(const JanusReply&)> then,
-           const std::string& sdp_type = "", const std::string& sdp = "");
+           const Expected& expected, const std::string& sdp_type = "", const std::string& sdp = "");
   void fail(const Failure& failure);
   bool stopped() const { return stopped_; }
 
@@ -64,6 +64,8 @@ class RelayStream : public PeerObserver, public std::enable_shared_from_this<Rel
   const Over over_;
   std::uint64_t handle_ = 0;
   bool connected_ = false;
+  bool hung_up_ = false;  // by the server
+  int candidates_ = 0;    // of the server
   bool stopped_ = false;
   MainLoop::Timer limit_;
 };

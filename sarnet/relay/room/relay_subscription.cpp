@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "relay/signalling/wire_limits.h"
+
 namespace sarnet::relay {
 namespace {
 
@@ -83,17 +85,23 @@ void RelaySubscription::join() {
   body["ptype"] = "subscriber";
   body["streams"] = json::array({{{"feed", stream_id_}}});
   ask("subscribing", std::move(body),
-      [this](const JanusReply& reply) { take_offer(reply.data(), reply.sdp()); });
+      [this](const JanusReply& reply) { take_offer(reply.data(), reply.sdp()); },
+      {.room = "attached", .sdp = true});
 }
 
 void RelaySubscription::take_offer(const json& data, const std::string& sdp) {
+  if (++open_offers_ > kMaxOffersAtOnce) {
+    on_peer_failed("the server makes offers faster than they can be answered");
+    return;
+  }
   media_.clear();
-  for (const json& each : member(data, "streams")) {
-    media_.push_back({text_of(each, "mid"), text_of(each, "type"),
+  for (const json& each : list_of(data, "streams")) {
+    if (media_.size() == kMaxMedia) break;
+    media_.push_back({text_id_of(each, "mid"), text_id_of(each, "type"),
                       member(each, "simulcast").is_object() || flag_of(each, "simulcast")});
   }
-  std::string error = "the server made no offer";
-  if (!peer_ && !sdp.empty()) {
+  std::string error;
+  if (!peer_) {
     gate_->on_width([this, weak = weak_from_this(), loop = access_.loop](int width) {
       loop->post([this, weak, width] {
         if (const auto self = weak.lock()) saw_width(width);
@@ -105,17 +113,18 @@ void RelaySubscription::take_offer(const json& data, const std::string& sdp) {
     on_peer_failed(error);
     return;
   }
-  if (!sdp.empty()) peer_->set_remote_offer(with_active_server(sdp));
+  peer_->set_remote_offer(with_active_server(sdp));
 }
 
 void RelaySubscription::on_local_description(const std::string& type, const std::string& sdp) {
+  --open_offers_;
   ask(
       "starting the subscription", {{"request", "start"}},
       [this](const JanusReply&) {
         started_ = true;
         send_wishes();
       },
-      type, sdp);
+      {.room = "event"}, type, sdp);
 }
 
 void RelaySubscription::connected() {
@@ -146,7 +155,11 @@ void RelaySubscription::notice(const json& message) {
   }
   const std::string sdp = sdp_of(message);
   if (peer_ && !sdp.empty() && text_of(message, "janus") == "event") {
-    take_offer(plugin_data(message), sdp);
+    if (const std::string fault = description_fault(sdp); !fault.empty()) {
+      on_peer_failed("the server's offer cannot be used: " + fault);
+    } else {
+      take_offer(plugin_data(message), sdp);
+    }
   }
 }
 

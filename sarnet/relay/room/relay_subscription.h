@@ -115,6 +115,7 @@ class RelaySubscription final : public RelayStream {
   StreamWishes sent_wishes_;
   LayerWidths widths_{};
   std::size_t layer_ = 0;  // that comes now, of a stream that has several
+  int open_offers_ = 0;    // of the server, not yet answered
   bool started_ = false;
 };
 

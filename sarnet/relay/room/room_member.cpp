@@ -1,12 +1,21 @@
 #include "relay/room/room_member.h"
 
+#include "relay/signalling/wire_limits.h"
+
 namespace sarnet::relay {
+namespace {
+
+constexpr std::int64_t kEndOfTimeMs = 253'402'300'800'000;  // the year 10000: calendars end there
+
+}  // namespace
 
 Display parse_display(const std::string& text) {
-  const json object = json::parse(text, nullptr, false);
-  if (!object.is_object()) return {text, 0, text, ""};
-  return {text_of(object, "data"), number_of(object, "joined"), text_of(object, "stream"),
-          text_of(object, "owner")};
+  if (text.size() > kMaxDisplay) return {};
+  const json object = parse_message(text);
+  if (object.is_null()) return {text, 0, text, ""};
+  const std::int64_t joined_ms = number_of(object, "joined");
+  return {text_of(object, "data"), joined_ms > 0 && joined_ms < kEndOfTimeMs ? joined_ms : 0,
+          text_of(object, "stream"), text_id_of(object, "owner")};
 }
 
 std::string format_display(const Display& display) {

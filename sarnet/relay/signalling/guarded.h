@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "base/log.h"
+#include "base/printable_text.h"
 
 namespace sarnet::relay {
 
@@ -13,7 +14,7 @@ void guarded(const char* where, Body&& body) {
   try {
     body();
   } catch (const std::exception& error) {
-    SARNET_LOG(kError, where << " failed: " << error.what());
+    SARNET_LOG(kError, where << " failed: " << printable_text(error.what()));
   }
 }
 

@@ -5,6 +5,8 @@
 #include <utility>
 
 #include "base/log.h"
+#include "base/printable_text.h"
+#include "relay/signalling/wire_limits.h"
 
 namespace sarnet::relay {
 namespace {
@@ -31,11 +33,13 @@ void JanusClient::open(std::function<void(const Failure*)> done) {
 void JanusClient::connect() {
   socket_ = std::make_shared<JanusSocket>(JanusSocket::Callbacks{
       [this] { connected(); }, [this](std::string_view text) { received(text); },
-      [this](const std::string& reason) { connection_failed(reason); }});
+      [this](const std::string& reason, JanusSocket::Loss loss) {
+        connection_failed(reason, loss);
+      }});
   std::string error;
   if (socket_->open(settings_.url, settings_.ca_file, error)) return;
   loop_.post([this, socket = std::weak_ptr(socket_), error] {
-    if (!socket.expired()) connection_failed(error);
+    if (!socket.expired()) connection_failed(error, JanusSocket::Loss::kBroken);
   });
 }
 
@@ -45,8 +49,8 @@ void JanusClient::connected() {
     return;
   }
   request(
-      {{"janus", "create"}}, [this](const JanusReply& reply) { session_created(reply); }, false,
-      true);
+      {{"janus", "create"}}, [this](const JanusReply& reply) { session_created(reply); },
+      {.id = true}, false, true);
 }
 
 void JanusClient::session_created(const JanusReply& reply) {
@@ -54,7 +58,7 @@ void JanusClient::session_created(const JanusReply& reply) {
     fail_opening(session_failure("opening a session", reply));
     return;
   }
-  session_ = member(member(reply.message, "data"), "id").get<std::uint64_t>();
+  session_ = id_of(member(reply.message, "data"), "id");
   connect_timer_.stop();
   state_ = State::kOpen;
   life_timer_ = MainLoop::Timer(
@@ -68,7 +72,8 @@ void JanusClient::fail_opening(const Failure& failure) {
   if (const auto opened = std::exchange(opened_, nullptr)) opened(&failure);
 }
 
-void JanusClient::connection_failed(const std::string& reason) {
+void JanusClient::connection_failed(const std::string& reason, JanusSocket::Loss loss) {
+  const bool is_foul = loss == JanusSocket::Loss::kFoul;
   switch (state_) {
     case State::kConnecting:
       fail_opening(
@@ -78,11 +83,19 @@ void JanusClient::connection_failed(const std::string& reason) {
       if (closed_) {
         end();
         std::exchange(closed_, nullptr)();
+      } else if (is_foul) {
+        break_reason_ = reason;
+        lost("for good");
       } else {
         broken(reason);
       }
       break;
     case State::kBroken:
+      if (is_foul) {
+        break_reason_ = reason;
+        lost("for good");
+        break;
+      }
       retry_timer_ = MainLoop::Timer(loop_, kRetryPeriod, [this] { connect(); });
       break;
     default:
@@ -97,13 +110,18 @@ void JanusClient::check_life() {
     return;
   }
   heard_ = false;
-  request({{"janus", "keepalive"}}, nullptr, true);
+  breaks_ = 0;
+  request({{"janus", "keepalive"}}, nullptr, {}, true);
 }
 
 void JanusClient::broken(const std::string& reason) {
   SARNET_LOG(kWarn, "The connection to " << settings_.url << " broke: " << reason);
   state_ = State::kBroken;
   break_reason_ = reason;
+  if (++breaks_ > kMaxBreaks) {
+    lost("again and again");
+    return;
+  }
   break_timer_ = MainLoop::Timer(loop_, settings_.reconnect_limit,
                                  [this] { lost("and could not be resumed in time"); });
   socket_->close();
@@ -118,13 +136,15 @@ void JanusClient::claim() {
         if (reply.ok()) {
           resumed();
         } else if (reply.outcome == JanusReply::Outcome::kRefused) {
-          lost("and the server does not know the session any more: " + reply.text);
+          lost("and the server does not know the session any more: " + printable_text(reply.text));
+        } else if (reply.outcome == JanusReply::Outcome::kMalformed) {
+          lost("and the server's answer to its resumption cannot be used: " + reply.text);
         } else {
           socket_->close();
           connect();
         }
       },
-      false, true);
+      {}, false, true);
 }
 
 void JanusClient::resumed() {
@@ -147,9 +167,9 @@ void JanusClient::attach(const std::string& plugin,
                          std::function<void(const JanusReply&, std::uint64_t handle)> answer) {
   request({{"janus", "attach"}, {"plugin", plugin}},
           [answer = std::move(answer)](const JanusReply& reply) {
-            const json& data = member(reply.message, "data");
-            answer(reply, reply.ok() ? member(data, "id").get<std::uint64_t>() : 0);
-          });
+            answer(reply, reply.ok() ? id_of(member(reply.message, "data"), "id") : 0);
+          },
+          {.id = true});
 }
 
 void JanusClient::detach(std::uint64_t handle) {
@@ -157,19 +177,20 @@ void JanusClient::detach(std::uint64_t handle) {
 }
 
 void JanusClient::message(std::uint64_t handle, json body, const std::string& sdp_type,
-                          const std::string& sdp, Answer answer) {
+                          const std::string& sdp, Answer answer, const Expected& expected) {
   json message{{"janus", "message"}, {"handle_id", handle}, {"body", std::move(body)}};
   if (!sdp.empty()) message["jsep"] = {{"type", sdp_type}, {"sdp", sdp}};
-  request(std::move(message), std::move(answer));
+  request(std::move(message), std::move(answer), expected);
 }
 
 void JanusClient::trickle(std::uint64_t handle, unsigned mline, const std::string& candidate) {
   const json text = candidate.empty() ? json{{"completed", true}}
                                       : json{{"sdpMLineIndex", mline}, {"candidate", candidate}};
-  request({{"janus", "trickle"}, {"handle_id", handle}, {"candidate", text}}, nullptr, true);
+  request({{"janus", "trickle"}, {"handle_id", handle}, {"candidate", text}}, nullptr, {}, true);
 }
 
-void JanusClient::request(json message, Answer answer, bool acknowledged_is_answer, bool now) {
+void JanusClient::request(json message, Answer answer, const Expected& expected,
+                          bool acknowledged_is_answer, bool now) {
   if (state_ == State::kIdle || state_ == State::kClosed) return;
   const std::string transaction = std::to_string(next_transaction_++);
   message["transaction"] = transaction;
@@ -178,6 +199,7 @@ void JanusClient::request(json message, Answer answer, bool acknowledged_is_answ
   if (answer) {
     Pending& pending = pending_[transaction];
     pending.answer = std::move(answer);
+    pending.expected = expected;
     pending.acknowledged_is_answer = acknowledged_is_answer;
     pending.limit = MainLoop::Timer(loop_, settings_.answer_limit, [this, transaction] {
       JanusReply late;
@@ -207,19 +229,21 @@ void JanusClient::answer(const std::string& transaction, const JanusReply& reply
 
 void JanusClient::received(std::string_view text) {
   heard_ = true;
-  json message = json::parse(text, nullptr, false);
-  if (!message.is_object()) {
+  json message = parse_message(text);
+  if (message.is_null()) {
     SARNET_LOG(kWarn, "The server sent what is not a message");
     return;
   }
   const std::string kind = text_of(message, "janus");
   const std::string transaction = text_of(message, "transaction");
-  SARNET_LOG(kDebug, "relay: hears " << kind << ' ' << text_of(plugin_data(message), "videoroom")
-                                     << " to " << transaction << " on "
+  SARNET_LOG(kDebug, "relay: hears " << printable_text(kind) << ' '
+                                     << printable_text(text_of(plugin_data(message), "videoroom"))
+                                     << " to " << printable_text(transaction) << " on "
                                      << number_of(message, "sender"));
   if (const auto found = pending_.find(transaction); found != pending_.end()) {
     if (kind != "ack" || found->second.acknowledged_is_answer) {
-      answer(transaction, make_reply(std::move(message)));
+      const Expected expected = found->second.expected;
+      answer(transaction, make_reply(std::move(message), expected));
     }
     return;
   }
@@ -230,12 +254,11 @@ void JanusClient::received(std::string_view text) {
     return;
   }
   if (kind == "error") {
-    SARNET_LOG(kWarn,
-               "The server refused a request: " << text_of(member(message, "error"), "reason"));
+    SARNET_LOG(kWarn, "The server refused a request: "
+                          << printable_text(text_of(member(message, "error"), "reason")));
     return;
   }
-  const json& sender = member(message, "sender");
-  observer_.on_notice(sender.is_number() ? sender.get<std::uint64_t>() : 0, message);
+  observer_.on_notice(id_of(message, "sender"), message);
 }
 
 void JanusClient::close(std::chrono::milliseconds limit, std::function<void()> done) {

@@ -59,9 +59,9 @@ class JanusClient {
   void attach(const std::string& plugin,
               std::function<void(const JanusReply&, std::uint64_t handle)> answer);
   void detach(std::uint64_t handle);
-  // An empty sdp: none. `answer` may be null.
+  // An empty sdp: none. `answer` may be null; what is not `expected` is told it as malformed.
   void message(std::uint64_t handle, json body, const std::string& sdp_type, const std::string& sdp,
-               Answer answer);
+               Answer answer, const Expected& expected = {});
   // An empty candidate: there are no more.
   void trickle(std::uint64_t handle, unsigned mline, const std::string& candidate);
   // Ends the session at the server, with all its handles, and the connection. `done` comes within
@@ -72,6 +72,7 @@ class JanusClient {
   enum class State { kIdle, kConnecting, kOpen, kBroken, kClosed };
   struct Pending {
     Answer answer;
+    Expected expected;
     bool acknowledged_is_answer = false;
     MainLoop::Timer limit;
   };
@@ -79,7 +80,7 @@ class JanusClient {
   void connect();
   void connected();
   void received(std::string_view text);
-  void connection_failed(const std::string& reason);
+  void connection_failed(const std::string& reason, JanusSocket::Loss loss);
   void session_created(const JanusReply& reply);
   void broken(const std::string& reason);
   void claim();
@@ -90,7 +91,8 @@ class JanusClient {
   void end();
 
   // Gives the transaction's name. Sent at once on an open socket if `now`, else in its turn.
-  void request(json message, Answer answer, bool acknowledged_is_answer = false, bool now = false);
+  void request(json message, Answer answer, const Expected& expected = {},
+               bool acknowledged_is_answer = false, bool now = false);
   void answer(const std::string& transaction, const JanusReply& reply);
 
   MainLoop& loop_;
@@ -106,6 +108,7 @@ class JanusClient {
   std::function<void(const Failure*)> opened_;
   std::function<void()> closed_;
   std::string break_reason_;
+  int breaks_ = 0;      // since the last calm period
   bool heard_ = false;  // since the last sign of life was asked for
   MainLoop::Timer connect_timer_;
   MainLoop::Timer break_timer_;

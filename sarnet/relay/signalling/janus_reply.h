@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 
 namespace sarnet::relay {
 
@@ -24,9 +25,9 @@ struct JanusError {
 struct JanusReply {
   enum class Outcome {
     kOk,
-    kRefused,   // `error` and `text` are the server's
-    kTimedOut,  // no answer within the limit
-    kLost,      // the connection was lost for good
+    kRefused,    // `error` and `text` are the server's
+    kMalformed,  // `text` tells what the answer lacks
+    kTimedOut,   // no answer within the limit
   };
   Outcome outcome = Outcome::kOk;
   int error = 0;
@@ -40,15 +41,34 @@ struct JanusReply {
   std::string sdp() const;
 };
 
-JanusReply make_reply(json message);
+// What an answer must hold to be one to its request.
+struct Expected {
+  bool id = false;             // of what was made
+  const char* room = nullptr;  // how the room's plug-in calls it: "joined"
+  bool sdp = false;            // a session description
+  const char* list = nullptr;  // a list of that name in what the plug-in said
+};
+
+JanusReply make_reply(json message, const Expected& expected);
+
+// The message in that text; null where there is none, or where it is too deep.
+json parse_message(std::string_view text);
 
 // Members of a message that may come in any shape: a default where there is none of that type.
+// Numbers are whole ones; those beyond 64 bits count as none.
 const json& member(const json& object, const char* name);
 std::string text_of(const json& object, const char* name);
 std::int64_t number_of(const json& object, const char* name);
+// Of a session, a handle or a room's participation; 0 or empty where there is none that can be one.
+std::uint64_t id_of(const json& object, const char* name);
+std::string text_id_of(const json& object, const char* name);
+// Empty unless it is a list.
+const json& list_of(const json& object, const char* name);
 bool flag_of(const json& object, const char* name);
 // What the plug-in said in a message, and the session description that came along.
 const json& plugin_data(const json& message);
 std::string sdp_of(const json& message);
+// Why a description of the server's is not taken; empty when it is.
+std::string description_fault(std::string_view sdp);
 
 }  // namespace sarnet::relay

@@ -2,7 +2,10 @@
 
 #include <utility>
 
+#include "base/printable_text.h"
+#include "relay/signalling/frame_limit.h"
 #include "relay/signalling/guarded.h"
+#include "relay/signalling/wire_limits.h"
 
 namespace sarnet::relay {
 namespace {
@@ -12,8 +15,14 @@ struct ErrorDeleter {
 };
 using ErrorHandle = std::unique_ptr<GError, ErrorDeleter>;
 
-// Messages of the server with descriptions of many streams outgrow libsoup's 128 KiB.
-constexpr guint64 kMaxMessage = guint64{4} * 1024 * 1024;
+// A connection that ends is let go later: libsoup may be in the midst of using it.
+void unref_later(GObject* object) {
+  GSource* const source = g_idle_source_new();
+  g_source_set_callback(
+      source, [](gpointer) -> gboolean { return G_SOURCE_REMOVE; }, object, &g_object_unref);
+  g_source_attach(source, g_main_context_get_thread_default());
+  g_source_unref(source);
+}
 
 }  // namespace
 
@@ -41,6 +50,9 @@ bool JanusSocket::open(const std::string& url, const std::string& ca_file, std::
     error = "'" + url + "' is not an address";
     return false;
   }
+  // A server's word does not lead elsewhere: the token would go along.
+  soup_message_add_flags(message.get(), SOUP_MESSAGE_NO_REDIRECT);
+  limit_frames(session_.get(), message.get());
   const char* protocols[] = {"janus-protocol", nullptr};
   soup_session_websocket_connect_async(
       session_.get(), message.get(), nullptr, const_cast<char**>(protocols), G_PRIORITY_DEFAULT,
@@ -63,13 +75,23 @@ void JanusSocket::connected(GAsyncResult* result) {
     return;
   }
   if (!connection_) {
-    fail(error->message);
+    fail(printable_text(error->message));
     return;
   }
   soup_websocket_connection_set_max_incoming_payload_size(connection_.get(), kMaxMessage);
   g_signal_connect(connection_.get(), "message", G_CALLBACK(&on_message), this);
+  g_signal_connect(connection_.get(), "error", G_CALLBACK(&on_error), this);
   g_signal_connect(connection_.get(), "closed", G_CALLBACK(&on_closed), this);
   callbacks_.opened();
+}
+
+void JanusSocket::on_error(SoupWebsocketConnection*, GError* error, gpointer data) {
+  const auto self = static_cast<JanusSocket*>(data)->shared_from_this();
+  // What breaks the protocol's rules will do so again; what the network does may not.
+  const bool is_foul = error->domain == SOUP_WEBSOCKET_ERROR;
+  guarded("Losing the connection", [&] {
+    self->fail(printable_text(error->message), is_foul ? Loss::kFoul : Loss::kBroken);
+  });
 }
 
 void JanusSocket::on_message(SoupWebsocketConnection*, int, GBytes* bytes, gpointer data) {
@@ -77,7 +99,14 @@ void JanusSocket::on_message(SoupWebsocketConnection*, int, GBytes* bytes, gpoin
   if (self->closed_) return;
   gsize size = 0;
   const auto* text = static_cast<const char*>(g_bytes_get_data(bytes, &size));
-  guarded("Using a message of the server", [&] { self->callbacks_.received({text, size}); });
+  bool used = false;
+  guarded("Using a message of the server", [&] {
+    self->callbacks_.received({text, size});
+    used = true;
+  });
+  if (used) return;
+  guarded("Losing the connection",
+          [&] { self->fail("a message of the server could not be used", Loss::kFoul); });
 }
 
 void JanusSocket::on_closed(SoupWebsocketConnection*, gpointer data) {
@@ -85,11 +114,11 @@ void JanusSocket::on_closed(SoupWebsocketConnection*, gpointer data) {
   guarded("Losing the connection", [&] { self->fail("the server closed the connection"); });
 }
 
-void JanusSocket::fail(const std::string& reason) {
+void JanusSocket::fail(const std::string& reason, Loss loss) {
   if (closed_) return;
   const auto failed = std::exchange(callbacks_.failed, nullptr);
   close();
-  failed(reason);
+  failed(reason, loss);
 }
 
 void JanusSocket::send(const std::string& text) {
@@ -107,7 +136,7 @@ void JanusSocket::close() {
     // not wait for the network either.
     g_io_stream_close(soup_websocket_connection_get_io_stream(connection_.get()),
                       cancellable_.get(), nullptr);
-    connection_.reset();
+    unref_later(G_OBJECT(connection_.release()));
   }
   if (session_) soup_session_abort(session_.get());
 }

@@ -19,11 +19,15 @@ using GObjectHandle = std::unique_ptr<Object, GObjectDeleter>;
 // the loop, never from inside a call, and none after close().
 class JanusSocket : public std::enable_shared_from_this<JanusSocket> {
  public:
+  enum class Loss {
+    kBroken,  // a new connection may do better
+    kFoul,    // the server sent what cannot be meant well
+  };
   struct Callbacks {
     std::function<void()> opened;
     std::function<void(std::string_view)> received;
     // Could not be opened, or was closed by the other side. Once, and the last.
-    std::function<void(const std::string& reason)> failed;
+    std::function<void(const std::string& reason, Loss loss)> failed;
   };
 
   explicit JanusSocket(Callbacks callbacks);
@@ -42,9 +46,10 @@ class JanusSocket : public std::enable_shared_from_this<JanusSocket> {
  private:
   static void on_connected(GObject* session, GAsyncResult* result, gpointer data);
   static void on_message(SoupWebsocketConnection*, int type, GBytes* bytes, gpointer self);
+  static void on_error(SoupWebsocketConnection*, GError* error, gpointer self);
   static void on_closed(SoupWebsocketConnection*, gpointer self);
   void connected(GAsyncResult* result);
-  void fail(const std::string& reason);
+  void fail(const std::string& reason, Loss loss = Loss::kBroken);
 
   Callbacks callbacks_;
   GObjectHandle<SoupSession> session_;

@@ -68,7 +68,6 @@ void MainLoop::run_posted() {
 }
 
 void MainLoop::run() {
-  thread_ = std::this_thread::get_id();
   g_main_context_push_thread_default(context_.get());
   while (!quitting_) g_main_context_iteration(context_.get(), TRUE);
   std::deque<Action> dropped;

@@ -8,7 +8,6 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 namespace sarnet::relay {
 
@@ -39,7 +38,6 @@ class MainLoop {
   // Any thread. run() returns after the task that is under way.
   void quit();
 
-  bool on_thread() const { return thread_ == std::this_thread::get_id(); }
   // For sources that are not of this class; attach and remove them on the loop's thread.
   GMainContext* context() const { return context_.get(); }
 
@@ -66,7 +64,6 @@ class MainLoop {
 
   std::unique_ptr<GMainContext, ContextDeleter> context_;
   SourceHandle wake_;
-  std::atomic<std::thread::id> thread_;
   std::atomic<bool> quitting_{false};
 
   std::mutex mutex_;

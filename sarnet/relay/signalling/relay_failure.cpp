@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <array>
 
+#include "base/printable_text.h"
+
 namespace sarnet::relay {
 namespace {
 
@@ -12,11 +14,11 @@ std::string describe(const std::string& step, const JanusReply& reply) {
   switch (reply.outcome) {
     case JanusReply::Outcome::kTimedOut:
       return "The server did not answer in time while " + step;
-    case JanusReply::Outcome::kLost:
-      return "The server was lost while " + step;
+    case JanusReply::Outcome::kMalformed:
+      return "The server's answer cannot be used while " + step + ": " + reply.text;
     default:
-      return "The server refused " + step + ": " + reply.text + " (" + std::to_string(reply.error) +
-             ")";
+      return "The server refused " + step + ": " + printable_text(reply.text) + " (" +
+             std::to_string(reply.error) + ")";
   }
 }
 
@@ -33,8 +35,6 @@ Failure session_failure(const std::string& step, const JanusReply& reply) {
   int code = SRN_SESSION_CONNECTION_FAILED;
   if (reply.outcome == JanusReply::Outcome::kTimedOut) {
     code = SRN_SESSION_CONNECTION_TIMED_OUT;
-  } else if (reply.outcome == JanusReply::Outcome::kLost) {
-    code = SRN_SESSION_CONNECTION_DROPPED;
   } else if (is_unauthorized(reply.error)) {
     code = SRN_SESSION_AUTHORIZATION_FAILURE;
   } else if (reply.error == JanusError::kNoSuchRoom) {
@@ -44,9 +44,8 @@ Failure session_failure(const std::string& step, const JanusReply& reply) {
 }
 
 Failure publisher_failure(const std::string& step, const JanusReply& reply) {
-  const int code = reply.outcome == JanusReply::Outcome::kTimedOut ? SRN_PUBLISHER_TIMED_OUT
-                   : reply.outcome == JanusReply::Outcome::kLost
-                       ? SRN_PUBLISHER_SESSION_DISCONNECTED
+  const int code = reply.outcome == JanusReply::Outcome::kTimedOut
+                       ? SRN_PUBLISHER_TIMED_OUT
                        : SRN_PUBLISHER_UNABLE_TO_PUBLISH;
   return {code, describe(step, reply)};
 }
@@ -55,8 +54,6 @@ Failure subscriber_failure(const std::string& step, const JanusReply& reply) {
   int code = SRN_SUBSCRIBER_WEBRTC_ERROR;
   if (reply.outcome == JanusReply::Outcome::kTimedOut) {
     code = SRN_SUBSCRIBER_TIMED_OUT;
-  } else if (reply.outcome == JanusReply::Outcome::kLost) {
-    code = SRN_SUBSCRIBER_SESSION_DISCONNECTED;
   } else if (reply.error == JanusError::kNoSuchFeed) {
     code = SRN_SUBSCRIBER_SERVER_CANNOT_FIND_STREAM;
   }

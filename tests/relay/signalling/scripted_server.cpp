@@ -14,7 +14,9 @@ ScriptedServer::ScriptedServer() : thread_([this] { loop_.run(); }) {
   rule("janus keepalive", [](const json&) { return json{{"janus", "ack"}}; });
   rule("janus attach", [this](const json&) { return json{{"data", {{"id", next_handle_++}}}}; });
   rule("join", [](const json&) { return json{{"videoroom", "joined"}}; });
-  rule("listparticipants", [](const json&) { return json{{"participants", json::array()}}; });
+  rule("listparticipants", [](const json&) {
+    return json{{"videoroom", "participants"}, {"participants", json::array()}};
+  });
   run_on_loop([this] { listen(); });
 }
 
@@ -100,7 +102,9 @@ void ScriptedServer::answer(SoupWebsocketConnection* connection, const json& req
   }
   json reply = rule ? rule(request) : json();
   if (reply.is_null()) return;
-  if (is_message) {
+  if (reply.contains("raw")) {
+    reply = reply["raw"];
+  } else if (is_message) {
     send(connection, {{"janus", "ack"}, {"transaction", request["transaction"]}});
     reply = {{"janus", "event"},
              {"sender", request["handle_id"]},
@@ -108,12 +112,43 @@ void ScriptedServer::answer(SoupWebsocketConnection* connection, const json& req
   } else if (!reply.contains("janus")) {
     reply["janus"] = "success";
   }
-  reply["transaction"] = request["transaction"];
+  if (reply.is_object()) reply["transaction"] = request["transaction"];
   send(connection, reply);
 }
 
 void ScriptedServer::send(SoupWebsocketConnection* connection, const json& message) {
-  soup_websocket_connection_send_text(connection, message.dump().c_str());
+  const auto texts = tamper_ ? tamper_(message) : std::vector{message.dump()};
+  for (const std::string& text : texts) write(connection, frame(0x81, text));
+}
+
+std::string ScriptedServer::frame(unsigned char kind, const std::string& text) {
+  const std::uint64_t size = text.size();
+  std::string frame{static_cast<char>(kind)};
+  const int bytes = size < 126 ? 0 : size < 65536 ? 2 : 8;
+  frame += static_cast<char>(bytes == 0 ? size : bytes == 2 ? 126 : 127);
+  for (int i = bytes - 1; i >= 0; --i) frame += static_cast<char>(size >> (8 * i));
+  return frame + text;
+}
+
+bool ScriptedServer::write(SoupWebsocketConnection* connection, const std::string& bytes) {
+  GOutputStream* const stream =
+      g_io_stream_get_output_stream(soup_websocket_connection_get_io_stream(connection));
+  return g_output_stream_write_all(stream, bytes.data(), bytes.size(), nullptr, nullptr, nullptr) !=
+         FALSE;
+}
+
+int ScriptedServer::repeat(const std::string& bytes, int times) {
+  int written = 0;
+  run_on_loop([&] {
+    for (const auto& each : connections_) {
+      while (written < times && write(each.get(), bytes)) ++written;
+    }
+  });
+  return written;
+}
+
+void ScriptedServer::tamper(Tamper tamper) {
+  run_on_loop([&] { tamper_ = std::move(tamper); });
 }
 
 void ScriptedServer::notice(const json& data) {

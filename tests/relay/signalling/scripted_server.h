@@ -19,8 +19,10 @@
 class ScriptedServer {
  public:
   using json = sarnet::relay::json;
-  // What is answered; null: nothing at all.
+  // What is answered; null: nothing at all; {"raw": ...}: that, with nothing put around it.
   using Rule = std::function<json(const json& request)>;
+  // Makes of a message the texts that are sent in its place. On the server's thread.
+  using Tamper = std::function<std::vector<std::string>(const json& message)>;
   static constexpr std::uint64_t kHandle = 100;  // of the first attach
 
   ScriptedServer();
@@ -36,6 +38,11 @@ class ScriptedServer {
   void ignore(const std::string& name);
   // Says something about the room.
   void notice(const json& data);
+  void tamper(Tamper tamper);
+  // A frame with that first byte.
+  static std::string frame(unsigned char kind, const std::string& text);
+  // Writes to the connections again and again; gives how often they took it.
+  int repeat(const std::string& bytes, int times);
   // Closes all connections; with `shut`, no new one is taken until it is opened again.
   void drop(bool shut);
   void reopen();
@@ -48,6 +55,7 @@ class ScriptedServer {
   static void on_message(SoupWebsocketConnection* connection, int, GBytes* bytes, gpointer self);
   void answer(SoupWebsocketConnection* connection, const json& request);
   void send(SoupWebsocketConnection* connection, const json& message);
+  static bool write(SoupWebsocketConnection* connection, const std::string& bytes);
   void listen();
   void run_on_loop(const std::function<void()>& task);
 
@@ -56,6 +64,7 @@ class ScriptedServer {
   sarnet::relay::GObjectHandle<SoupServer> server_;
   std::vector<sarnet::relay::GObjectHandle<SoupWebsocketConnection>> connections_;
   std::uint64_t next_handle_ = kHandle;
+  Tamper tamper_;
   bool shut_ = false;
   unsigned port_ = 0;
 

@@ -3,16 +3,10 @@
 #include <gtest/gtest.h>
 #include <sarnet/sarnet.h>
 
-#include <chrono>
-#include <thread>
-
-#include "relay/peer/services.h"
-#include "relay/room/relay_engine.h"
 #include "relay/room/relay_room.h"
 #include "relay/room/relay_settings.h"
 #include "relay/room/relay_subscription.h"
-#include "relay/signalling/scripted_server.h"
-#include "waiting.h"
+#include "relay/signalling/joined_session.h"
 
 namespace sarnet::relay {
 namespace {
@@ -21,30 +15,6 @@ using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using Clock = std::chrono::steady_clock;
-
-// What happened, as "joined", "connection+ a", "stream- a", "failed 1022 TEXT" and the like.
-class Story : public SessionSink, public RoomObserver {
- public:
-  void joined(const ConnectionInfo&) override { add("joined"); }
-  void session_ended() override { add("ended"); }
-  void session_failed(int code, const std::string& text) override {
-    add("failed " + std::to_string(code) + ' ' + text);
-  }
-  void participant_joined(const ConnectionInfo& who) override {
-    add("connection+ " + who.id + (who.data.empty() ? "" : " " + who.data));
-  }
-  void participant_left(const ConnectionInfo& who) override { add("connection- " + who.id); }
-  void stream_added(const StreamInfo& stream) override {
-    add("stream+ " + stream.id + " of " + stream.connection.id + ' ' + stream.name);
-  }
-  void stream_removed(const StreamInfo& stream) override { add("stream- " + stream.id); }
-
-  Journal log;
-
- private:
-  void add(const std::string& event) { log.add(event); }
-};
 
 json person(const std::string& id, const std::string& display) {
   return {{"id", id}, {"display", display}};
@@ -153,63 +123,6 @@ TEST(Requests, TakeTheProgramsTokenApart) {
   EXPECT_EQ(relay_settings(address, 443).url, "wss://[::1]:443/");
 }
 
-// An engine with short limits, and what it told.
-class Signalling : public testing::Test {
- protected:
-  Signalling() {
-    set_services({[](const char* name, std::function<void()> body) {
-                    const bool is_session = std::string_view(name) == "srn-relay";
-                    threads(is_session).emplace_back(std::move(body));
-                  },
-                  nullptr, nullptr});
-    // Out of the way of a busy machine; who tests a limit shortens it.
-    limits_.connect_limit = kDeadline;
-    limits_.answer_limit = kDeadline;
-    limits_.keepalive = kDeadline;
-    limits_.reconnect_limit = kDeadline;
-  }
-  ~Signalling() override {
-    leave();
-    join_all(threads(false));
-  }
-
-  void join(unsigned port) {
-    HostAddress address;
-    address.kind = HostAddress::Kind::kRelay;
-    address.host = "127.0.0.1";
-    address.port = static_cast<int>(port);
-    address.secure = false;
-    engine_ = make_engine(address, limits_);
-    JoinRequest request;
-    request.session_id = "room";
-    request.token = "token";
-    engine_->join(request, story_);
-  }
-  // Waits until the sessions' threads have ended; tells how long it took.
-  std::chrono::milliseconds leave() {
-    const auto start = Clock::now();
-    if (engine_) engine_->leave();
-    engine_.reset();
-    join_all(threads(true));
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
-  }
-
-  ScriptedServer server_;
-  JanusSettings limits_;
-  const std::shared_ptr<Story> story_ = std::make_shared<Story>();
-  std::shared_ptr<Engine> engine_;
-
- private:
-  static std::vector<std::thread>& threads(bool of_sessions) {
-    static std::vector<std::thread> all[2];
-    return all[of_sessions ? 1 : 0];
-  }
-  static void join_all(std::vector<std::thread>& all) {
-    for (std::thread& thread : all) thread.join();
-    all.clear();
-  }
-};
-
 struct Refusal {
   const char* step;  // the request that is refused
   int error;         // 0: not answered
@@ -256,7 +169,9 @@ TEST_F(Signalling, MakesARoomThatIsNotThere) {
   server_.refuse("join", 426);
   server_.rule("create", [this](const json& request) {
     EXPECT_TRUE(member(request["body"], "notify_joining").get<bool>());
-    server_.rule("join", [](const json&) { return json{{"publishers", {kAnna}}}; });
+    server_.rule("join", [](const json&) {
+      return json{{"videoroom", "joined"}, {"publishers", {kAnna}}};
+    });
     return json{{"videoroom", "created"}};
   });
   join(server_.port());
@@ -277,9 +192,11 @@ TEST_F(Signalling, EndsWithTheRoom) {
 }
 
 TEST_F(Signalling, ComesBackAfterAShortBreakAndAsksWhatItMissed) {
-  server_.rule("join", [](const json&) { return json{{"attendees", {kAnna}}}; });
+  server_.rule("join", [](const json&) {
+    return json{{"videoroom", "joined"}, {"attendees", {kAnna}}};
+  });
   server_.rule("listparticipants", [](const json&) {
-    return json{{"participants", {person("b", "Bob")}}};
+    return json{{"videoroom", "participants"}, {"participants", {person("b", "Bob")}}};
   });
   join(server_.port());
   ASSERT_TRUE(story_->log.await("connection+ a"));

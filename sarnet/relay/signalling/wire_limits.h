@@ -1,0 +1,39 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace sarnet::relay {
+
+// How much is taken from a server: well above what one sends that means well, and so little that
+// memory stays flat whatever it sends.
+
+// A message, all its fragments together. The longest is the list of those who are in a room; 500
+// publishers with three streams and a display text each make 300 KB.
+inline constexpr std::uint64_t kMaxMessage = std::uint64_t{1024} * 1024;
+// Lists and objects within each other; the server's own go 8 deep.
+inline constexpr int kMaxDepth = 32;
+// What may come in one period. Each of some thousand participants may cause an event in the same
+// second. A server that never pauses would keep the loop from all else.
+inline constexpr std::chrono::seconds kFloodPeriod{1};
+inline constexpr std::uint64_t kFloodFrames = 10'000;
+inline constexpr std::uint64_t kFloodBytes = 16 * kMaxMessage;
+// Breaks of the connection without a calm period between them.
+inline constexpr int kMaxBreaks = 10;
+
+// Participations in a room; each further stream is one.
+inline constexpr std::size_t kMaxMembers = 2000;
+// In bytes. Ids are numbers or UUIDs as a rule.
+inline constexpr std::size_t kMaxId = 128;
+inline constexpr std::size_t kMaxDisplay = 8192;
+
+// Of one stream. A description has 1 to 2 KB for each medium.
+inline constexpr std::size_t kMaxDescription = 65536;
+inline constexpr std::size_t kMaxMedia = 32;
+inline constexpr int kMaxOffersAtOnce = 4;
+// A server has a handful of addresses, each over two protocols.
+inline constexpr int kMaxCandidates = 100;
+inline constexpr std::size_t kMaxCandidate = 1024;
+
+}  // namespace sarnet::relay
