@@ -1,3 +1,9 @@
+extern "C" {
+#include <libavutil/mem.h>
+}
+
+#include <cstddef>
+
 #include "files/audio_file_reader.h"
 #include "files/file_writers.h"
 #include "files/video_file_reader.h"
@@ -56,6 +62,9 @@ extern "C" __attribute__((visibility("default"))) const sarnet::FilePlugin* sarn
   if (av_log_get_level() == AV_LOG_INFO) {
     av_log_set_level(AV_LOG_FATAL);
   }
+  // Headers state sizes, and FFmpeg clears that much memory before it reads on: seconds for the two
+  // gigabytes that it allows. The largest picture of ours fits. Holds for the whole process.
+  av_max_alloc(std::size_t{320} << 20);
   static const sarnet::FfmpegPlugin plugin;
   return &plugin;
 }
