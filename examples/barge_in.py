@@ -8,10 +8,11 @@ import asyncio
 import math
 import os
 
-from tavrin_media_relay import aio
+from tavrin_media_relay import LoggingSettings, SessionSettings, aio
 
 WHERE = [os.environ.get(name, default) for name, default in
          (("APPLICATION_ID", "examples-app"), ("SESSION_ID", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
+QUIET = SessionSettings(logging=LoggingSettings("error"))
 LOUD = 1000  # of 32767
 RATE = 16000
 
@@ -28,7 +29,10 @@ async def somebody_speaks(session: aio.Session) -> None:
 
 
 async def main() -> None:
-    async with aio.connect(*WHERE) as session, session.publish("Speaker", video=False) as publisher:
+    async with (
+        aio.connect(*WHERE, settings=QUIET) as session,
+        session.publish("Speaker", video=False) as publisher,
+    ):
 
         async def listen() -> None:
             async for event in session.events():

@@ -7,10 +7,11 @@ import asyncio
 import os
 import sys
 
-from tavrin_media_relay import aio
+from tavrin_media_relay import LoggingSettings, SessionSettings, aio
 
 WHERE = [os.environ.get(name, default) for name, default in
          (("APPLICATION_ID", "examples-app"), ("SESSION_ID", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
+QUIET = SessionSettings(logging=LoggingSettings("error"))
 
 
 async def read_along(session: aio.Session, stream: aio.Stream) -> None:
@@ -21,7 +22,7 @@ async def read_along(session: aio.Session, stream: aio.Stream) -> None:
 
 
 async def main(seconds: float) -> None:
-    async with aio.connect(*WHERE) as session:
+    async with aio.connect(*WHERE, settings=QUIET) as session:
         readers = set()
         try:
             async with asyncio.timeout(seconds):

@@ -7,10 +7,11 @@ import asyncio
 import os
 import sys
 
-from tavrin_media_relay import aio
+from tavrin_media_relay import LoggingSettings, SessionSettings, aio
 
 WHERE = [os.environ.get(name, default) for name, default in
          (("APPLICATION_ID", "examples-app"), ("SESSION_ID", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
+QUIET = SessionSettings(logging=LoggingSettings("error"))
 DELAY = 1.0
 
 
@@ -22,7 +23,7 @@ async def echo(session: aio.Session, publisher: aio.Publisher) -> None:
 
 
 async def main(seconds: float) -> None:
-    async with aio.connect(*WHERE) as session:
+    async with aio.connect(*WHERE, settings=QUIET) as session:
         # Room for the delay, and some more.
         async with session.publish("Echo", video=False, audio_queue=DELAY + 0.5) as publisher:
             talking = asyncio.create_task(echo(session, publisher))

@@ -21,6 +21,7 @@ def on_stream(session, stream):  # another participant publishes: listen, look a
 
 client.connect(
     "hello-app", "a-session", "a-token",
+    session_settings=tavrin.SessionSettings(logging=tavrin.LoggingSettings(level="error")),
     on_error_cb=lambda session, message, code: print("Failed:", message, code),
     on_ready_for_audio_cb=lambda session: ready.set(),
     on_stream_received_cb=on_stream,

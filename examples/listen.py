@@ -8,10 +8,11 @@ import os
 import sys
 import wave
 
-from tavrin_media_relay import aio
+from tavrin_media_relay import LoggingSettings, SessionSettings, aio
 
 WHERE = [os.environ.get(name, default) for name, default in
          (("APPLICATION_ID", "examples-app"), ("SESSION_ID", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
+QUIET = SessionSettings(logging=LoggingSettings("error"))
 RATE = 16000
 
 
@@ -20,7 +21,7 @@ async def main(path: str, seconds: float) -> None:
         file.setnchannels(1)
         file.setsampwidth(2)
         file.setframerate(RATE)
-        async with aio.connect(*WHERE) as session:
+        async with aio.connect(*WHERE, settings=QUIET) as session:
             stream = await session.wait_for_stream()
             async with session.subscribe(stream, video=False) as subscriber:
                 frames = subscriber.audio_frames(sample_rate=RATE, channels=1)

@@ -8,10 +8,11 @@ import os
 import sys
 from typing import Any
 
-from tavrin_media_relay import aio
+from tavrin_media_relay import LoggingSettings, SessionSettings, aio
 
 WHERE = [os.environ.get(name, default) for name, default in
          (("APPLICATION_ID", "examples-app"), ("SESSION_ID", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
+QUIET = SessionSettings(logging=LoggingSettings("error"))
 
 
 async def receive(session: aio.Session, stream: aio.Stream) -> None:
@@ -40,7 +41,7 @@ async def report(session: aio.Session) -> None:
 
 
 async def main(seconds: float) -> None:
-    async with aio.connect(*WHERE) as session, asyncio.TaskGroup() as tasks:
+    async with aio.connect(*WHERE, settings=QUIET) as session, asyncio.TaskGroup() as tasks:
         reporting = tasks.create_task(report(session))
         try:
             async with asyncio.timeout(seconds):

@@ -9,13 +9,20 @@ import sys
 
 from PIL import Image, ImageOps
 
-from tavrin_media_relay import SessionAVSettings, SessionSettings, SessionVideoPublisherSettings, VideoResolution, aio
+from tavrin_media_relay import (
+    LoggingSettings,
+    SessionAVSettings,
+    SessionSettings,
+    SessionVideoPublisherSettings,
+    VideoResolution,
+    aio,
+)
 
 WHERE = [os.environ.get(name, default) for name, default in
          (("APPLICATION_ID", "examples-app"), ("SESSION_ID", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
 SIZE, FPS = (640, 480), 15
 FORM = SessionVideoPublisherSettings(VideoResolution(*SIZE), FPS)
-SETTINGS = SessionSettings(av=SessionAVSettings(video_publisher=FORM))
+SETTINGS = SessionSettings(av=SessionAVSettings(video_publisher=FORM), logging=LoggingSettings("error"))
 
 
 async def main(paths: list[str], seconds: float) -> None:

@@ -9,10 +9,11 @@ import sys
 
 import numpy as np
 
-from tavrin_media_relay import aio
+from tavrin_media_relay import LoggingSettings, SessionSettings, aio
 
 WHERE = [os.environ.get(name, default) for name, default in
          (("APPLICATION_ID", "examples-app"), ("SESSION_ID", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
+QUIET = SessionSettings(logging=LoggingSettings("error"))
 
 
 async def pictures(subscriber: aio.Subscriber, out: aio.VideoOutput) -> None:
@@ -33,7 +34,7 @@ async def sound(subscriber: aio.Subscriber, out: aio.AudioOutput) -> None:
 
 
 async def main(seconds: float) -> None:
-    async with aio.connect(*WHERE) as session, session.publish("Mirror") as publisher:
+    async with aio.connect(*WHERE, settings=QUIET) as session, session.publish("Mirror") as publisher:
         stream = await session.wait_for_stream()
         async with session.subscribe(stream) as subscriber:
             work = [

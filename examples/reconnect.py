@@ -7,10 +7,11 @@ import asyncio
 import os
 import sys
 
-from tavrin_media_relay import aio
+from tavrin_media_relay import LoggingSettings, SessionSettings, aio
 
 WHERE = [os.environ.get(name, default) for name, default in
          (("APPLICATION_ID", "examples-app"), ("SESSION_ID", "a-session"), ("TOKEN", "a-token"))]  # fmt: skip
+QUIET = SessionSettings(logging=LoggingSettings("error"))
 SHORTEST, LONGEST = 0.5, 30.0
 
 
@@ -18,7 +19,7 @@ async def main(visits: int) -> None:
     pause = SHORTEST
     for number in range(1, visits + 1):
         try:
-            async with aio.connect(*WHERE, timeout=10) as session:
+            async with aio.connect(*WHERE, settings=QUIET, timeout=10) as session:
                 print(f"Visit {number}: in, as {session.connection and session.connection.id}")
                 pause = SHORTEST  # it works: the next failure is a new one
                 await session.ended()  # in place of an agent's work

@@ -33,7 +33,8 @@ def show_figures(report: Report, counters: dict[str, Any], pictures: dict[str, i
         "Published",
         [
             ("audio periods written", f"{capture.get('periods_written')} of 10 ms, {said:.1f} s of them speech"),
-            ("their lateness p50 / p99 / max", f"{millis('p50')} / {millis('p99')} / {millis('max')} ms, our own pauses among it"),
+            ("their lateness p50 / p99 / max", f"{millis('p50')} / {millis('p99')} / {millis('max')} ms"),
+            ("periods left out in our pauses", f"{capture.get('gaps')}"),
             ("pictures given", f"{len(report.pictures_sent)}, {pictures['cleared']} of them cleared"),
             ("frames provided", f"{video.get('frames_provided')}, {video.get('frames_late')} late"),
             ("frames repeated", f"{video.get('frames_repeated')}"),

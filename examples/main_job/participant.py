@@ -181,6 +181,7 @@ class Participant:
             "demo-application",
             session_id,
             "demo-token",
+            session_settings=tavrin.SessionSettings(logging=tavrin.LoggingSettings(level="error")),
             on_error_cb=self._on_error,
             on_connected_cb=lambda session: self._happened("connected"),
             on_disconnected_cb=lambda session: self._on_error(session, "the session ended", 0),

@@ -9,8 +9,9 @@ import contextlib
 import math
 import os
 
-from tavrin_media_relay import aio
+from tavrin_media_relay import LoggingSettings, SessionSettings, aio
 
+QUIET = SessionSettings(logging=LoggingSettings("error"))
 LOUD = 500  # of 32768: what counts as a voice
 BEGUN = 10  # frames of 10 ms with a voice before somebody counts as speaking
 ENDED = 40  # frames without one before they count as done
@@ -51,7 +52,7 @@ async def agent(session: aio.Session) -> None:
 
 async def main() -> None:
     application, token = os.environ.get("APPLICATION_ID", "my-app"), os.environ.get("TOKEN", "a-token")
-    async with aio.connect(application, os.environ["SESSION_ID"], token) as session:
+    async with aio.connect(application, os.environ["SESSION_ID"], token, settings=QUIET) as session:
         await agent(session)
 
 

@@ -17,7 +17,8 @@ extern "C" {
 #endif
 
 /* How punctual the program's writes of captured audio are: each one's lateness against an ideal grid of
- * its period (10 ms as a rule) that follows the program's earliest writes. Microseconds. */
+ * its period (10 ms as a rule) that follows the program's earliest writes. Periods that it leaves out, and
+ * does not make good, are gaps and make no write late. Microseconds. */
 struct srn_lateness_statistics {
   int64_t p50;
   int64_t p99;

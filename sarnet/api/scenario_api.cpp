@@ -20,7 +20,8 @@ std::string fault_of(const char* path) {
   const std::optional<sarnet::Scenario> scenario = sarnet::load_scenario(path, error);
   if (!scenario) return error;
   for (const auto& participant : scenario->participants) {
-    if (participant.publishes() && !sarnet::Player::create(participant, nullptr, error)) return error;
+    if (participant.publishes() && !sarnet::Player::create(participant, nullptr, error))
+      return error;
   }
   return {};
 }

@@ -4,6 +4,7 @@
 #include <bit>
 #include <cmath>
 #include <numeric>
+#include <utility>
 
 namespace sarnet {
 namespace {
@@ -69,8 +70,19 @@ void PacingMeter::add(std::int64_t now_us, std::int64_t period_us) {
     running_ = true;
     expected_ = now_us;
     window_ = 0;
+    doubtful_ = 0;
   }
   std::int64_t late = now_us - expected_;
+  if (doubtful_ != 0) {
+    const std::int64_t left_out = (doubtful_ + period_us / 2) / period_us * period_us;
+    if (late * 4 >= left_out * 4 - period_us) {
+      gaps_ += static_cast<std::uint64_t>(left_out / period_us);
+      expected_ += left_out;
+      late -= left_out;
+      doubtful_ = std::max<std::int64_t>(doubtful_ - left_out, 0);
+    }
+    book(std::exchange(doubtful_, 0));
+  }
   if (late < 0) {
     expected_ = now_us;
     late = 0;
@@ -81,10 +93,19 @@ void PacingMeter::add(std::int64_t now_us, std::int64_t period_us) {
     gaps_ += static_cast<std::uint64_t>(missed);
     expected_ += missed * period_us;
     late -= missed * period_us;
+  } else if (late * 2 >= period_us * 3) {
+    // The next call tells: whoever was held up makes it good, whoever left periods out goes on.
+    doubtful_ = late;
+    expected_ += period_us;
+    return;
   }
+  book(late);
+  expected_ += period_us;
+}
+
+void PacingMeter::book(std::int64_t late) {
   ++histogram_[static_cast<std::size_t>(HistogramSteps::step_of(late))];
   max_ = std::max(max_, late);
-  expected_ += period_us;
   least_late_ = window_ == 0 ? late : std::min(least_late_, late);
   if (++window_ == kWindow) {
     expected_ += least_late_;

@@ -59,7 +59,8 @@ class CallbackTimer {
 // Lateness of periodic calls against an ideal grid of their period. The grid starts with the first
 // call, moves forward to a call that comes early, and back when half a second of calls were all
 // late, so that a clock that is a little fast or slow, or a single stall, is not booked for ever.
-// Any thread; nothing allocates.
+// Whole periods that are left out, and not made good by the next call, are gaps and make no call
+// late. Any thread; nothing allocates.
 class PacingMeter {
  public:
   // One call, `now_us` on any steady clock, carrying `period_us` worth of media.
@@ -72,11 +73,13 @@ class PacingMeter {
   void clear();
 
  private:
+  void book(std::int64_t late);
   mutable std::mutex mutex_;
   std::array<std::uint64_t, HistogramSteps::kCount> histogram_{};
   std::uint64_t gaps_ = 0;
   std::int64_t max_ = 0;
   bool running_ = false;
+  std::int64_t doubtful_ = 0;  // how late the last call was, when that may have been a pause
   std::int64_t expected_ = 0;
   std::int64_t least_late_ = 0;
   int window_ = 0;

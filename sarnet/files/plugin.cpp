@@ -1,3 +1,9 @@
+extern "C" {
+#include <libavutil/mem.h>
+}
+
+#include <cstddef>
+
 #include "files/audio_file_reader.h"
 #include "files/file_writers.h"
 #include "files/video_file_reader.h"
@@ -44,10 +50,6 @@ class FfmpegPlugin final : public FilePlugin {
   }
 };
 
-// The largest block that a file may make the decoders ask for: a picture of 8192 x 8192 in RGBA.
-// What its header claims is no measure: a few bytes may ask for 2 GiB.
-constexpr std::size_t kMaxBlock = std::size_t{8192} * 8192 * 4;
-
 }  // namespace
 }  // namespace sarnet
 
@@ -60,7 +62,9 @@ extern "C" __attribute__((visibility("default"))) const sarnet::FilePlugin* sarn
   if (av_log_get_level() == AV_LOG_INFO) {
     av_log_set_level(AV_LOG_FATAL);
   }
-  av_max_alloc(sarnet::kMaxBlock);
+  // Headers state sizes, and FFmpeg clears that much memory before it reads on: seconds for the two
+  // gigabytes that it allows. The largest picture of ours fits. Holds for the whole process.
+  av_max_alloc(std::size_t{320} << 20);
   static const sarnet::FfmpegPlugin plugin;
   return &plugin;
 }

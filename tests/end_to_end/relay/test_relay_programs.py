@@ -2,18 +2,29 @@
 
 from __future__ import annotations
 
+import contextlib
 import json
 import os
 import re
 import shutil
 import signal
 import time
+from pathlib import Path
 
 import marks
 import pytest
 from processes import ADDRESS, HERE, ROOT, SECRET, Server
 
 from tavrin_media_relay.server import join_token, realm_token, room_token
+
+
+def command_lines() -> str:
+    """Those of all processes, as everybody on the machine sees them."""
+    lines = b""
+    for process in Path("/proc").glob("[0-9]*"):
+        with contextlib.suppress(OSError):
+            lines += (process / "cmdline").read_bytes()
+    return lines.decode(errors="replace")
 
 
 def check_received(received: dict, maker: int) -> None:
@@ -161,6 +172,9 @@ def test_whoever_may_not_or_cannot_join_is_told_why(server):
     asked = server.network.start(
         HERE / "attempts.py", ATTEMPTS=json.dumps(list(rows.values())), SARNET_RELAY_ADMIN_KEY="key-of-the-tests"
     )
+    commands = command_lines()
+    assert "attempts.py" in commands
+    assert not [each for each in (SECRET, realm, "key-of-the-tests") if each in commands]
     for name, row in rows.items():
         told = asked.wait_for("attempt")
         codes = {1006, 1021} if row[-1] == 1006 else {row[-1]}
