@@ -6,7 +6,6 @@ from typing import Optional
 
 from .._checks import number, of_type
 from ..models import SessionSettings
-from ._core import Core
 from ._opening import Opening
 from .session import Session
 
@@ -35,8 +34,7 @@ def connect(
     number("timeout", timeout, 0.0, 1e9, "seconds")
 
     async def begin() -> Session:
-        core = Core(session_id, settings or SessionSettings())
-        await core.open(application_id, token, timeout)
-        return Session(core)
+        session = Session(session_id, settings or SessionSettings())
+        return await session.open(application_id, token, timeout)
 
     return Opening(begin)

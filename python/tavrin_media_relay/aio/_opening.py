@@ -29,9 +29,9 @@ async def attempt(close: Callable[[], Awaitable[None]], outcome: asyncio.Future[
         outcome.cancel()
 
 
-async def likely(outcome: asyncio.Future[None]) -> None:
-    """Waits for an outcome whose event the module loses if it is faster than the call: after a second it is taken for
-    good, since an error would have come."""
+async def settled_or_assumed(outcome: asyncio.Future[None]) -> None:
+    """Waits for an outcome whose event the module loses if the event is faster than the call. After a second it is
+    assumed to be a success, since an error would have arrived."""
     await asyncio.wait([outcome], timeout=_GRACE)
     if outcome.done():
         outcome.result()

@@ -81,9 +81,9 @@ def _look_at_library(findings: _Findings) -> bool:
         findings.add("bad", "module", f"_tavrin_video can't be imported: {error}", advice)
         return False
     findings.add("ok", "module", str(_tavrin_video.__file__))
-    from ..aio import _libraries
+    from .._native.libraries import find_sarnet
 
-    library = _libraries.find_sarnet()
+    library = find_sarnet()
     if library is None:
         findings.add("bad", "libsarnet", "the module has brought none into the process", "Was it linked statically?")
         return False

@@ -13,7 +13,7 @@ from typing import Any, Union
 import numpy as np
 import numpy.typing as npt
 
-from ..aio._resample import Converter
+from .._native.resample import Converter
 
 RATE = 48000
 Samples = npt.NDArray[np.int16]

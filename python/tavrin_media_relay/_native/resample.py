@@ -7,7 +7,7 @@ import ctypes
 from array import array
 from typing import Any, Union
 
-from . import _libraries
+from . import libraries
 
 Samples = Union[memoryview, "array[int]"]
 
@@ -30,7 +30,7 @@ class _Data(ctypes.Structure):
 
 
 def _library() -> ctypes.CDLL:
-    library = _libraries.load("libsamplerate", "audio at another rate than the session's")
+    library = libraries.load("libsamplerate", "audio at another rate than the session's")
     library.src_new.restype = ctypes.c_void_p
     library.src_new.argtypes = [ctypes.c_int, ctypes.c_int, ctypes.POINTER(ctypes.c_int)]
     library.src_process.argtypes = [ctypes.c_void_p, ctypes.POINTER(_Data)]
