@@ -22,12 +22,3 @@ async def beside(*work: Awaitable[Any]) -> AsyncIterator[None]:
         yield
     finally:
         await end(*tasks)
-
-
-async def together(*work: Awaitable[Any]) -> None:
-    """All of it; what one raises ends the others."""
-    tasks = [asyncio.ensure_future(each) for each in work]
-    try:
-        await asyncio.gather(*tasks)
-    finally:
-        await end(*tasks)

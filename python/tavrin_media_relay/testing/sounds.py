@@ -5,7 +5,6 @@ from __future__ import annotations
 import os
 import shutil
 import subprocess
-import wave
 from array import array
 from pathlib import Path
 from typing import Any, Union
@@ -13,6 +12,7 @@ from typing import Any, Union
 import numpy as np
 import numpy.typing as npt
 
+from .._media_files import decoding, open_wave, sound_options
 from .._native.resample import Converter
 
 RATE = 48000
@@ -60,20 +60,14 @@ def load(source: Source, rate: int = RATE) -> Samples:
     path = Path(source)
     if not path.is_file():
         raise FileNotFoundError(f"there is no sound file {path}")
-    try:
-        with wave.open(str(path), "rb") as file:
-            if file.getsampwidth() == 2 and 8000 <= file.getframerate() <= RATE:
-                read = np.frombuffer(file.readframes(file.getnframes()), "<i2").reshape(-1, file.getnchannels())
-                return _converted(read.mean(axis=1).astype(np.int16), file.getframerate())
-    except (wave.Error, EOFError):
-        pass
+    file = open_wave(path)
+    if file is not None:
+        with file:
+            read = np.frombuffer(file.readframes(file.getnframes()), "<i2").reshape(-1, file.getnchannels())
+            return _converted(read.mean(axis=1).astype(np.int16), file.getframerate())
     if shutil.which("ffmpeg") is None:
         raise RuntimeError(f"{path} needs the program ffmpeg, which is not installed: only 16-bit WAV is read without")
-    done = subprocess.run(
-        ["ffmpeg", "-v", "error", "-nostdin", "-i", f"file:{path}",
-         "-vn", "-f", "s16le", "-ac", "1", "-ar", str(RATE), "pipe:1"],
-        capture_output=True,
-    )  # fmt: skip
+    done = subprocess.run(decoding(path, sound_options(RATE, 1)), capture_output=True)
     if done.returncode:
         raise ValueError(f"{path} can't be decoded: {done.stderr.decode(errors='replace').strip()}")
     return np.frombuffer(done.stdout, "<i2")
