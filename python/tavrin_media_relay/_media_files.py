@@ -19,7 +19,8 @@ def open_wave(path: Path) -> Optional[wave.Wave_read]:
 
 
 def decoding(path: Path, after: Sequence[str], before: Sequence[str] = ()) -> list[str]:
-    """The command that decodes a file to its standard output. after, before: ffmpeg's options around the input."""
+    """The command that decodes a file to its standard output. after, before: ffmpeg's options around the
+    input."""
     return ["ffmpeg", "-v", "error", "-nostdin", *before, "-i", f"file:{path}", *after, "pipe:1"]
 
 

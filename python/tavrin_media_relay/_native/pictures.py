@@ -1,8 +1,8 @@
 """Picture layouts: what a buffer holds, and conversion between layouts by libyuv.
 
-Everything goes by way of libyuv's own four bytes a pixel, so that each layout needs two functions only. A
-`bytes` object is what goes in: it is the one thing whose memory ctypes reads without asking to write. The common form
-lies in memory that each thread keeps for its next picture: new memory costs more than the conversion.
+Every conversion passes through libyuv's 32-bit ARGB, so that each layout needs two functions only. The input
+is copied to `bytes`, since ctypes reads other buffers only if they are writable. Each thread keeps the memory
+of the intermediate picture: allocating it costs more than the conversion.
 """
 
 from __future__ import annotations

@@ -1,5 +1,5 @@
-"""Other rates and channel counts for 16-bit audio. libsamplerate does the rates, and keeps its place between
-blocks to a fraction of a sample, so that nothing drifts however long it runs."""
+"""Converts 16-bit audio to other rates and channel counts. libsamplerate resamples, and keeps the phase
+between blocks, so that a long stream does not drift."""
 
 from __future__ import annotations
 
@@ -108,7 +108,7 @@ def _stereo(samples: Samples) -> array[int]:
 
 
 class Converter:
-    """From one form to another: rate, channels, or both. Keeps its place between calls."""
+    """From one form to another: rate, channels, or both. Keeps the phase between calls."""
 
     def __init__(self, rate_in: int, channels_in: int, rate_out: int, channels_out: int) -> None:
         self.form_in = (rate_in, channels_in)

@@ -1,9 +1,10 @@
-"""The way from a native thread into an `async for`: a bounded queue that loses its oldest and never waits.
+"""A bounded queue from a native thread to an `async for`: when full it drops its oldest item; it never
+blocks.
 
-Producers are native threads that hold the interpreter's lock for a moment, the consumer is a task of the
-loop. No lock of our own is needed: each step is one operation of a deque or one assignment, and the order of
-the steps is what makes it safe. A lock would be a risk, too: the garbage collector may run any program's
-`__del__` inside it.
+Producers are native threads that hold the interpreter's lock briefly; the consumer is a task of the loop.
+There is no lock of our own: each step is one deque operation or one assignment, and the order of the steps
+makes it safe. A lock could deadlock, since the garbage collector may run any program's `__del__` while it is
+held.
 """
 
 from __future__ import annotations
@@ -18,10 +19,11 @@ from .statistics import Totals
 
 T = TypeVar("T")
 
-#: What gives way when the consumer is slow: `drop_oldest` keeps the newest `capacity` items, `latest` one.
+#: What is kept for a slow consumer: with `drop_oldest` the newest `capacity` items, with `latest` the newest
+#: one.
 Policy = Literal["drop_oldest", "latest"]
 
-#: A consumer that always finds something would never let the loop run: it does so after this long, in s.
+#: Seconds after which a consumer that never has to wait yields to the loop.
 _TURN = 0.005
 
 
@@ -76,7 +78,7 @@ class ChannelWriter(Generic[T]):
         return True
 
     def close(self, error: Optional[Exception] = None) -> None:
-        """The end, after what is still queued: with an error, which is raised once, or without. Any thread."""
+        """Ends the iteration after what is queued, with an error (raised once) or without. Any thread."""
         if not self.closed:
             self.error = error
             self.closed = True
@@ -113,7 +115,7 @@ class Channel(Generic[T]):
 
     @property
     def dropped(self) -> int:
-        """Items that gave way to newer ones, because the consumer was slow."""
+        """Items dropped for newer ones because the consumer was slow."""
         return self._queue.dropped
 
     def __aiter__(self) -> Self:
@@ -151,7 +153,7 @@ class Channel(Generic[T]):
         waiter: asyncio.Future[None] = queue.waker.loop.create_future()
         queue.waiter = waiter
         try:
-            # Looked at again after the waiter is in place: whatever came in between found nobody to wake.
+            # Checked again with the waiter in place: an item that arrived before that has woken nobody.
             if not queue.items and not queue.closed:
                 await waiter
         finally:
@@ -160,6 +162,6 @@ class Channel(Generic[T]):
         self._suspended_at = time.monotonic()
 
     async def aclose(self) -> None:
-        """Ends the iteration at once, and lets go of what is queued."""
+        """Ends the iteration at once and drops what is queued."""
         self._queue.close()
         self._queue.items.clear()

@@ -14,9 +14,9 @@ T = TypeVar("T")
 
 
 class Listeners(Generic[T]):
-    """Iterators that are given the same. `put` runs on one thread at a time, all else on the loop.
+    """Iterators that receive the same items. `put` runs on one thread at a time, all else on the loop.
 
-    They are held weakly: one that a program has left behind costs nothing from then on.
+    They are held weakly: an abandoned one costs nothing from then on.
     """
 
     def __init__(self) -> None:
@@ -42,7 +42,7 @@ class Listeners(Generic[T]):
         return sum(writer.waiting for writer in self._living())
 
     def close(self, error: Optional[Exception] = None) -> None:
-        """The end of each, after what it has queued."""
+        """Ends each, after what it has queued."""
         self._closed = True
         for writer in self._living():
             writer.close(error)

@@ -1,4 +1,4 @@
-"""What the two outputs of a publisher share: back-pressure, running dry, and being cut short."""
+"""What the two outputs of a publisher share: back-pressure, draining and clearing."""
 
 from __future__ import annotations
 
@@ -9,7 +9,7 @@ from . import _module
 from ._wakeups import Signal
 from .errors import PublisherError
 
-#: How long the session may take nothing of what is written, in s.
+#: Seconds for which the session may accept nothing of what is written.
 _PATIENCE = 5.0
 _RETRY = 0.05
 
@@ -25,10 +25,10 @@ def queued() -> tuple[float, float]:
 
 
 class Output:
-    """One of the two. Everything but `added` is the loop's own.
+    """One side, audio or video. Everything but `added` belongs to the loop.
 
-    The module takes what it is given at once and for minutes on end, so it is asked how much it holds, but only
-    when what has been added since the last answer could have reached the limit.
+    The module accepts minutes of media at once, so it is asked how much it holds, but only when what has been
+    added since the last answer could have reached the limit.
     """
 
     def __init__(self, side: Literal[0, 1], limit: float, usable: Callable[[], None]) -> None:
@@ -36,14 +36,14 @@ class Output:
         self.changed = Signal()
         self._usable = usable
         self.added = 0
-        """Counts what was handed to the module. Read by the module's worker too."""
+        """Number of blocks handed to the module. Read by the module's worker too."""
         self.cut_ms = 0.0
-        """What writes that a clear has ended had not handed over."""
+        """Milliseconds that writes ended by a clear had not handed over."""
         self.written_ms = 0.0
         self.turn = asyncio.Lock()
         """Held by the task that writes, and by a clear."""
         self.side = side
-        """0 for audio, 1 for video: its place in what `queued` gives."""
+        """0 for audio, 1 for video: its index in what `queued` returns."""
         self._limit = limit
         self._at_most = 0.0  # ms in the module's queue: when last asked, and all that was added since
         self._dry = 0  # the count up to which the queue is known to have run dry
@@ -97,7 +97,7 @@ class Output:
                     PublisherError.TIMED_OUT, f"the session has taken nothing for {_PATIENCE:g} s"
                 )
             await self.changed.wait(_RETRY)
-        # Counted after: the worker, who may find the queue dry during the call, must not count this.
+        # Counted afterwards: a worker that finds the queue dry during the call must not include this block.
         self.added += 1
         self._at_most += ms
         self.written_ms += ms

@@ -1,4 +1,4 @@
-"""Who and what is in a session now, and the iterators that are told what changes."""
+"""The connections and streams of a session, and the iterators that are notified of changes."""
 
 from __future__ import annotations
 
@@ -14,7 +14,7 @@ _CAPACITY = 1000
 
 
 class Presence:
-    """All of it runs on the loop."""
+    """Used on the loop only."""
 
     def __init__(self, waker: Waker) -> None:
         self.connections: dict[str, Connection] = {}
@@ -24,7 +24,7 @@ class Presence:
         self._last: Optional[events.Event] = None
 
     def listen(self, capacity: Optional[int]) -> Channel[events.Event]:
-        """An iterator that begins with what is there now."""
+        """An iterator over events that begins with the present connections and streams."""
         present: list[events.Event] = [events.ConnectionCreated(each) for each in self.connections.values()]
         present += [events.StreamReceived(each) for each in self.streams.values()]
         if self._last is not None:
@@ -40,7 +40,7 @@ class Presence:
         self._listeners.put(event, self._waker.loop.time())
 
     def close(self, last: Optional[events.Event]) -> None:
-        """The end of every iterator, after an event that tells of it if there is one."""
+        """Ends every iterator, after a last event if there is one."""
         if last is not None:
             self._last = last
             self.notify(last)

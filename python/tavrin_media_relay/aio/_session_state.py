@@ -1,4 +1,4 @@
-"""What a session shares with its publisher and its subscribers: where it runs, whether it is over, who is told."""
+"""What a session shares with its publisher and its subscribers: its loop, its end, and who is notified."""
 
 from __future__ import annotations
 
@@ -27,7 +27,7 @@ class SessionState:
         self._audio_ready = False
 
     def check_place(self) -> None:
-        """Raises if this is not our process, or not our loop: of a session that is over, that it is."""
+        """Raises if this is not the session's process and loop; ClosedError if the session is over."""
         _module.check_process()
         here: Optional[asyncio.AbstractEventLoop] = None
         with contextlib.suppress(RuntimeError):
@@ -41,7 +41,7 @@ class SessionState:
             )
 
     def check(self) -> None:
-        """Raises if this is not our place, or if the session is over."""
+        """Raises if the session is over, or if this is not its process and loop."""
         if self.ended is not None:
             raise ClosedError(self.ended)
         self.check_place()

@@ -17,7 +17,7 @@ def post(loop: asyncio.AbstractEventLoop, function: Callable[..., object], *argu
 
 
 def settle(future: asyncio.Future[None], error: Optional[Exception] = None) -> None:
-    """Gives a future its result, unless it has one. Nobody need look at an error."""
+    """Settles a future unless it is done. An error that nobody retrieves is not reported."""
     if future.done():
         return
     if error is None:
@@ -28,7 +28,7 @@ def settle(future: asyncio.Future[None], error: Optional[Exception] = None) -> N
 
 
 class Waker:
-    """Takes wake-ups to the loop, as many as come together in one go: the system call is the dear part."""
+    """Passes wake-ups to the loop in batches, because each one costs a system call."""
 
     def __init__(self, loop: asyncio.AbstractEventLoop) -> None:
         self.loop = loop
@@ -38,12 +38,12 @@ class Waker:
     def wake(self, future: asyncio.Future[None]) -> None:
         """From any thread."""
         self._pending.append(future)
-        if not self._scheduled:  # two threads may both find it so: the second run finds nothing to do
+        if not self._scheduled:  # two threads may both get here: the second run has nothing to do
             self._scheduled = True
             post(self.loop, self._run)
 
     def _run(self) -> None:
-        # First the mark, then the queue: what comes after the last look schedules another run.
+        # The mark is cleared before the queue is read, so that a later wake-up schedules another run.
         self._scheduled = False
         while self._pending:
             future = self._pending.popleft()
@@ -62,7 +62,7 @@ class Signal:
             settle(waiter)
 
     def end(self, error: Callable[[], Exception]) -> None:
-        """From now on `check` and `wait` raise what this gives: an error of its own for each task."""
+        """From now on `check` and `wait` raise what `error` returns, a new exception for each task."""
         if self._ended is None:
             self._ended = error
             self.notify()

@@ -13,7 +13,7 @@ from . import _module
 from ._output import Output
 from .frames import AudioFrame
 
-#: Samples are handed over in pieces of this length, ms; so much sooner does a clear take hold.
+#: Milliseconds handed over at a time, so that a clear takes effect between two pieces.
 _PIECE = 100
 _PERIODS_A_SECOND = 100
 
@@ -64,7 +64,8 @@ class AudioOutput:
         ready: Callable[[], Awaitable[None]],
         clear: Callable[[], Awaitable[tuple[float, float]]],
     ) -> None:
-        """ready: waits until the session takes audio. clear: drops what both outputs have queued, ms of each."""
+        """ready: waits until the session takes audio. clear: drops what both outputs have queued, ms of
+        each."""
         self._output = output
         self._ready, self._clear = ready, clear
         self._rate, self._channels = form.sample_rate, form.number_of_channels
@@ -84,16 +85,16 @@ class AudioOutput:
     async def write(
         self, samples: Any, *, sample_rate: Optional[int] = None, channels: Optional[int] = None
     ) -> bool:
-        """Says some samples: 16-bit, native byte order, any contiguous buffer of any length; or an `AudioFrame`,
-        which knows its own form.
+        """Queues samples to be heard: 16-bit, native byte order, any contiguous buffer of any length; or an
+        `AudioFrame`, which knows its own form.
 
         sample_rate: of these samples, 8000 to 48000 Hz; None: the session's. Another rate is resampled, and a
             stream of writes at one rate is resampled as one piece.
         channels: of these samples, 1 or 2; None: what an array of shape (frames, channels) has, else the
             session's.
 
-        Waits while more than the publisher's `audio_queue` is queued. The buffer must not be changed before it
-        returns. Gives False if `clear` has cut it short, True when all has been handed over.
+        Waits while more than the publisher's `audio_queue` is queued. The buffer must not be changed before
+        it returns. Gives False if `clear` has cut it short, True when all has been handed over.
         """
         output = self._output
         output.check()
@@ -114,7 +115,7 @@ class AudioOutput:
                 await self._add(self._converter.convert(part) if self._converter else part)
                 done += len(part)
                 if done < len(view):
-                    await asyncio.sleep(0)  # a long text must not keep the loop
+                    await asyncio.sleep(0)  # a long write must not block the loop
         return True
 
     async def drained(self) -> None:
@@ -136,7 +137,8 @@ class AudioOutput:
         return round((await self._clear())[0])
 
     async def _change_form(self, rate: int, channels: int, cuts: int) -> None:
-        """Ready to convert from this form; the end of what came in another goes out first."""
+        """Prepares the conversion from this form, after writing out what the converter of another form
+        holds."""
         old, same = self._converter, (rate, channels) == (self._rate, self._channels)
         if old is None and same or old is not None and old.form_in == (rate, channels):
             return
@@ -152,6 +154,6 @@ class AudioOutput:
             await self._output.hand_over(lambda: _module.client().add_audio(data), frames / self._rate * 1000)
 
     def forget(self) -> None:
-        """After a clear: what the resampler holds belongs to what was dropped."""
+        """Drops what the resampler holds, after a clear."""
         self._converter = None
         self._begun = 0

@@ -37,12 +37,12 @@ class Publisher:
         video_queue: float,
         forget: Callable[[Publisher], None],
     ) -> None:
-        """forget: takes it off the session's books, once it is closed."""
+        """forget: removes it from the session, once it is closed."""
         self._state = state
         self._forget = forget
         self._settings = settings
         self.stream: Optional[Stream] = None
-        """Our stream as the session knows it, once it has told."""
+        """Our stream as the session knows it; None until the session has announced it."""
         self._outputs: list[Output] = []
         self._audio: Optional[AudioOutput] = None
         self._video: Optional[VideoOutput] = None
@@ -106,7 +106,8 @@ class Publisher:
                 raise
         try:
             self.check()
-            # Agents clear with every sound that they hear: the module's worker is asked only if there may be something.
+            # Agents clear at every sound that they hear: the module's worker is asked only if something may
+            # be queued.
             dry = all(output.is_dry for output in self._outputs)
             dropped = [0.0, 0.0] if dry else list(await _module.call(_clear_and_measure))
             for output in self._outputs:
@@ -133,7 +134,7 @@ class Publisher:
     # ---- for the other classes of this package ----------------------------------------------------------
 
     def check(self) -> None:
-        """Raises if we may not be used here and now."""
+        """Raises if nothing may be published here and now."""
         self._state.check()
         if self._ended is not None:
             raise ClosedError(self._ended)
@@ -156,8 +157,8 @@ class Publisher:
         self._end(reason)
 
     def on_drained(self) -> None:
-        """On the module's worker. What is queued now tells which side is meant, and whether a write came since:
-        then there will be another notice."""
+        """On the module's worker. What is queued now tells which side has drained; if a write came in
+        between, another notice follows."""
         added = [(output, output.added) for output in self._outputs]
         left = queued()
         for output, count in added:

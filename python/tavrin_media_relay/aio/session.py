@@ -53,7 +53,7 @@ class Session:
         self._subscribers: dict[str, Subscriber] = {}
         self._mix: Fan[AudioFrame] = Fan(self._state.waker, "audio frames")
         self._outcome: asyncio.Future[None] = self._state.loop.create_future()
-        self._started = False  # the module has begun, so that there is something to leave
+        self._started = False  # the module has begun to join: there is something to leave
         self._closing: Optional[asyncio.Future[bool]] = None
 
     @property
@@ -92,10 +92,11 @@ class Session:
         return self._state.ended is not None
 
     def events(self, *, capacity: Optional[int] = None) -> Channel[Event]:
-        """An async iterator over what happens, which begins with the connections and streams that are there now.
+        """An async iterator over what happens, which begins with the connections and streams that are there
+        now.
 
-        It ends with the session; a failure or an end by the server is its last event. Each call gives an iterator
-        of its own; of a consumer that lags behind `capacity` (1,000) events the oldest are dropped.
+        It ends with the session; a failure or an end by the server is its last event. Each call gives an
+        iterator of its own; of a consumer that lags behind `capacity` (1,000) events the oldest are dropped.
         """
         self._state.check_place()
         return self._state.presence.listen(capacity)
@@ -113,7 +114,8 @@ class Session:
         return AudioIterator(self._mix, capacity, policy, sample_rate, channels)
 
     async def wait_for_stream(self, suits: Optional[Callable[[Stream], bool]] = None) -> Stream:
-        """The first stream that is there or comes, of those that suit; ClosedError if the session ends first."""
+        """The first stream that is there or comes, of those that suit; ClosedError if the session ends
+        first."""
         async for event in self.events():
             if isinstance(event, events.StreamReceived) and (suits is None or suits(event.stream)):
                 return event.stream
@@ -132,7 +134,8 @@ class Session:
             raise SessionError(failure.code, failure.message)
 
     def statistics(self) -> Statistics:
-        """Figures of the library, and of what this session's outputs and iterators did. Also after the end."""
+        """Figures of the library, and of what this session's outputs and iterators did. Also after the
+        end."""
         _module.check_process()
         library = library_statistics()
         deliveries = {each["stream"]: each for each in (library or {}).get("subscribers", {}).values()}
@@ -155,8 +158,8 @@ class Session:
         """Publishes our stream: `async with session.publish("me") as publisher:`, or `await` and `close`.
 
         audio, video: what the stream has. captions: let the server make captions of what we say.
-        stereo, dtx: how the sound is coded. audio_queue, video_queue: seconds that may be queued before a `write`
-        waits. Raises PublisherError if it is refused; one stream is published at a time.
+        stereo, dtx: how the sound is coded. audio_queue, video_queue: seconds that may be queued before a
+        `write` waits. Raises PublisherError if it is refused; one stream is published at a time.
         """
         self._state.check()
         coding = PublisherAudioSettings(enable_stereo_mode=stereo, enable_opus_dtx=dtx)
@@ -181,8 +184,8 @@ class Session:
     ) -> Opening[Subscriber]:
         """Receives a stream: `async with session.subscribe(stream) as subscriber:`, or `await` and `close`.
 
-        audio, video, captions: what is wanted; captions only with one of the others. resolution, framerate: what
-        is preferred, where the stream is offered in several. Raises SubscriberError if it is refused.
+        audio, video, captions: what is wanted; captions only with one of the others. resolution, framerate:
+        what is preferred, where the stream is offered in several. Raises SubscriberError if it is refused.
         """
         self._state.check()
         of_type("stream", stream, Stream)
@@ -194,7 +197,8 @@ class Session:
         return Opening(lambda: self._subscribe(stream, settings))
 
     async def close(self) -> None:
-        """Leaves the session and waits until it is left. May be called more than once, and by several tasks."""
+        """Leaves the session and waits until it is left. May be called more than once, and by several
+        tasks."""
         if self._closing is not None and self._closing.done():
             return
         self._state.check_place()
@@ -260,16 +264,17 @@ class Session:
             self._publisher = None
 
     def _forget_subscriber(self, subscriber: Subscriber) -> bool:
-        """False if it was forgotten before, with its stream."""
+        """False if it was removed before, with its stream."""
         if self._subscribers.get(subscriber.stream.id) is not subscriber:
             return False
         del self._subscribers[subscriber.stream.id]
         return True
 
-    # ---- events, on the loop ------------------------------------------------------------------------------------
+    # ---- events, on the loop ---------------------------------------------------------------------------
 
     def _told(self, handler: Callable[..., object]) -> Callable[..., object]:
-        """A callable for the module's worker that runs the handler on the loop, with all but the session."""
+        """A callable for the module's worker: runs the handler on the loop, without the argument
+        `session`."""
 
         def callable_(_session: object, *arguments: object) -> None:
             self._state.post(self._on_event, functools.partial(handler, *arguments))

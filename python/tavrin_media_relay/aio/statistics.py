@@ -1,4 +1,4 @@
-"""Figures of a session: the library's own, and what this face did with the media."""
+"""Figures of a session: the library's own, and those of the asyncio face."""
 
 from __future__ import annotations
 
@@ -15,20 +15,21 @@ class Received:
     """One kind of media of one source."""
 
     received: int = 0
-    """Told by the module."""
+    """Delivered by the module."""
     delivered: int = 0
     """Taken from the iterators, all of them together."""
     dropped: int = 0
-    """Given up by the iterators, for slow consumers."""
+    """Dropped by the iterators, for slow consumers."""
     lost: int = 0
-    """Given up by the library, because the module did not take them in time."""
+    """Dropped by the library, because the module did not take them in time."""
     waiting: int = 0
     """In the queues of the iterators now, all of them together."""
     escaped_views: int = 0
-    """Blocks or pictures whose memory outlived the module's call, because an iterator took them. Captions are plain
-    text: of those there are none."""
+    """Blocks or pictures whose memory outlived the module's call, because an iterator took them. Captions are
+    plain text: of those there are none."""
     delay_p50: float = 0.0
-    """Seconds from the module's call to the consumer's body: at most an eighth above the true value, as the others."""
+    """Seconds from the module's call to the consumer's body: at most an eighth above the true value, as the
+    others."""
     delay_p99: float = 0.0
     delay_max: float = 0.0
     callable_p50: float = 0.0
@@ -51,9 +52,10 @@ class Statistics:
     """What `Session.statistics()` gives; `dataclasses.asdict` makes plain data of it."""
 
     library: Optional[dict[str, Any]]
-    """Pacing, gaps, repeated and dropped pictures, and under "callbacks" how long each kind of media waited for the
-    module and how long each call took, to our callable and back: counters of our real-time library since it was
-    loaded, in the words of its header sarnet_statistics.h. None with a library that keeps none."""
+    """Pacing, gaps, repeated and dropped pictures, and under "callbacks" how long each kind of media waited
+    for the module and how long each call took, to our callable and back: counters of our real-time library
+    since it was loaded, in the words of its header sarnet_statistics.h. None with a library that keeps
+    none."""
     mix: Received
     """The mixed audio of the session."""
     streams: dict[str, StreamFigures]
@@ -90,8 +92,8 @@ class Delays:
 
 
 class Totals:
-    """What became of the items of one source. The counts of arrivals and drops are its thread's own, the others
-    the loop's."""
+    """Counts of the items of one source. Its thread writes the counts of arrivals and drops, the loop the
+    others."""
 
     def __init__(self) -> None:
         self.received = 0

@@ -24,9 +24,9 @@ from .statistics import StreamFigures
 class Subscriber:
     """Made by `Session.subscribe`. Ends with its `async with`, with `close`, with the stream or the session.
 
-    Each call of the three methods below gives an iterator of its own, which receives everything from that call
-    on, and ends when the subscription does. `capacity` items wait for a slow consumer; then the oldest gives way
-    and is counted in `dropped`. With the policy "latest" only the newest one waits.
+    Each call of the three methods below gives an iterator of its own, which receives everything from that
+    call on, and ends when the subscription does. `capacity` items wait for a slow consumer; then the oldest
+    gives way and is counted in `dropped`. With the policy "latest" only the newest one waits.
     """
 
     def __init__(
@@ -36,7 +36,7 @@ class Subscriber:
         settings: SubscriberSettings,
         forget: Callable[[Subscriber], bool],
     ) -> None:
-        """forget: takes it off the session's books; False if it was not there any more."""
+        """forget: removes it from the session; False if it was removed before."""
         self.stream = stream
         """The stream that is subscribed to."""
         self._state = state
@@ -111,7 +111,7 @@ class Subscriber:
         return self
 
     def end(self, how: str, error: Optional[SubscriberError] = None) -> None:
-        """The end of all iterators, with an error if there was one."""
+        """Ends all iterators, with an error if there was one."""
         if self._ended is not None:
             return
         self._ended = f"the subscription to stream {self.stream.id!r} {how}"
@@ -121,7 +121,7 @@ class Subscriber:
         settle(self._outcome, error or SubscriberError(SubscriberError.NOT_STARTED, self._ended))
 
     def figures(self, lost: Mapping[str, Any]) -> StreamFigures:
-        """lost: what the library dropped of this stream, in its own words."""
+        """lost: the library's counters of this stream."""
         return StreamFigures(
             self._audio_fan.figures(lost.get("audio_blocks_dropped", 0)),
             self._video_fan.figures(lost.get("pictures_dropped", 0)),
@@ -162,7 +162,7 @@ class Subscriber:
             self._state.notify(events.SubscriberFailed(self.stream, error))
 
     def _see_media(self) -> None:
-        # Media are as good an outcome as the event, which may have been lost.
+        # Media prove the subscription as well as the event does, which may have been lost.
         self._media_seen = True
         self._state.post(settle, self._outcome)
 

@@ -12,7 +12,8 @@ from ..models import VideoFrame as NativeFrame
 from . import _module, frames
 from ._output import Output
 
-#: Pixels that are converted in 0.2 to 0.4 ms. More of them, 1 to 2 ms for 1920x1080, would block the loop too long.
+#: Pixels that are converted in 0.2 to 0.4 ms. More of them, 1 to 2 ms for 1920x1080, would block the loop too
+#: long.
 _SMALL = 1280 * 720
 
 _worker: Optional[ThreadPoolExecutor] = None
@@ -65,8 +66,8 @@ class VideoOutput:
             shape, (height, width, 3) for RGB, (height, width, 4) for RGBA, (height, width) for grey,
             (height * 3 // 2, width) for YUV420P; flat bytes have the session's own format.
 
-        Waits while more than the publisher's `video_queue` is queued. The buffer must not be changed before it
-        returns. Gives False if a clear came first.
+        Waits while more than the publisher's `video_queue` is queued. The buffer must not be changed before
+        it returns. Gives False if a clear came first.
         """
         output = self._output
         output.check()

@@ -1,4 +1,5 @@
-"""Events and figures of a visit, second by second: summed up for its end, and written to a file for `report`."""
+"""Events and figures of a visit, second by second: summed up for its end, and written to a file for
+`report`."""
 
 from __future__ import annotations
 

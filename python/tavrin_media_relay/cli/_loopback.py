@@ -49,7 +49,8 @@ class LoopbackFigures:
     escaped_views: int
     """Received blocks of audio that outlived the module's call."""
     pacing: Optional[dict[str, Any]]
-    """The library's counters of what we sent while we spoke: once speech has ended, three periods are left out."""
+    """The library's counters of what we sent while we spoke: once speech has ended, three periods are left
+    out."""
     library: Optional[dict[str, Any]]
     """The library's counters at the end."""
 

@@ -1,4 +1,5 @@
-"""Media files as streams of samples and pictures: plain WAV by Python itself, all else by the program ffmpeg."""
+"""Media files as streams of samples and pictures: plain WAV by Python itself, all else by the program
+ffmpeg."""
 
 from __future__ import annotations
 

@@ -27,7 +27,8 @@ def tone(seconds: float, hertz: float = 440.0, level: float = 0.25) -> Samples:
 
 
 def babble(seconds: float, level: float = 0.4, seed: int = 1) -> Samples:
-    """Something like speech: noise of a voice's frequencies in syllables, without a pause. The same for each seed."""
+    """Something like speech: noise of a voice's frequencies in syllables, without a pause. The same for each
+    seed."""
     count = int(seconds * RATE)
     noise = np.random.default_rng(seed).normal(size=count)
     spectrum, frequencies = np.fft.rfft(noise), np.fft.rfftfreq(count, 1 / RATE)
