@@ -1,12 +1,15 @@
 #!/usr/bin/env python3
-"""Checks that includes go one way: a subsystem sees itself and those below it, and the module's core and
-the open library see nothing of each other but the contract's header.
+"""Checks that includes and imports go one way: a subsystem sees itself and those below it, and the module's core and
+the open library see nothing of each other but the contract's header. The rooms of the Python package import downwards,
+and the modules of each room do not import each other in a circle.
 
-Run from anywhere; prints each include that runs the wrong way, and exits 1 if there is one.
+Run from anywhere; prints each include or import that runs the wrong way, and exits 1 if there is one.
 """
 
 from __future__ import annotations
 
+import ast
+import graphlib
 import re
 import sys
 from pathlib import Path
@@ -15,6 +18,20 @@ ROOT = Path(__file__).resolve().parent.parent
 
 #: Lowest first. The module's binding lies above them all.
 CORE_LAYERS = ("support", "runtime", "media", "session", "controller")
+
+PACKAGE = ROOT / "python/tavrin_media_relay"
+#: Rooms of the Python package, lowest first. Those of one height see nothing of each other.
+PYTHON_ROOMS = (
+    {"_checks", "_media_files", "_recording", "_tasks"},
+    {"models"},
+    {"tavrin_media_relay"},
+    {"_native"},
+    {"captions", "aio"},
+    {"testing", "server"},
+    {"relay"},
+    {"cli"},
+    {"__main__"},
+)
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*["<]([^">]+)[">]', re.MULTILINE)
 SOURCES = {".h", ".hpp", ".c", ".cpp", ".inc"}
@@ -68,14 +85,71 @@ def wrong_includes() -> list[str]:
     return found
 
 
+def python_modules() -> dict[str, Path]:
+    """The package's files by their module names."""
+    found = {}
+    for path in sorted(PACKAGE.rglob("*.py")):
+        parts = path.relative_to(PACKAGE.parent).with_suffix("").parts
+        found[".".join(parts[:-1] if parts[-1] == "__init__" else parts)] = path
+    return found
+
+
+def imports(name: str, path: Path, modules: dict[str, Path]) -> list[tuple[int, str]]:
+    """Lines and names of the package's modules that a module imports, for type checkers alone too."""
+    found = []
+    package = name if path.name == "__init__.py" else name.rpartition(".")[0]
+    for node in ast.walk(ast.parse(path.read_text(encoding="utf-8"))):
+        if isinstance(node, ast.Import):
+            wanted = [each.name for each in node.names]
+        elif isinstance(node, ast.ImportFrom):
+            base = node.module or ""
+            if node.level:
+                above = package.split(".")[: len(package.split(".")) - node.level + 1]
+                base = ".".join([*above, *([node.module] if node.module else [])])
+            # A name of a package is its module of that name, else what its __init__ holds.
+            wanted = [full if (full := f"{base}.{each.name}") in modules else base for each in node.names]
+        else:
+            continue
+        found += [(node.lineno, each) for each in wanted if each in modules and each != name]
+    return found
+
+
+def python_room(name: str) -> str:
+    return name.split(".")[1] if "." in name else name
+
+
+def wrong_imports() -> list[str]:
+    modules = python_modules()
+    heights = {room: height for height, rooms in enumerate(PYTHON_ROOMS) for room in rooms}
+    found = []
+    graph: dict[str, set[str]] = {name: set() for name in modules}
+    for name, path in modules.items():
+        room = python_room(name)
+        for line, target in imports(name, path, modules):
+            where, other = f"{path.relative_to(ROOT)}:{line}", python_room(target)
+            graph[name].add(target)
+            if room not in heights or other not in heights:
+                found.append(f"{where}: {target}: one of the two is in no known room")
+            elif room != other and heights[other] >= heights[room]:
+                found.append(f"{where}: {target} lies in a room above or beside")
+            private = [part for part in target.split(".")[2:] if part.startswith("_")]
+            if room != other and private:
+                found.append(f"{where}: {target} is private to {other}")
+    try:
+        graphlib.TopologicalSorter(graph).prepare()
+    except graphlib.CycleError as error:
+        found.append("imports in a circle: " + " -> ".join(reversed(error.args[1])))
+    return found
+
+
 def main() -> int:
-    found = wrong_includes()
+    found = wrong_includes() + wrong_imports()
     for line in found:
         print(line)
     if not sources("src") or not sources("sarnet"):
         print("no sources found: is this the project's folder?")
         return 1
-    print(f"{len(found)} include(s) run the wrong way")
+    print(f"{len(found)} include(s) and import(s) run the wrong way")
     return 1 if found else 0
 
 

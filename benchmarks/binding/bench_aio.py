@@ -27,7 +27,7 @@ from typing import Any
 import numpy as np
 
 from tavrin_media_relay import LoggingSettings, SessionSettings, TavrinVideoClient, aio
-from tavrin_media_relay.aio._resample import Converter
+from tavrin_media_relay._native.resample import Converter
 
 FRAMES = 480
 STREAMS = (1, 20)

@@ -1,4 +1,5 @@
-"""Checks of arguments and settings: each names the one in question, shows what was given and tells what is wanted."""
+"""Checks of arguments and settings: each names the one in question, shows what was given and tells what is
+wanted."""
 
 from __future__ import annotations
 
@@ -30,7 +31,7 @@ def number(name: str, value: Any, low: float, high: float, unit: str) -> None:
 
 
 class Fields:
-    """Checks of the fields of one record that a person fills in, which stand there already."""
+    """Checks of the fields of one record that a person fills in, which are already set."""
 
     def __init__(self, record: object) -> None:
         self._record = record
@@ -39,7 +40,7 @@ class Fields:
         return f"{type(self._record).__name__}.{field}"
 
     def integer(self, field: str, low: int, high: int, unit: str = "") -> None:
-        """Puts an int where another kind of index was."""
+        """Replaces another kind of index by an int."""
         whole = integer(self.name(field), getattr(self._record, field), low, high, unit)
         setattr(self._record, field, whole)
 

@@ -8,7 +8,7 @@ from typing import Any, AsyncIterator, Awaitable
 
 
 async def end(*tasks: asyncio.Future[Any]) -> None:
-    """Cancels what still runs of them, and waits until all have ended, however that may be."""
+    """Cancels those that still run, and waits until all have ended, with or without an error."""
     for task in tasks:
         task.cancel()
     await asyncio.gather(*tasks, return_exceptions=True)
@@ -16,18 +16,9 @@ async def end(*tasks: asyncio.Future[Any]) -> None:
 
 @contextlib.asynccontextmanager
 async def beside(*work: Awaitable[Any]) -> AsyncIterator[None]:
-    """Runs the work while the block does, and ends it with the block. What it raises is passed over."""
+    """Runs the work while the block runs, and cancels it at the end of the block. Its errors are ignored."""
     tasks = [asyncio.ensure_future(each) for each in work]
     try:
         yield
-    finally:
-        await end(*tasks)
-
-
-async def together(*work: Awaitable[Any]) -> None:
-    """All of it; what one raises ends the others."""
-    tasks = [asyncio.ensure_future(each) for each in work]
-    try:
-        await asyncio.gather(*tasks)
     finally:
         await end(*tasks)

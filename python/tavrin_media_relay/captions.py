@@ -10,15 +10,13 @@ from __future__ import annotations
 import ctypes
 from typing import Any
 
+from ._native.libraries import find_sarnet
+
 
 def _sender() -> Any:
     import _tavrin_video  # noqa: F401  brings the library into the process
 
-    try:
-        # By the name that it has in the process: the very library that the module runs on.
-        return ctypes.CDLL("libsarnet.so").srn_captions_send
-    except (OSError, AttributeError):
-        return None
+    return getattr(find_sarnet(), "srn_captions_send", None)
 
 
 _send: Any = None

@@ -15,10 +15,11 @@ import pytest
 from programs import BUILD, COMPLAINTS, environment
 
 from tavrin_media_relay import frame_buffer_size
+from tavrin_media_relay._native.pictures import convert
+from tavrin_media_relay._native.resample import Converter
 from tavrin_media_relay.aio import AudioFrame
 from tavrin_media_relay.aio._output import Output
-from tavrin_media_relay.aio._pictures import convert, convert_aside
-from tavrin_media_relay.aio._resample import Converter
+from tavrin_media_relay.aio.video_output import convert_aside
 
 
 def start(case: str, folder: Path, **variables: object) -> subprocess.Popen[str]:
@@ -44,7 +45,7 @@ def test_case(case, tmp_path):
 
 def test_a_queue_found_dry_during_a_write_is_not_dry_after_it():
     async def write() -> Output:
-        output, found = Output(0, 1000), []
+        output, found = Output(0, 1000, lambda: None), []
         await output.hand_over(lambda: found.append(output.added) or True, 20)
         output.ran_dry(*found)
         return output

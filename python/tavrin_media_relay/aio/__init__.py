@@ -6,12 +6,12 @@
             await publisher.audio.drained()
 """
 
+from .._native.pictures import Layout
 from ..models import Connection, Stream
 from ._channel import Channel, Policy
 from ._connect import connect
 from ._media import AudioIterator, MediaIterator
 from ._opening import Opening
-from ._pictures import Layout
 from .audio_output import AudioOutput
 from .errors import ClosedError, MediaError, PublisherError, SessionError, SubscriberError
 from .events import (

@@ -6,7 +6,6 @@ from typing import Optional
 
 from .._checks import number, of_type
 from ..models import SessionSettings
-from ._core import Core
 from ._opening import Opening
 from .session import Session
 
@@ -19,14 +18,14 @@ def connect(
     settings: Optional[SessionSettings] = None,
     timeout: float = 30.0,
 ) -> Opening[Session]:
-    """Joins a session: `async with connect(...) as session:`, or `session = await connect(...)` and, in the end,
-    `await session.close()`.
+    """Joins a session: `async with connect(...) as session:`, or `session = await connect(...)` and, in the
+    end, `await session.close()`.
 
     settings: forms of the media, log level. timeout: seconds until the attempt is given up.
 
-    Raises SessionError if the session refuses, fails or doesn't answer, TypeError or ValueError for bad arguments.
-    A process is in one session at a time. When joining is cancelled, it is taken back before the cancellation goes
-    on, so that the next `connect` starts clean.
+    Raises SessionError if the session refuses, fails or doesn't answer, TypeError or ValueError for bad
+    arguments. A process is in one session at a time. When joining is cancelled, it is taken back before the
+    cancellation goes on, so that the next `connect` starts clean.
     """
     for name, value in (("application_id", application_id), ("session_id", session_id), ("token", token)):
         of_type(name, value, str)
@@ -35,8 +34,7 @@ def connect(
     number("timeout", timeout, 0.0, 1e9, "seconds")
 
     async def begin() -> Session:
-        core = Core(session_id, settings or SessionSettings())
-        await core.open(application_id, token, timeout)
-        return Session(core)
+        session = Session(session_id, settings or SessionSettings())
+        return await session.open(application_id, token, timeout)
 
     return Opening(begin)

@@ -6,47 +6,49 @@ import time
 import weakref
 from typing import Generic, Iterator, Optional, TypeVar
 
-from ._channel import Channel, Totals, Waker
+from ._channel import ChannelWriter
+from ._wakeups import Waker
+from .statistics import Received, Totals
 
 T = TypeVar("T")
 
 
 class Listeners(Generic[T]):
-    """Iterators that are given the same. `put` runs on one thread at a time, all else on the loop.
+    """Iterators that receive the same items. `put` runs on one thread at a time, all else on the loop.
 
-    They are held weakly: one that a program has left behind costs nothing from then on.
+    They are held weakly: an abandoned one costs nothing from then on.
     """
 
     def __init__(self) -> None:
-        self._channels: tuple[weakref.ref[Channel[T]], ...] = ()
+        self._writers: tuple[weakref.ref[ChannelWriter[T]], ...] = ()
         self._closed = False
 
-    def add(self, channel: Channel[T]) -> None:
+    def add(self, writer: ChannelWriter[T]) -> None:
         if self._closed:
-            channel.close()
+            writer.close()
         else:
-            self._channels = (*(weakref.ref(each) for each in self._living()), weakref.ref(channel))
+            self._writers = (*(weakref.ref(each) for each in self._living()), weakref.ref(writer))
 
     def put(self, item: T, now: float) -> bool:
         """False if nobody took it."""
         taken = False
-        for channel in self._living():
-            taken = channel.put(item, now) or taken
+        for writer in self._living():
+            taken = writer.put(item, now) or taken
         return taken
 
     @property
     def waiting(self) -> int:
         """Items in the queues of all of them now."""
-        return sum(channel.waiting for channel in self._living())
+        return sum(writer.waiting for writer in self._living())
 
     def close(self, error: Optional[Exception] = None) -> None:
-        """The end of each, after what it has queued."""
+        """Ends each, after what it has queued."""
         self._closed = True
-        for channel in self._living():
-            channel.close(error)
+        for writer in self._living():
+            writer.close(error)
 
-    def _living(self) -> Iterator[Channel[T]]:
-        return (channel for each in self._channels if (channel := each()) is not None)
+    def _living(self) -> Iterator[ChannelWriter[T]]:
+        return (writer for each in self._writers if (writer := each()) is not None)
 
 
 class Fan(Listeners[T]):
@@ -58,10 +60,10 @@ class Fan(Listeners[T]):
         self._waker = waker
         self._what = what
 
-    def open(self, capacity: int) -> Channel[T]:
-        channel: Channel[T] = Channel(self._waker, capacity, self._what, self.totals)
-        self.add(channel)
-        return channel
+    def open(self, capacity: int) -> ChannelWriter[T]:
+        writer: ChannelWriter[T] = ChannelWriter(self._waker, capacity, self._what, self.totals)
+        self.add(writer)
+        return writer
 
     def put(self, item: T, arrived: float) -> bool:
         self.totals.received += 1
@@ -69,3 +71,7 @@ class Fan(Listeners[T]):
         self.totals.kept += kept
         self.totals.spent.add(time.monotonic() - arrived)
         return kept
+
+    def figures(self, lost: int = 0, *, views: bool = True) -> Received:
+        """lost: dropped by the library. views: whether items are views on memory of the module."""
+        return self.totals.figures(self.waiting, lost, views)

@@ -3,13 +3,13 @@
 from __future__ import annotations
 
 import time
-from typing import Generic, Optional, TypeVar
+from typing import Optional, TypeVar
 
 from .._checks import integer
+from .._native.resample import Converter
 from ..models import AudioData
-from ._channel import Policy, bounded
+from ._channel import Channel, Policy, bounded
 from ._fan import Fan
-from ._resample import Converter
 from .frames import AudioFrame
 
 T = TypeVar("T")
@@ -20,41 +20,11 @@ VIDEO_CAPACITY = 6
 CAPTIONS_CAPACITY = 100
 
 
-class MediaIterator(Generic[T]):
+class MediaIterator(Channel[T]):
     """An async iterator over media, with a bounded queue. One task at a time may wait on it."""
 
     def __init__(self, fan: Fan[T], capacity: Optional[int], policy: Policy, default: int) -> None:
-        self._channel = fan.open(bounded(capacity, policy, default))
-
-    @property
-    def capacity(self) -> int:
-        """Items that are kept for a slow consumer."""
-        return self._channel.capacity
-
-    @property
-    def waiting(self) -> int:
-        """Items that wait now."""
-        return self._channel.waiting
-
-    @property
-    def delivered(self) -> int:
-        """Items taken so far."""
-        return self._channel.delivered
-
-    @property
-    def dropped(self) -> int:
-        """Items that gave way to newer ones so far."""
-        return self._channel.dropped
-
-    def __aiter__(self) -> MediaIterator[T]:
-        return self
-
-    async def __anext__(self) -> T:
-        return await self._channel.__anext__()
-
-    async def aclose(self) -> None:
-        """Stops listening. What is queued is let go."""
-        await self._channel.aclose()
+        super().__init__(fan.open(bounded(capacity, policy, default)))
 
 
 class AudioIterator(MediaIterator[AudioFrame]):
@@ -68,15 +38,15 @@ class AudioIterator(MediaIterator[AudioFrame]):
         sample_rate: Optional[int],
         channels: Optional[int],
     ) -> None:
-        self._rate = None if sample_rate is None else integer("sample_rate", sample_rate, 8000, 48000)
-        self._channels = None if channels is None else integer("channels", channels, 1, 2)
+        self._wanted_rate = None if sample_rate is None else integer("sample_rate", sample_rate, 8000, 48000)
+        self._wanted_channels = None if channels is None else integer("channels", channels, 1, 2)
         super().__init__(fan, capacity, policy, AUDIO_CAPACITY)
         self._converter: Optional[Converter] = None
 
     async def __anext__(self) -> AudioFrame:
         while True:
             frame = await super().__anext__()
-            rate, channels = self._rate or frame.sample_rate, self._channels or frame.channels
+            rate, channels = self._wanted_rate or frame.sample_rate, self._wanted_channels or frame.channels
             form = (frame.sample_rate, frame.channels)
             if (rate, channels) == form:
                 return frame

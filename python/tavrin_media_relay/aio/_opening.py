@@ -1,4 +1,4 @@
-"""What is begun with `async with` (and ended with the block), or with `await` (and ended with `close`)."""
+"""What `async with` opens and closes with its block, or `await` opens and `close` closes."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ _GRACE = 1.0  # s
 
 @contextlib.asynccontextmanager
 async def attempt(close: Callable[[], Awaitable[None]], outcome: asyncio.Future[None]) -> AsyncIterator[None]:
-    """Around the beginning of something, up to its outcome: closes it again if that fails or is cancelled."""
+    """Around an opening, up to its outcome: closes again if the opening fails or is cancelled."""
     try:
         yield
     except BaseException:
@@ -29,9 +29,9 @@ async def attempt(close: Callable[[], Awaitable[None]], outcome: asyncio.Future[
         outcome.cancel()
 
 
-async def likely(outcome: asyncio.Future[None]) -> None:
-    """Waits for an outcome whose event the module loses if it is faster than the call: after a second it is taken for
-    good, since an error would have come."""
+async def settled_or_assumed(outcome: asyncio.Future[None]) -> None:
+    """Waits for an outcome whose event the module loses if the event is faster than the call. After a second
+    it is assumed to be a success, since an error would have arrived."""
     await asyncio.wait([outcome], timeout=_GRACE)
     if outcome.done():
         outcome.result()

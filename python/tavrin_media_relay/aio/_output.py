@@ -1,22 +1,22 @@
-"""What the two outputs of a publisher share: back-pressure, running dry, and being cut short."""
+"""What the two outputs of a publisher share: back-pressure, draining and clearing."""
 
 from __future__ import annotations
 
 import asyncio
 from typing import Callable, Literal
 
-from . import _native
-from ._channel import Signal
+from . import _module
+from ._wakeups import Signal
 from .errors import PublisherError
 
-#: How long the session may take nothing of what is written, in s.
+#: Seconds for which the session may accept nothing of what is written.
 _PATIENCE = 5.0
 _RETRY = 0.05
 
 
 def queued() -> tuple[float, float]:
     """Milliseconds of audio and of video that wait in the module. Waits for the module's worker."""
-    stats = _native.client().get_media_buffer_stats()
+    stats = _module.client().get_media_buffer_stats()
     if not stats:
         return 0.0, 0.0
     sides = (stats.audio, stats.video)
@@ -25,27 +25,34 @@ def queued() -> tuple[float, float]:
 
 
 class Output:
-    """One of the two. Everything but `added` is the loop's own.
+    """One side, audio or video. Everything but `added` belongs to the loop.
 
-    The module takes what it is given at once and for minutes on end, so it is asked how much it holds, but only
-    when what has been added since the last answer could have reached the limit.
+    The module accepts minutes of media at once, so it is asked how much it holds, but only when what has been
+    added since the last answer could have reached the limit.
     """
 
-    def __init__(self, side: Literal[0, 1], limit: float) -> None:
+    def __init__(self, side: Literal[0, 1], limit: float, usable: Callable[[], None]) -> None:
+        """limit: ms that may be queued. usable: raises if nothing may be written here and now."""
         self.changed = Signal()
+        self._usable = usable
         self.added = 0
-        """Counts what was handed to the module. Read by the module's worker too."""
+        """Number of blocks handed to the module. Read by the module's worker too."""
         self.cut_ms = 0.0
-        """What writes that a clear has ended had not handed over."""
+        """Milliseconds that writes ended by a clear had not handed over."""
         self.written_ms = 0.0
         self.turn = asyncio.Lock()
         """Held by the task that writes, and by a clear."""
         self.side = side
-        """0 for audio, 1 for video: its place in what `queued` gives."""
+        """0 for audio, 1 for video: its index in what `queued` returns."""
         self._limit = limit
         self._at_most = 0.0  # ms in the module's queue: when last asked, and all that was added since
         self._dry = 0  # the count up to which the queue is known to have run dry
         self.cuts = 0
+
+    def check(self) -> None:
+        """Raises if nothing may be written, with the reason of the end if there was one."""
+        self.changed.check()
+        self._usable()
 
     def ran_dry(self, count: int) -> None:
         """The module's queue was empty after so many additions."""
@@ -76,7 +83,7 @@ class Output:
                 return False
             if self._at_most <= 0 or self._at_most + ms <= self._limit:
                 return True
-            self._at_most = (await _native.call(queued))[self.side]
+            self._at_most = (await _module.call(queued))[self.side]
             excess = self._at_most + ms - self._limit
             if excess > 0 and self._at_most > 0 and cuts == self.cuts:
                 await self.changed.wait(max(excess / 1000, 0.001))
@@ -90,7 +97,7 @@ class Output:
                     PublisherError.TIMED_OUT, f"the session has taken nothing for {_PATIENCE:g} s"
                 )
             await self.changed.wait(_RETRY)
-        # Counted after: the worker, who may find the queue dry during the call, must not count this.
+        # Counted afterwards: a worker that finds the queue dry during the call must not include this block.
         self.added += 1
         self._at_most += ms
         self.written_ms += ms

@@ -1,4 +1,4 @@
-"""Who and what is in a session now, and the iterators that are told what changes."""
+"""The connections and streams of a session, and the iterators that are notified of changes."""
 
 from __future__ import annotations
 
@@ -6,14 +6,15 @@ from typing import Optional
 
 from ..models import Connection, Stream
 from . import events
-from ._channel import Channel, Waker, bounded
+from ._channel import Channel, ChannelWriter, bounded
 from ._fan import Listeners
+from ._wakeups import Waker
 
 _CAPACITY = 1000
 
 
 class Presence:
-    """All of it runs on the loop."""
+    """Used on the loop only."""
 
     def __init__(self, waker: Waker) -> None:
         self.connections: dict[str, Connection] = {}
@@ -23,40 +24,40 @@ class Presence:
         self._last: Optional[events.Event] = None
 
     def listen(self, capacity: Optional[int]) -> Channel[events.Event]:
-        """An iterator that begins with what is there now."""
+        """An iterator over events that begins with the present connections and streams."""
         present: list[events.Event] = [events.ConnectionCreated(each) for each in self.connections.values()]
         present += [events.StreamReceived(each) for each in self.streams.values()]
         if self._last is not None:
             present.append(self._last)
         kept = max(bounded(capacity, "drop_oldest", _CAPACITY), len(present))
-        channel: Channel[events.Event] = Channel(self._waker, kept, "events")
+        writer: ChannelWriter[events.Event] = ChannelWriter(self._waker, kept, "events")
         for event in present:
-            channel.put(event, self._waker.loop.time())
-        self._listeners.add(channel)
-        return channel
+            writer.put(event, self._waker.loop.time())
+        self._listeners.add(writer)
+        return Channel(writer)
 
-    def tell(self, event: events.Event) -> None:
+    def notify(self, event: events.Event) -> None:
         self._listeners.put(event, self._waker.loop.time())
 
     def close(self, last: Optional[events.Event]) -> None:
-        """The end of every iterator, after an event that tells of it if there is one."""
+        """Ends every iterator, after a last event if there is one."""
         if last is not None:
             self._last = last
-            self.tell(last)
+            self.notify(last)
         self._listeners.close()
 
     def connection_created(self, connection: Connection) -> None:
         self.connections[connection.id] = connection
-        self.tell(events.ConnectionCreated(connection))
+        self.notify(events.ConnectionCreated(connection))
 
     def connection_dropped(self, connection: Connection) -> None:
         self.connections.pop(connection.id, None)
-        self.tell(events.ConnectionDropped(connection))
+        self.notify(events.ConnectionDropped(connection))
 
     def stream_received(self, stream: Stream) -> None:
         self.streams[stream.id] = stream
-        self.tell(events.StreamReceived(stream))
+        self.notify(events.StreamReceived(stream))
 
     def stream_dropped(self, stream: Stream) -> None:
         self.streams.pop(stream.id, None)
-        self.tell(events.StreamDropped(stream))
+        self.notify(events.StreamDropped(stream))

@@ -4,19 +4,16 @@ from __future__ import annotations
 
 import asyncio
 from array import array
-from typing import TYPE_CHECKING, Any, Optional
+from typing import Any, Awaitable, Callable, Optional
 
 from .._checks import integer
+from .._native.resample import Converter, Samples
 from ..models import AudioData, SessionAudioSettings
-from . import _native
+from . import _module
 from ._output import Output
-from ._resample import Converter, Samples
 from .frames import AudioFrame
 
-if TYPE_CHECKING:
-    from .publisher import Publisher
-
-#: Samples are handed over in pieces of this length, ms; so much sooner does a clear take hold.
+#: Milliseconds handed over at a time, so that a clear takes effect between two pieces.
 _PIECE = 100
 _PERIODS_A_SECOND = 100
 
@@ -60,10 +57,18 @@ def as_samples(samples: Any, channels: Optional[int], default: int) -> tuple[mem
 class AudioOutput:
     """Sound for our stream. Writes of several tasks come after one another."""
 
-    def __init__(self, publisher: Publisher, form: SessionAudioSettings, limit: float) -> None:
-        self._publisher = publisher
+    def __init__(
+        self,
+        output: Output,
+        form: SessionAudioSettings,
+        ready: Callable[[], Awaitable[None]],
+        clear: Callable[[], Awaitable[tuple[float, float]]],
+    ) -> None:
+        """ready: waits until the session takes audio. clear: drops what both outputs have queued, ms of
+        each."""
+        self._output = output
+        self._ready, self._clear = ready, clear
         self._rate, self._channels = form.sample_rate, form.number_of_channels
-        self._output = Output(0, limit)
         self._converter: Optional[Converter] = None
         self._begun = 0  # frames since silence last began: the module starts with a full period only
 
@@ -80,27 +85,26 @@ class AudioOutput:
     async def write(
         self, samples: Any, *, sample_rate: Optional[int] = None, channels: Optional[int] = None
     ) -> bool:
-        """Says some samples: 16-bit, native byte order, any contiguous buffer of any length; or an `AudioFrame`,
-        which knows its own form.
+        """Queues samples to be heard: 16-bit, native byte order, any contiguous buffer of any length; or an
+        `AudioFrame`, which knows its own form.
 
         sample_rate: of these samples, 8000 to 48000 Hz; None: the session's. Another rate is resampled, and a
             stream of writes at one rate is resampled as one piece.
         channels: of these samples, 1 or 2; None: what an array of shape (frames, channels) has, else the
             session's.
 
-        Waits while more than the publisher's `audio_queue` is queued. The buffer must not be changed before it
-        returns. Gives False if `clear` has cut it short, True when all has been handed over.
+        Waits while more than the publisher's `audio_queue` is queued. The buffer must not be changed before
+        it returns. Gives False if `clear` has cut it short, True when all has been handed over.
         """
         output = self._output
-        output.changed.check()
-        self._publisher.check()
+        output.check()
         if isinstance(samples, AudioFrame):
             samples, sample_rate, channels = samples.samples, samples.sample_rate, samples.channels
         rate = self._rate if sample_rate is None else integer("sample_rate", sample_rate, 8000, 48000)
         view, channels = as_samples(samples, channels, self._channels)
         cuts, done = output.cuts, 0
         async with output.turn:
-            await self._publisher.audio_ready()
+            await self._ready()
             await self._change_form(rate, channels, cuts)
             piece = rate * _PIECE // 1000 * channels
             while done < len(view):
@@ -111,7 +115,7 @@ class AudioOutput:
                 await self._add(self._converter.convert(part) if self._converter else part)
                 done += len(part)
                 if done < len(view):
-                    await asyncio.sleep(0)  # a long text must not keep the loop
+                    await asyncio.sleep(0)  # a long write must not block the loop
         return True
 
     async def drained(self) -> None:
@@ -130,10 +134,11 @@ class AudioOutput:
         Gives the milliseconds of sound that will not be heard: what was queued, and what the ended writes had
         left. Pictures that are queued are dropped with it.
         """
-        return round((await self._publisher.clear())[0])
+        return round((await self._clear())[0])
 
     async def _change_form(self, rate: int, channels: int, cuts: int) -> None:
-        """Ready to convert from this form; the end of what came in another goes out first."""
+        """Prepares the conversion from this form, after writing out what the converter of another form
+        holds."""
         old, same = self._converter, (rate, channels) == (self._rate, self._channels)
         if old is None and same or old is not None and old.form_in == (rate, channels):
             return
@@ -146,9 +151,9 @@ class AudioOutput:
         if frames:
             data = AudioData(self._rate, self._channels, frames, samples)
             self._begun += frames
-            await self._output.hand_over(lambda: _native.client().add_audio(data), frames / self._rate * 1000)
+            await self._output.hand_over(lambda: _module.client().add_audio(data), frames / self._rate * 1000)
 
     def forget(self) -> None:
-        """After a clear: what the resampler holds belongs to what was dropped."""
+        """Drops what the resampler holds, after a clear."""
         self._converter = None
         self._begun = 0

@@ -5,7 +5,7 @@ from __future__ import annotations
 from dataclasses import dataclass
 from typing import TYPE_CHECKING, Any, Union
 
-from . import _pictures
+from .._native import pictures
 
 if TYPE_CHECKING:
     import array
@@ -87,11 +87,13 @@ class VideoFrame:
 
     def to_rgb(self) -> memoryview:
         """The picture in bytes R, G, B, of shape (height, width, 3), in memory of its own, which
-        `numpy.asarray` takes without a copy. For Pillow: `Image.frombytes("RGB", (width, height), rgb.tobytes())`.
+        `numpy.asarray` takes without a copy. For Pillow: `Image.frombytes("RGB", (width, height),
+        rgb.tobytes())`.
 
-        Takes 0.4 ms for 1280x720 and 1.3 ms for 1920x1080; `await asyncio.to_thread(frame.to_rgb)` keeps the loop free.
+        Takes 0.4 ms for 1280x720 and 1.3 ms for 1920x1080; `await asyncio.to_thread(frame.to_rgb)` keeps the
+        loop free.
         """
-        rgb = _pictures.convert(self.pixels, self.width, self.height, "YUV420P", "RGB24")
+        rgb = pictures.convert(self.pixels, self.width, self.height, "YUV420P", "RGB24")
         return memoryview(rgb).cast("B", (self.height, self.width, 3))
 
 

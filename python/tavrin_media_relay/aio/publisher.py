@@ -3,25 +3,24 @@
 from __future__ import annotations
 
 import asyncio
-from typing import TYPE_CHECKING, Optional
+from typing import Callable, Optional
 
 from ..models import Publisher as NativePublisher
 from ..models import PublisherSettings, SessionAudioSettings, SessionVideoPublisherSettings, Stream
-from . import _native, events
-from ._channel import settle
-from ._opening import attempt, likely
-from ._output import queued
+from . import _module, events
+from ._opening import attempt, settled_or_assumed
+from ._output import Output, queued
+from ._session_state import SessionState
+from ._wakeups import settle
 from .audio_output import AudioOutput
 from .errors import ClosedError, PublisherError
 from .video_output import VideoOutput
 
-if TYPE_CHECKING:
-    from ._core import Core
 
-def _measured() -> tuple[float, float]:
-    """Throws away what is queued, and tells how much it was, in ms."""
+def _clear_and_measure() -> tuple[float, float]:
+    """Drops what is queued; gives how much it was, ms of audio and of video."""
     before = queued()
-    _native.client().clear_media_buffers()
+    _module.client().clear_media_buffers()
     return before
 
 
@@ -30,20 +29,31 @@ class Publisher:
 
     def __init__(
         self,
-        core: Core,
+        state: SessionState,
         settings: PublisherSettings,
         audio: SessionAudioSettings,
         video: SessionVideoPublisherSettings,
         audio_queue: float,
         video_queue: float,
+        forget: Callable[[Publisher], None],
     ) -> None:
-        self._core = core
+        """forget: removes it from the session, once it is closed."""
+        self._state = state
+        self._forget = forget
         self._settings = settings
         self.stream: Optional[Stream] = None
-        """Our stream as the session knows it, once it has told."""
-        self._audio = AudioOutput(self, audio, audio_queue * 1000) if settings.has_audio else None
-        self._video = VideoOutput(self, video, video_queue * 1000) if settings.has_video else None
-        self._outputs = [each._output for each in (self._audio, self._video) if each is not None]
+        """Our stream as the session knows it; None until the session has announced it."""
+        self._outputs: list[Output] = []
+        self._audio: Optional[AudioOutput] = None
+        self._video: Optional[VideoOutput] = None
+        if settings.has_audio:
+            output = Output(0, audio_queue * 1000, self.check)
+            self._outputs.append(output)
+            self._audio = AudioOutput(output, audio, self._audio_ready, self.clear)
+        if settings.has_video:
+            output = Output(1, max(video_queue * 1000, 1000 / video.fps), self.check)
+            self._outputs.append(output)
+            self._video = VideoOutput(output, video)
         self._outcome: asyncio.Future[None] = asyncio.get_running_loop().create_future()
         self._closing: Optional[asyncio.Future[bool]] = None
         self._ended: Optional[str] = None
@@ -75,8 +85,10 @@ class Publisher:
     @property
     def written_ms(self) -> tuple[float, float]:
         """Milliseconds of audio and of video that have been handed to the session so far."""
-        audio, video = (each._output.written_ms if each is not None else 0.0 for each in (self._audio, self._video))
-        return audio, video
+        written = [0.0, 0.0]
+        for output in self._outputs:
+            written[output.side] = output.written_ms
+        return written[0], written[1]
 
     async def clear(self) -> tuple[float, float]:
         """Drops all that waits to be heard and seen, and ends the writes under way; ms of audio and of video
@@ -94,9 +106,10 @@ class Publisher:
                 raise
         try:
             self.check()
-            # Agents clear with every sound that they hear: the module's worker is asked only if there may be something.
+            # Agents clear at every sound that they hear: the module's worker is asked only if something may
+            # be queued.
             dry = all(output.is_dry for output in self._outputs)
-            dropped = [0.0, 0.0] if dry else list(await _native.call(_measured))
+            dropped = [0.0, 0.0] if dry else list(await _module.call(_clear_and_measure))
             for output in self._outputs:
                 dropped[output.side] += output.cut_ms
                 output.cut_ms = 0.0
@@ -112,60 +125,59 @@ class Publisher:
         """Ends our stream. May be called more than once."""
         self._end(f"publisher {self.name!r} has been closed")
         if self._closing is None:
-            if self._core.ended is not None:
+            if self._state.ended is not None:
                 return
-            self._closing = _native.start(_native.client().unpublish)
-        await _native.finish(self._closing)
-        self._core.forget_publisher(self)
+            self._closing = _module.start(_module.client().unpublish)
+        await _module.finish(self._closing)
+        self._forget(self)
 
     # ---- for the other classes of this package ----------------------------------------------------------
 
     def check(self) -> None:
-        """Raises if we may not be used here and now."""
-        self._core.check()
+        """Raises if nothing may be published here and now."""
+        self._state.check()
         if self._ended is not None:
             raise ClosedError(self._ended)
 
+    async def queued(self) -> tuple[float, float]:
+        """Milliseconds of audio and of video that wait to be heard and seen."""
+        return await _module.call(queued)
+
     async def open(self) -> Publisher:
         async with attempt(self.close, self._outcome):
-            if not await _native.call(self._start):
+            if not await _module.call(self._start):
                 raise PublisherError(
                     PublisherError.NOT_STARTED, f"the module would not publish {self.name!r}; its log tells why"
                 )
-            await likely(self._outcome)
+            await settled_or_assumed(self._outcome)
             self.check()
         return self
-
-    async def audio_ready(self) -> None:
-        await self._core.wait_audio_ready()
-        self.check()
 
     def session_over(self, reason: str) -> None:
         self._end(reason)
 
-    def ran_dry(self, audio: Optional[int], video: Optional[int]) -> None:
-        for output in self._outputs:
-            count = (audio, video)[output.side]
-            if count is not None:
-                output.ran_dry(count)
-
     def on_drained(self) -> None:
-        """On the module's worker. What is queued now tells which side is meant, and whether a write came since:
-        then there will be another notice."""
-        audio = self._audio._output.added if self._audio is not None else None
-        video = self._video._output.added if self._video is not None else None
-        audio_ms, video_ms = queued()
-        self._core.post(self.ran_dry, None if audio_ms else audio, None if video_ms else video)
+        """On the module's worker. What is queued now tells which side has drained; if a write came in
+        between, another notice follows."""
+        added = [(output, output.added) for output in self._outputs]
+        left = queued()
+        for output, count in added:
+            if not left[output.side]:
+                self._state.post(output.ran_dry, count)
+
+    async def _audio_ready(self) -> None:
+        await self._state.wait_audio_ready()
+        self.check()
 
     # ---- events -----------------------------------------------------------------------------------------
 
     def _start(self) -> bool:
-        core = self._core
-        return _native.client().publish(
+        state = self._state
+        return _module.client().publish(
             self._settings,
-            on_stream_created_cb=lambda publisher: core.post(self._on_created, publisher),
-            on_stream_destroyed_cb=lambda publisher: core.post(self._on_destroyed),
-            on_error_cb=lambda publisher, message, code: core.post(self._on_error, message, code),
+            on_stream_created_cb=lambda publisher: state.post(self._on_created, publisher),
+            on_stream_destroyed_cb=lambda publisher: state.post(self._on_destroyed),
+            on_error_cb=lambda publisher, message, code: state.post(self._on_error, message, code),
         )
 
     def _on_created(self, publisher: NativePublisher) -> None:
@@ -175,13 +187,13 @@ class Publisher:
     def _on_destroyed(self) -> None:
         if self.active:
             self._end(f"publisher {self.name!r} was ended by the session")
-            self._core.tell(events.PublisherEnded())
+            self._state.notify(events.PublisherEnded())
 
     def _on_error(self, message: str, code: int) -> None:
         if self.active:
             settle(self._outcome, PublisherError(code, message))
             self._end(f"publisher {self.name!r} has failed: {message} (code {code})")
-            self._core.tell(events.PublisherFailed(PublisherError(code, message)))
+            self._state.notify(events.PublisherFailed(PublisherError(code, message)))
 
     def _end(self, reason: str) -> None:
         if self._ended is None:

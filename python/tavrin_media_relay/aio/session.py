@@ -2,82 +2,106 @@
 
 from __future__ import annotations
 
+import asyncio
+import functools
 from typing import Callable, Optional
+
+import _tavrin_video
 
 from .._checks import number, of_type
 from ..models import (
+    AudioData,
     Connection,
+    MediaBufferStats,
     PublisherAudioSettings,
     PublisherSettings,
     SessionAudioSettings,
     SessionAVSettings,
+    SessionSettings,
     SessionVideoPublisherSettings,
     Stream,
     SubscriberSettings,
     SubscriberVideoSettings,
     VideoResolution,
 )
-from . import _native, events
+from . import _module, events
 from ._channel import Channel, Policy
-from ._core import Core
-from ._media import AudioIterator
-from ._opening import Opening
+from ._fan import Fan
+from ._media import AudioIterator, take_audio
+from ._opening import Opening, attempt
+from ._session_state import SessionState
+from ._wakeups import settle
 from .errors import ClosedError, PublisherError, SessionError, SubscriberError
 from .events import Event
+from .frames import AudioFrame
 from .publisher import Publisher
-from .statistics import Statistics, of_session
+from .statistics import Statistics, library_statistics
 from .subscriber import Subscriber
+
+
+def _connection() -> Optional[Connection]:
+    return _module.client().get_connection() or None
 
 
 class Session:
     """Made by `connect`. All of it belongs to the event loop in which it was opened."""
 
-    def __init__(self, core: Core) -> None:
-        self._core = core
+    def __init__(self, session_id: str, settings: SessionSettings) -> None:
+        self._id = session_id
+        self._settings = settings
+        self._state = SessionState()
+        self._connection: Optional[Connection] = None
+        self._publisher: Optional[Publisher] = None
+        self._subscribers: dict[str, Subscriber] = {}
+        self._mix: Fan[AudioFrame] = Fan(self._state.waker, "audio frames")
+        self._outcome: asyncio.Future[None] = self._state.loop.create_future()
+        self._started = False  # the module has begun to join: there is something to leave
+        self._closing: Optional[asyncio.Future[bool]] = None
 
     @property
     def id(self) -> str:
         """Session id, as given to `connect`."""
-        return self._core.id
+        return self._id
 
     @property
     def connection(self) -> Optional[Connection]:
         """Our own connection, as the session knows it."""
-        return self._core.connection
+        return self._connection
 
     @property
     def connections(self) -> tuple[Connection, ...]:
         """The other participants that are there now."""
-        return tuple(self._core.presence.connections.values())
+        return tuple(self._state.presence.connections.values())
 
     @property
     def streams(self) -> tuple[Stream, ...]:
         """The streams of others that are there now."""
-        return tuple(self._core.presence.streams.values())
+        return tuple(self._state.presence.streams.values())
 
     @property
     def publisher(self) -> Optional[Publisher]:
         """What we publish now, if anything."""
-        return self._core.publisher
+        return self._publisher
 
     @property
     def subscribers(self) -> tuple[Subscriber, ...]:
         """What we receive now."""
-        return tuple(self._core.subscribers.values())
+        return tuple(self._subscribers.values())
 
     @property
     def over(self) -> bool:
         """True once the session has been left, has failed or was ended by the server."""
-        return self._core.ended is not None
+        return self._state.ended is not None
 
     def events(self, *, capacity: Optional[int] = None) -> Channel[Event]:
-        """An async iterator over what happens, which begins with the connections and streams that are there now.
+        """An async iterator over what happens, which begins with the connections and streams that are there
+        now.
 
-        It ends with the session; a failure or an end by the server is its last event. Each call gives an iterator
-        of its own; of a consumer that lags behind `capacity` (1,000) events the oldest are dropped.
+        It ends with the session; a failure or an end by the server is its last event. Each call gives an
+        iterator of its own; of a consumer that lags behind `capacity` (1,000) events the oldest are dropped.
         """
-        self._core.check_place()
-        return self._core.presence.listen(capacity)
+        self._state.check_place()
+        return self._state.presence.listen(capacity)
 
     def audio_frames(
         self,
@@ -88,32 +112,39 @@ class Session:
         channels: Optional[int] = None,
     ) -> AudioIterator:
         """The mix of all subscribed streams, 10 ms at a time, silence too; see `Subscriber.audio_frames`."""
-        self._core.check()
-        return AudioIterator(self._core.mix, capacity, policy, sample_rate, channels)
+        self._state.check()
+        return AudioIterator(self._mix, capacity, policy, sample_rate, channels)
 
     async def wait_for_stream(self, suits: Optional[Callable[[Stream], bool]] = None) -> Stream:
-        """The first stream that is there or comes, of those that suit; ClosedError if the session ends first."""
+        """The first stream that is there or comes, of those that suit; ClosedError if the session ends
+        first."""
         async for event in self.events():
             if isinstance(event, events.StreamReceived) and (suits is None or suits(event.stream)):
                 return event.stream
-        raise ClosedError(self._core.ended)
+        raise ClosedError(self._state.ended)
 
     async def ended(self) -> None:
         """Waits for the end of the session. Raises SessionError if it has failed."""
         while not self.over:
-            self._core.check_place()
+            self._state.check_place()
             try:
-                await self._core.changed.wait()
+                await self._state.changed.wait()
             except ClosedError:
                 break
-        failure = self._core.failure
+        failure = self._state.failure
         if failure is not None:
             raise SessionError(failure.code, failure.message)
 
     def statistics(self) -> Statistics:
-        """Figures of the library, and of what this session's outputs and iterators did. Also after the end."""
-        _native.check_process()
-        return of_session(self._core)
+        """Figures of the library, and of what this session's outputs and iterators did. Also after the
+        end."""
+        _module.check_process()
+        library = library_statistics()
+        deliveries = {each["stream"]: each for each in (library or {}).get("subscribers", {}).values()}
+        streams = {name: each.figures(deliveries.get(name, {})) for name, each in self._subscribers.items()}
+        written = self._publisher.written_ms if self._publisher is not None else (0.0, 0.0)
+        escaped = _tavrin_video.__statistics__.escaped_views
+        return Statistics(library, self._mix.figures(), streams, *written, escaped)
 
     def publish(
         self,
@@ -130,10 +161,10 @@ class Session:
         """Publishes our stream: `async with session.publish("me") as publisher:`, or `await` and `close`.
 
         audio, video: what the stream has. captions: let the server make captions of what we say.
-        stereo, dtx: how the sound is coded. audio_queue, video_queue: seconds that may be queued before a `write`
-        waits. Raises PublisherError if it is refused; one stream is published at a time.
+        stereo, dtx: how the sound is coded. audio_queue, video_queue: seconds that may be queued before a
+        `write` waits. Raises PublisherError if it is refused; one stream is published at a time.
         """
-        self._core.check()
+        self._state.check()
         coding = PublisherAudioSettings(enable_stereo_mode=stereo, enable_opus_dtx=dtx)
         settings = PublisherSettings(
             name, has_audio=audio, has_video=video, enable_captions=captions, audio_settings=coding
@@ -156,10 +187,10 @@ class Session:
     ) -> Opening[Subscriber]:
         """Receives a stream: `async with session.subscribe(stream) as subscriber:`, or `await` and `close`.
 
-        audio, video, captions: what is wanted; captions only with one of the others. resolution, framerate: what
-        is preferred, where the stream is offered in several. Raises SubscriberError if it is refused.
+        audio, video, captions: what is wanted; captions only with one of the others. resolution, framerate:
+        what is preferred, where the stream is offered in several. Raises SubscriberError if it is refused.
         """
-        self._core.check()
+        self._state.check()
         of_type("stream", stream, Stream)
         if not (audio or video):
             raise ValueError("audio and video must not both be False: captions come with one of them")
@@ -169,34 +200,160 @@ class Session:
         return Opening(lambda: self._subscribe(stream, settings))
 
     async def close(self) -> None:
-        """Leaves the session and waits until it is left. May be called more than once, and by several tasks."""
-        await self._core.close()
+        """Leaves the session and waits until it is left. May be called more than once, and by several
+        tasks."""
+        if self._closing is not None and self._closing.done():
+            return
+        self._state.check_place()
+        if self._closing is None and self._started:
+            self._closing = _module.start(_module.client().disconnect)
+        self._end(f"session {self.id!r} has been left")
+        try:
+            if self._closing is not None:
+                await _module.finish(self._closing)
+        finally:
+            _module.release(self)
+
+    # ---- for the other classes of this package ----------------------------------------------------------
+
+    async def open(self, application_id: str, token: str, timeout: float) -> Session:
+        if not await _module.claim(self, self._state.loop):
+            raise SessionError(SessionError.BUSY, "this process is in a session already: it is in one at a time")
+        async with attempt(self.close, self._outcome):
+            await _module.call(self._start, application_id, token)
+            done, _ = await asyncio.wait([self._outcome], timeout=timeout)
+            if not done:
+                raise SessionError(SessionError.TIMED_OUT, f"session {self.id!r} has not answered in {timeout:g} s")
+            self._outcome.result()
+            self._connection = await _module.call(_connection)
+        return self
+
+    # ---- publishing and subscribing ---------------------------------------------------------------------
 
     async def _publish(self, settings: PublisherSettings, audio_queue: float, video_queue: float) -> Publisher:
-        self._core.check()
-        old = self._core.publisher
+        self._state.check()
+        old = self._publisher
         if old is not None:
             if old.active:
                 raise PublisherError(PublisherError.BUSY, f"{old.name!r} is published already: close it first")
             await old.close()
-            self._core.check()
-        av = self._core.settings.av or SessionAVSettings()
-        self._core.publisher = publisher = Publisher(
-            self._core,
+            self._state.check()
+        av = self._settings.av or SessionAVSettings()
+        self._publisher = publisher = Publisher(
+            self._state,
             settings,
             av.audio_publisher or SessionAudioSettings(),
             av.video_publisher or SessionVideoPublisherSettings(),
             audio_queue,
             video_queue,
+            self._forget_publisher,
         )
         return await publisher.open()
 
     async def _subscribe(self, stream: Stream, settings: SubscriberSettings) -> Subscriber:
-        self._core.check()
-        if stream.id in self._core.subscribers:
+        self._state.check()
+        if stream.id in self._subscribers:
             raise SubscriberError(
                 SubscriberError.BUSY,
                 f"stream {stream.id!r} is subscribed to already: its iterators may be taken more than once",
             )
-        self._core.subscribers[stream.id] = subscriber = Subscriber(self._core, stream, settings)
+        self._subscribers[stream.id] = subscriber = Subscriber(
+            self._state, stream, settings, self._forget_subscriber
+        )
         return await subscriber.open()
+
+    def _forget_publisher(self, publisher: Publisher) -> None:
+        if self._publisher is publisher:
+            self._publisher = None
+
+    def _forget_subscriber(self, subscriber: Subscriber) -> bool:
+        """False if it was removed before, with its stream."""
+        if self._subscribers.get(subscriber.stream.id) is not subscriber:
+            return False
+        del self._subscribers[subscriber.stream.id]
+        return True
+
+    # ---- events, on the loop ---------------------------------------------------------------------------
+
+    def _told(self, handler: Callable[..., object]) -> Callable[..., object]:
+        """A callable for the module's worker: runs the handler on the loop, without the argument
+        `session`."""
+
+        def callable_(_session: object, *arguments: object) -> None:
+            self._state.post(self._on_event, functools.partial(handler, *arguments))
+
+        return callable_
+
+    def _on_event(self, handler: Callable[[], object]) -> None:
+        if self._state.ended is not None:
+            return
+        settle(self._outcome)
+        handler()
+
+    def _on_stream_dropped(self, stream: Stream) -> None:
+        subscriber = self._subscribers.pop(stream.id, None)
+        if subscriber is not None:
+            subscriber.end("has ended with the stream")
+        self._state.presence.stream_dropped(stream)
+
+    def _on_error(self, message: str, code: int) -> None:
+        if self._state.ended is not None:
+            return
+        error = SessionError(code, message)
+        settle(self._outcome, error)
+        self._state.failure = error
+        self._end(f"session {self.id!r} has failed: {error}", events.SessionFailed(error))
+
+    def _on_disconnected(self) -> None:
+        if self._state.ended is not None:
+            return
+        settle(self._outcome, SessionError(SessionError.NOT_STARTED, "the server ended the session"))
+        self._end(f"session {self.id!r} was ended by the server", events.SessionDisconnected())
+
+    def _end(self, reason: str, event: Optional[Event] = None) -> None:
+        if self._state.ended is not None:
+            return
+        self._state.ended = reason
+        for subscriber in tuple(self._subscribers.values()):
+            subscriber.end("has ended with the session")
+        if self._publisher is not None:
+            self._publisher.session_over(reason)
+        self._mix.close()
+        self._state.changed.end(lambda: ClosedError(reason))
+        self._state.presence.close(event)
+
+    # ---- on the module's threads ------------------------------------------------------------------------
+
+    def _start(self, application_id: str, token: str) -> None:
+        client = _module.client()
+        if client.is_connected():
+            raise SessionError(SessionError.BUSY, "a TavrinVideoClient of this process is in a session already")
+        told = self._told
+        self._started = client.connect(
+            application_id,
+            self.id,
+            token,
+            session_settings=self._settings,
+            on_error_cb=lambda session, message, code: self._state.post(self._on_error, message, code),
+            on_connected_cb=told(lambda: None),
+            on_disconnected_cb=lambda session: self._state.post(self._on_disconnected),
+            on_connection_created_cb=told(self._state.presence.connection_created),
+            on_connection_dropped_cb=told(self._state.presence.connection_dropped),
+            on_stream_received_cb=told(self._state.presence.stream_received),
+            on_stream_dropped_cb=told(self._on_stream_dropped),
+            on_audio_data_cb=self._on_audio,
+            on_ready_for_audio_cb=told(self._state.audio_ready),
+            on_media_buffer_drained_cb=self._on_drained,
+        )
+        if not self._started:
+            raise SessionError(
+                SessionError.NOT_STARTED, f"the module would not join session {self.id!r}; its log tells why"
+            )
+
+    def _on_audio(self, _session: object, audio: AudioData) -> None:
+        take_audio(self._mix, audio)
+
+    def _on_drained(self, _stats: MediaBufferStats) -> None:
+        publisher = self._publisher
+        if publisher is not None:
+            publisher.on_drained()

@@ -1,19 +1,13 @@
-"""Figures of a session: the library's own, and what this face did with the media."""
+"""Figures of a session: the library's own, and those of the asyncio face."""
 
 from __future__ import annotations
 
 import ctypes
 import json
 from dataclasses import dataclass, field
-from typing import TYPE_CHECKING, Any, Optional
+from typing import Any, Optional
 
-import _tavrin_video
-
-from . import _libraries
-from ._fan import Fan
-
-if TYPE_CHECKING:
-    from ._core import Core
+from .._native import libraries
 
 
 @dataclass(frozen=True, slots=True)
@@ -21,20 +15,21 @@ class Received:
     """One kind of media of one source."""
 
     received: int = 0
-    """Told by the module."""
+    """Delivered by the module."""
     delivered: int = 0
     """Taken from the iterators, all of them together."""
     dropped: int = 0
-    """Given up by the iterators, for slow consumers."""
+    """Dropped by the iterators, for slow consumers."""
     lost: int = 0
-    """Given up by the library, because the module did not take them in time."""
+    """Dropped by the library, because the module did not take them in time."""
     waiting: int = 0
     """In the queues of the iterators now, all of them together."""
     escaped_views: int = 0
-    """Blocks or pictures whose memory outlived the module's call, because an iterator took them. Captions are plain
-    text: of those there are none."""
+    """Blocks or pictures whose memory outlived the module's call, because an iterator took them. Captions are
+    plain text: of those there are none."""
     delay_p50: float = 0.0
-    """Seconds from the module's call to the consumer's body: at most an eighth above the true value, as the others."""
+    """Seconds from the module's call to the consumer's body: at most an eighth above the true value, as the
+    others."""
     delay_p99: float = 0.0
     delay_max: float = 0.0
     callable_p50: float = 0.0
@@ -57,9 +52,10 @@ class Statistics:
     """What `Session.statistics()` gives; `dataclasses.asdict` makes plain data of it."""
 
     library: Optional[dict[str, Any]]
-    """Pacing, gaps, repeated and dropped pictures, and under "callbacks" how long each kind of media waited for the
-    module and how long each call took, to our callable and back: counters of our real-time library since it was
-    loaded, in the words of its header sarnet_statistics.h. None with a library that keeps none."""
+    """Pacing, gaps, repeated and dropped pictures, and under "callbacks" how long each kind of media waited
+    for the module and how long each call took, to our callable and back: counters of our real-time library
+    since it was loaded, in the words of its header sarnet_statistics.h. None with a library that keeps
+    none."""
     mix: Received
     """The mixed audio of the session."""
     streams: dict[str, StreamFigures]
@@ -72,28 +68,68 @@ class Statistics:
     callable that got them had returned."""
 
 
-def _received(fan: Fan[Any], lost: int = 0, views: bool = True) -> Received:
-    totals = fan.totals
-    delays, spent = totals.delays, totals.spent
-    return Received(
-        totals.received,
-        totals.delivered,
-        totals.dropped,
-        lost,
-        fan.waiting,
-        totals.kept if views else 0,
-        delays.quantile(0.5),
-        delays.quantile(0.99),
-        delays.maximum,
-        spent.quantile(0.5),
-        spent.quantile(0.99),
-        spent.maximum,
-    )
+class Delays:
+    """A histogram of times from 1 us up, in steps of at most an eighth."""
+
+    def __init__(self) -> None:
+        self.counts = [0] * 320
+        self.maximum = 0.0
+
+    def add(self, seconds: float) -> None:
+        # The four highest bits of the number, and how many there are below them.
+        microseconds = min(int(seconds * 1e6), 1 << 40)
+        below = max(0, microseconds.bit_length() - 4)
+        self.counts[8 * below + (microseconds >> below)] += 1
+        if seconds > self.maximum:
+            self.maximum = seconds
+
+    def quantile(self, share: float) -> float:
+        """Seconds, the upper bound of the step that the quantile falls into; 0 if there is nothing."""
+        rank, seen = share * sum(self.counts), 0
+        for step, count in enumerate(self.counts):
+            seen += count
+            if count and seen >= rank:
+                below = max(0, step // 8 - 1)
+                return min(float((step - 8 * below + 1) << below) / 1e6, self.maximum)
+        return 0.0
+
+
+class Totals:
+    """Counts of the items of one source. Its thread writes the counts of arrivals and drops, the loop the
+    others."""
+
+    def __init__(self) -> None:
+        self.received = 0
+        self.dropped = 0
+        self.kept = 0
+        """Items that an iterator took, so that they outlive the module's call."""
+        self.spent = Delays()
+        """Time that the module's thread was kept."""
+        self.delivered = 0
+        self.delays = Delays()
+        """From the arrival of an item to its consumer's body."""
+
+    def figures(self, waiting: int, lost: int, views: bool) -> Received:
+        delays, spent = self.delays, self.spent
+        return Received(
+            self.received,
+            self.delivered,
+            self.dropped,
+            lost,
+            waiting,
+            self.kept if views else 0,
+            delays.quantile(0.5),
+            delays.quantile(0.99),
+            delays.maximum,
+            spent.quantile(0.5),
+            spent.quantile(0.99),
+            spent.maximum,
+        )
 
 
 def library_statistics() -> Optional[dict[str, Any]]:
     """The counters of the real-time library in this process; None if there is none that keeps any."""
-    library = _libraries.find_sarnet()
+    library = libraries.find_sarnet()
     function = getattr(library, "srn_statistics_json", None) if library is not None else None
     if function is None:
         return None
@@ -107,22 +143,3 @@ def library_statistics() -> Optional[dict[str, Any]]:
             figures: dict[str, Any] = json.loads(buffer.value)
             return figures
         capacity = length + 1024
-
-
-def of_session(core: Core) -> Statistics:
-    library = library_statistics()
-    deliveries = {each["stream"]: each for each in (library or {}).get("subscribers", {}).values()}
-    streams = {}
-    for stream_id, each in core.subscribers.items():
-        known = deliveries.get(stream_id, {})
-        audio, video, captions = (
-            known.get(f"{kind}_dropped", 0) for kind in ("audio_blocks", "pictures", "captions")
-        )
-        streams[stream_id] = StreamFigures(
-            _received(each.audio_fan, audio),
-            _received(each.video_fan, video),
-            _received(each.caption_fan, captions, views=False),
-        )
-    written = core.publisher.written_ms if core.publisher is not None else (0.0, 0.0)
-    escaped = _tavrin_video.__statistics__.escaped_views
-    return Statistics(library, _received(core.mix), streams, written[0], written[1], escaped)

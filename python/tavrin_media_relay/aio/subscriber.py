@@ -4,39 +4,47 @@ from __future__ import annotations
 
 import asyncio
 import time
-from typing import TYPE_CHECKING, Optional
+from typing import Any, Callable, Mapping, Optional
 
 from ..models import AudioData, CaptionsData, Stream, SubscriberSettings
 from ..models import Subscriber as NativeSubscriber
 from ..models import VideoFrame as NativeFrame
-from . import _native, events
-from ._channel import Policy, settle
+from . import _module, events
+from ._channel import Policy
 from ._fan import Fan
 from ._media import CAPTIONS_CAPACITY, VIDEO_CAPACITY, AudioIterator, MediaIterator, take_audio
-from ._opening import attempt, likely
+from ._opening import attempt, settled_or_assumed
+from ._session_state import SessionState
+from ._wakeups import settle
 from .errors import ClosedError, SubscriberError
 from .frames import AudioFrame, Caption, VideoFrame
-
-if TYPE_CHECKING:
-    from ._core import Core
+from .statistics import StreamFigures
 
 
 class Subscriber:
     """Made by `Session.subscribe`. Ends with its `async with`, with `close`, with the stream or the session.
 
-    Each call of the three methods below gives an iterator of its own, which receives everything from that call
-    on, and ends when the subscription does. `capacity` items wait for a slow consumer; then the oldest gives way
-    and is counted in `dropped`. With the policy "latest" only the newest one waits.
+    Each call of the three methods below gives an iterator of its own, which receives everything from that
+    call on, and ends when the subscription does. `capacity` items wait for a slow consumer; then the oldest
+    gives way and is counted in `dropped`. With the policy "latest" only the newest one waits.
     """
 
-    def __init__(self, core: Core, stream: Stream, settings: SubscriberSettings) -> None:
+    def __init__(
+        self,
+        state: SessionState,
+        stream: Stream,
+        settings: SubscriberSettings,
+        forget: Callable[[Subscriber], bool],
+    ) -> None:
+        """forget: removes it from the session; False if it was removed before."""
         self.stream = stream
         """The stream that is subscribed to."""
-        self._core = core
+        self._state = state
+        self._forget = forget
         self._settings = settings
-        self.audio_fan: Fan[AudioFrame] = Fan(core.waker, "audio frames")
-        self.video_fan: Fan[VideoFrame] = Fan(core.waker, "video frames")
-        self.caption_fan: Fan[Caption] = Fan(core.waker, "captions")
+        self._audio_fan: Fan[AudioFrame] = Fan(state.waker, "audio frames")
+        self._video_fan: Fan[VideoFrame] = Fan(state.waker, "video frames")
+        self._caption_fan: Fan[Caption] = Fan(state.waker, "captions")
         self._outcome: asyncio.Future[None] = asyncio.get_running_loop().create_future()
         self._media_seen = False
         self._closing: Optional[asyncio.Future[bool]] = None
@@ -63,65 +71,73 @@ class Subscriber:
         is wanted than the stream's own.
         """
         self._check("audio", self._settings.subscribe_to_audio)
-        return AudioIterator(self.audio_fan, capacity, policy, sample_rate, channels)
+        return AudioIterator(self._audio_fan, capacity, policy, sample_rate, channels)
 
     def video_frames(
         self, *, capacity: Optional[int] = None, policy: Policy = "drop_oldest"
     ) -> MediaIterator[VideoFrame]:
         """The stream's pictures. capacity: pictures, 6 if left out; each that waits holds its pixels."""
         self._check("video", self._settings.subscribe_to_video)
-        return MediaIterator(self.video_fan, capacity, policy, VIDEO_CAPACITY)
+        return MediaIterator(self._video_fan, capacity, policy, VIDEO_CAPACITY)
 
     def captions(
         self, *, capacity: Optional[int] = None, policy: Policy = "drop_oldest"
     ) -> MediaIterator[Caption]:
         """The stream's captions. capacity: 100 if left out."""
         self._check("captions", self._settings.subscribe_to_captions)
-        return MediaIterator(self.caption_fan, capacity, policy, CAPTIONS_CAPACITY)
+        return MediaIterator(self._caption_fan, capacity, policy, CAPTIONS_CAPACITY)
 
     async def close(self) -> None:
         """Ends the subscription and its iterators. May be called more than once."""
         self._closed = True
         self.end("has been closed")
         if self._closing is None:
-            known = self._core.forget_subscriber(self)
-            if self._core.ended is not None or not known or not self._started:
+            known = self._forget(self)
+            if self._state.ended is not None or not known or not self._started:
                 return
-            self._closing = _native.start(_native.client().unsubscribe, self.stream)
-        await _native.finish(self._closing)
+            self._closing = _module.start(_module.client().unsubscribe, self.stream)
+        await _module.finish(self._closing)
 
     # ---- for the other classes of this package ----------------------------------------------------------
 
     async def open(self) -> Subscriber:
         async with attempt(self.close, self._outcome):
-            if not await _native.call(self._start):
+            if not await _module.call(self._start):
                 raise SubscriberError(
                     SubscriberError.NOT_STARTED,
                     f"stream {self.stream.id!r} can't be subscribed to: it has gone, or never was in this session",
                 )
-            await likely(self._outcome)
+            await settled_or_assumed(self._outcome)
         return self
 
     def end(self, how: str, error: Optional[SubscriberError] = None) -> None:
-        """The end of all iterators, with an error if there was one."""
+        """Ends all iterators, with an error if there was one."""
         if self._ended is not None:
             return
         self._ended = f"the subscription to stream {self.stream.id!r} {how}"
-        self.audio_fan.close(error)
-        self.video_fan.close(error)
-        self.caption_fan.close(error)
+        self._audio_fan.close(error)
+        self._video_fan.close(error)
+        self._caption_fan.close(error)
         settle(self._outcome, error or SubscriberError(SubscriberError.NOT_STARTED, self._ended))
+
+    def figures(self, lost: Mapping[str, Any]) -> StreamFigures:
+        """lost: the library's counters of this stream."""
+        return StreamFigures(
+            self._audio_fan.figures(lost.get("audio_blocks_dropped", 0)),
+            self._video_fan.figures(lost.get("pictures_dropped", 0)),
+            self._caption_fan.figures(lost.get("captions_dropped", 0), views=False),
+        )
 
     # ---- events of the worker, and media of the library's threads -----------------------------------------
 
     def _start(self) -> bool:
-        core, settings = self._core, self._settings
-        self._started = _native.client().subscribe(
+        state, settings = self._state, self._settings
+        self._started = _module.client().subscribe(
             self.stream,
             settings=settings,
-            on_connected_cb=lambda subscriber: core.post(self._on_connected),
-            on_disconnected_cb=lambda subscriber: core.post(self._on_disconnected),
-            on_error_cb=lambda subscriber, message, code: core.post(self._on_error, message, code),
+            on_connected_cb=lambda subscriber: state.post(self._on_connected),
+            on_disconnected_cb=lambda subscriber: state.post(self._on_disconnected),
+            on_error_cb=lambda subscriber, message, code: state.post(self._on_error, message, code),
             on_audio_data_cb=self._on_audio if settings.subscribe_to_audio else None,
             on_render_frame_cb=self._on_frame if settings.subscribe_to_video else None,
             on_caption_text_cb=self._on_captions if settings.subscribe_to_captions else None,
@@ -131,43 +147,43 @@ class Subscriber:
     def _on_connected(self) -> None:
         if self.active:
             settle(self._outcome)
-            self._core.tell(events.SubscriberConnected(self.stream))
+            self._state.notify(events.SubscriberConnected(self.stream))
 
     def _on_disconnected(self) -> None:
         if self.active:
             self.end("was ended by the session")
-            self._core.forget_subscriber(self)
-            self._core.tell(events.SubscriberDisconnected(self.stream))
+            self._forget(self)
+            self._state.notify(events.SubscriberDisconnected(self.stream))
 
     def _on_error(self, message: str, code: int) -> None:
         if self.active:
             error = SubscriberError(code, message)
             self.end(f"has failed: {error}", error)
-            self._core.tell(events.SubscriberFailed(self.stream, error))
+            self._state.notify(events.SubscriberFailed(self.stream, error))
 
     def _see_media(self) -> None:
-        # Media are as good an outcome as the event, which may have been lost.
+        # Media prove the subscription as well as the event does, which may have been lost.
         self._media_seen = True
-        self._core.post(settle, self._outcome)
+        self._state.post(settle, self._outcome)
 
     def _on_audio(self, _subscriber: NativeSubscriber, audio: AudioData) -> None:
         if not self._media_seen:
             self._see_media()
-        take_audio(self.audio_fan, audio)
+        take_audio(self._audio_fan, audio)
 
     def _on_frame(self, _subscriber: NativeSubscriber, frame: NativeFrame) -> None:
         if not self._media_seen:
             self._see_media()
         now, size = time.monotonic(), frame.resolution
-        self.video_fan.put(VideoFrame(size.width, size.height, memoryview(frame.frame_buffer), now), now)
+        self._video_fan.put(VideoFrame(size.width, size.height, memoryview(frame.frame_buffer), now), now)
 
     def _on_captions(self, _subscriber: NativeSubscriber, captions: CaptionsData) -> None:
         now = time.monotonic()
-        self.caption_fan.put(Caption(captions.text, captions.is_final, now), now)
+        self._caption_fan.put(Caption(captions.text, captions.is_final, now), now)
 
     def _check(self, what: str, wanted: bool) -> None:
         if not self._closed:
-            self._core.check_place()
+            self._state.check_place()
         else:  # of a stream that has gone, iterators end at once
             raise ClosedError(f"the subscription to stream {self.stream.id!r} has been closed")
         if not wanted:

@@ -1,8 +1,8 @@
 """The command line: `python -m tavrin_media_relay`, or `tavrin-media-relay` where the package is installed.
 
-One module a subcommand. Each has `add(parsers)`, which declares its options, and a function that takes them and a
-`Terminal` and gives the exit code: 0 fine, 1 the session or a file failed, 2 (argparse's) wrong usage, 130 and 143
-when it was interrupted before its work was done.
+One module a subcommand, but for the four of a server. Each has `add(parsers)`, which declares the options,
+and a function that takes them and a `Terminal` and gives the exit code: 0 fine, 1 the session or a file
+failed, 2 (argparse's) wrong usage, 130 and 143 when it was interrupted before its work was done.
 """
 
 from __future__ import annotations
@@ -11,11 +11,11 @@ import argparse
 import sys
 from typing import Optional, Sequence
 
-from . import doctor, echo, play, record, relay, report, scenario, token
+from . import doctor, echo, play, record, relay, report, scenario
 from ._failure import Failure
 from ._terminal import Terminal
 
-_COMMANDS = (doctor, play, record, echo, scenario, relay, token, report)
+_COMMANDS = (doctor, play, record, echo, scenario, relay, report)
 _EPILOG = """\
 a first minute, with nothing but this machine:
   %(prog)s doctor
@@ -47,7 +47,7 @@ def _parser() -> argparse.ArgumentParser:
 
 
 def main(arguments: Optional[Sequence[str]] = None) -> int:
-    """Runs one command, as the process's last deed: it takes the standard output for itself."""
+    """Runs one command. Takes over standard output, so that the process can only exit afterwards."""
     options = _parser().parse_args(arguments)
     terminal = Terminal(as_json=getattr(options, "json", False))
     try:

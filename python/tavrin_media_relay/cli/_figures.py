@@ -1,4 +1,5 @@
-"""Events and figures of a visit, second by second: summed up for its end, and written to a file for `report`."""
+"""Events and figures of a visit, second by second: summed up for its end, and written to a file for
+`report`."""
 
 from __future__ import annotations
 
@@ -10,9 +11,8 @@ from pathlib import Path
 from types import TracebackType
 from typing import IO, Any, Optional
 
-from ..aio import Session, _libraries, library_statistics
-from ..aio import _native as native
-from ..aio._output import queued
+from .._native.libraries import find_sarnet
+from ..aio import Session, library_statistics
 from ._failure import Failure
 
 #: Counters that end so are times: of these the worst is told, not the sum.
@@ -21,7 +21,7 @@ _TIME = "_us"
 
 def reset_library() -> None:
     """Sets the library's counters to zero, so that the next figures are those of the time from now on."""
-    function = getattr(_libraries.find_sarnet(), "srn_statistics_reset", None)
+    function = getattr(find_sarnet(), "srn_statistics_reset", None)
     if function is not None:
         function()
 
@@ -69,7 +69,7 @@ class Figures:
         for part, counters in (library or {}).items():
             if part != "subscribers":
                 self._add(part, counters)
-        audio_ms, video_ms = await native.call(queued) if session.publisher is not None else (0.0, 0.0)
+        audio_ms, video_ms = await session.publisher.queued() if session.publisher is not None else (0.0, 0.0)
         streams = list(session.statistics().streams.values())
         dropped = sum(each.dropped for stream in streams for each in (stream.audio, stream.video, stream.captions))
         escaped = sum(each.escaped_views for stream in streams for each in (stream.audio, stream.video))

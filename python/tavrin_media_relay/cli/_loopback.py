@@ -16,7 +16,14 @@ from typing import Any, Optional
 from .. import aio
 from .._recording import has_told
 from .._tasks import beside
-from ..models import LoggingSettings, SessionAVSettings, SessionSettings, SessionVideoPublisherSettings, VideoResolution
+from ..models import (
+    LoggingSettings,
+    SessionAVSettings,
+    SessionSettings,
+    SessionVideoPublisherSettings,
+    VideoResolution,
+    frame_buffer_size,
+)
 from ._figures import reset_library
 from ._levels import peak
 
@@ -29,7 +36,7 @@ _FPS = 30
 
 
 @dataclass(frozen=True)
-class Figures:
+class LoopbackFigures:
     spoken_s: float
     sound_missing: bool
     picture_missing: bool
@@ -42,7 +49,8 @@ class Figures:
     escaped_views: int
     """Received blocks of audio that outlived the module's call."""
     pacing: Optional[dict[str, Any]]
-    """The library's counters of what we sent while we spoke: once speech has ended, three periods are left out."""
+    """The library's counters of what we sent while we spoke: once speech has ended, three periods are left
+    out."""
     library: Optional[dict[str, Any]]
     """The library's counters at the end."""
 
@@ -103,14 +111,14 @@ async def _recorded(folder: Path) -> tuple[bytes, bytes]:
     return samples, next(folder.glob("*.y4m")).read_bytes()
 
 
-async def loopback(folder: Path, logging: LoggingSettings) -> Figures:
+async def loopback(folder: Path, logging: LoggingSettings) -> LoopbackFigures:
     """Joins a session of its own; the folder takes its scenario and recording. Raises whatever goes wrong."""
     peer = {"id": "peer", "audio": {"tone_hz": 440}, "video": {"testcard": True, "width": 320, "height": 240}}
     scenario = folder / "scenario.json"
     scenario.write_text(json.dumps({"participants": [peer], "record": "recording"}))
     os.environ["API_HOSTNAME"] = f"embedded:{scenario}"
     spoken = _spoken()
-    picture = bytes(16 + i * 7 % 200 for i in range(_SIZE.width * _SIZE.height * 3 // 2))
+    picture = bytes(16 + i * 7 % 200 for i in range(frame_buffer_size(_SIZE.width, _SIZE.height, "YUV420P")))
     av = SessionAVSettings(video_publisher=SessionVideoPublisherSettings(_SIZE, _FPS))
     settings = SessionSettings(av=av, logging=logging)
     opening = aio.connect("doctor-app", "doctor", "t", settings=settings, timeout=_PATIENCE)
@@ -127,7 +135,7 @@ async def loopback(folder: Path, logging: LoggingSettings) -> Figures:
     held = (received.callable_p50, received.callable_p99, received.callable_max)
     names = ("p50", "p99", "max")
     delays, kept = ({name: each * 1000 for name, each in zip(names, times)} for times in (delayed, held))
-    return Figures(
+    return LoopbackFigures(
         _SPOKEN_S,
         spoken not in samples,
         picture not in pictures_sent,

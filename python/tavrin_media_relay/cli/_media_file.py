@@ -1,4 +1,5 @@
-"""Media files as streams of samples and pictures: plain WAV by Python itself, all else by the program ffmpeg."""
+"""Media files as streams of samples and pictures: plain WAV by Python itself, all else by the program
+ffmpeg."""
 
 from __future__ import annotations
 
@@ -8,11 +9,12 @@ import json
 import shutil
 import subprocess
 import tempfile
-import wave
 from dataclasses import dataclass
 from pathlib import Path
 from typing import AsyncGenerator, AsyncIterator, Optional
 
+from .._media_files import decoding, open_wave, sound_options
+from ..models import frame_buffer_size
 from ._failure import Failure
 
 RATE, CHANNELS = 48000, 2  # of what ffmpeg gives
@@ -43,10 +45,13 @@ class MediaFile:
 
 
 def _probe_wave(path: Path) -> Optional[MediaFile]:
-    with contextlib.suppress(wave.Error, EOFError), wave.open(str(path), "rb") as file:
-        if file.getsampwidth() == 2 and file.getnchannels() <= 2 and 8000 <= file.getframerate() <= 48000:
-            return MediaFile(path, file.getnframes() / file.getframerate(), True, None, wave=True)
-    return None
+    file = open_wave(path)
+    if file is None:
+        return None
+    with file:
+        if file.getnchannels() > 2:
+            return None
+        return MediaFile(path, file.getnframes() / file.getframerate(), True, None, wave=True)
 
 
 def _rate(text: str) -> float:
@@ -97,7 +102,7 @@ async def _ffmpeg(path: Path, before: list[str], after: list[str], limit: int) -
     """The decoder's output. Raises Failure at its end if it failed; ends the decoder if we leave first."""
     with tempfile.TemporaryFile() as complaints:
         process = await asyncio.create_subprocess_exec(
-            "ffmpeg", "-v", "error", "-nostdin", *before, "-i", f"file:{path}", *after, "pipe:1",
+            *decoding(path, after, before),
             stdin=asyncio.subprocess.DEVNULL, stdout=asyncio.subprocess.PIPE, stderr=complaints,
             limit=limit, start_new_session=True,  # Ctrl-C is for us
         )  # fmt: skip
@@ -121,14 +126,16 @@ async def _ffmpeg(path: Path, before: list[str], after: list[str], limit: int) -
 async def samples(file: MediaFile) -> AsyncGenerator[tuple[bytes, int, int], None]:
     """Pieces of a tenth of a second: 16-bit samples, their rate and channels."""
     if file.wave:
-        with wave.open(str(file.path), "rb") as reader:
+        reader = open_wave(file.path)
+        if reader is None:
+            raise Failure(f"{file.path}: has changed since it was looked at")
+        with reader:
             rate, channels = reader.getframerate(), reader.getnchannels()
             while piece := reader.readframes(int(rate * _PIECE)):
                 yield piece, rate, channels
         return
     size = int(RATE * _PIECE) * CHANNELS * 2
-    form = ["-vn", "-f", "s16le", "-ac", str(CHANNELS), "-ar", str(RATE)]
-    async with _ffmpeg(file.path, [], form, 2 * size) as pipe:
+    async with _ffmpeg(file.path, [], sound_options(RATE, CHANNELS), 2 * size) as pipe:
         async for piece in _blocks(pipe, size):
             yield piece[: len(piece) // (2 * CHANNELS) * (2 * CHANNELS)], RATE, CHANNELS
 
@@ -138,7 +145,7 @@ async def pictures(file: MediaFile, form: Form) -> AsyncGenerator[bytes, None]:
     width, height = form.width, form.height
     scale = f"scale={width}:{height}:force_original_aspect_ratio=decrease:out_range=tv"
     pad = f"pad={width}:{height}:(ow-iw)/2:(oh-ih)/2,setsar=1"
-    size = width * height + 2 * ((width + 1) // 2) * ((height + 1) // 2)
+    size = frame_buffer_size(width, height, "YUV420P")
     before = ["-loop", "1", "-t", str(STILL_SECONDS)] if file.still else []
     after = ["-an", "-vf", f"fps={form.fps},{scale},{pad}", "-pix_fmt", "yuv420p", "-f", "rawvideo"]
     async with _ffmpeg(file.path, before, after, 2 * size) as pipe:

@@ -1,7 +1,7 @@
 """What a command shows: lines and live bars for people, or one JSON object a line for machines.
 
-Standard output carries nothing else. The module's native log writes to the process's standard output as well, so
-that descriptor is turned over to standard error, and ours is a copy of the first one.
+Standard output carries nothing else. The module's native log writes to the process's standard output as well,
+so that descriptor is turned over to standard error, and ours is a copy of the first one.
 """
 
 from __future__ import annotations
@@ -67,12 +67,12 @@ class Terminal:
             print(f"tavrin-media-relay: {text}", file=sys.stderr, flush=True)
 
     def forget_output(self) -> None:
-        """Nobody reads it any more."""
+        """Discards all further output, which nobody reads any more."""
         with open(os.devnull, "w") as nowhere:
             os.dup2(nowhere.fileno(), self._out.fileno())
 
     def close(self) -> None:
-        """The native log, which may have last words, keeps going to standard error."""
+        """Descriptor 1 stays on standard error, for the last lines of the native log."""
         sys.stdout = self._before
         try:
             self._out.close()
@@ -111,7 +111,8 @@ class _Bars:
 
 
 class _Lines:
-    """For a file or a pipe, or without the terminal library: now and then a line. For machines, each second one."""
+    """For a file or a pipe, or without the terminal library: now and then a line. For machines, each second
+    one."""
 
     def __init__(self, terminal: Terminal) -> None:
         self._terminal = terminal

@@ -1,4 +1,5 @@
-"""A command's stay in a session: joining, telling what happens, figures each second, and the ways to its end."""
+"""A command's stay in a session: joining, telling what happens, figures each second, and the ways to its
+end."""
 
 from __future__ import annotations
 
@@ -36,8 +37,9 @@ class Visit:
         self._stop.set()
 
     async def until_stopped(self, work: Awaitable[object], patient: bool = False) -> bool:
-        """Runs the work to its end, or until a signal comes: then it is cancelled, and False given. So it is, if
-        `patient`, when the server ends the session. Raises what the work raises, or how the session failed."""
+        """Runs the work to its end, or until a signal comes: then it is cancelled, and False given. So it is,
+        if `patient`, when the server ends the session. Raises what the work raises, or how the session
+        failed."""
         task = asyncio.ensure_future(work)
         ends = [asyncio.ensure_future(each) for each in (self._stop.wait(), self.session.ended())]
         try:

@@ -12,8 +12,8 @@ from ..aio import AudioFrame, VideoFrame
 from ._failure import Failure
 
 RATE, CHANNELS, FPS = 48000, 2, 30
-_LOST = 0.1  # seconds of sound that may be missing until silence takes their place
-_END_SECONDS = 20.0  # that the encoder has for the rest
+_LOST = 0.1  # seconds of missing sound from which silence is inserted
+_END_SECONDS = 20.0  # for the encoder to finish
 
 
 class SoundFile:
@@ -29,7 +29,7 @@ class SoundFile:
         self.frames = 0
 
     def add(self, frame: AudioFrame) -> None:
-        """In the form that the names above state."""
+        """The frame has the rate and channels of the constants above."""
         if self._begin is None:
             self._begin = frame.arrived
         missing = int((frame.arrived - self._begin) * RATE) - self.frames
@@ -46,8 +46,8 @@ class SoundFile:
 class PictureFile:
     """Pictures at an even rate: each is repeated, or left out, as the times of arrival ask for.
 
-    Matroska through the program ffmpeg, or Y4M, which needs no program but 14 MB for a second of 640x480. The calls
-    may wait for the disk or the encoder: not for an event loop's thread.
+    Matroska through the program ffmpeg, or Y4M, which needs no program but 14 MB for a second of 640x480. The
+    calls may wait for the disk or the encoder: not for an event loop's thread.
     """
 
     def __init__(self, path: Path, width: int, height: int, encode: bool) -> None:
@@ -73,8 +73,8 @@ class PictureFile:
     def add(self, frame: VideoFrame) -> None:
         if self._begin is None:
             self._begin = frame.arrived
-        place = round((frame.arrived - self._begin) * FPS)
-        while self._last is not None and self.count < place:
+        due = round((frame.arrived - self._begin) * FPS)
+        while self._last is not None and self.count < due:
             self._write(self._last)
         self._last = frame.pixels
 

@@ -18,7 +18,7 @@ from typing import Any, Iterator, Literal, Optional
 
 from ..models import LoggingSettings
 from ._failure import Failure
-from ._loopback import Figures, loopback
+from ._loopback import LoopbackFigures, loopback
 from ._options import command
 from ._terminal import Terminal
 
@@ -81,9 +81,9 @@ def _look_at_library(findings: _Findings) -> bool:
         findings.add("bad", "module", f"_tavrin_video can't be imported: {error}", advice)
         return False
     findings.add("ok", "module", str(_tavrin_video.__file__))
-    from ..aio import _libraries
+    from .._native.libraries import find_sarnet
 
-    library = _libraries.find_sarnet()
+    library = find_sarnet()
     if library is None:
         findings.add("bad", "libsarnet", "the module has brought none into the process", "Was it linked statically?")
         return False
@@ -156,7 +156,7 @@ def _quiet_host() -> Iterator[None]:
             os.environ["API_HOSTNAME"] = before
 
 
-def _try_out(findings: _Findings) -> Optional[Figures]:
+def _try_out(findings: _Findings) -> Optional[LoopbackFigures]:
     with _quiet_host(), tempfile.TemporaryDirectory(prefix="tavrin-doctor-") as folder:
         try:
             figures = asyncio.run(loopback(Path(folder), LoggingSettings("error")))
@@ -199,7 +199,7 @@ def _tell_callbacks(findings: _Findings, callbacks: dict[str, int]) -> None:
     findings.add("ok", "callbacks", "from the library to the callable and back: " + "; ".join(parts))
 
 
-def _judge_pacing(findings: _Findings, figures: Figures) -> None:
+def _judge_pacing(findings: _Findings, figures: LoopbackFigures) -> None:
     text = f"from the library's thread to async for: {_times(figures.delays)}; "
     text += f"its thread was kept {_times(figures.kept, 3)}; {figures.escaped_views} views outlived their call"
     findings.add("ok" if figures.delays["p99"] < _LATE_MS else "note", "delivery", text)

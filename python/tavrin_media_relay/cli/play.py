@@ -7,9 +7,8 @@ import asyncio
 import contextlib
 import time
 from pathlib import Path
-from typing import Any, Awaitable, Optional
+from typing import Any, Optional
 
-from .._tasks import together
 from ..aio import Publisher
 from ..models import SessionAudioSettings, SessionAVSettings, SessionVideoPublisherSettings, VideoResolution
 from . import _media_file
@@ -71,12 +70,14 @@ class _Player:
     async def play(self, file: MediaFile) -> None:
         self._file, self._audio_at, self._video_at = file, 0.0, 0.0
         self._sound_begun = asyncio.Event()
-        work: list[Awaitable[object]] = []
-        if file.audio:
-            work.append(self._play_sound())
-        if file.video is not None and self._form is not None:
-            work.append(self._play_pictures(self._form))
-        await together(*work)
+        try:
+            async with asyncio.TaskGroup() as group:
+                if file.audio:
+                    group.create_task(self._play_sound())
+                if file.video is not None and self._form is not None:
+                    group.create_task(self._play_pictures(self._form))
+        except BaseExceptionGroup as errors:
+            raise errors.exceptions[0] from None
 
     async def _play_sound(self) -> None:
         audio = self._publisher.audio

@@ -32,9 +32,9 @@ def fault_of(path: Path) -> str:
     """What the library says is wrong; empty when the scenario can be played."""
     import _tavrin_video  # noqa: F401  brings the library into the process
 
-    from ..aio import _libraries
+    from .._native.libraries import find_sarnet
 
-    function = getattr(_libraries.find_sarnet(), "srn_scenario_check", None)
+    function = getattr(find_sarnet(), "srn_scenario_check", None)
     if function is None:
         raise Failure("the libsarnet.so in use cannot check scenarios: join a session with --host embedded:FILE")
     function.restype = ctypes.c_size_t

@@ -54,7 +54,7 @@ class _Handler(SimpleHTTPRequestHandler):
         super().__init__(*arguments, directory=directory)  # type: ignore[arg-type]
 
     def log_message(self, format: str, *arguments: object) -> None:
-        pass  # the terminal is for what the developer has to know
+        pass  # requests are not logged
 
     def do_GET(self) -> None:
         path = self.path.partition("?")[0]

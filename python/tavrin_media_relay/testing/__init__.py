@@ -1,8 +1,8 @@
 """Rehearsals: runs an agent against scripted participants, with no server, and tells what it really did.
 
-The pytest plug-in gives the fixture `rehearsal`. A `Rehearsal` scripts who comes, says, shows and captions what, and
-what goes wrong when; `run` plays it to an agent in real time and gives a `Performance`: what the agent published,
-sample by sample and picture by picture, and the log of events. Needs numpy.
+The pytest plug-in gives the fixture `rehearsal`. A `Rehearsal` scripts who comes, says, shows and captions
+what, and what goes wrong when; `run` plays it to an agent in real time and gives a `Performance`: what the
+agent published, sample by sample and picture by picture, and the log of events. Needs numpy.
 """
 
 from __future__ import annotations
@@ -40,8 +40,8 @@ _PLACES = {
 
 
 def __getattr__(name: str) -> Any:
-    # Not before it is asked for: the plug-in is imported by every pytest of an environment, whether numpy is there
-    # or not.
+    # Not before it is asked for: the plug-in is imported by every pytest of an environment, whether numpy is
+    # there or not.
     for module, names in _PLACES.items():
         if name in names:
             try:

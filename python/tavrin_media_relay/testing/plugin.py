@@ -15,7 +15,8 @@ _SECTION = "rehearsal"
 
 @pytest.fixture
 def rehearsal(tmp_path: Path) -> Rehearsal:
-    """A `tavrin_media_relay.testing.Rehearsal`: script who is there and what happens, then `run` an agent in it.
+    """A `tavrin_media_relay.testing.Rehearsal`: script who is there and what happens, then `run` an agent in
+    it.
 
     When the test fails, its report shows the log of events and when the agent spoke.
     """

@@ -31,8 +31,8 @@ class Utterance:
 
 
 class Timeline:
-    """When each place in a file was sent: the recording marks its beginning, and every place that came earlier or
-    later than the marks before it let expect."""
+    """When each position in a file was sent: the recording marks its beginning, and every position that was
+    sent earlier or later than expected from the marks before it."""
 
     def __init__(self, marks: Sequence[tuple[float, float]], begin: float) -> None:
         """marks: seconds into the file and the time there, in order. begin: of a file that has none."""
@@ -52,7 +52,7 @@ class Timeline:
         return float(self.times(place))
 
     def place(self, time: float) -> float:
-        """That of the next one sent, where nothing was sent at that time."""
+        """The position sent at a time; the next one sent, if nothing was."""
         last = max(int(np.searchsorted(self._times, time, "right")) - 1, 0)
         return float(min(self._places[last] + max(time - self._times[last], 0.0), self._lengths[last]))
 
@@ -103,7 +103,8 @@ class Sound:
         return tuple(Utterance(float(begin), float(end)) for begin, end in zip(begins, ends))
 
     def position_of(self, samples: Any) -> Optional[float]:
-        """When exactly these samples were sent, in the session's own form; None if they were not, or not whole."""
+        """When exactly these samples were sent, in the session's own form; None if they were not, or not
+        whole."""
         wanted = np.ascontiguousarray(np.asarray(samples, np.int16)).tobytes()
         whole, frame = self.samples.tobytes(), 2 * self.samples.shape[1]
         found = whole.find(wanted)

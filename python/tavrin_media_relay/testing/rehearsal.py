@@ -49,7 +49,8 @@ class Rehearsal:
     ) -> Participant:
         """Somebody who comes at a time, and stays or leaves at another.
 
-        id: of letters, digits, "-" and "_". name: of the stream; the id unless given. data: of the connection.
+        id: of letters, digits, "-" and "_". name: of the stream; the id unless given. data: of the
+        connection.
 
         Publishes a stream if something is said, shown or captioned.
         """
@@ -104,8 +105,9 @@ class Rehearsal:
     ) -> Performance:
         """Joins, awaits `agent(session)`, leaves, and tells what was done.
 
-        until: the agent is cancelled then, as its normal end. timeout: after so long it counts as hanging, and the
-        test fails. settings: of the session. Raises what the agent raises. In an async test: `await perform(...)`.
+        until: the agent is cancelled then, as its normal end. timeout: after so long it counts as hanging,
+        and the test fails. settings: of the session. Raises what the agent raises. In an async test: `await
+        perform(...)`.
         """
         return asyncio.run(self.perform(agent, until=until, timeout=timeout, settings=settings))
 
@@ -137,8 +139,8 @@ class Rehearsal:
     def run_alone(
         self, agent: Callable[[], Awaitable[Any]], *, until: Optional[float] = None, timeout: float = 30.0
     ) -> Performance:
-        """Awaits `agent()`, which joins by itself: API_HOSTNAME is set, and so are APPLICATION_ID, SESSION_ID and
-        TOKEN, which it may read. until: counted from its start."""
+        """Awaits `agent()`, which joins by itself: API_HOSTNAME is set, and so are APPLICATION_ID, SESSION_ID
+        and TOKEN, which it may read. until: counted from its start."""
 
         async def alone() -> Any:
             return await _for_a_while(agent(), until)

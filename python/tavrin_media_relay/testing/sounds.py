@@ -5,7 +5,6 @@ from __future__ import annotations
 import os
 import shutil
 import subprocess
-import wave
 from array import array
 from pathlib import Path
 from typing import Any, Union
@@ -13,7 +12,8 @@ from typing import Any, Union
 import numpy as np
 import numpy.typing as npt
 
-from ..aio._resample import Converter
+from .._media_files import decoding, open_wave, sound_options
+from .._native.resample import Converter
 
 RATE = 48000
 Samples = npt.NDArray[np.int16]
@@ -27,7 +27,8 @@ def tone(seconds: float, hertz: float = 440.0, level: float = 0.25) -> Samples:
 
 
 def babble(seconds: float, level: float = 0.4, seed: int = 1) -> Samples:
-    """Something like speech: noise of a voice's frequencies in syllables, without a pause. The same for each seed."""
+    """Something like speech: noise of a voice's frequencies in syllables, without a pause. The same for each
+    seed."""
     count = int(seconds * RATE)
     noise = np.random.default_rng(seed).normal(size=count)
     spectrum, frequencies = np.fft.rfft(noise), np.fft.rfftfreq(count, 1 / RATE)
@@ -60,20 +61,14 @@ def load(source: Source, rate: int = RATE) -> Samples:
     path = Path(source)
     if not path.is_file():
         raise FileNotFoundError(f"there is no sound file {path}")
-    try:
-        with wave.open(str(path), "rb") as file:
-            if file.getsampwidth() == 2 and 8000 <= file.getframerate() <= RATE:
-                read = np.frombuffer(file.readframes(file.getnframes()), "<i2").reshape(-1, file.getnchannels())
-                return _converted(read.mean(axis=1).astype(np.int16), file.getframerate())
-    except (wave.Error, EOFError):
-        pass
+    file = open_wave(path)
+    if file is not None:
+        with file:
+            read = np.frombuffer(file.readframes(file.getnframes()), "<i2").reshape(-1, file.getnchannels())
+            return _converted(read.mean(axis=1).astype(np.int16), file.getframerate())
     if shutil.which("ffmpeg") is None:
         raise RuntimeError(f"{path} needs the program ffmpeg, which is not installed: only 16-bit WAV is read without")
-    done = subprocess.run(
-        ["ffmpeg", "-v", "error", "-nostdin", "-i", f"file:{path}",
-         "-vn", "-f", "s16le", "-ac", "1", "-ar", str(RATE), "pipe:1"],
-        capture_output=True,
-    )  # fmt: skip
+    done = subprocess.run(decoding(path, sound_options(RATE, 1)), capture_output=True)
     if done.returncode:
         raise ValueError(f"{path} can't be decoded: {done.stderr.decode(errors='replace').strip()}")
     return np.frombuffer(done.stdout, "<i2")

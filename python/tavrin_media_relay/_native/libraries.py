@@ -1,4 +1,4 @@
-"""Shared libraries that the module has brought into the process, for the few calls made on them directly."""
+"""Finds shared libraries in this process, for the few calls that are made on them directly."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ _DEBIAN = {"libsamplerate": ("libsamplerate.so.0", "libsamplerate0"), "libyuv": 
 
 
 def _mapped(name: str) -> str | None:
-    """The path of a library in this process. A wheel may have put letters and digits behind its name."""
+    """The path of a library in this process. Wheels append a hash to its name."""
     wanted = re.compile(rf"/({re.escape(name)}(-[0-9a-f]+)?\.so[.0-9]*)$")
     with open("/proc/self/maps", encoding="utf-8", errors="surrogateescape") as maps:
         for line in maps:
@@ -33,7 +33,7 @@ def find_sarnet() -> ctypes.CDLL | None:
 
 @functools.cache
 def load(name: str, purpose: str) -> ctypes.CDLL:
-    """A helping library: the one in the process, else the system's."""
+    """A helper library: the one in the process, else the system's."""
     soname, package = _DEBIAN[name]
     try:
         return ctypes.CDLL(_mapped(name) or soname)

@@ -1,8 +1,8 @@
-"""The process's one client, and the one thread on which the module's waiting calls are made.
+"""The process's one client, and the one thread on which the module's blocking calls are made.
 
-The module's calls wait for its worker, `disconnect` up to five seconds: none of them is made on a loop's thread.
-One thread for all of them keeps their order, so that a `connect` begins when the `disconnect` before it is done,
-whichever loop each came from.
+The module's calls wait for its worker, `disconnect` up to five seconds, so none is made on a loop's thread.
+One thread for all keeps their order: a `connect` begins when the `disconnect` before it is done, on whichever
+loop.
 """
 
 from __future__ import annotations
@@ -19,13 +19,13 @@ T = TypeVar("T")
 
 
 class _Process:
-    """What there is once in a process, and what may not be used in a forked child."""
+    """State that exists once per process and must not be used in a forked child."""
 
     client: Optional[TavrinVideoClient] = None
     executor: Optional[ThreadPoolExecutor] = None
     pid = 0
-    holder: Optional[object] = None  # the session that is up, or on its way up or down
-    loop: Optional[asyncio.AbstractEventLoop] = None  # that one's
+    holder: Optional[object] = None  # the session that is joined, being joined or being left
+    loop: Optional[asyncio.AbstractEventLoop] = None  # the holder's
 
 
 def check_process() -> None:
@@ -51,7 +51,7 @@ def client() -> TavrinVideoClient:
 async def claim(holder: object, loop: asyncio.AbstractEventLoop) -> bool:
     """Takes the process's session for one holder; False if another has it.
 
-    A session whose loop was closed before it was left can't be left by its program any more: we do it here.
+    A session whose loop was closed before the session was left is left here: its program no longer can.
     """
     check_process()
     if _Process.loop is not None and _Process.loop.is_closed():
@@ -72,7 +72,7 @@ def release(holder: object) -> None:
 
 
 def start(function: Callable[..., T], *arguments: Any) -> asyncio.Future[T]:
-    """Begins a call on the module's thread, after those begun before it."""
+    """Queues a call on the module's thread."""
     check_process()
     if _Process.executor is None:
         _Process.executor = ThreadPoolExecutor(max_workers=1, thread_name_prefix="tavrin-aio")
@@ -81,7 +81,8 @@ def start(function: Callable[..., T], *arguments: Any) -> asyncio.Future[T]:
 
 
 async def finish(future: asyncio.Future[T]) -> T:
-    """Waits for a call's end. A native call can't be broken off: a cancellation is passed on once it is over."""
+    """Waits for a call. A native call cannot be cancelled, so a cancellation is raised once the call has
+    ended."""
     cancelled: Optional[asyncio.CancelledError] = None
     while not future.done():
         try:
@@ -90,7 +91,7 @@ async def finish(future: asyncio.Future[T]) -> T:
             cancelled = error
     if cancelled is not None:
         if not future.cancelled():
-            future.exception()  # looked at: no complaint that nobody did
+            future.exception()  # retrieved, so that asyncio does not report it
         raise cancelled
     return future.result()
 

@@ -1,20 +1,18 @@
 """Picture layouts: what a buffer holds, and conversion between layouts by libyuv.
 
-Everything goes by way of libyuv's own four bytes a pixel, so that each layout needs two functions only. A
-`bytes` object is what goes in: it is the one thing whose memory ctypes reads without asking to write. The common form
-lies in memory that each thread keeps for its next picture: new memory costs more than the conversion.
+Every conversion passes through libyuv's 32-bit ARGB, so that each layout needs two functions only. The input
+is copied to `bytes`, since ctypes reads other buffers only if they are writable. Each thread keeps the memory
+of the intermediate picture: allocating it costs more than the conversion.
 """
 
 from __future__ import annotations
 
-import asyncio
 import ctypes
 import threading
-from concurrent.futures import ThreadPoolExecutor
 from typing import Any, Final, Literal, Optional
 
-from ..models import VideoResolution
-from . import _libraries
+from ..models import VideoResolution, frame_buffer_size
+from . import libraries
 
 #: Layouts that can be written: the session's three, and what picture libraries give.
 Layout = Literal["YUV420P", "RGB24", "ARGB32", "RGBA32", "GRAY8"]
@@ -27,10 +25,6 @@ _DECODE: Final = {"RGB24": "RAWToARGB", "ARGB32": "BGRAToARGB", "RGBA32": "ABGRT
 _ENCODE: Final = {"RGB24": "ARGBToRAW", "ARGB32": "ARGBToBGRA"}
 
 
-#: Pixels that are converted in 0.2 to 0.4 ms. More of them, 1 to 2 ms for 1920x1080, would keep an event loop too long.
-_SMALL = 1280 * 720
-
-
 class _Scratch(threading.local):
     memory: Any = (ctypes.c_char * 0)()
 
@@ -41,14 +35,11 @@ class _Scratch(threading.local):
 
 
 _scratch = _Scratch()
-_aside: Optional[ThreadPoolExecutor] = None
 
 
 def size_of(width: int, height: int, layout: str) -> int:
     """Bytes of a tightly packed picture."""
-    if layout == "YUV420P":
-        return width * height + 2 * ((width + 1) // 2) * ((height + 1) // 2)
-    return width * height * _PIXEL[layout]
+    return width * height * _PIXEL[layout] if layout in _PIXEL else frame_buffer_size(width, height, layout)
 
 
 def layout_of(view: memoryview, size: VideoResolution, wanted: str, layout: Optional[str]) -> str:
@@ -90,7 +81,7 @@ def _planes(address: int, width: int, height: int) -> list[Any]:
 
 def convert(pixels: bytes | memoryview, width: int, height: int, layout: str, wanted: str) -> bytearray:
     """A picture in another layout; video range and BT.601 on the side of YUV420P. Any thread."""
-    library = _libraries.load("libyuv", f"{layout} to {wanted}")
+    library = libraries.load("libyuv", f"{layout} to {wanted}")
     pixels = bytes(pixels)
     source = ctypes.cast(ctypes.c_char_p(pixels), ctypes.c_void_p).value or 0
     common = _scratch.of(width * height * 4)
@@ -110,14 +101,3 @@ def convert(pixels: bytes | memoryview, width: int, height: int, layout: str, wa
     if status:
         raise RuntimeError(f"libyuv could not convert {width}x{height} {layout} to {wanted}: status {status}")
     return result
-
-
-async def convert_aside(pixels: memoryview, width: int, height: int, layout: str, wanted: str) -> bytearray:
-    """`convert`, for a loop: large pictures are converted on a thread that all loops share."""
-    global _aside
-    if width * height <= _SMALL:
-        return convert(pixels, width, height, layout, wanted)
-    if _aside is None:
-        _aside = ThreadPoolExecutor(max_workers=1, thread_name_prefix="tavrin-pictures")
-    loop = asyncio.get_running_loop()
-    return await loop.run_in_executor(_aside, convert, pixels, width, height, layout, wanted)

@@ -1,5 +1,5 @@
-"""Other rates and channel counts for 16-bit audio. libsamplerate does the rates, and keeps its place between
-blocks to a fraction of a sample, so that nothing drifts however long it runs."""
+"""Converts 16-bit audio to other rates and channel counts. libsamplerate resamples, and keeps the phase
+between blocks, so that a long stream does not drift."""
 
 from __future__ import annotations
 
@@ -7,7 +7,7 @@ import ctypes
 from array import array
 from typing import Any, Union
 
-from . import _libraries
+from . import libraries
 
 Samples = Union[memoryview, "array[int]"]
 
@@ -30,7 +30,7 @@ class _Data(ctypes.Structure):
 
 
 def _library() -> ctypes.CDLL:
-    library = _libraries.load("libsamplerate", "audio at another rate than the session's")
+    library = libraries.load("libsamplerate", "audio at another rate than the session's")
     library.src_new.restype = ctypes.c_void_p
     library.src_new.argtypes = [ctypes.c_int, ctypes.c_int, ctypes.POINTER(ctypes.c_int)]
     library.src_process.argtypes = [ctypes.c_void_p, ctypes.POINTER(_Data)]
@@ -108,7 +108,7 @@ def _stereo(samples: Samples) -> array[int]:
 
 
 class Converter:
-    """From one form to another: rate, channels, or both. Keeps its place between calls."""
+    """From one form to another: rate, channels, or both. Keeps the phase between calls."""
 
     def __init__(self, rate_in: int, channels_in: int, rate_out: int, channels_out: int) -> None:
         self.form_in = (rate_in, channels_in)
