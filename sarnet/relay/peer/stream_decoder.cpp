@@ -75,7 +75,8 @@ bool StreamDecoder::attach(GstBin* pipeline, GstPad* pad, const std::shared_ptr<
                            : gst_parse_bin_from_description(
                                  (std::string(codec->chain) + kSink).c_str(), TRUE, nullptr);
   if (branch == nullptr) {
-    SARNET_LOG(kError, "relay: media of codec \"" << printable_text(caps.codec) << "\" cannot be decoded");
+    SARNET_LOG(kError,
+               "relay: media of codec \"" << printable_text(caps.codec) << "\" cannot be decoded");
     return false;
   }
   const ElementPtr app_sink(gst_bin_get_by_name(GST_BIN(branch), "sink"));
