@@ -17,6 +17,7 @@ export class RelayError extends Error {
   }
 }
 
+const randomSecret = () => Array.from(crypto.getRandomValues(new Uint32Array(4)), (word) => word.toString(36)).join('');
 const wait = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
 function inWords(code, reason) {
@@ -311,7 +312,8 @@ export class RoomVisit extends EventTarget {
     const create = {
       request: 'create', room: this.room, notify_joining: true, publishers: 50, videocodec: 'vp8,h264',
       bitrate: 3_000_000, fir_freq: 10, signed_tokens: token.includes(`room=${this.room}:`),
-      ...(pin && {pin}),
+      // Who knows the secret may do with the room what they like: nobody does.
+      secret: randomSecret(), is_private: true, lock_record: true, ...(pin && {pin}),
     };
     await this.#signalling.ask(this.#handle, create).catch((error) => {
       if (error.code !== ROOM_EXISTS) throw error; // somebody else was faster

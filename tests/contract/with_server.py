@@ -30,7 +30,7 @@ def main() -> int:
     with tempfile.TemporaryDirectory() as folder:
         settings = Settings(
             folder=Path(folder) / "server", port=free_port(), tls_port=free_port(),
-            rtp_ports=(21000, 21999), rooms=[],
+            rtp_ports=(21000, 21999), rooms=[], anyone_may_make_rooms=True,
         )  # fmt: skip
         # The server runs as nobody when we are root.
         Path(folder).chmod(0o755)

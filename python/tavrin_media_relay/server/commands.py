@@ -64,8 +64,9 @@ def add_server_options(parser: argparse.ArgumentParser) -> None:
                         help="UDP ports of media (default: 20000-20999)")  # fmt: skip
     parser.add_argument("--room", action="append", dest="rooms", metavar="ROOM",
                         help="a room to have from the start; may come again (default: lobby)")  # fmt: skip
-    parser.add_argument("--admin-key", default=os.environ.get(ADMIN_VARIABLE, ""),
-                        help=f"let only those who know it make further rooms (default: {ADMIN_VARIABLE})")  # fmt: skip
+    parser.add_argument("--anyone-may-make-rooms", action="store_true",
+                        help="let everyone with a token make further rooms; else only those who know the key in "
+                             f"{ADMIN_VARIABLE}, and nobody if it is not set")  # fmt: skip
     parser.add_argument("--certificate", type=Path, help="PEM file for TLS (default: a new self-signed one)")
     parser.add_argument("--key", type=Path, help="PEM file with the certificate's key")
 
@@ -74,7 +75,8 @@ def settings_from(arguments: argparse.Namespace) -> Settings:
     return Settings(
         folder=arguments.folder, address=arguments.address, public_address=arguments.public_address,
         port=arguments.port, tls_port=arguments.tls_port, rtp_ports=arguments.rtp_ports,
-        rooms=arguments.rooms or ["lobby"], admin_key=arguments.admin_key,
+        rooms=arguments.rooms or ["lobby"], admin_key=os.environ.get(ADMIN_VARIABLE, ""),
+        anyone_may_make_rooms=arguments.anyone_may_make_rooms,
         token_secret=os.environ.get(SECRET_VARIABLE, ""), certificate=arguments.certificate, key=arguments.key,
     )  # fmt: skip
 

@@ -42,7 +42,10 @@ class Settings:
     rooms: list[str] = field(default_factory=list)
     """Rooms that are there from the start, each open only to tokens made for it."""
     admin_key: str = ""
-    """If set, only who knows it can make further rooms; else everyone with a token can."""
+    """Only who knows it can make further rooms. Empty: a new one that nobody knows, so that nobody can."""
+    anyone_may_make_rooms: bool = False
+    """Everyone with a token for the server can make further rooms, and forward what they publish there to any
+    address: for development among people who trust each other. Goes with no admin key."""
     token_secret: str = ""
     """Signs the tokens. Empty: a new one."""
     certificate: Path | None = None
@@ -63,6 +66,10 @@ class Settings:
                 raise ValueError(f"a port is a number from 1 to 65535, not {port}")
         if first >= last:
             raise ValueError(f"the first of the media's ports must be below the last, not {first}-{last}")
+        if self.anyone_may_make_rooms and self.admin_key:
+            raise ValueError("either anyone may make rooms, or those who know the admin key: not both")
+        if not self.anyone_may_make_rooms:
+            self.admin_key = self.admin_key or secrets.token_urlsafe(32)
         self.token_secret = self.token_secret or secrets.token_urlsafe(32)
         for name, values in (
             ("room", self.rooms), ("admin key", [self.admin_key] if self.admin_key else []),
@@ -116,7 +123,9 @@ def write(settings: Settings) -> list[Path]:
         "rtp_ports": "{}-{}".format(*settings.rtp_ports), "token_secret": settings.token_secret,
         "certificate": certificate.absolute(), "key": key.absolute(),
         "public_address_line": f'\tnat_1_1_mapping = "{settings.public_address}"\n' if settings.public_address else "",
-        "admin_key_line": f'\tadmin_key = "{settings.admin_key}"\n' if settings.admin_key else "",
+        "admin_key_lines": (
+            f'\tadmin_key = "{settings.admin_key}"\n\tlock_rtp_forward = true\n' if settings.admin_key else ""
+        ),
     }  # fmt: skip
     texts = {
         name: Template((_TEMPLATES / name).read_text()).substitute(values)

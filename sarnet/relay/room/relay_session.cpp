@@ -93,7 +93,11 @@ void RelaySession::create_room() {
             {"notify_joining", true},
             {"audiocodec", "opus"},
             {"videocodec", "vp8,h264"},
-            {"bitrate", 0}};
+            {"bitrate", 0},
+            // Who knows it may do with the room what they like: nobody does.
+            {"secret", random_secret()},
+            {"is_private", true},
+            {"lock_record", true}};
   if (!settings_.admin_key.empty()) body["admin_key"] = settings_.admin_key;
   if (!access_.credentials.pin.empty()) body["pin"] = access_.credentials.pin;
   if (access_.credentials.has_room_token) body["signed_tokens"] = true;

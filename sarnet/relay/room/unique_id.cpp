@@ -12,4 +12,6 @@ std::string unique_id() {
   return text;
 }
 
+std::string random_secret() { return unique_id() + unique_id(); }
+
 }  // namespace sarnet::relay
