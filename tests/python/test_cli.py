@@ -90,6 +90,7 @@ def frequency(samples: np.ndarray, rate: float) -> float:
         (["scenario", "check", "{text}"], 1, "scenario '.*words.txt': line 1"),
         (["token", "lobby", "--dir", "{here}"], 1, "Start the server first"),
         (["token", "a:b"], 1, "a room's name"),
+        (["configure", "--dir", "{here}", "--room", "a:b"], 1, "a room is made of letters"),
     ],
 )
 def test_wrong_use_and_bad_files_are_told(arguments, code, message, tmp_path):

@@ -87,8 +87,8 @@ class VideoFrame:
 
     def to_rgb(self) -> memoryview:
         """The picture in bytes R, G, B, of shape (height, width, 3), in memory of its own, which
-        `numpy.asarray` takes without a copy. For Pillow: `Image.frombytes("RGB", (width, height),
-        rgb.tobytes())`.
+        `numpy.asarray` takes without a copy. For Pillow:
+        `Image.frombytes("RGB", (width, height), rgb.tobytes())`.
 
         Takes 0.4 ms for 1280x720 and 1.3 ms for 1920x1080; `await asyncio.to_thread(frame.to_rgb)` keeps the
         loop free.

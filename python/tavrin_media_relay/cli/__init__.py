@@ -11,11 +11,11 @@ import argparse
 import sys
 from typing import Optional, Sequence
 
-from . import doctor, echo, play, record, relay, report, scenario
+from . import doctor, echo, play, record, report, scenario, server
 from ._failure import Failure
 from ._terminal import Terminal
 
-_COMMANDS = (doctor, play, record, echo, scenario, relay, report)
+_COMMANDS = (doctor, play, record, echo, scenario, server, report)
 _EPILOG = """\
 a first minute, with nothing but this machine:
   %(prog)s doctor

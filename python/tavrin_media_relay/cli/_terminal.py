@@ -1,7 +1,7 @@
 """What a command shows: lines and live bars for people, or one JSON object a line for machines.
 
 Standard output carries nothing else. The module's native log writes to the process's standard output as well,
-so that descriptor is turned over to standard error, and ours is a copy of the first one.
+so descriptor 1 is redirected to standard error, and ours is a duplicate of the original.
 """
 
 from __future__ import annotations
@@ -12,7 +12,7 @@ import os
 import sys
 import time
 from dataclasses import asdict, dataclass
-from typing import Any, Iterator, Optional, Protocol
+from typing import Any, Iterator, Optional
 
 _PLAIN_SECONDS = 5.0  # between the lines that stand in for live bars
 
@@ -25,10 +25,6 @@ class Bar:
     fraction: Optional[float]
     """0 to 1; None for no bar."""
     text: str
-
-
-class Live(Protocol):
-    def show(self, bars: list[Bar]) -> None: ...
 
 
 class Terminal:
@@ -83,45 +79,41 @@ class Terminal:
     def live(self) -> Iterator[Live]:
         """A display that `show` renews, as often as one likes."""
         if self._rich is None or not self._rich.is_terminal:
-            yield _Lines(self)
+            yield Live(self, None)
             return
         from rich.live import Live as RichLive
 
-        with RichLive(console=self._rich, refresh_per_second=8, transient=False) as shown:
-            yield _Bars(shown)
+        with RichLive(console=self._rich, refresh_per_second=8, transient=False) as rich:
+            yield Live(self, rich)
 
 
-class _Bars:
-    def __init__(self, live: Any) -> None:
-        self._live = live
+class Live:
+    """Bars on a terminal where rich is installed; else now and then a line, for machines one a second."""
 
-    def show(self, bars: list[Bar]) -> None:
-        from rich.progress_bar import ProgressBar
-        from rich.table import Table
-        from rich.text import Text
-
-        table = Table.grid(padding=(0, 1))
-        for bar in bars:
-            label, text = Text(bar.label), Text(bar.text)
-            if bar.fraction is None:
-                table.add_row(label, "", text)
-            else:
-                table.add_row(label, ProgressBar(total=1.0, completed=bar.fraction, width=30), text)
-        self._live.update(table)
-
-
-class _Lines:
-    """For a file or a pipe, or without the terminal library: now and then a line. For machines, each second
-    one."""
-
-    def __init__(self, terminal: Terminal) -> None:
+    def __init__(self, terminal: Terminal, rich: Any) -> None:
         self._terminal = terminal
+        self._rich = rich
         self._every = 1.0 if terminal.as_json else _PLAIN_SECONDS
         self._next = time.monotonic() + self._every
 
     def show(self, bars: list[Bar]) -> None:
-        if not bars or time.monotonic() < self._next:
-            return
-        self._next = time.monotonic() + self._every
-        texts = (f"{each.label}: {each.text}" for each in bars)
-        self._terminal.tell("display", "; ".join(texts), bars=[asdict(each) for each in bars])
+        if self._rich is not None:
+            self._rich.update(_table(bars))
+        elif bars and time.monotonic() >= self._next:
+            self._next = time.monotonic() + self._every
+            text = "; ".join(f"{each.label}: {each.text}" for each in bars)
+            self._terminal.tell("display", text, bars=[asdict(each) for each in bars])
+
+
+def _table(bars: list[Bar]) -> Any:
+    from rich.progress_bar import ProgressBar
+    from rich.table import Table
+    from rich.text import Text
+
+    bar: ProgressBar | str
+    table = Table.grid(padding=(0, 1))
+    for each in bars:
+        known = each.fraction is not None
+        bar = ProgressBar(total=1.0, completed=each.fraction or 0.0, width=30) if known else ""
+        table.add_row(Text(each.label), bar, Text(each.text))
+    return table

@@ -1,7 +1,7 @@
 """A server of one's own for development and tests: Debian's Janus, configured, started and stopped.
 
-`RelayServer` runs one; `tokens` signs who may enter. On the command line: `python3 -m
-tavrin_media_relay.server`.
+`RelayServer` runs one; `tokens` signs who may enter. On the command line:
+`python3 -m tavrin_media_relay.server`.
 """
 
 from .server import RelayServer, ServerError

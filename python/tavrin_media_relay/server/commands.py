@@ -1,5 +1,5 @@
-"""The server's commands: relay, room, token and configure, for `tavrin-media-relay` and `python3 -m
-tavrin_media_relay.server`, which differ in how they tell things only.
+"""The server's commands, relay, room, token and configure, of both `tavrin-media-relay` and
+`python3 -m tavrin_media_relay.server`, which differ only in how they show results.
 
 A command raises ServerError, ValueError, RuntimeError or OSError when it cannot do what it is asked to.
 """

@@ -106,8 +106,8 @@ class Rehearsal:
         """Joins, awaits `agent(session)`, leaves, and tells what was done.
 
         until: the agent is cancelled then, as its normal end. timeout: after so long it counts as hanging,
-        and the test fails. settings: of the session. Raises what the agent raises. In an async test: `await
-        perform(...)`.
+        and the test fails. settings: of the session. Raises what the agent raises. In an async test:
+        `await perform(...)`.
         """
         return asyncio.run(self.perform(agent, until=until, timeout=timeout, settings=settings))
 
