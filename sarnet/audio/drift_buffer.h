@@ -8,31 +8,36 @@
 #include <vector>
 
 #include "audio/audio_resampler.h"
+#include "audio/clock_controller.h"
+#include "audio/fades.h"
+#include "audio/frame_ring.h"
+#include "audio/queue_depth.h"
 #include "base/audio_format.h"
 
 namespace sarnet {
 
 // Carries audio from a writer with one clock to a reader with another, and from the writer's format
 // to the reader's. Differences of the clocks up to 2.5 % are absorbed by stretching or shrinking
-// the sound a little, without audible steps; the queued delay stays near `target_ms`.
+// the sound a little, without audible steps; the queued delay stays near a target that follows the
+// writer's jitter.
 //
 // Threads: write() on one thread at a time, read() on one thread at a time, both at once; the
 // counters on any thread. Neither waits, locks nor allocates. The constructor allocates everything
 // and throws std::invalid_argument for an invalid format and std::bad_alloc.
 //
 // Behaviour, in the reader's view:
-//  - It gives silence until `target_ms` of audio is queued ("priming"), then plays.
+//  - It gives silence until the target is queued ("priming"), then plays.
 //  - When the queue runs dry it fades what is left into silence, counts an underrun and primes
 //    anew. A writer that stops is no error: one underrun, then silence. A writer that was only late
-//    raises a target below kDefaultTargetMs by 10 ms, for good.
+//    raises the target by as much, up to QueueDepth::kMaxMs; once it keeps time again the target
+//    comes back to `target_ms` within ten seconds.
 //  - When more than `max_ms` is queued, the oldest goes, is counted, and the joint is cross-faded.
-//  - As long as both clocks agree (the mean queue stays within kDeadBandMs of the target) and the
-//    rates are equal, samples pass unchanged.
+//  - As long as both clocks agree (the mean queue stays within ClockController::kDeadBandMs of the
+//    target) and the rates are equal, samples pass unchanged.
 class DriftBuffer {
  public:
   static constexpr int kDefaultTargetMs = 40;
   static constexpr int kDefaultMaxMs = 200;
-  static constexpr int kDeadBandMs = 8;
 
   struct Counters {
     std::uint64_t underruns = 0;       // times that the queue ran dry while playing
@@ -61,58 +66,45 @@ class DriftBuffer {
  private:
   enum class Mode { kPriming, kExact, kStretching };
 
-  // All below but the ring's positions and the counters belongs to the reader.
-  std::size_t queued() const;
+  // All below but the ring's writing side and the counters belongs to the reader.
   std::size_t pop(std::span<std::int16_t> frames);
-  void peek(std::uint64_t position, std::span<std::int16_t> frames) const;
   bool read_block(std::span<std::int16_t> samples);
   bool primed(std::size_t frames);
   void start_playing();
   bool only_late() const;
-  void aim_for(std::size_t frames);
+  void follow_target();
   void stop_playing();
   void drop_oldest(std::size_t frames);
   std::size_t play_exact(std::span<std::int16_t> samples);
   std::size_t play_stretched(std::span<std::int16_t> samples);
   void begin_stretching(std::span<std::int16_t> samples);
-  void fade_in(std::span<std::int16_t> samples);
-  void fall_silent(std::span<std::int16_t> samples);
   void steer(std::size_t frames);
   double queued_ms() const;
+  std::size_t target_frames() const;
 
   const AudioFormat writer_;
   const AudioFormat reader_;
-  std::size_t target_frames_;  // of the writer, as are all queue lengths
-  const std::size_t max_frames_;
+  const std::size_t max_frames_;   // of the writer, as are all queue lengths
   const std::size_t fade_frames_;  // of the reader
-  double aim_ms_ = 0;              // where the mean queue is steered to
-  double mean_ms_ = 0;             // smoothed queue
 
-  // The ring: positions count frames since the start and never wrap.
-  std::vector<std::int16_t> ring_;
-  std::size_t ring_frames_;
-  std::atomic<std::uint64_t> written_{0};
-  std::atomic<std::uint64_t> taken_{0};
+  FrameRing ring_;
   std::atomic<bool> overflowed_{false};  // the writer met a full ring: what it holds is stale
 
   Mode mode_ = Mode::kPriming;
+  QueueDepth depth_;
+  ClockController clock_;
   AudioResampler resampler_;
+  Fader fader_;
+  CrossFade joint_;                    // where the oldest frames were left out
   std::vector<std::int16_t> staging_;  // writer's frames on their way to the reader
   std::vector<std::int16_t> history_;  // the last frames that passed unchanged
   std::vector<std::int16_t> scratch_;  // reader's frames while the interpolator starts
-  std::vector<std::int16_t> joint_;    // the old side of a cross-fade
-  std::size_t joint_position_;         // in joint_, its length when none is under way
   std::size_t history_frames_ = 0;     // valid in history_
-  std::size_t fade_in_position_;       // fade_frames_ when none is under way
-  std::size_t decay_left_ = 0;         // frames of fading into silence to come
-  std::int16_t last_frame_[2] = {0, 0};
   std::uint64_t written_seen_ = 0;
   std::size_t idle_frames_ = 0;  // reader's frames since the writer last came, while priming
   std::uint64_t written_at_underrun_ = 0;
   std::size_t silent_frames_ = 0;  // reader's frames since the underrun
   bool played_before_ = false;
-  double learned_ = 0;     // the clocks' difference as learned so far
-  double correction_ = 0;  // present speed-up of the reading, 0.01 = one per cent faster
 
   std::atomic<std::uint64_t> underruns_{0};
   std::atomic<std::uint64_t> frames_dropped_{0};

@@ -260,6 +260,44 @@ TEST(DriftBuffer, LengthensAShortQueueForALateWriterButNotForOneThatPauses) {
   }
 }
 
+// A stream of packets of 20 ms, some of which are lost: for each the receiver waits before it fills
+// the gap, and then gives out at once what came meanwhile.
+TEST(DriftBuffer, FollowsTheBurstsOfALossyStreamAndComesBack) {
+  constexpr int kLossySeconds = 60;
+  struct Case {
+    double loss;
+    int wait_ms;
+    int target_ms;
+    double whole;
+  };
+  for (const Case& each :
+       {Case{0.03, 40, 40, 0.995}, Case{0.10, 40, 40, 0.98}, Case{0.10, 90, 12, 0.98}}) {
+    DriftBuffer buffer({48000, 1}, {48000, 1}, each.target_ms);
+    std::mt19937 random(7);
+    std::vector<std::int16_t> block(480);
+    const std::vector<std::int16_t> packet(960, 1000);
+    std::vector<int> due;  // when each packet is given out, or what fills its gap
+    std::size_t given = 0;
+    std::uint64_t silent = 0;
+    for (int ms = 0; ms < (kLossySeconds + 10) * 1000; ms += 10) {
+      if (ms % 20 == 0) {
+        const bool lost =
+            ms < kLossySeconds * 1000 && static_cast<double>(random() % 1000) < each.loss * 1000;
+        due.push_back(std::max(due.empty() ? 0 : due.back(), lost ? ms + each.wait_ms : ms));
+      }
+      for (; given < due.size() && due[given] <= ms; ++given) buffer.write(packet);
+      buffer.read(block);
+      if (ms == 1000) silent = buffer.counters().frames_silent;
+      if (ms == kLossySeconds * 1000) {
+        const double lost = static_cast<double>(buffer.counters().frames_silent - silent);
+        EXPECT_LE(lost / ((kLossySeconds - 1) * 48000.0), 1 - each.whole) << each.loss;
+        EXPECT_LE(buffer.counters().queued_ms, 190);
+      }
+    }
+    EXPECT_LE(buffer.counters().queued_ms, each.target_ms + 35) << each.loss;
+  }
+}
+
 TEST(DriftBuffer, PlaysASoundThatIsShorterThanTheTarget) {
   DriftBuffer buffer({16000, 1}, {16000, 1});
   buffer.write(std::vector<std::int16_t>(320, 1234));

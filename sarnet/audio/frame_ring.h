@@ -1,0 +1,44 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace sarnet {
+
+// A ring of interleaved frames between two threads. write() on one thread, all else on the
+// reader's, but for the counts, which any thread may ask for. Neither side waits, locks or
+// allocates; the constructor allocates everything.
+class FrameRing {
+ public:
+  FrameRing(std::size_t frames, int channels);
+
+  std::size_t capacity() const { return capacity_; }
+  std::size_t channels() const { return channels_; }
+
+  // Whole frames, all of them or none: false when they do not fit.
+  bool write(std::span<const std::int16_t> samples);
+
+  // Frames that wait.
+  std::size_t queued() const;
+  // Frames ever written.
+  std::uint64_t written() const { return written_.load(std::memory_order_acquire); }
+  // Takes what fits and is there; the number of frames.
+  std::size_t pop(std::span<std::int16_t> samples);
+  // The oldest frames, without taking them; at most what waits. The number of frames.
+  std::size_t peek(std::span<std::int16_t> samples) const;
+  // Leaves out the oldest frames, at most what waits.
+  void skip(std::size_t frames);
+
+ private:
+  const std::size_t channels_;
+  const std::size_t capacity_;
+  std::vector<std::int16_t> samples_;
+  // Positions count frames since the start and never wrap.
+  std::atomic<std::uint64_t> written_{0};
+  std::atomic<std::uint64_t> taken_{0};
+};
+
+}  // namespace sarnet
