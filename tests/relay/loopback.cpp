@@ -63,6 +63,7 @@ void Listener::on_audio(const AudioFormat& format, std::span<const std::int16_t>
     if (peak > 4000) loud_blocks.push_back(blocks);
     channels = format.channels;
     ++blocks;
+    block_times.push_back(now);
     last_block_ = now;
   }
   changed_.notify_all();

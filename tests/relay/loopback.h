@@ -49,6 +49,7 @@ class Listener : public sarnet::MediaSink {
   std::vector<int> block_sizes;          // of each new size, in frames
   std::vector<std::size_t> loud_blocks;  // which of the blocks
   std::size_t blocks = 0;
+  std::vector<Clock::time_point> block_times;
   int channels = 0;
   Clock::duration longest_silence{};  // between two blocks
 

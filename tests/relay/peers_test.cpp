@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <regex>
 
+#include "audio/drift_buffer.h"
 #include "relay/loopback.h"
 #include "relay/loss.h"
 
@@ -100,6 +102,44 @@ INSTANTIATE_TEST_SUITE_P(Kinds, Peers,
                                          Kind{"h264", {.captions = true}, true}),
                          [](const auto& kind) { return std::string(kind.param.name); });
 
+// What share of the session's mix is sound, from the second second on, when blocks of 10 ms come at
+// these times and the mix is read every 10 ms.
+double wholeness_of_mix(const Listener& listener) {
+  sarnet::DriftBuffer buffer({48000, 1}, {48000, 1});
+  std::vector<std::int16_t> block(480, 1000);
+  const auto& times = listener.block_times;
+  std::size_t given = 0;
+  std::size_t reads = 0;
+  std::uint64_t silent_before = 0;
+  for (auto now = times.front(); given < times.size(); now += 10ms, ++reads) {
+    for (; given < times.size() && times[given] <= now; ++given) {
+      buffer.write(std::vector<std::int16_t>(480, 1000));
+    }
+    buffer.read(block);
+    if (reads == 100) silent_before = buffer.counters().frames_silent;
+  }
+  const auto silent = static_cast<double>(buffer.counters().frames_silent - silent_before);
+  return 1 - silent / (480.0 * static_cast<double>(reads - 100));
+}
+
+// As with a server, which sends no lost sound again.
+TEST(PeersUnderLoss, KeepTheMixWhole) {
+  for (const auto& [share, whole] : {std::pair(0.03, 0.995), std::pair(0.10, 0.98)}) {
+    const loopback::PacketLoss loss(share);
+    Call call({.has_video = false, .stereo = true});
+    call.edit_offer = [](const std::string& sdp) {
+      const std::regex lines("a=[^\\r]*(nack|rtx|:96 )[^\\r]*\\r\\n");
+      return std::regex_replace(std::regex_replace(sdp, lines, ""), std::regex(" 96\\r"), "\r");
+    };
+    call.start();
+    ASSERT_TRUE(call.connected()) << call.failure();
+    call.feed([] { return false; }, 8s);
+    call.stop();
+    EXPECT_GT(loopback::PacketLoss::lost(), 10);
+    EXPECT_GE(wholeness_of_mix(call.listener()), whole) << share;
+  }
+}
+
 TEST(PeersUnderLoss, StandThreePercentEachWay) {
   const loopback::PacketLoss loss(0.03);
   Call call({.stereo = true, .captions = true});
@@ -119,6 +159,7 @@ TEST(PeersUnderLoss, StandThreePercentEachWay) {
   // All but what was still under way.
   EXPECT_GE(static_cast<double>(listener.blocks), 0.95 * call.blocks_sent());
   EXPECT_LT(seconds(listener.longest_silence), 1.0);
+  EXPECT_GE(wholeness_of_mix(listener), 0.995);
   expect_bursts(listener);
 }
 

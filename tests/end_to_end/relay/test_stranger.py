@@ -5,7 +5,7 @@ from __future__ import annotations
 import json
 
 import pytest
-from processes import ADDRESS, HERE, SECRET
+from processes import HERE, SECRET
 
 from tavrin_media_relay.server import join_token
 
@@ -18,7 +18,7 @@ def test_a_stranger_bends_no_room(server, room):
     program = server.program(1, "--session", room, TOKEN=join_token(room, SECRET), SARNET_RELAY_ADMIN_KEY="key-of-the-tests")
     feed = program.wait_for("published")["id"]
     stranger = server.network.start(
-        HERE / "stranger.py", URL=f"wss://{ADDRESS}:8989", SSL_CERT_FILE=str(server.folder / "cert.pem"),
+        HERE / "stranger.py", URL="ws://127.0.0.1:8188",
         TOKEN=join_token("other", SECRET), ROOM=room, FEED=feed,
     )  # fmt: skip
     stranger.wait_for("overheard", packets=0)
