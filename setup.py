@@ -38,7 +38,16 @@ class CMakeBuild(build_ext):
         ]  # fmt: skip
         if shutil.which("ccache"):
             configure += ["-DCMAKE_C_COMPILER_LAUNCHER=ccache", "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"]
-        install = ["cmake", "--install", str(folder), "--prefix", str(target), "--component", "wheel", "--strip"]
+        install = [
+            "cmake",
+            "--install",
+            str(folder),
+            "--prefix",
+            str(target),
+            "--component",
+            "wheel",
+            "--strip",
+        ]
         for command in (configure, ["cmake", "--build", str(folder)], install):
             subprocess.run(command, check=True)
         shutil.copy2(ROOT / "python" / "_tavrin_video.pyi", target)

@@ -11,6 +11,7 @@ client = tavrin.TavrinVideoClient()
 ready = threading.Event()
 seen, heard = [], []
 
+
 def on_stream(session, stream):  # another participant publishes: listen, look and read along
     client.subscribe(
         stream,
@@ -19,8 +20,11 @@ def on_stream(session, stream):  # another participant publishes: listen, look a
         on_caption_text_cb=lambda subscriber, captions: print("Caption:", captions.text),
     )
 
+
 client.connect(
-    "hello-app", "a-session", "a-token",
+    "hello-app",
+    "a-session",
+    "a-token",
     session_settings=tavrin.SessionSettings(logging=tavrin.LoggingSettings(level="error")),
     on_error_cb=lambda session, message, code: print("Failed:", message, code),
     on_ready_for_audio_cb=lambda session: ready.set(),

@@ -115,7 +115,6 @@ class TavrinVideoClient:
         on_media_buffer_drained_cb(stats): published audio or video has run dry; the side that has is there
             with a zero duration. Called once each time, after two empty periods.
         """
-
     def disconnect(self) -> bool:
         """Leaves the session and lets go of every callable.
 
@@ -123,7 +122,6 @@ class TavrinVideoClient:
         leave, and False, with a line in the log, when the session could not be left; the callables are gone
         in any case. Raises no `on_disconnected_cb`.
         """
-
     def subscribe(
         self,
         stream: Stream,
@@ -149,10 +147,8 @@ class TavrinVideoClient:
 
         A callable that is slow makes the library drop the oldest media of this stream, of no other.
         """
-
     def unsubscribe(self, stream: Stream) -> bool:
         """Ends the subscription to a stream and lets go of its callables, also when it gives False."""
-
     def publish(
         self,
         settings: PublisherSettings,
@@ -166,19 +162,14 @@ class TavrinVideoClient:
         Gives True when publishing was started; `on_stream_created_cb` or `on_error_cb` follows. A stream
         that the library ended blocks the next `publish` until `unpublish` is called.
         """
-
     def unpublish(self) -> bool:
         """Ends our stream. Raises no `on_stream_destroyed_cb`: that one tells of an end not asked for."""
-
     def is_publishing(self) -> bool:
         """True from a successful `publish` to `unpublish`, the end of the stream or of the session."""
-
     def is_connected(self) -> bool:
         """True while a session is up or being set up."""
-
     def get_connection(self) -> Union[Connection, None, Literal[False]]:
         """Our own connection; None while there is none. (False once the module has shut down.)"""
-
     def add_audio(self, audio_data: AudioData) -> bool:
         """Appends audio to what is published, in the form of `SessionAVSettings.audio_publisher`.
 
@@ -194,7 +185,6 @@ class TavrinVideoClient:
 
         The library is fed 10 ms at a time. A gap is filled with silence.
         """
-
     def add_video(self, video_frame: VideoFrame, /) -> bool:
         """Queues a picture to be published, in the form of `SessionAVSettings.video_publisher`.
 
@@ -208,10 +198,8 @@ class TavrinVideoClient:
 
         When the queue is empty the last picture is repeated for two seconds; then pictures are black.
         """
-
     def clear_media_buffers(self) -> bool:
         """Throws away all audio and video that wait to be published, as for barge-in."""
-
     def get_media_buffer_stats(self) -> Union[MediaBufferStats, Literal[False]]:
         """How much audio and video wait to be published. Writes a line at level info for each side.
 

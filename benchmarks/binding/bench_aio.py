@@ -4,11 +4,10 @@
         /usr/bin/python3 benchmarks/binding/bench_aio.py [--json FILE]
 
 Latency: a feeding thread hands the module 10 ms of audio for each stream, every 10 ms, with the time in its
-samples; the callable, or the body of the `async for`, looks at its watch. The processor time is that of the whole
-process, less that of the same feed that nobody listens to.
-Drift: an hour of a tone in blocks of odd sizes through the resampler, on no clock at all; its phase at the end.
-Memory: 100,000 media events for iterators whose consumer has stopped reading.
-"""
+samples; the callable, or the body of the `async for`, looks at its watch. The processor time is that of the
+whole process, less that of the same feed that nobody listens to. Drift: an hour of a tone in blocks of odd
+sizes through the resampler, on no clock at all; its phase at the end. Memory: 100,000 media events for
+iterators whose consumer has stopped reading."""
 
 from __future__ import annotations
 
@@ -71,7 +70,9 @@ def age(samples: Any) -> int:
     return time.perf_counter_ns() - int.from_bytes(bytes(samples[:4].cast("B")), "little")
 
 
-async def latency(library: ctypes.CDLL, session: aio.Session, count: int, ticks: int, who: str) -> dict[str, float]:
+async def latency(
+    library: ctypes.CDLL, session: aio.Session, count: int, ticks: int, who: str
+) -> dict[str, float]:
     client = TavrinVideoClient()  # for the callables, beside the face's own: both drive the same session
     streams, times = session.streams[:count], []
     loop = asyncio.get_running_loop()
@@ -92,7 +93,9 @@ async def latency(library: ctypes.CDLL, session: aio.Session, count: int, ticks:
             tasks.append(asyncio.create_task(consume(subscriber.audio_frames())))
         else:
             listener = on_audio if who == "callable" else None
-            await loop.run_in_executor(None, functools.partial(client.subscribe, stream, on_audio_data_cb=listener))
+            await loop.run_in_executor(
+                None, functools.partial(client.subscribe, stream, on_audio_data_cb=listener)
+            )
     await asyncio.sleep(0.1)
     processor = await loop.run_in_executor(None, feed, library, [each.id.encode() for each in streams], ticks)
     await asyncio.sleep(0.1)
@@ -149,7 +152,8 @@ def drift(rate_in: int, rate_out: int, minutes: int) -> dict[str, float]:
 
 
 async def memory(library: ctypes.CDLL, session: aio.Session, count: int) -> dict[str, float]:
-    """Of two iterators that have been read once. The library fires without a pause: 9 of 10 events are audio."""
+    """Of two iterators that have been read once. The library fires without a pause: 9 of 10 events
+    are audio."""
     loop = asyncio.get_running_loop()
     stream = session.streams[0]
     async with session.subscribe(stream) as subscriber:
@@ -194,7 +198,9 @@ async def measure(arguments: argparse.Namespace) -> dict[str, Any]:
 def drifts(minutes: int) -> dict[str, Any]:
     """Each in a process of its own, at the same time: nothing else is measured then."""
     with ProcessPoolExecutor(mp_context=multiprocessing.get_context("spawn")) as pool:
-        running = {f"{a} to {b} Hz": pool.submit(drift, a, b, minutes) for a, b in ((44100, 48000), (48000, 16000))}
+        running = {
+            f"{a} to {b} Hz": pool.submit(drift, a, b, minutes) for a, b in ((44100, 48000), (48000, 16000))
+        }
         return {name: each.result() for name, each in running.items()}
 
 

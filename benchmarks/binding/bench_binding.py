@@ -86,7 +86,9 @@ class Session:
 
         library.scripted_answer(b"audio_device", b"none")
         assert self.client.connect(
-            "key", "session", "token",
+            "key",
+            "session",
+            "token",
             session_settings=models.SessionSettings(logging=models.LoggingSettings("error")),
             on_stream_received_cb=on_stream,
             on_ready_for_audio_cb=lambda _session: ready.set(),

@@ -1,14 +1,14 @@
 """This project against aiortc: the same work through the same server, in the same run.
 
-    PYTHONPATH=<build>/python:python /usr/bin/python3 benchmarks/relay/bench_relay.py [--json FILE] [--picture FILE.png]
+    PYTHONPATH=<build>/python:python /usr/bin/python3 benchmarks/relay/bench_relay.py [--json FILE] [--picture
+    FILE.png]
 
-One process publishes 640x480 pictures at 30 a second (VP8, about 1 Mbit/s) and 48 kHz stereo sound (Opus), another
-subscribes, a second after it joined; the libraries take turns. Latency is from the program that sends to the program
-that receives, by marks in the media. Ours has in it the wait for the next turn of the capturers, up to 33 ms for a
-picture and 10 ms for sound; aiortc asks the program for each piece when it is wanted. Then the same beside two busy
-processes, and more and more streams of 320x180 at 15 a second for one subscribing process of ours. Everything goes
-over 127.0.0.1.
-"""
+One process publishes 640x480 pictures at 30 a second (VP8, about 1 Mbit/s) and 48 kHz stereo sound (Opus),
+another subscribes, a second after it joined; the libraries take turns. Latency is from the program that sends
+to the program that receives, by marks in the media. Ours has in it the wait for the next turn of the
+capturers, up to 33 ms for a picture and 10 ms for sound; aiortc asks the program for each piece when it is
+wanted. Then the same beside two busy processes, and more and more streams of 320x180 at 15 a second for one
+subscribing process of ours. Everything goes over 127.0.0.1."""
 
 from __future__ import annotations
 
@@ -42,9 +42,19 @@ class Bench:
     def _start(self, library: str, role: str, room: str, *more: str) -> subprocess.Popen[str]:
         settings = self.server.settings
         arguments = [
-            sys.executable, str(HERE / f"peer_{library}.py"), role, "--room", room, "--url", settings.host, "--bursts", str(self.folder / f"bursts-{self.rooms}.txt"),
-            "--seconds", str(self.options.seconds), *more,
-        ]  # fmt: skip
+            sys.executable,
+            str(HERE / f"peer_{library}.py"),
+            role,
+            "--room",
+            room,
+            "--url",
+            settings.host,
+            "--bursts",
+            str(self.folder / f"bursts-{self.rooms}.txt"),
+            "--seconds",
+            str(self.options.seconds),
+            *more,
+        ]
         token = tokens.join_token(room, settings.token_secret)
         environment = dict(os.environ, API_HOSTNAME=settings.host, TOKEN=token)
         return subprocess.Popen(arguments, stdout=subprocess.PIPE, text=True, env=environment)

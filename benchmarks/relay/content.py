@@ -23,7 +23,8 @@ def now_ms() -> float:
 
 
 class Pictures:
-    """Stripes that move everywhere, with the time of their making, in tenths of a millisecond, in the first rows."""
+    """Stripes that move everywhere, with the time of their making, in tenths of a millisecond, in the first
+    rows."""
 
     def __init__(self, width: int, height: int) -> None:
         self.width, self.height = width, height
@@ -32,7 +33,9 @@ class Pictures:
         self._grey = np.full(width * height // 2, 128, np.uint8)
 
     def make(self, number: int) -> np.ndarray[Any, np.dtype[np.uint8]]:
-        pixels: np.ndarray[Any, np.dtype[np.uint8]] = np.concatenate([self._luma[number % 16].ravel(), self._grey])
+        pixels: np.ndarray[Any, np.dtype[np.uint8]] = np.concatenate(
+            [self._luma[number % 16].ravel(), self._grey]
+        )
         stamp = int(now_ms() * 10) & 0xFFFFFFFF
         cell = min(CELL, self.width // BITS)
         marks = np.array([235 if stamp >> i & 1 else 16 for i in range(BITS)], np.uint8)
@@ -69,7 +72,11 @@ class Bursts:
             file.write(f"{now_ms()}\n")
 
     def delays(self, heard: list[float]) -> list[float]:
-        sent = np.array([float(line) for line in self._file.read_text().split()]) if self._file.exists() else np.zeros(0)
+        sent = (
+            np.array([float(line) for line in self._file.read_text().split()])
+            if self._file.exists()
+            else np.zeros(0)
+        )
         delays = []
         for time_heard in heard:
             before = sent[sent <= time_heard]
@@ -112,7 +119,12 @@ def quantiles(values: list[float]) -> dict[str, float]:
     if not values:
         return {}
     p50, p95, p99 = np.percentile(np.array(values), [50, 95, 99])
-    return {"p50": round(float(p50), 1), "p95": round(float(p95), 1), "p99": round(float(p99), 1), "n": len(values)}
+    return {
+        "p50": round(float(p50), 1),
+        "p95": round(float(p95), 1),
+        "p99": round(float(p99), 1),
+        "n": len(values),
+    }
 
 
 def processor_seconds() -> float:

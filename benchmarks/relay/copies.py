@@ -1,8 +1,7 @@
 """Makes many streams of one: the server copies what is published in one room into another, under other names.
 
-So that the machine's processors are left to the subscriber that is measured, and not spent on encoding. What to do comes
-as one line of JSON on standard input: it holds secrets.
-"""
+So that the machine's processors are left to the subscriber that is measured, and not spent on encoding. What
+to do comes as one line of JSON on standard input: it holds secrets."""
 
 from __future__ import annotations
 
@@ -27,9 +26,14 @@ async def copy(source: Janus, target: Janus, order: dict[str, Any]) -> None:
     there = await target.attach()
     for number in range(order["count"]):
         added = await target.message(
-            there, request="add_remote_publisher", room=order["target"], secret=order["target_secret"], id=f"copy-{number}",
-            display=f"copy {number}", streams=streams,
-        )  # fmt: skip
+            there,
+            request="add_remote_publisher",
+            room=order["target"],
+            secret=order["target_secret"],
+            id=f"copy-{number}",
+            display=f"copy {number}",
+            streams=streams,
+        )
         ports = added["plugindata"]["data"]
         await source.message(
             handle, request="publish_remotely", room=order["source"], secret=order["source_secret"],

@@ -20,7 +20,8 @@ from av import AudioFrame, VideoFrame
 from janus import Janus
 from peer_ours import options
 
-# As it comes, both kinds of media use one extension id in one bundle, and its receiver ends at the first packet.
+# As it comes, both kinds of media use one extension id in one bundle, and its receiver ends at the first
+# packet.
 aiortc.codecs.HEADER_EXTENSIONS["video"][1].id = 3
 aiortc.codecs.vpx.DEFAULT_BITRATE = aiortc.codecs.vpx.MAX_BITRATE = 1_000_000
 aioice.ice.get_host_addresses = lambda use_ipv4=True, use_ipv6=True: ["127.0.0.1"]
@@ -95,7 +96,9 @@ async def main() -> None:
         await peer.setLocalDescription(await peer.createOffer())
         jsep = {"type": "offer", "sdp": peer.localDescription.sdp}
         reply = await janus.message(control, jsep, request="configure", audio=True, video=True)
-        await peer.setRemoteDescription(RTCSessionDescription(**{k: reply["jsep"][k] for k in ("sdp", "type")}))
+        await peer.setRemoteDescription(
+            RTCSessionDescription(**{k: reply["jsep"][k] for k in ("sdp", "type")})
+        )
         print(json.dumps({"event": "ready"}), flush=True)
     else:
         feed = (await asyncio.wait_for(janus.publishers.get(), 20))["id"]
@@ -104,8 +107,12 @@ async def main() -> None:
         peer.on("track", lambda track: consuming.append(asyncio.ensure_future(consume(track, listener))))
         handle = await janus.attach()
         streams = [{"feed": feed}]
-        reply = await janus.message(handle, request="join", ptype="subscriber", room=arguments.room, streams=streams)
-        await peer.setRemoteDescription(RTCSessionDescription(**{k: reply["jsep"][k] for k in ("sdp", "type")}))
+        reply = await janus.message(
+            handle, request="join", ptype="subscriber", room=arguments.room, streams=streams
+        )
+        await peer.setRemoteDescription(
+            RTCSessionDescription(**{k: reply["jsep"][k] for k in ("sdp", "type")})
+        )
         await peer.setLocalDescription(await peer.createAnswer())
         answer = {"type": "answer", "sdp": peer.localDescription.sdp}
         await janus.message(handle, answer, request="start")

@@ -86,7 +86,8 @@ class Peer:
             time.sleep(max(0.0, min(next_picture, next_piece) - time.monotonic()))
             waiting = self.client.get_media_buffer_stats()
             assert waiting
-            # What gathered while the processor was busy elsewhere would make all that follows late: it is left out.
+            # What gathered while the processor was busy elsewhere would make all that follows late: it is
+            # left out.
             if next_piece <= next_picture:
                 piece += 1
                 samples, is_burst = next(pieces)
@@ -94,7 +95,9 @@ class Peer:
                     continue
                 if is_burst:
                     bursts.sent()
-                self.client.add_audio(tavrin.AudioData(content.RATE, content.CHANNELS, len(samples) // 4, samples))
+                self.client.add_audio(
+                    tavrin.AudioData(content.RATE, content.CHANNELS, len(samples) // 4, samples)
+                )
             else:
                 number += 1
                 if waiting.video and waiting.video.duration > MOST_WAITING:
@@ -121,7 +124,9 @@ def measure(peer: Peer, options: argparse.Namespace) -> dict[str, object]:
         "samples_per_second": [round(each.samples / took) for each in peer.listeners],
         "first_ms": [each.first for each in peer.listeners],
         "video_ms": content.quantiles([age for each in peer.listeners for age in each.ages]),
-        "audio_ms": content.quantiles([delay for each in peer.listeners for delay in bursts.delays(each.heard)]),
+        "audio_ms": content.quantiles(
+            [delay for each in peer.listeners for delay in bursts.delays(each.heard)]
+        ),
     }
 
 

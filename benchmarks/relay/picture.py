@@ -34,7 +34,9 @@ def bars(axes: Any, title: str, unit: str, names: list[str], values: dict[str, l
     axes.spines[["top", "right"]].set_visible(False)
 
 
-def compare(axes: Any, title: str, unit: str, found: Result, rows: dict[str, tuple[str, tuple[str, ...]]]) -> None:
+def compare(
+    axes: Any, title: str, unit: str, found: Result, rows: dict[str, tuple[str, tuple[str, ...]]]
+) -> None:
     values = {
         library: [median(found[library][role], *keys) for role, keys in rows.values()] for library in COLOURS
     }
@@ -48,15 +50,22 @@ def draw(results: Result, target: Path | str) -> None:
         {"publishing": ("pub", ("cpu_per_second",)), "subscribing": ("sub", ("cpu_per_second",))},
     )  # fmt: skip
     compare(
-        panels[1][0], "Resident memory and time to first media", "MiB, ms", results["alone"],
+        panels[1][0],
+        "Resident memory and time to first media",
+        "MiB, ms",
+        results["alone"],
         {
-            "publishing\nMiB": ("pub", ("resident_mib",)), "subscribing\nMiB": ("sub", ("resident_mib",)),
-            "first sound\nms": ("sub", ("first_ms", "audio")), "first picture\nms": ("sub", ("first_ms", "video")),
+            "publishing\nMiB": ("pub", ("resident_mib",)),
+            "subscribing\nMiB": ("sub", ("resident_mib",)),
+            "first sound\nms": ("sub", ("first_ms", "audio")),
+            "first picture\nms": ("sub", ("first_ms", "video")),
         },
-    )  # fmt: skip
+    )
     for column, situation, words in ((0, "alone", "nothing else running"), (1, "busy", "two busy processes")):
         rows = {
-            f"{kind}\n{quantile}": ("sub", (f"{kind}_ms", quantile)) for kind in ("audio", "video") for quantile in LATENCY
+            f"{kind}\n{quantile}": ("sub", (f"{kind}_ms", quantile))
+            for kind in ("audio", "video")
+            for quantile in LATENCY
         }
         compare(panels[column][1], f"Latency, {words}", "ms", results[situation], rows)
     streams = {int(count): each for count, each in results["streams"].items()}

@@ -1,4 +1,5 @@
-"""`{command-help}`: what `--help` says, of the command line itself or, with an argument, of one of its commands."""
+"""`{command-help}`: what `--help` says, of the command line itself or, with an argument, of one of its
+commands."""
 
 from __future__ import annotations
 

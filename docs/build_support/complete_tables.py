@@ -12,7 +12,9 @@ from sphinx.util import logging
 from . import command_help
 
 ROOT = Path(__file__).resolve().parents[2]
-_VARIABLE = re.compile(r"""(?:environ(?:ment)?(?:\.get)?[(\[]|getenv\()"([A-Z_]+)"(?!\] =)|_VARIABLE = "([A-Z_]+)\"""")
+_VARIABLE = re.compile(
+    r"""(?:environ(?:ment)?(?:\.get)?[(\[]|getenv\()"([A-Z_]+)"(?!\] =)|_VARIABLE = "([A-Z_]+)\""""
+)
 _SOURCES = ("src/**/*.cpp", "sarnet/**/*.cpp", "python/**/*.py", "setup.py")
 
 

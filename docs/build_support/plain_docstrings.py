@@ -1,8 +1,7 @@
 """Docstrings of this project are plain text; this makes of them what Sphinx reads.
 
-What they say of a parameter, `name: what it is` or `name(arguments), other(arguments): what it is`, at the beginning of
-a paragraph or after a full stop in it, comes to stand with the parameter's type.
-"""
+What they say of a parameter, `name: what it is` or `name(arguments), other(arguments): what it is`, at the
+beginning of a paragraph or after a full stop in it, comes to stand with the parameter's type."""
 
 from __future__ import annotations
 
@@ -84,7 +83,9 @@ def mend_dashes(_app: Sphinx, doctree: nodes.document) -> None:
                 text.parent.replace(text, nodes.Text("" if idle else " \u2013 "))
 
 
-def find_public(app: Sphinx, env: Any, node: pending_xref, content: nodes.Element) -> Optional[nodes.reference]:
+def find_public(
+    app: Sphinx, env: Any, node: pending_xref, content: nodes.Element
+) -> Optional[nodes.reference]:
     """Annotations name the module in which a class stands; its page has the one from which it is imported."""
     if node.get("refdomain") != "py" or node.get("reftype") == "obj":
         return None

@@ -22,7 +22,9 @@ from progress import Progress
 OUT = Path(os.environ.get("TAVRIN_DEMO_OUT", "out")).resolve()
 
 
-def show_figures(report: Report, counters: dict[str, Any], pictures: dict[str, int], mix_seconds: float) -> None:
+def show_figures(
+    report: Report, counters: dict[str, Any], pictures: dict[str, int], mix_seconds: float
+) -> None:
     capture, video = counters.get("capture", {}), counters.get("video", {})
 
     def millis(name: str) -> str:
@@ -32,7 +34,10 @@ def show_figures(report: Report, counters: dict[str, Any], pictures: dict[str, i
     outputs.table(
         "Published",
         [
-            ("audio periods written", f"{capture.get('periods_written')} of 10 ms, {said:.1f} s of them speech"),
+            (
+                "audio periods written",
+                f"{capture.get('periods_written')} of 10 ms, {said:.1f} s of them speech",
+            ),
             ("their lateness p50 / p99 / max", f"{millis('p50')} / {millis('p99')} / {millis('max')} ms"),
             ("periods left out in our pauses", f"{capture.get('gaps')}"),
             ("pictures given", f"{len(report.pictures_sent)}, {pictures['cleared']} of them cleared"),
@@ -40,7 +45,10 @@ def show_figures(report: Report, counters: dict[str, Any], pictures: dict[str, i
             ("frames repeated", f"{video.get('frames_repeated')}"),
             ("frames black", f"{video.get('frames_black')}"),
             ("drained notices", f"audio {report.drained_audio}, video {report.drained_video}"),
-            ("most queued", f"audio {report.most_buffered['audio']:.2f} s, video {report.most_buffered['video']:.2f} s"),
+            (
+                "most queued",
+                f"audio {report.most_buffered['audio']:.2f} s, video {report.most_buffered['video']:.2f} s",
+            ),
         ],
     )
     outputs.table(
@@ -80,7 +88,9 @@ def main() -> int:
         *checks.check_speech(checks.read_wav(sound), report),
         picture_check,
         checks.check_heard("heard in the mix what was played", mix, CHANNELS, material, 0.7),
-        checks.check_heard("heard in the stream what was played", voice, report.voice_channels, material, 1.0),
+        checks.check_heard(
+            "heard in the stream what was played", voice, report.voice_channels, material, 1.0
+        ),
         checks.check_seen(report, material),
         *checks.check_conduct(report, material),
         checks.check_counters(counters, pictures),

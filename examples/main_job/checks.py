@@ -83,7 +83,9 @@ def read_y4m(path: Path) -> list[bytes]:
             raise RuntimeError(f"{path} begins with {header!r}")
         while file.readline().startswith(b"FRAME"):
             picture = file.read(FRAME_BYTES)
-            digests.append(b"black" if picture == black else hashlib.blake2b(picture, digest_size=16).digest())
+            digests.append(
+                b"black" if picture == black else hashlib.blake2b(picture, digest_size=16).digest()
+            )
     return digests
 
 
@@ -130,7 +132,9 @@ def check_heard(name: str, heard: np.ndarray, channels: int, material: Material,
     share, middle = float(clear.mean()), float(np.median(matches))
     in_time = share > 0 and float(np.ptp(np.array(delays)[clear])) < 1.5
     good = middle >= 0.9 and share >= least and in_time
-    return Check(name, good, f"correlation {middle:.3f} over {len(matches)} pieces, {share:.0%} of them clear")
+    return Check(
+        name, good, f"correlation {middle:.3f} over {len(matches)} pieces, {share:.0%} of them clear"
+    )
 
 
 def check_seen(report: Report, material: Material) -> Check:
@@ -149,7 +153,8 @@ def check_seen(report: Report, material: Material) -> Check:
     return Check(
         "pictures seen are those played",
         matched >= 0.99 and forward >= 0.99 and rate >= 0.9 * FPS,
-        f"{len(seen)} pictures, {rate:.1f} a second, {matched:.1%} match, mean error {error.mean():.2f} of 255",
+        f"{len(seen)} pictures, {rate:.1f} a second, {matched:.1%} match, mean error "
+        f"{error.mean():.2f} of 255",
     )
 
 
@@ -158,7 +163,11 @@ def check_conduct(report: Report, material: Material) -> list[Check]:
     expected = [(text, final) for _, text, final in material.captions]
     audio, video = report.before_clear
     return [
-        Check("captions are those of the script", report.captions == expected, f"{len(report.captions)} received"),
+        Check(
+            "captions are those of the script",
+            report.captions == expected,
+            f"{len(report.captions)} received",
+        ),
         Check(
             "drained notices arrived and were answered",
             report.drained_audio == 3 and report.drained_video >= 1,
@@ -167,7 +176,8 @@ def check_conduct(report: Report, material: Material) -> list[Check]:
         Check(
             "buffers filled, and the clear emptied them",
             audio > 1 and max(report.after_clear) <= 0.1 and 0 < report.most_buffered["video"] <= 1.5,
-            f"{audio:.2f} s and {video:.2f} s before, {report.after_clear[0]:.2f} s and {report.after_clear[1]:.2f} s after",
+            f"{audio:.2f} s and {video:.2f} s before, {report.after_clear[0]:.2f} s and "
+            f"{report.after_clear[1]:.2f} s after",
         ),
         Check("left the session", report.left, "disconnected" if report.left else "still connected"),
     ]

@@ -23,7 +23,12 @@ NATURE = Path("/usr/share/backgrounds/mate/nature")
 GNOME = Path("/usr/share/backgrounds/gnome")
 
 #: What we say: two short pieces, one that is meant to be interrupted, and a farewell.
-OUR_SPEECH = [ALSA / "Front_Center.wav", ALSA / "Side_Left.wav", VOICES / "demo-congrats.wav", VOICES / "vm-goodbye.wav"]
+OUR_SPEECH = [
+    ALSA / "Front_Center.wav",
+    ALSA / "Side_Left.wav",
+    VOICES / "demo-congrats.wav",
+    VOICES / "vm-goodbye.wav",
+]
 OUR_PICTURES = [NATURE / "Garden.jpg", NATURE / "LadyBird.jpg", NATURE / "Storm.jpg", GNOME / "wood-l.webp"]
 OUR_SECONDS = 24
 
@@ -34,7 +39,9 @@ THEIR_CAPTIONS = [
     (3.0, "Please leave your message after the tone.", True),
     (14.0, "Excuse me, may I interrupt?", True),
 ]
-THEIR_PICTURES = [NATURE / f"{name}.jpg" for name in ("Aqua", "YellowFlower", "Dune", "GreenMeadow", "RainDrops")]
+THEIR_PICTURES = [
+    NATURE / f"{name}.jpg" for name in ("Aqua", "YellowFlower", "Dune", "GreenMeadow", "RainDrops")
+]
 THEIR_SECONDS = 25
 
 
@@ -72,14 +79,18 @@ def moving_pictures(photos: list[Path], seconds: int, target: list[object]) -> N
             # Twice the output's size leaves room to zoom, and makes each crop quick.
             photo = opened.convert("RGB")
             scale = max(2 * WIDTH / photo.width, 2 * HEIGHT / photo.height)
-            photo = photo.resize((ceil(photo.width * scale), ceil(photo.height * scale)), Image.Resampling.LANCZOS)
+            photo = photo.resize(
+                (ceil(photo.width * scale), ceil(photo.height * scale)), Image.Resampling.LANCZOS
+            )
         for step in range(each + (seconds * FPS - each * len(photos) if number == 0 else 0)):
             along = step / each
             height = 2 * HEIGHT * (1 - 0.4 * along)
             width = height * WIDTH / HEIGHT
             left = (photo.width - width) * (along if number % 2 else 1 - along)
             top = (photo.height - height) * along
-            crop = photo.resize((WIDTH, HEIGHT), Image.Resampling.BILINEAR, box=(left, top, left + width, top + height))
+            crop = photo.resize(
+                (WIDTH, HEIGHT), Image.Resampling.BILINEAR, box=(left, top, left + width, top + height)
+            )
             encoder.stdin.write(crop.tobytes())
     encoder.stdin.close()
     if encoder.wait() != 0:
@@ -127,9 +138,35 @@ def prepare(out: Path) -> Material:
         voice = speech(path, 1)[:, 0]
         track[int(begin * RATE) :][: len(voice)] = voice
     silent_video, companion = work / "companion-video.mp4", out / "companion.mp4"
-    moving_pictures(THEIR_PICTURES, THEIR_SECONDS, ["-c:v", "libx264", "-preset", "veryfast", "-crf", "20", "-pix_fmt", "yuv420p", silent_video])
-    ffmpeg("-f", "s16le", "-ar", RATE, "-ac", 1, "-i", "pipe:0", "-i", silent_video, "-map", "1:v", "-map", "0:a",
-           "-c:v", "copy", "-c:a", "aac", "-b:a", "128k", companion, data=track.tobytes())  # fmt: skip
+    moving_pictures(
+        THEIR_PICTURES,
+        THEIR_SECONDS,
+        ["-c:v", "libx264", "-preset", "veryfast", "-crf", "20", "-pix_fmt", "yuv420p", silent_video],
+    )
+    ffmpeg(
+        "-f",
+        "s16le",
+        "-ar",
+        RATE,
+        "-ac",
+        1,
+        "-i",
+        "pipe:0",
+        "-i",
+        silent_video,
+        "-map",
+        "1:v",
+        "-map",
+        "0:a",
+        "-c:v",
+        "copy",
+        "-c:a",
+        "aac",
+        "-b:a",
+        "128k",
+        companion,
+        data=track.tobytes(),
+    )
     reduce = f"scale={THUMBNAIL[1]}:{THUMBNAIL[0]}:flags=area,format=yuv420p,extractplanes=y"
     theirs = ffmpeg("-i", companion, "-vf", reduce, "-f", "rawvideo", "-pix_fmt", "gray", "-")
 

@@ -38,13 +38,17 @@ def write_contact_sheet(path: Path, report: Report, columns: int = 6) -> None:
     """One picture of each second seen, with its time and the last caption's text before it."""
     width, height, margin, caption = 240, 180, 6, 16
     rows = -(-len(report.kept) // columns)
-    sheet = Image.new("RGB", (columns * (width + margin) + margin, rows * (height + caption + margin) + margin))
+    sheet = Image.new(
+        "RGB", (columns * (width + margin) + margin, rows * (height + caption + margin) + margin)
+    )
     draw = ImageDraw.Draw(sheet)
     for number, (at, frame) in enumerate(report.kept):
         left = margin + number % columns * (width + margin)
         top = margin + number // columns * (height + caption + margin)
         sheet.paste(picture(np.frombuffer(frame.frame_buffer, np.uint8)).resize((width, height)), (left, top))
-        said = [event[8:] for when, event in report.events if event.startswith("caption") and at - 3 <= when <= at]
+        said = [
+            event[8:] for when, event in report.events if event.startswith("caption") and at - 3 <= when <= at
+        ]
         draw.text((left, top + height + 2), f"{at:5.1f} s  {said[-1][:32] if said else ''}", fill="white")
     sheet.save(path)
 

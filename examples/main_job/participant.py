@@ -195,7 +195,9 @@ class Participant:
             raise RuntimeError("connect refused")
         self._wait("ready for audio")
         settings = tavrin.PublisherSettings(name="Demo participant")
-        if not self.client.publish(settings, on_stream_created_cb=lambda publisher: self._happened("published")):
+        if not self.client.publish(
+            settings, on_stream_created_cb=lambda publisher: self._happened("published")
+        ):
             raise RuntimeError("publish refused")
         self._wait("published")
         feeder = threading.Thread(target=self._show_pictures, name="pictures")

@@ -44,7 +44,9 @@ class TalkBack:
         self.client.subscribe(
             stream,
             settings=tavrin.SubscriberSettings(subscribe_to_video=False, subscribe_to_captions=True),
-            on_error_cb=lambda subscriber, message, code: print(f"Cannot hear {stream.id}: {message}", file=sys.stderr),
+            on_error_cb=lambda subscriber, message, code: print(
+                f"Cannot hear {stream.id}: {message}", file=sys.stderr
+            ),
             on_caption_text_cb=self._on_caption,
         )
 

@@ -48,16 +48,26 @@ class Painter:
         dot = (CENTRE[0] + 62 * math.cos(angle), CENTRE[1] + 62 * math.sin(angle))
         draw.ellipse((dot[0] - 9, dot[1] - 9, dot[0] + 9, dot[1] + 9), fill=INK)
         self._centred(draw, 372, WORDS[doing], self._large, INK)
-        others = "nobody to hear yet" if streams == 0 else "hearing 1 stream" if streams == 1 else f"hearing {streams} streams"
+        others = (
+            "nobody to hear yet"
+            if streams == 0
+            else "hearing 1 stream"
+            if streams == 1
+            else f"hearing {streams} streams"
+        )
         self._centred(draw, 420, f"{time.strftime('%H:%M:%S')}  ·  {others}", self._small, QUIET)
         return np.asarray(image)
 
     @staticmethod
-    def _circle(draw: ImageDraw.ImageDraw, centre: tuple[int, int], radius: float, colour: tuple[int, ...], width: int) -> None:
+    def _circle(
+        draw: ImageDraw.ImageDraw, centre: tuple[int, int], radius: float, colour: tuple[int, ...], width: int
+    ) -> None:
         x, y = centre
         draw.ellipse((x - radius, y - radius, x + radius, y + radius), outline=colour, width=width)
 
     @staticmethod
-    def _centred(draw: ImageDraw.ImageDraw, y: int, text: str, font: ImageFont.ImageFont, colour: tuple[int, ...]) -> None:
+    def _centred(
+        draw: ImageDraw.ImageDraw, y: int, text: str, font: ImageFont.ImageFont, colour: tuple[int, ...]
+    ) -> None:
         width = draw.textlength(text, font=font)
         draw.text(((WIDTH - width) / 2, y), text, font=font, fill=colour)

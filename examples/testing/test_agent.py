@@ -1,7 +1,7 @@
 """Tests the agent beside this file, with no server.
 
-Usage: pytest examples/testing     (in a source tree: ./dev python -m pytest -p tavrin_media_relay.testing.plugin ...)
-"""
+Usage: pytest examples/testing     (in a source tree: ./dev python -m pytest -p
+tavrin_media_relay.testing.plugin ...)"""
 
 import math
 
@@ -40,4 +40,6 @@ def test_notices_the_end_of_the_session(rehearsal):
     rehearsal.fail(at=0.4, code=2001, text="Power cut")
     performance = rehearsal.run(agent)  # ends by itself
     assert performance.entry("error").at == pytest.approx(0.4, abs=0.2)
-    assert any(isinstance(event, aio.SessionFailed) and event.error.code == 2001 for _, event in performance.told)
+    assert any(
+        isinstance(event, aio.SessionFailed) and event.error.code == 2001 for _, event in performance.told
+    )

@@ -10,6 +10,7 @@ def log_of(folder: Path) -> Path:
 
 
 def has_told(folder: Path, event: str) -> bool:
-    """Whether the recording's log tells of an event; "closed" is the last one, when all files are complete."""
+    """Whether the recording's log tells of an event; "closed" is the last one, when all files are
+    complete."""
     log = log_of(folder)
     return log.exists() and f'"event":"{event}"' in log.read_text()

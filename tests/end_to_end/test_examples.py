@@ -17,8 +17,8 @@ BUILD = Path(os.environ.get("TAVRIN_BUILD") or ROOT / "build" / os.environ.get("
 EXAMPLES = ROOT / "examples"
 
 
-
-#: The program, its arguments, its scenario, and what its output must match; a group is a number of that range.
+#: The program, its arguments, its scenario, and what its output must match; a group is a number of that
+#: range.
 EXAMPLE_RUNS = {
     "hello.py": ([], None, r"Saw (\d+) pictures", (10, 200)),
     "speak.py": (["tone.wav"], None, r"Said ([\d.]+) s", (1.5, 1.6)),
@@ -41,7 +41,9 @@ def test_example(name, tmp_path):
         file.writeframes(bytes(22050 * 3))
     for colour in ("a", "b"):
         Image.new("RGB", (320, 200), (200, 30, 30)).save(tmp_path / f"{colour}.png")
-    variables = {key: value for key, value in os.environ.items() if key not in ("LD_LIBRARY_PATH", "API_HOSTNAME")}
+    variables = {
+        key: value for key, value in os.environ.items() if key not in ("LD_LIBRARY_PATH", "API_HOSTNAME")
+    }
     variables["PYTHONPATH"] = os.pathsep.join([str(BUILD / "python"), str(ROOT / "python")])
     if scenario:
         variables["API_HOSTNAME"] = f"embedded:{EXAMPLES / 'scenarios' / scenario}"

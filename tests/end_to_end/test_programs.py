@@ -40,7 +40,9 @@ def test_readme_shows_the_first_program():
 def test_hello_hears_and_sees_the_companion():
     printed = run(ROOT / "examples/hello.py")
     assert "Caption: " in printed
-    saw = re.search(r"Saw (\d+) pictures of VideoResolution\(width=640, height=480\), heard sound up to (\d+)", printed)
+    saw = re.search(
+        r"Saw (\d+) pictures of VideoResolution\(width=640, height=480\), heard sound up to (\d+)", printed
+    )
     assert saw, printed
     # Three seconds at 30 pictures; a busy machine may lose some. The companion's tone is quiet.
     assert int(saw[1]) >= 45 and 1000 < int(saw[2]) < 8000, printed
@@ -75,7 +77,12 @@ def test_session_is_recorded_sample_for_sample(tmp_path, rate, channels):
             }
         )
     )
-    run(HERE / "short_session.py", tmp_path / "given.npz", tmp_path / "told.npz", API_HOSTNAME=f"embedded:{scenario}")
+    run(
+        HERE / "short_session.py",
+        tmp_path / "given.npz",
+        tmp_path / "told.npz",
+        API_HOSTNAME=f"embedded:{scenario}",
+    )
 
     with wave.open(str(next((tmp_path / "recording").glob("*.wav")))) as file:
         assert (file.getframerate(), file.getnchannels()) == (rate, channels)

@@ -12,7 +12,8 @@ import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
 
-#: "Save as `FILE`:" and the like, in front of what is to be written there; and what is typed into the terminal.
+#: "Save as `FILE`:" and the like, in front of what is to be written there; and what is typed into the
+#: terminal.
 STEP = re.compile(
     r"(Save as|Add to|Change)\s`(\w+\.\w+)`[^`]*?:\n\n```\w+\n(.*?)```|```console\n(.*?)```", re.DOTALL
 )
@@ -29,9 +30,13 @@ def write(verb: str, path: Path, text: str) -> None:
 
 
 def run(command: str, folder: Path) -> str:
-    variables = {key: value for key, value in os.environ.items() if key not in ("API_HOSTNAME", "SESSION_ID", "TOKEN")}
+    variables = {
+        key: value for key, value in os.environ.items() if key not in ("API_HOSTNAME", "SESSION_ID", "TOKEN")
+    }
     command = command.replace("../dev python", sys.executable)
-    done = subprocess.run(command, shell=True, cwd=folder, env=variables, capture_output=True, text=True, timeout=60)
+    done = subprocess.run(
+        command, shell=True, cwd=folder, env=variables, capture_output=True, text=True, timeout=60
+    )
     return done.stdout + done.stderr
 
 

@@ -234,7 +234,11 @@ async def media_in() -> None:
         async with session.subscribe(stream, captions=True) as subscriber:
             slow, latest = subscriber.audio_frames(capacity=7), subscriber.video_frames(policy="latest")
             speech = subscriber.audio_frames(sample_rate=16000, channels=1, capacity=1000)
-            mix, captions, abandoned = session.audio_frames(), subscriber.captions(), subscriber.video_frames()
+            mix, captions, abandoned = (
+                session.audio_frames(),
+                subscriber.captions(),
+                subscriber.video_frames(),
+            )
             with pytest.raises(aio.SubscriberError) as twice:
                 await session.subscribe(stream)
             assert twice.value.code == aio.SubscriberError.BUSY
@@ -245,13 +249,18 @@ async def media_in() -> None:
             assert rgb.shape == (240, 320, 3) and rgb.std() > 20
             kept = picture.pixels.tobytes()
             frame = await anext(mix)
-            assert frame.numpy().shape == (480, 2) and np.shares_memory(frame.numpy(), np.asarray(frame.samples))
+            assert frame.numpy().shape == (480, 2) and np.shares_memory(
+                frame.numpy(), np.asarray(frame.samples)
+            )
             nobody = asyncio.create_task(anext(captions))
             await asyncio.sleep(0)
             with pytest.raises(RuntimeError, match="another task"):
                 await anext(captions)
             first, second = await nobody, await anext(captions)
-            assert [(each.text, each.is_final) for each in (first, second)] == [("Hel", False), ("Hello", True)]
+            assert [(each.text, each.is_final) for each in (first, second)] == [
+                ("Hel", False),
+                ("Hello", True),
+            ]
             del abandoned
             gc.collect()
             sound = [each async for each in speech]  # ends with the stream
@@ -298,7 +307,9 @@ async def failures() -> None:
             while True:
                 await publisher.audio.write(bytes(1920), channels=1)
         await subscriber.close()
-        async with session.publish("again", video=False) as publisher, session.subscribe(stream) as subscriber:
+        async with session.publish("again", video=False) as publisher, session.subscribe(
+            stream
+        ) as subscriber:
             with pytest.raises(aio.ClosedError, match="failed: Over|ended by the session"):
                 while True:
                     await publisher.audio.write(bytes(1920), channels=1)
@@ -388,10 +399,18 @@ async def bad_values() -> None:
                 (ValueError, "policy.*'oldest'", lambda: subscriber.audio_frames(policy="oldest")),
                 (ValueError, "at least 1, not 0", lambda: subscriber.video_frames(capacity=0)),
                 (ValueError, "keeps one", lambda: subscriber.video_frames(capacity=3, policy="latest")),
-                (ValueError, "channels must be from 1 to 2, not 3", lambda: subscriber.audio_frames(channels=3)),
+                (
+                    ValueError,
+                    "channels must be from 1 to 2, not 3",
+                    lambda: subscriber.audio_frames(channels=3),
+                ),
                 (RuntimeError, "without captions", lambda: subscriber.captions()),
                 (TypeError, "stream must be a Stream, not 'id'", lambda: session.subscribe("id")),
-                (ValueError, "must not both be False", lambda: session.publish("x", audio=False, video=False)),
+                (
+                    ValueError,
+                    "must not both be False",
+                    lambda: session.publish("x", audio=False, video=False),
+                ),
                 (TypeError, "token must be a str, not 5", lambda: connect(5)),
                 (TypeError, "settings must be a SessionSettings", lambda: connect(settings={})),
                 (ValueError, "timeout must be from 0", lambda: connect(timeout=-1)),
@@ -413,9 +432,13 @@ async def statistics() -> None:
                 figures = told.streams[stream.id].audio
                 if figures.delivered >= 20:
                     break
-    assert [each["stream"] for each in told.library["subscribers"].values()] == [stream.id] and figures.lost == 0
+    assert [each["stream"] for each in told.library["subscribers"].values()] == [
+        stream.id
+    ] and figures.lost == 0
     taken = figures.delivered + figures.dropped + figures.waiting
-    assert abs(figures.escaped_views - taken) <= 2 and figures.received >= 20, figures  # counted while more came
+    assert (
+        abs(figures.escaped_views - taken) <= 2 and figures.received >= 20
+    ), figures  # counted while more came
     assert told.escaped_views >= figures.escaped_views - 2, told
     assert session.statistics().mix.escaped_views == 0  # nobody listens to the mix
     assert 0 < figures.delay_p50 <= figures.delay_p99 <= figures.delay_max < PATIENCE
@@ -423,7 +446,10 @@ async def statistics() -> None:
     library = session.statistics().library
     assert library["delivery"]["audio_blocks_delivered"] >= 20
     # To our callable and back is more than our callable alone.
-    assert library["callbacks"]["audio_took_p50_us"] > figures.callable_p50 * 1e6 / 2 and library["callbacks"]["picture_took_max_us"]
+    assert (
+        library["callbacks"]["audio_took_p50_us"] > figures.callable_p50 * 1e6 / 2
+        and library["callbacks"]["picture_took_max_us"]
+    )
 
 
 async def ends_while_nobody_leaves() -> None:
@@ -438,7 +464,9 @@ async def interrupted() -> None:
     scenario(participants=[TALKER])
     try:
         async with connect() as session, session.publish("me") as publisher:
-            async with session.subscribe(await session.wait_for_stream()) as subscriber, asyncio.TaskGroup() as tasks:
+            async with session.subscribe(
+                await session.wait_for_stream()
+            ) as subscriber, asyncio.TaskGroup() as tasks:
                 tasks.create_task(anext(session.events()))
                 tasks.create_task(publisher.audio.write(bytes(48000 * 4 * 60)))
                 async for _ in subscriber.audio_frames():
@@ -468,9 +496,19 @@ async def lost_outcomes() -> None:
 
 
 CASES = [
-    joins_and_leaves, refusals, cancelled_attempts, audio_out, barge_in, video_out, media_in, failures, misuse,
-    bad_values, statistics, ends_while_nobody_leaves,
-]  # fmt: skip
+    joins_and_leaves,
+    refusals,
+    cancelled_attempts,
+    audio_out,
+    barge_in,
+    video_out,
+    media_in,
+    failures,
+    misuse,
+    bad_values,
+    statistics,
+    ends_while_nobody_leaves,
+]
 keep: list[aio.Session] = []
 
 if __name__ == "__main__":

@@ -44,7 +44,9 @@ class Log:
         saved, python_err = [os.dup(1), os.dup(2)], sys.stderr
         for number, file in enumerate(self._files, start=1):
             os.dup2(file.fileno(), number)
-        sys.stderr = io.TextIOWrapper(io.FileIO(self._files[1].fileno(), "a", closefd=False), write_through=True)
+        sys.stderr = io.TextIOWrapper(
+            io.FileIO(self._files[1].fileno(), "a", closefd=False), write_through=True
+        )
         try:
             yield
         finally:
@@ -163,7 +165,9 @@ class World:
         before = self.lib.call_count("srn_audio_device_write_capture_data")
         self.connect(on_ready_for_audio_cb=ready, **arguments)
         assert self.lib.device_start() == 1
-        assert self.lib.wait_calls("srn_audio_device_write_capture_data", before + 1, int(DEADLINE * 1000)) == 1
+        assert (
+            self.lib.wait_calls("srn_audio_device_write_capture_data", before + 1, int(DEADLINE * 1000)) == 1
+        )
         self.settle()
 
     def settle(self) -> None:

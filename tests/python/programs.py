@@ -10,7 +10,15 @@ BUILD = Path(os.environ.get("TAVRIN_BUILD") or ROOT / "build" / os.environ.get("
 PYTHON_PATH = [str(BUILD / "python"), str(ROOT / "python"), str(Path(__file__).parent)]
 
 #: On standard error these tell of something that was left behind.
-COMPLAINTS = ("Traceback", "was destroyed", "never awaited", "never retrieved", "Exception in", "Exception ignored", "ResourceWarning")  # fmt: skip
+COMPLAINTS = (
+    "Traceback",
+    "was destroyed",
+    "never awaited",
+    "never retrieved",
+    "Exception in",
+    "Exception ignored",
+    "ResourceWarning",
+)
 
 _OTHERS = ("LD_LIBRARY_PATH", "API_HOSTNAME", "SESSION_ID", "TOKEN", "SARNET_RELAY_TOKEN_SECRET")
 
@@ -18,4 +26,8 @@ _OTHERS = ("LD_LIBRARY_PATH", "API_HOSTNAME", "SESSION_ID", "TOKEN", "SARNET_REL
 def environment(**extra: object) -> dict[str, str]:
     """Of a program on the build's own library, with nothing of the caller's that would lead it elsewhere."""
     kept = {key: value for key, value in os.environ.items() if key not in _OTHERS}
-    return kept | {"PYTHONPATH": os.pathsep.join(PYTHON_PATH)} | {key: str(value) for key, value in extra.items()}
+    return (
+        kept
+        | {"PYTHONPATH": os.pathsep.join(PYTHON_PATH)}
+        | {key: str(value) for key, value in extra.items()}
+    )

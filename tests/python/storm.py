@@ -1,5 +1,6 @@
-"""A storm on the scripted library: several threads do anything in any order, the library says anything, and the
-program ends somehow in the midst of it. `python storm.py SEED`; the seed chooses what is done, the machine when.
+"""A storm on the scripted library: several threads do anything in any order, the library says anything, and
+the program ends somehow in the midst of it. `python storm.py SEED`; the seed chooses what is done, the
+machine when.
 
 Ends with code 0 unless it crashes, hangs (whoever starts it sets the limit), or the library was mistreated.
 """
@@ -60,8 +61,10 @@ def some_callables(own: random.Random, names: str) -> dict[str, object]:
     return {f"on_{name}_cb": callable_of(own) for name in names.split() if own.random() < 0.7}
 
 
-SESSION = "connected disconnected stream_received stream_dropped connection_created connection_dropped audio_data " \
-    "ready_for_audio media_buffer_drained"  # fmt: skip
+SESSION = (
+    "connected disconnected stream_received stream_dropped connection_created connection_dropped audio_data "
+    "ready_for_audio media_buffer_drained"
+)
 
 
 def connect(own: random.Random) -> None:
@@ -139,7 +142,8 @@ end = chance.choice(["by its end", "by sys.exit", "after disconnect", "in order"
 daemons = end != "in order" and chance.random() < 0.6
 threads = [
     threading.Thread(target=keep_doing, args=(table, chance.random(), pause), daemon=daemons)
-    for table, pause in [(LIBRARY, 0.002)] + [(PROGRAM, chance.choice([0, 0.001, 0.005]))] * chance.choice([1, 2, 4])
+    for table, pause in [(LIBRARY, 0.002)]
+    + [(PROGRAM, chance.choice([0, 0.001, 0.005]))] * chance.choice([1, 2, 4])
 ]
 for thread in threads:
     thread.start()

@@ -1,4 +1,5 @@
-"""The asyncio face on the embedded engine: each case of aio_cases.py in a process that ends without a complaint."""
+"""The asyncio face on the embedded engine: each case of aio_cases.py in a process that ends without a
+complaint."""
 
 from __future__ import annotations
 
@@ -25,10 +26,16 @@ from tavrin_media_relay.aio.video_output import convert_aside
 def start(case: str, folder: Path, **variables: object) -> subprocess.Popen[str]:
     return subprocess.Popen(
         [sys.executable, "-X", "dev", "-W", "ignore::DeprecationWarning", aio_cases.__file__, case],
-        env=environment(**variables), cwd=folder, text=True, errors="replace",
-        stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-        preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL),  # ignored where tests run in the background
-    )  # fmt: skip
+        env=environment(**variables),
+        cwd=folder,
+        text=True,
+        errors="replace",
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        preexec_fn=lambda: signal.signal(
+            signal.SIGINT, signal.SIG_DFL
+        ),  # ignored where tests run in the background
+    )
 
 
 @pytest.mark.parametrize("case", [*(case.__name__ for case in aio_cases.CASES), "lost_outcomes"])
@@ -58,7 +65,8 @@ def test_a_queue_found_dry_during_a_write_is_not_dry_after_it():
     [(44100, 1, 48000, 2), (8000, 2, 48000, 1), (48000, 2, 16000, 2), (48000, 1, 48000, 2)],
 )
 def test_resampling_neither_drifts_nor_distorts(rate_in, channels_in, rate_out, channels_out):
-    """A minute of a tone in blocks of odd sizes has the same phase and level at its end as at its beginning."""
+    """A minute of a tone in blocks of odd sizes has the same phase and level at its end as at its
+    beginning."""
     hertz, seconds, dice = 300, 60, random.Random(5)
     tone = 9000 * np.sin(2 * np.pi * hertz * np.arange(rate_in * seconds) / rate_in)
     samples = np.repeat(tone.astype(np.int16), channels_in)

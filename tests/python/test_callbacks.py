@@ -29,63 +29,192 @@ def publisher(m):
 
 
 class Row:
-    """One event: where its callable goes, what raises it, what the callable is given, what is said about it."""
+    """One event: where its callable goes, what raises it, what the callable is given, what is said
+    about it."""
 
     def __init__(self, owner, keyword, raise_event, arguments, objects, model, entry=None):
-        self.owner, self.keyword, self.raise_event, self.arguments, self.model = owner, keyword, raise_event, arguments, model
+        self.owner, self.keyword, self.raise_event, self.arguments, self.model = (
+            owner,
+            keyword,
+            raise_event,
+            arguments,
+            model,
+        )
         self.name = ("" if owner == SESSION else owner + "_") + keyword.removesuffix("_cb")
         self.build_failure, self.entry = f"Failed to create {objects}", entry
 
 
-CONNECTION_OBJECTS, STREAM_OBJECTS = (f"Session or {each} objects for callback" for each in ("Connection", "Stream"))
+CONNECTION_OBJECTS, STREAM_OBJECTS = (
+    f"Session or {each} objects for callback" for each in ("Connection", "Stream")
+)
 BAD = "bad \u20ac"
 ROWS = [
-    Row(SESSION, "on_connected_cb", lambda w: w.lib.session_connected(), lambda m: (session(m),),
-        "Session object for connected callback", "Session", "Session connected callback"),
-    Row(SESSION, "on_disconnected_cb", lambda w: w.lib.session_disconnected(), lambda m: (session(m),),
-        "Session object for disconnected callback", "Session", "Session disconnected callback"),
-    Row(SESSION, "on_error_cb", lambda w: w.lib.session_error(-7, BAD), lambda m: (session(m), BAD, -7),
-        "Session object for error callback", "Session", f"Session error callback: {BAD} (-7)"),
-    Row(SESSION, "on_connection_created_cb", lambda w: w.lib.connection_created("c", "data", 1500),
-        lambda m: (session(m), stream(m).connection), CONNECTION_OBJECTS, "Connection"),
-    Row(SESSION, "on_connection_dropped_cb", lambda w: w.lib.connection_dropped("c", "data", 1500),
-        lambda m: (session(m), stream(m).connection), CONNECTION_OBJECTS, "Session"),
-    Row(SESSION, "on_stream_received_cb", lambda w: w.lib.stream_received("s", "c", "data", 1500),
-        lambda m: (session(m), stream(m)), STREAM_OBJECTS, "Stream", "Stream received callback"),
-    Row(SESSION, "on_stream_dropped_cb", lambda w: w.lib.stream_dropped("s", "c", "data", 1500),
-        lambda m: (session(m), stream(m)), STREAM_OBJECTS, "Connection", "Stream dropped callback"),
-    Row(SESSION, "on_audio_data_cb", lambda w: True, lambda m: (session(m), ("AudioData", 48000, 2, 480, 960)),
-        "Session or AudioData objects for callback", "AudioData"),
-    Row(SESSION, "on_ready_for_audio_cb",
-        lambda w: (w.lib.device_slot("stop_capturer"), w.lib.device_slot("start_capturer")), lambda m: (session(m),),
-        "Session object for ready for audio callback", "Session", "Ready for audio callback"),
-    Row(SESSION, "on_media_buffer_drained_cb", lambda w: w.client.add_audio(w.models.AudioData(48000, 2, 480, LOUD)),
+    Row(
+        SESSION,
+        "on_connected_cb",
+        lambda w: w.lib.session_connected(),
+        lambda m: (session(m),),
+        "Session object for connected callback",
+        "Session",
+        "Session connected callback",
+    ),
+    Row(
+        SESSION,
+        "on_disconnected_cb",
+        lambda w: w.lib.session_disconnected(),
+        lambda m: (session(m),),
+        "Session object for disconnected callback",
+        "Session",
+        "Session disconnected callback",
+    ),
+    Row(
+        SESSION,
+        "on_error_cb",
+        lambda w: w.lib.session_error(-7, BAD),
+        lambda m: (session(m), BAD, -7),
+        "Session object for error callback",
+        "Session",
+        f"Session error callback: {BAD} (-7)",
+    ),
+    Row(
+        SESSION,
+        "on_connection_created_cb",
+        lambda w: w.lib.connection_created("c", "data", 1500),
+        lambda m: (session(m), stream(m).connection),
+        CONNECTION_OBJECTS,
+        "Connection",
+    ),
+    Row(
+        SESSION,
+        "on_connection_dropped_cb",
+        lambda w: w.lib.connection_dropped("c", "data", 1500),
+        lambda m: (session(m), stream(m).connection),
+        CONNECTION_OBJECTS,
+        "Session",
+    ),
+    Row(
+        SESSION,
+        "on_stream_received_cb",
+        lambda w: w.lib.stream_received("s", "c", "data", 1500),
+        lambda m: (session(m), stream(m)),
+        STREAM_OBJECTS,
+        "Stream",
+        "Stream received callback",
+    ),
+    Row(
+        SESSION,
+        "on_stream_dropped_cb",
+        lambda w: w.lib.stream_dropped("s", "c", "data", 1500),
+        lambda m: (session(m), stream(m)),
+        STREAM_OBJECTS,
+        "Connection",
+        "Stream dropped callback",
+    ),
+    Row(
+        SESSION,
+        "on_audio_data_cb",
+        lambda w: True,
+        lambda m: (session(m), ("AudioData", 48000, 2, 480, 960)),
+        "Session or AudioData objects for callback",
+        "AudioData",
+    ),
+    Row(
+        SESSION,
+        "on_ready_for_audio_cb",
+        lambda w: (w.lib.device_slot("stop_capturer"), w.lib.device_slot("start_capturer")),
+        lambda m: (session(m),),
+        "Session object for ready for audio callback",
+        "Session",
+        "Ready for audio callback",
+    ),
+    Row(
+        SESSION,
+        "on_media_buffer_drained_cb",
+        lambda w: w.client.add_audio(w.models.AudioData(48000, 2, 480, LOUD)),
         lambda m: (m.MediaBufferStats(audio=m.AudioBufferStats(timedelta(0))),),
-        "MediaBufferStats object to notify the drain of the media buffers", "MediaBufferStats",
-        "Media buffers have been drained audio: 0 ms video: null ms"),
-    Row(SUBSCRIBER, "on_connected_cb", lambda w: w.lib.subscriber_connected("s"), lambda m: (subscriber(m),),
-        "Subscriber object for connected callback", "Subscriber", "Subscriber connected callback"),
-    Row(SUBSCRIBER, "on_disconnected_cb", lambda w: w.lib.subscriber_disconnected("s"), lambda m: (subscriber(m),),
-        "Subscriber object for disconnected callback", "Stream", "Subscriber disconnected callback"),
-    Row(SUBSCRIBER, "on_error_cb", lambda w: w.lib.subscriber_error("s", -7, BAD), lambda m: (subscriber(m), BAD, -7),
-        "Subscriber object for error callback", "Connection", f"Subscriber error callback: {BAD} (-7)"),
-    Row(SUBSCRIBER, "on_audio_data_cb", lambda w: w.lib.send_audio("s", LOUD),
+        "MediaBufferStats object to notify the drain of the media buffers",
+        "MediaBufferStats",
+        "Media buffers have been drained audio: 0 ms video: null ms",
+    ),
+    Row(
+        SUBSCRIBER,
+        "on_connected_cb",
+        lambda w: w.lib.subscriber_connected("s"),
+        lambda m: (subscriber(m),),
+        "Subscriber object for connected callback",
+        "Subscriber",
+        "Subscriber connected callback",
+    ),
+    Row(
+        SUBSCRIBER,
+        "on_disconnected_cb",
+        lambda w: w.lib.subscriber_disconnected("s"),
+        lambda m: (subscriber(m),),
+        "Subscriber object for disconnected callback",
+        "Stream",
+        "Subscriber disconnected callback",
+    ),
+    Row(
+        SUBSCRIBER,
+        "on_error_cb",
+        lambda w: w.lib.subscriber_error("s", -7, BAD),
+        lambda m: (subscriber(m), BAD, -7),
+        "Subscriber object for error callback",
+        "Connection",
+        f"Subscriber error callback: {BAD} (-7)",
+    ),
+    Row(
+        SUBSCRIBER,
+        "on_audio_data_cb",
+        lambda w: w.lib.send_audio("s", LOUD),
         lambda m: (subscriber(m), ("AudioData", 48000, 2, 480, 960)),
-        "Subscriber or AudioData objects for audio data callback", "AudioData"),
-    Row(SUBSCRIBER, "on_render_frame_cb", lambda w: w.lib.send_frame("s", 4, 2),
+        "Subscriber or AudioData objects for audio data callback",
+        "AudioData",
+    ),
+    Row(
+        SUBSCRIBER,
+        "on_render_frame_cb",
+        lambda w: w.lib.send_frame("s", 4, 2),
         lambda m: (subscriber(m), ("VideoFrame", 4, 2, "YUV420P", 12)),
-        "Subscriber or VideoFrame objects for render frame callback", "VideoResolution"),
-    Row(SUBSCRIBER, "on_caption_text_cb", lambda w: w.lib.caption("s", BAD, 1),
-        lambda m: (subscriber(m), m.CaptionsData(BAD, True)), "CaptionsData object for caption text callback", "CaptionsData"),
-    Row(PUBLISHER, "on_stream_created_cb", lambda w: w.lib.publisher_stream_created("published-1"),
-        lambda m: (publisher(m),), "Publisher or Stream objects for stream created callback", "Publisher",
-        "Publisher stream created callback"),
-    Row(PUBLISHER, "on_stream_destroyed_cb", lambda w: w.lib.publisher_stream_destroyed("published-1"),
-        lambda m: (publisher(m),), "Publisher or Stream objects for stream destroyed callback", "Publisher",
-        "Publisher stream destroyed callback"),
-    Row(PUBLISHER, "on_error_cb", lambda w: w.lib.publisher_error(-7, BAD), lambda m: (publisher(m), BAD, -7),
-        "Publisher object for error callback", "Stream", f"Publisher error callback: {BAD} (-7)"),
-]  # fmt: skip
+        "Subscriber or VideoFrame objects for render frame callback",
+        "VideoResolution",
+    ),
+    Row(
+        SUBSCRIBER,
+        "on_caption_text_cb",
+        lambda w: w.lib.caption("s", BAD, 1),
+        lambda m: (subscriber(m), m.CaptionsData(BAD, True)),
+        "CaptionsData object for caption text callback",
+        "CaptionsData",
+    ),
+    Row(
+        PUBLISHER,
+        "on_stream_created_cb",
+        lambda w: w.lib.publisher_stream_created("published-1"),
+        lambda m: (publisher(m),),
+        "Publisher or Stream objects for stream created callback",
+        "Publisher",
+        "Publisher stream created callback",
+    ),
+    Row(
+        PUBLISHER,
+        "on_stream_destroyed_cb",
+        lambda w: w.lib.publisher_stream_destroyed("published-1"),
+        lambda m: (publisher(m),),
+        "Publisher or Stream objects for stream destroyed callback",
+        "Publisher",
+        "Publisher stream destroyed callback",
+    ),
+    Row(
+        PUBLISHER,
+        "on_error_cb",
+        lambda w: w.lib.publisher_error(-7, BAD),
+        lambda m: (publisher(m), BAD, -7),
+        "Publisher object for error callback",
+        "Stream",
+        f"Publisher error callback: {BAD} (-7)",
+    ),
+]
 
 all_rows = pytest.mark.parametrize("row", ROWS, ids=lambda row: row.name)
 
@@ -96,7 +225,10 @@ def fail(self, *args, **kwargs):
 
 def set_up(world, row, callable_) -> int:
     """Everything stands that the event needs, the callable is the event's. How often it has come by now."""
-    keywords = {owner: {row.keyword: callable_} if row.owner == owner else {} for owner in (SESSION, SUBSCRIBER, PUBLISHER)}
+    keywords = {
+        owner: {row.keyword: callable_} if row.owner == owner else {}
+        for owner in (SESSION, SUBSCRIBER, PUBLISHER)
+    }
     world.ready(**keywords[SESSION])
     world.publish(has_video=False, **keywords[PUBLISHER])
     if row.owner == SUBSCRIBER:
@@ -110,7 +242,13 @@ def plain(argument):
     """Media objects by their visible facts."""
     kind = type(argument).__name__
     if kind == "AudioData":
-        return kind, argument.sample_rate, argument.number_of_channels, argument.number_of_frames, len(argument.sample_buffer)
+        return (
+            kind,
+            argument.sample_rate,
+            argument.number_of_channels,
+            argument.number_of_frames,
+            len(argument.sample_buffer),
+        )
     if kind == "VideoFrame":
         size = argument.resolution
         return kind, size.width, size.height, argument.format, len(argument.frame_buffer)
@@ -124,7 +262,8 @@ def test_event_reaches_its_callable(world, row):
     event = world.rec.wait(row.name, before + 1)
     assert tuple(plain(each) for each in event.args) == row.arguments(world.models)
     assert [type(each) for each in event.args] == [
-        getattr(world.models, each[0]) if isinstance(each, tuple) else type(each) for each in row.arguments(world.models)
+        getattr(world.models, each[0]) if isinstance(each, tuple) else type(each)
+        for each in row.arguments(world.models)
     ]
     entries = [text for level, text in world.log.of("TavrinVideoClient", "DEBUG")]
     assert (row.entry in entries) if row.entry else not [text for text in entries if row.name in text]
@@ -187,7 +326,12 @@ def test_nobody_listening_builds_nothing(world, monkeypatch):
     for row in ROWS:
         if row.name == "on_media_buffer_drained":
             world.client.add_audio(audio)
-        elif row.name not in ("on_disconnected", "on_error", "subscriber_on_disconnected", "on_ready_for_audio"):
+        elif row.name not in (
+            "on_disconnected",
+            "on_error",
+            "subscriber_on_disconnected",
+            "on_ready_for_audio",
+        ):
             row.raise_event(world)
     assert world.lib.wait_idle(20_000) == 1
     assert not world.log.of("TavrinVideoClient", "ERROR")
@@ -224,7 +368,12 @@ def test_error_texts_of_any_kind(world, text, expected):
 def test_library_that_gives_nothing(world):
     """Null handles, null texts, null records: told or dropped, never a fault."""
     everything = world.models.SubscriberSettings(subscribe_to_captions=True)
-    names = ["on_connection_created_cb", "on_connection_dropped_cb", "on_stream_received_cb", "on_stream_dropped_cb"]
+    names = [
+        "on_connection_created_cb",
+        "on_connection_dropped_cb",
+        "on_stream_received_cb",
+        "on_stream_dropped_cb",
+    ]
     world.connect(**{name: world.rec(name) for name in names})
     world.subscribe(
         "s", settings=everything, on_audio_data_cb=world.rec("audio"), on_render_frame_cb=world.rec("frame"),

@@ -18,12 +18,17 @@ import pytest
 from programs import BUILD, COMPLAINTS, environment
 
 
-
-def start(*arguments: object, python: tuple[str, ...] = ("-X", "dev"), **variables: object) -> subprocess.Popen[str]:
+def start(
+    *arguments: object, python: tuple[str, ...] = ("-X", "dev"), **variables: object
+) -> subprocess.Popen[str]:
     return subprocess.Popen(
         [sys.executable, *python, "-m", "tavrin_media_relay", *map(str, arguments)],
-        env=environment(**variables), text=True, errors="replace", stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-    )  # fmt: skip
+        env=environment(**variables),
+        text=True,
+        errors="replace",
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+    )
 
 
 def end(program: subprocess.Popen[str], code: int) -> tuple[str, str]:
@@ -81,7 +86,11 @@ def frequency(samples: np.ndarray, rate: float) -> float:
         (["echo", "--session", "s", "--delay", "nan"], 2, "must be 0.1 to 20 seconds"),
         (["play", "{here}/none.wav", "--session", "s"], 1, "none.wav: there is no such file"),
         (["play", "{text}", "--session", "s"], 1, "words.txt: Invalid data"),
-        (["play", "{wav}", "--session", "s", "--host", "embedded:{text}"], 1, "scenario '.*words.txt': line 1"),
+        (
+            ["play", "{wav}", "--session", "s", "--host", "embedded:{text}"],
+            1,
+            "scenario '.*words.txt': line 1",
+        ),
         (["play", "{wav}", "--session", "s", "--host", "ws://192.0.2.1"], 1, "in the clear"),
         (["record", "--session", "s", "--out", "{text}"], 1, "cannot write to .*words.txt"),
         (["report", "{text}"], 1, "words.txt, line 1: not figures"),
@@ -142,7 +151,9 @@ def test_play_sends_what_the_files_hold(tmp_path):
     places = range(y4m.index(b"FRAME"), len(y4m), stride)
     lumas = [np.frombuffer(y4m, "u1", 64 * 64, at + 6).reshape(64, 64) for at in places]
     white = [each for each in lumas if each[32].min() > 200]
-    assert len(white) >= 25 and all(each[:15].max() < 40 and each[-15:].max() < 40 for each in white)  # borders
+    assert len(white) >= 25 and all(
+        each[:15].max() < 40 and each[-15:].max() < 40 for each in white
+    )  # borders
     drawn = told("report", figures)["report"]
     assert Path(drawn["file"]).read_bytes().startswith(b"\x89PNG") and drawn["seconds"] > 2
     assert run("report", figures, "--out", tmp_path / "x.nokind", code=1).count("cannot write") == 1
@@ -151,7 +162,11 @@ def test_play_sends_what_the_files_hold(tmp_path):
 def test_record_writes_every_stream(tmp_path):
     captions = [{"at_ms": 500, "text": "Grüße"}]
     peers = [
-        {"id": "a", "audio": {"tone_hz": 700}, "video": {"testcard": True, "width": 64, "height": 48, "fps": 30}},
+        {
+            "id": "a",
+            "audio": {"tone_hz": 700},
+            "video": {"testcard": True, "width": 64, "height": 48, "fps": 30},
+        },
         {"id": "b/../c", "audio": {"tone_hz": 300}, "leave_at_ms": 1500, "captions": captions},
     ]
     out = tmp_path / "out"
@@ -170,7 +185,11 @@ def test_record_writes_every_stream(tmp_path):
 
 
 def test_echo_speaks_after_the_delay(tmp_path):
-    peer = {"id": "a", "audio": {"file": str(tone(tmp_path / "t.wav", 600, 0.7)), "loop": False}, "join_at_ms": 300}
+    peer = {
+        "id": "a",
+        "audio": {"file": str(tone(tmp_path / "t.wav", 600, 0.7)), "loop": False},
+        "join_at_ms": 300,
+    }
     host = f"embedded:{scenario(tmp_path, participants=[peer], record='out')}"
     run("echo", "--session", "s", "--delay", 1, "--seconds", 2.5, "--host", host)
     log = [json.loads(line) for line in (tmp_path / "out" / "events.jsonl").read_text().splitlines()]
@@ -219,7 +238,10 @@ def test_a_scenario_is_checked_without_a_trace(tmp_path):
     assert (tmp_path / "out" / "events.jsonl").read_text() == "of an earlier rehearsal"
     (tmp_path / "bad.wav").write_text("no sound")
     bad = tmp_path / "bad.json"
-    for keys, reason in (({"audio": {"file": "bad.wav"}}, "bad.wav"), ({"audio": {"hertz": 1}}, "unknown key")):
+    for keys, reason in (
+        ({"audio": {"file": "bad.wav"}}, "bad.wav"),
+        ({"audio": {"hertz": 1}}, "unknown key"),
+    ):
         bad.write_text(json.dumps({"participants": [{"id": "a", **keys}]}))
         found = told("scenario", "check", good, bad, code=1)["scenario"]
         assert found["ok"] is False and reason in found["text"]
@@ -251,7 +273,14 @@ def test_commands_meet_on_a_relay_of_ours(tmp_path):
     with socket.socket() as free:
         free.bind(("127.0.0.1", 0))
         port = free.getsockname()[1]
-    ports = ["--port", port, "--tls-port", port + 1 if port < 65535 else port - 1, "--rtp-ports", "31000-31099"]
+    ports = [
+        "--port",
+        port,
+        "--tls-port",
+        port + 1 if port < 65535 else port - 1,
+        "--rtp-ports",
+        "31000-31099",
+    ]
     server = start("relay", "--room", "hall", *ports, "--dir", tmp_path / "server", "--json")
     try:
         assert server.stdout is not None

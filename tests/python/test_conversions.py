@@ -35,7 +35,11 @@ def session_settings(**change):
 
 
 def av_settings(**change):
-    return session_settings(av=namespace(**{"audio_publisher": None, "audio_subscribers_mix": None, "video_publisher": None, **change}))
+    return session_settings(
+        av=namespace(
+            **{"audio_publisher": None, "audio_subscribers_mix": None, "video_publisher": None, **change}
+        )
+    )
 
 
 def picture(**change):
@@ -44,16 +48,29 @@ def picture(**change):
 
 
 def sound(**change):
-    return av_settings(audio_subscribers_mix=namespace(**{"sample_rate": 48000, "number_of_channels": 2, **change}))
+    return av_settings(
+        audio_subscribers_mix=namespace(**{"sample_rate": 48000, "number_of_channels": 2, **change})
+    )
 
 
 def publisher(**change):
-    values = {"name": "p", "has_audio": True, "has_video": False, "enable_captions": False, "audio_settings": None}
+    values = {
+        "name": "p",
+        "has_audio": True,
+        "has_video": False,
+        "enable_captions": False,
+        "audio_settings": None,
+    }
     return namespace(**{**values, **change})
 
 
 def subscriber(**change):
-    values = {"subscribe_to_audio": True, "subscribe_to_video": True, "subscribe_to_captions": False, "video_settings": None}
+    values = {
+        "subscribe_to_audio": True,
+        "subscribe_to_video": True,
+        "subscribe_to_captions": False,
+        "video_settings": None,
+    }
     return namespace(**{**values, **change})
 
 
@@ -63,7 +80,12 @@ def stream(**change):
     return namespace(id="s", connection=namespace(**connection))
 
 
-CONNECT, PUBLISH, SUBSCRIBE, STREAM = "SessionSettings", "MRPublisherSettings", "MRSubscriberSettings", "MRStreamInfo"
+CONNECT, PUBLISH, SUBSCRIBE, STREAM = (
+    "SessionSettings",
+    "MRPublisherSettings",
+    "MRSubscriberSettings",
+    "MRStreamInfo",
+)
 TOO_BIG = "Python int too large to convert to C long"
 
 
@@ -80,8 +102,18 @@ def no_member(name):
         (CONNECT, session_settings(logging=namespace(level=None)), TypeError, "'level' is not a string"),
         (CONNECT, session_settings(logging=namespace(level="\ud800")), UnicodeEncodeError, None),
         (CONNECT, session_settings(av=5), AttributeError, no_member("audio_publisher")),
-        (CONNECT, sound(sample_rate=None), TypeError, "'NoneType' object cannot be interpreted as an integer"),
-        (CONNECT, sound(number_of_channels=2.0), TypeError, "'float' object cannot be interpreted as an integer"),
+        (
+            CONNECT,
+            sound(sample_rate=None),
+            TypeError,
+            "'NoneType' object cannot be interpreted as an integer",
+        ),
+        (
+            CONNECT,
+            sound(number_of_channels=2.0),
+            TypeError,
+            "'float' object cannot be interpreted as an integer",
+        ),
         (CONNECT, sound(sample_rate=2**64), OverflowError, TOO_BIG),
         (CONNECT, picture(resolution=None), AttributeError, "Failed to get resolution attribute"),
         (CONNECT, picture(resolution=namespace(width=1)), AttributeError, no_member("height")),
@@ -111,7 +143,12 @@ def no_member(name):
             TypeError,
             "creation_time.timestamp() did not return a float",
         ),
-        (STREAM, stream(creation_time=namespace(timestamp=lambda: 1 / 0)), ZeroDivisionError, "division by zero"),
+        (
+            STREAM,
+            stream(creation_time=namespace(timestamp=lambda: 1 / 0)),
+            ZeroDivisionError,
+            "division by zero",
+        ),
         (STREAM, stream(data=5), TypeError, "'data' is not a string"),
     ],
 )
@@ -171,7 +208,10 @@ def test_values_by_truth_and_minus_one(world):
     """Any truth value is a boolean, and -1 is a number like others."""
     world.connect(level="warn")
     settings = publisher(
-        has_audio="no", has_video=[], enable_captions=3, audio_settings=namespace(enable_stereo_mode=0, enable_opus_dtx={1})
+        has_audio="no",
+        has_video=[],
+        enable_captions=3,
+        audio_settings=namespace(enable_stereo_mode=0, enable_opus_dtx={1}),
     )
     assert world.client.publish(settings) is True
     calls = world.lib.calls()
@@ -194,6 +234,20 @@ def test_attributes_are_read_in_order(world):
     assert order == ["id", "connection", "creation_time", "data"]
     order.clear()
     audio = Reads(order, enable_stereo_mode=True, enable_opus_dtx=False)
-    values = {"audio_settings": audio, "enable_captions": False, "has_video": False, "has_audio": True, "name": "p"}
+    values = {
+        "audio_settings": audio,
+        "enable_captions": False,
+        "has_video": False,
+        "has_audio": True,
+        "name": "p",
+    }
     assert world.client.publish(Reads(order, **values)) is True
-    assert order == ["name", "has_audio", "has_video", "enable_captions", "audio_settings", "enable_stereo_mode", "enable_opus_dtx"]
+    assert order == [
+        "name",
+        "has_audio",
+        "has_video",
+        "enable_captions",
+        "audio_settings",
+        "enable_stereo_mode",
+        "enable_opus_dtx",
+    ]

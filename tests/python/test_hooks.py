@@ -6,24 +6,34 @@ import pytest
 
 #: What a program has put in the place of a hook or a stream, and what standard error shows nevertheless.
 REPLACEMENTS = {
-    "a hook that exits": ("sys.excepthook = lambda *_: sys.exit(9)", ["Error in sys.excepthook", "SystemExit: 9", "no luck"]),
-    "a hook that raises": ("sys.excepthook = lambda *_: 1 / 0", ["ZeroDivisionError", "Original exception", "no luck"]),
+    "a hook that exits": (
+        "sys.excepthook = lambda *_: sys.exit(9)",
+        ["Error in sys.excepthook", "SystemExit: 9", "no luck"],
+    ),
+    "a hook that raises": (
+        "sys.excepthook = lambda *_: 1 / 0",
+        ["ZeroDivisionError", "Original exception", "no luck"],
+    ),
     "a hook that is missing": ("del sys.excepthook", ["sys.excepthook is missing", "no luck"]),
     "a hook that cannot be called": ("sys.excepthook = 7", ["TypeError", "no luck"]),
     "a hook that works": (
-        "sys.excepthook = lambda kind, value, trace: os.write(2, f'{kind is type(value)} {value} {trace.tb_lineno > 0}'.encode())",
+        "sys.excepthook = lambda kind, value, trace: os.write(2, f'{kind is type(value)} "
+        "{value} {trace.tb_lineno > 0}'.encode())",
         ["True no luck True"],
     ),
     "an unraisable hook that exits": (
-        "sys.unraisablehook = lambda *_: sys.exit(9)\nclass Remains:\n    def __del__(self): raise ValueError('no luck')",
+        "sys.unraisablehook = lambda *_: sys.exit(9)\nclass Remains:\n    def __del__(self): "
+        "raise ValueError('no luck')",
         ["Exception ignored in sys.unraisablehook", "SystemExit: 9"],
     ),
     "no standard error": ("sys.stderr = None", []),
     "a closed standard error": ("sys.stderr = open(os.devnull, 'w')\nsys.stderr.close()", []),
     "a standard error that exits": (
-        "class Exits:\n    def write(self, text): sys.exit(9)\n    def flush(self): pass\nsys.stderr = Exits()", [],
+        "class Exits:\n    def write(self, text): sys.exit(9)\n    def flush(self): "
+        "pass\nsys.stderr = Exits()",
+        [],
     ),
-}  # fmt: skip
+}
 
 PROGRAM = """
 {replacement}

@@ -14,12 +14,16 @@ PERIOD = 480
 
 def samples(frames: int, channels: int = 2, seed: int = 1) -> bytes:
     """Loud everywhere and different everywhere, so that order and place can be told."""
-    return array.array("h", [(seed + 7919 * i) % 65_521 - 32_760 or 1 for i in range(frames * channels)]).tobytes()
+    return array.array(
+        "h", [(seed + 7919 * i) % 65_521 - 32_760 or 1 for i in range(frames * channels)]
+    ).tobytes()
 
 
 def audio(world, data, frames=None, channels=2, rate=48000):
     count = len(memoryview(data).cast("B")) // 2 // channels if frames is None else frames
-    return SimpleNamespace(sample_rate=rate, number_of_channels=channels, number_of_frames=count, sample_buffer=data)
+    return SimpleNamespace(
+        sample_rate=rate, number_of_channels=channels, number_of_frames=count, sample_buffer=data
+    )
 
 
 def wait_captured(world, periods: int) -> bytes:
@@ -31,7 +35,13 @@ def wait_captured(world, periods: int) -> bytes:
 
 def test_audio_arrives_sample_for_sample(world):
     world.ready()
-    makers = [bytes, bytearray, memoryview, lambda data: array.array("h", data), lambda data: memoryview(data).cast("h")]
+    makers = [
+        bytes,
+        bytearray,
+        memoryview,
+        lambda data: array.array("h", data),
+        lambda data: memoryview(data).cast("h"),
+    ]
     sent = [samples(PERIOD * 3, seed=seed) for seed in range(len(makers))]
     for make, data in zip(makers, sent):
         assert world.client.add_audio(audio_data=audio(world, make(data), PERIOD * 3)) is True
@@ -69,7 +79,11 @@ def test_buffer_of_a_property_that_gives_a_fresh_object(world):
     [
         ({"number_of_frames": PERIOD + 1}, ValueError, "sample_buffer is too small"),
         ({"number_of_channels": 3}, ValueError, "sample_buffer is too small"),
-        ({"number_of_frames": 2**31, "number_of_channels": 2**31}, ValueError, "sample_buffer is too small"),
+        (
+            {"number_of_frames": 2**31, "number_of_channels": 2**31},
+            ValueError,
+            "sample_buffer is too small",
+        ),
         ({"number_of_frames": 2**62, "number_of_channels": 4}, ValueError, "sample_buffer is too small"),
         ({"number_of_frames": -1}, None, None),
         ({"number_of_frames": -(2**62), "number_of_channels": -4}, None, None),
@@ -102,7 +116,9 @@ def test_audio_that_lacks_an_attribute(world):
         delattr(data, missing)
         with pytest.raises(AttributeError, match=f"^Object has no member '{missing}'$"):
             world.client.add_audio(data)
-        assert ("WARN", f"get_member_value: Object has no member '{missing}'") in world.log.of("PythonHelpers")
+        assert ("WARN", f"get_member_value: Object has no member '{missing}'") in world.log.of(
+            "PythonHelpers"
+        )
 
 
 def frame(world, buffer, width=64, height=48, format="YUV420P"):
@@ -174,10 +190,15 @@ def test_pictures_arrive_byte_for_byte(world, format, code):
 def test_pictures_whose_sizes_lie(world, change, exception, text):
     assert connect_with_video(world)
     world.publish()
-    for other in (frame(world, bytes(64 * 50 * 2), height=50), frame(world, bytes(SIZES["RGB24"]), format="RGB24")):
+    for other in (
+        frame(world, bytes(64 * 50 * 2), height=50),
+        frame(world, bytes(SIZES["RGB24"]), format="RGB24"),
+    ):
         assert world.client.add_video(other) is False  # sound, but not what was agreed on
     bad = SimpleNamespace(
-        resolution=SimpleNamespace(width=64, height=48), format="YUV420P", frame_buffer=bytes(SIZES["YUV420P"])
+        resolution=SimpleNamespace(width=64, height=48),
+        format="YUV420P",
+        frame_buffer=bytes(SIZES["YUV420P"]),
     )
     vars(bad).update(change)
     if isinstance(bad.resolution, tuple):
@@ -204,7 +225,9 @@ def test_impossible_and_extreme_picture_settings(world):
     for picture in [{"width": 0}, {"height": -1}, {"fps": 0}, {"fps": -(2**31)}, {"width": 2**31}]:
         world.log.clear()
         assert connect_with_video(world, **picture) is False, picture
-        assert any("MRSession::connect: Invalid video publisher settings" in text for _, text in world.log.texts())
+        assert any(
+            "MRSession::connect: Invalid video publisher settings" in text for _, text in world.log.texts()
+        )
     for picture in [{"fps": 2**31 - 1}, {"width": 2**20, "height": 2**20}]:
         assert connect_with_video(world, **picture) is True, picture
         world.publish()
@@ -259,9 +282,14 @@ def test_drained_report(world, sound, picture):
     world.rec.wait("drained", before + (2 if picture else 1))
     reports = [event.args[0] for event in world.rec.named("drained")[before:]]
     zero = timedelta(0)
-    assert any(each.audio and each.audio.duration == zero and (each.video is not None) == picture for each in reports)
+    assert any(
+        each.audio and each.audio.duration == zero and (each.video is not None) == picture for each in reports
+    )
     if picture:
-        assert any(each.video and each.video.duration == zero and (each.audio is not None) == sound for each in reports)
+        assert any(
+            each.video and each.video.duration == zero and (each.audio is not None) == sound
+            for each in reports
+        )
 
 
 def test_mixed_audio_while_the_session_runs(world):

@@ -32,7 +32,12 @@ REFUSED = [
     (VIDEO, {"resolution": (640, 480)}, TypeError, r"resolution .*\(640, 480\)"),
     (VIDEO, {"resolution": m.VideoResolution(0, 480)}, ValueError, "resolution.width .*not 0"),
     (VIDEO, {"resolution": m.VideoResolution(640, -1)}, ValueError, "resolution.height .*not -1"),
-    (VIDEO, {"resolution": m.VideoResolution(32768, 16384), "format": "ARGB32"}, ValueError, r"resolution .*2147483648 bytes"),
+    (
+        VIDEO,
+        {"resolution": m.VideoResolution(32768, 16384), "format": "ARGB32"},
+        ValueError,
+        r"resolution .*2147483648 bytes",
+    ),
     (m.SessionAVSettings, {"audio_publisher": 48000}, TypeError, "audio_publisher .*SessionAudioSettings"),
     (m.SessionAVSettings, {"video_publisher": m.VideoResolution(1, 1)}, TypeError, "video_publisher"),
     (m.SessionSettings, {"enable_migration": 1}, TypeError, "enable_migration must be True or False, not 1"),
@@ -47,8 +52,13 @@ REFUSED = [
     (m.SubscriberSettings, {"video_settings": m.VideoResolution(2, 2)}, TypeError, "video_settings"),
     (m.SubscriberVideoSettings, {"preferred_framerate": 15.0}, TypeError, "preferred_framerate .*15.0"),
     (m.SubscriberVideoSettings, {"preferred_framerate": 0}, ValueError, "preferred_framerate"),
-    (m.SubscriberVideoSettings, {"preferred_resolution": m.VideoResolution(-1, 2)}, ValueError, "preferred_resolution.width"),
-]  # fmt: skip
+    (
+        m.SubscriberVideoSettings,
+        {"preferred_resolution": m.VideoResolution(-1, 2)},
+        ValueError,
+        "preferred_resolution.width",
+    ),
+]
 
 
 @pytest.mark.parametrize(
@@ -68,7 +78,10 @@ def test_settings_refuse_and_name_the_field(kind, keywords, error, words):
         (m.SessionAudioSettings, {"sample_rate": numpy.int32(44100)}),
         (m.LoggingSettings, {"level": "TraCE"}),
         (m.SessionVideoPublisherSettings, {"resolution": m.VideoResolution(1, 1), "fps": 1000}),
-        (m.SessionVideoPublisherSettings, {"resolution": m.VideoResolution(32767, 16384), "format": "ARGB32"}),
+        (
+            m.SessionVideoPublisherSettings,
+            {"resolution": m.VideoResolution(32767, 16384), "format": "ARGB32"},
+        ),
         (m.SubscriberVideoSettings, {"preferred_resolution": m.VideoResolution(320, 180)}),
     ],
 )
@@ -80,7 +93,13 @@ def test_settings_take_their_limits(kind, keywords):
 
 @pytest.mark.parametrize(
     ("width", "height", "format", "size"),
-    [(640, 480, "YUV420P", 460800), (3, 3, "YUV420P", 17), (2, 2, "YUV420P", 6), (3, 5, "RGB24", 45), (3, 5, "ARGB32", 60)],
+    [
+        (640, 480, "YUV420P", 460800),
+        (3, 3, "YUV420P", 17),
+        (2, 2, "YUV420P", 6),
+        (3, 5, "RGB24", 45),
+        (3, 5, "ARGB32", 60),
+    ],
 )
 def test_frame_buffer_size(width, height, format, size):
     assert m.frame_buffer_size(width, height, format) == size

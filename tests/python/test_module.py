@@ -10,8 +10,10 @@ import pytest
 import scripted
 
 MODULE = scripted.BUILD / "python" / "_tavrin_video.abi3.so"
-METHODS = """connect disconnect subscribe unsubscribe publish unpublish is_publishing is_connected get_connection add_audio
-    add_video clear_media_buffers get_media_buffer_stats""".split()
+METHODS = """
+connect disconnect subscribe unsubscribe publish unpublish is_publishing is_connected
+get_connection add_audio add_video clear_media_buffers get_media_buffer_stats
+""".split()
 
 
 def tool(*command: object) -> str:
@@ -51,9 +53,15 @@ def test_clients_are_handles_on_one_controller(world):
 
 
 def test_exports_and_imports():
-    defined = {line.split()[-1].split("@")[0] for line in tool("nm", "-D", "--defined-only", MODULE).splitlines()}
+    defined = {
+        line.split()[-1].split("@")[0] for line in tool("nm", "-D", "--defined-only", MODULE).splitlines()
+    }
     assert defined == {"PyInit__tavrin_video", "srn_get_device_info"}
-    library = [line.split()[-1] for line in tool("nm", "-D", "--undefined-only", MODULE).splitlines() if " srn_" in line]
+    library = [
+        line.split()[-1]
+        for line in tool("nm", "-D", "--undefined-only", MODULE).splitlines()
+        if " srn_" in line
+    ]
     assert len(library) > 40 and [name for name in library if not name.endswith("@sarnet")] == []
     dynamic = tool("readelf", "-d", MODULE)
     assert "[libsarnet.so]" in dynamic and "(RUNPATH)" in dynamic and "(RPATH)" not in dynamic
@@ -74,9 +82,21 @@ def test_device_info(world):
     first, second = give(), give()
     assert ctypes.addressof(first.contents) != ctypes.addressof(second.contents)
     for info in (first.contents, second.contents):
-        assert (info.bundle, info.system, info.model, info.network, info.stats_callback, info.no_simulcast) == (
-            b"1.0.3", b"tavrin-media-relay-python-1.0.3", b"tavrin-media-relay", b"Unknown", None, b"n",
-        )  # fmt: skip
+        assert (
+            info.bundle,
+            info.system,
+            info.model,
+            info.network,
+            info.stats_callback,
+            info.no_simulcast,
+        ) == (
+            b"1.0.3",
+            b"tavrin-media-relay-python-1.0.3",
+            b"tavrin-media-relay",
+            b"Unknown",
+            None,
+            b"n",
+        )
         assert re.fullmatch(rb"00000000-0000-0000-0000-[0-9a-fA-F]{12}", info.uuid)
 
 
@@ -95,7 +115,9 @@ print(open("/proc/self/maps").read())
     )
     assert program.code == 0, program
     # The search path put the scripted library into ours's place, with no rebuild.
-    assert set(re.findall(r"\S*/libsarnet\.so", program.out)) == {str(scripted.SUPPORT.resolve() / "libsarnet.so")}
+    assert set(re.findall(r"\S*/libsarnet\.so", program.out)) == {
+        str(scripted.SUPPORT.resolve() / "libsarnet.so")
+    }
     # By default only warnings and errors show.
     assert {line.level for line in program.lines} <= {"WARN", "ERROR"}
 
@@ -106,9 +128,17 @@ MODELS = (scripted.ROOT / "python/tavrin_media_relay/models.py").read_text()
 @pytest.mark.parametrize(
     ("models", "exception", "line"),
     [
-        (None, "ModuleNotFoundError: No module named 'tavrin_media_relay.models'", "Failed to load models module"),
+        (
+            None,
+            "ModuleNotFoundError: No module named 'tavrin_media_relay.models'",
+            "Failed to load models module",
+        ),
         ("1 / 0", "ZeroDivisionError: division by zero", "Failed to load models module"),
-        (MODELS + "\nSession = Session('instance')", "ImportError: Model classes are not valid", "Model classes are not valid"),
+        (
+            MODELS + "\nSession = Session('instance')",
+            "ImportError: Model classes are not valid",
+            "Model classes are not valid",
+        ),
         (MODELS + "\ndel CaptionsData", "AttributeError: .*CaptionsData", "Model classes are not valid"),
     ],
     ids=["missing", "broken", "no class", "name missing"],

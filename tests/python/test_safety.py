@@ -18,7 +18,8 @@ def action(*args):
     pass
 ready = threading.Event()
 callables = dict(on_connected_cb=work, on_stream_received_cb=work, on_error_cb=work, on_disconnected_cb=work,
-                 on_audio_data_cb=work, on_ready_for_audio_cb=lambda *_: ready.set(), on_media_buffer_drained_cb=work)
+                 on_audio_data_cb=work, on_ready_for_audio_cb=lambda *_: ready.set(),
+                 on_media_buffer_drained_cb=work)
 client = TavrinVideoClient()
 small = SessionVideoPublisherSettings(VideoResolution(64, 48), 100)
 settings = SessionSettings(av=SessionAVSettings(video_publisher=small), logging=LoggingSettings(LEVEL))
@@ -53,7 +54,13 @@ def start(rate=200):
 
 def check(program, code: int = 0) -> None:
     assert program.code == code, program
-    for sign in ("Fatal Python error", "terminate called", "AddressSanitizer", "ThreadSanitizer", "runtime error:"):
+    for sign in (
+        "Fatal Python error",
+        "terminate called",
+        "AddressSanitizer",
+        "ThreadSanitizer",
+        "runtime error:",
+    ):
         assert sign not in program.err, program
 
 
@@ -91,7 +98,11 @@ ENDINGS = [
     ("by Ctrl-C", CTRL_C, -2),
     ("while a callable sleeps", "action = lambda *_: time.sleep(0.002)\ntime.sleep(0.05)", 0),
     ("while callables compute", "action = lambda *_: sum(range(3000))\ntime.sleep(0.05)", 0),
-    ("while a callable calls the client", "action = lambda *_: client.get_media_buffer_stats()\ntime.sleep(0.05)", 0),
+    (
+        "while a callable calls the client",
+        "action = lambda *_: client.get_media_buffer_stats()\ntime.sleep(0.05)",
+        0,
+    ),
     ("after disconnect", "assert client.disconnect()", 0),
     ("with daemon threads that feed", FEED, 0),
     ("with a daemon thread that subscribes", TURN, 0),
@@ -107,7 +118,12 @@ def test_interpreter_exit_with_all_media_running(run, ending, text, code):
 @pytest.mark.parametrize("seed", range(8))
 def test_storm(run, seed):
     path = str(Path(__file__).parent / "storm.py")
-    check(run(f"import runpy, sys\nsys.argv[1:] = ['{seed}']\nrunpy.run_path({path!r}, run_name='__main__')", prelude=""))
+    check(
+        run(
+            f"import runpy, sys\nsys.argv[1:] = ['{seed}']\nrunpy.run_path({path!r}, run_name='__main__')",
+            prelude="",
+        )
+    )
 
 
 def test_exit_leaves_the_library_in_order(run, tmp_path):
@@ -124,8 +140,14 @@ action = lambda *_: over.is_set() and os.write(2, b"a callable ran")
         SCRIPTED_CALLS_FILE=str(tmp_path / "calls"),
     )
     check(program)
-    names = [line.split("(")[0].removeprefix("srn_") for line in (tmp_path / "calls").read_text().splitlines()]
-    ended = [name for name in names if name in ("session_disconnect", "destroy") or name.endswith(("r_delete", "n_delete"))]
+    names = [
+        line.split("(")[0].removeprefix("srn_") for line in (tmp_path / "calls").read_text().splitlines()
+    ]
+    ended = [
+        name
+        for name in names
+        if name in ("session_disconnect", "destroy") or name.endswith(("r_delete", "n_delete"))
+    ]
     ended = [name for name in ended if name != "connection_delete"]
     assert ended == [
         *["subscriber_delete"] * 4, "publisher_delete", "session_disconnect", "session_delete", "destroy",
@@ -145,11 +167,13 @@ CALLABLES_THAT = {
     "raise a base exception": "raise KeyboardInterrupt",
     "call back": """client.get_media_buffer_stats(), client.get_connection(), client.is_publishing()
     client.add_audio(audio), client.add_video(frame), client.clear_media_buffers()""",
-    "unsubscribe themselves": "client.unsubscribe(streams[int(args[0].stream.id)]) if isinstance(args[0], Subscriber) else 0",
+    "unsubscribe themselves": "client.unsubscribe(streams[int(args[0].stream.id)]) if "
+    "isinstance(args[0], Subscriber) else 0",
     "subscribe anew": """if isinstance(args[0], Subscriber):
         client.unsubscribe(args[0].stream), subscribe(args[0].stream)""",
     "disconnect": "client.disconnect()",
-    "reconnect": "client.disconnect(), client.connect('key', 'session', 'token', session_settings=settings, **callables)",
+    "reconnect": "client.disconnect(), client.connect('key', 'session', 'token', "
+    "session_settings=settings, **callables)",
     "publish": "client.unpublish(), client.publish(PublisherSettings('p'), on_stream_created_cb=work)",
     "collect": "import gc; gc.collect()",
 }

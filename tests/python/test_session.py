@@ -24,7 +24,7 @@ srn_connection_get_creation_time(connection=1)
 srn_connection_get_data(connection=1)
 srn_connection_get_id(connection=1)
 srn_connection_get_session_id(connection=1)
-srn_connection_delete(connection=1)""".splitlines()
+srn_connection_delete(connection=1)""".splitlines()  # noqa: E501
 
 
 def test_connect_calls_the_library_in_order(world):
@@ -53,7 +53,16 @@ def test_host_is_chosen_at_each_connect(world, monkeypatch, application_id, vari
 
 @pytest.mark.parametrize(
     ("word", "level"),
-    [("off", 0), ("trace", 4), ("debug", 3), ("info", 3), ("warn", 2), ("ERROR", 1), ("DeBuG", 3), ("loud", None)],
+    [
+        ("off", 0),
+        ("trace", 4),
+        ("debug", 3),
+        ("info", 3),
+        ("warn", 2),
+        ("ERROR", 1),
+        ("DeBuG", 3),
+        ("loud", None),
+    ],
 )
 def test_log_level_words(world, word, level):
     settings = SimpleNamespace(enable_migration=True, av=None, logging=SimpleNamespace(level=word))
@@ -66,9 +75,14 @@ def test_log_level_words(world, word, level):
 def test_methods_tell_their_progress(world):
     av = world.models.SessionAVSettings(audio_publisher=world.models.SessionAudioSettings(16000, 1))
     world.connect(level="info", av=av)
-    stereo, mono = ("MRAudioSettings: {sampleRate: %s, numChannels: %s}" % each for each in [(48000, 2), (16000, 1)])
+    stereo, mono = (
+        "MRAudioSettings: {sampleRate: %s, numChannels: %s}" % each for each in [(48000, 2), (16000, 1)]
+    )
     stream = world.stream()
-    info = "MRStreamInfo: {streamId: s, connection: MRConnectionInfo: {connectionId: c, creationTime: 1500, data: data, sessionId: }}"
+    info = (
+        "MRStreamInfo: {streamId: s, connection: MRConnectionInfo: {connectionId: c, creationTime: "
+        "1500, data: data, sessionId: }}"
+    )
     world.client.publish(world.models.PublisherSettings("p")), world.client.subscribe(stream)
     world.client.unsubscribe(stream), world.client.unpublish(), world.client.disconnect()
     world.client.connect("key", "session", "secret", session_settings=None)  # no settings, no line about them
@@ -194,8 +208,14 @@ def test_disconnect_tears_down_in_order(world):
     begin = len(world.lib.calls().splitlines())
     assert world.client.disconnect() is True
     world.settle()
-    steps = {"session_unsubscribe", "subscriber_delete", "session_unpublish", "publisher_delete", "session_disconnect",
-             "session_delete"}  # fmt: skip
+    steps = {
+        "session_unsubscribe",
+        "subscriber_delete",
+        "session_unpublish",
+        "publisher_delete",
+        "session_disconnect",
+        "session_delete",
+    }
     names = [name.removeprefix("srn_") for name in world.lib.call_names()[begin:]]
     names = [name for name in names if name in steps]
     assert sorted(names[:4]) == ["session_unsubscribe"] * 2 + ["subscriber_delete"] * 2
@@ -263,10 +283,14 @@ def test_session_that_ends_by_itself(world, events, disconnected, errors):
 
 def test_reconnect_from_inside_on_error_survives_the_old_sessions_end(world):
     def again(*_):
-        world.rec("again")(world.client.connect("key", "second", "token", on_connected_cb=world.rec("second")))
+        world.rec("again")(
+            world.client.connect("key", "second", "token", on_connected_cb=world.rec("second"))
+        )
 
     queued = threading.Event()
-    world.connect(on_error_cb=again, on_connection_created_cb=world.rec("held", then=lambda *_: queued.wait(20)))
+    world.connect(
+        on_error_cb=again, on_connection_created_cb=world.rec("held", then=lambda *_: queued.wait(20))
+    )
     world.lib.connection_created("c", "", 0)
     world.rec.wait("held")  # while the worker is held up, both events of the first session queue up
     world.lib.session_error(1, "gone"), world.lib.session_disconnected()
@@ -288,12 +312,18 @@ def test_own_connection(world):
     connection = world.client.get_connection()
     assert type(connection) is world.models.Connection
     assert (connection.id, connection.data) == ("own-connection", "own-data")
-    assert connection.creation_time == datetime.fromtimestamp(1_700_000_000) and connection.creation_time.tzinfo is None
+    assert (
+        connection.creation_time == datetime.fromtimestamp(1_700_000_000)
+        and connection.creation_time.tzinfo is None
+    )
     world.client.disconnect()
     assert world.client.is_connected() is False and world.client.get_connection() is None
     world.fail("srn_session_get_connection")
     world.lib.answer("connected", "normal")
     world.connect(on_connected_cb=world.rec("connected"))
     world.rec.wait("connected")
-    assert ("WARN", "MRSession::onSessionConnected: Could not retrieve session connection") in world.log.texts()
+    assert (
+        "WARN",
+        "MRSession::onSessionConnected: Could not retrieve session connection",
+    ) in world.log.texts()
     assert world.client.get_connection() is None

@@ -21,7 +21,7 @@ srn_publisher_new_with_settings(callbacks=[on_stream_created on_stream_destroyed
 srn_publisher_settings_delete(settings=1)
 srn_publisher_set_publish_captions(publisher=1, enabled=1)
 srn_session_publish(session=1, publisher=1)
-srn_publisher_get_publisher_id(publisher=1)""".splitlines()
+srn_publisher_get_publisher_id(publisher=1)""".splitlines()  # noqa: E501
 
 
 def calls_of(world, action) -> list[str]:
@@ -86,7 +86,9 @@ def test_subscribe_calls_the_library_in_order(world, settings, slots, setters):
     stream = world.stream()
     if settings:
         resolution = m.VideoResolution(*settings.pop("resolution"))
-        video = m.SubscriberVideoSettings(preferred_resolution=resolution, preferred_framerate=settings.pop("rate", None))
+        video = m.SubscriberVideoSettings(
+            preferred_resolution=resolution, preferred_framerate=settings.pop("rate", None)
+        )
         settings = m.SubscriberSettings(video_settings=video, **settings)
     calls = calls_of(world, lambda: world.client.subscribe(stream, settings=settings))
     calls = [re.sub(r"stream=\d+", "stream=N", call) for call in calls]
@@ -94,7 +96,9 @@ def test_subscribe_calls_the_library_in_order(world, settings, slots, setters):
     expected = []
     for setter in setters.replace("%s", "enabled").replace(",", ", ").split(") "):
         name, arguments = setter.removesuffix(")").split("(")
-        expected.append(f"srn_subscriber_set_{prefixes.get(name, 'preferred_')}{name}(subscriber=1, {arguments})")
+        expected.append(
+            f"srn_subscriber_set_{prefixes.get(name, 'preferred_')}{name}(subscriber=1, {arguments})"
+        )
     assert calls == [
         f"srn_subscriber_new(stream=N, callbacks=[on_connected on_disconnected {slots} user_data])",
         *expected,
@@ -138,7 +142,9 @@ def test_session_methods_from_inside_callables(world):
         world.rec("unpublished")(world.client.unpublish(), world.client.is_publishing())
 
     def dropped(session, stream):
-        world.rec("gone")(world.client.subscribe(stream), world.client.disconnect(), world.client.is_connected())
+        world.rec("gone")(
+            world.client.subscribe(stream), world.client.disconnect(), world.client.is_connected()
+        )
 
     world.connect(on_stream_received_cb=received, on_stream_dropped_cb=dropped)
     world.stream("s")

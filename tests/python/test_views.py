@@ -17,7 +17,9 @@ def pattern(width: int, height: int, fill: int = 0) -> bytes:
     out = bytearray()
     sizes = [(width, height), ((width + 1) // 2, (height + 1) // 2), ((width + 1) // 2, (height + 1) // 2)]
     for plane, (columns, rows) in enumerate(sizes):
-        out += bytes((fill + 50 * plane + row + column) % 256 for row in range(rows) for column in range(columns))
+        out += bytes(
+            (fill + 50 * plane + row + column) % 256 for row in range(rows) for column in range(columns)
+        )
     return bytes(out)
 
 
@@ -28,7 +30,13 @@ def test_audio_view(world, channels):
     world.lib.send_audio("s", data, channels, rate=16000)
     block = world.rec.wait("audio").args[1]
     view = block.sample_buffer
-    assert (view.format, view.itemsize, view.ndim, view.readonly, view.shape) == ("h", 2, 1, True, (480 * channels,))
+    assert (view.format, view.itemsize, view.ndim, view.readonly, view.shape) == (
+        "h",
+        2,
+        1,
+        True,
+        (480 * channels,),
+    )
     assert view.contiguous and view.nbytes == len(data) and bytes(view) == data and view[0] == 0x1234
     assert (block.sample_rate, block.number_of_channels, block.number_of_frames) == (16000, channels, 480)
     with pytest.raises(TypeError):
@@ -70,7 +78,12 @@ def test_missing_rows_are_black_not_an_older_picture(world):
     world.rec.wait("frame")
     world.rec.events.clear()  # gives the memory back
     gc.collect()
-    assert world.lib.send_frame("s", 64, 48, fill=9, apart=1, rows=(8, 4, 4), plane_rows=(8, 4, 4), buffer_size=4608) == 1
+    assert (
+        world.lib.send_frame(
+            "s", 64, 48, fill=9, apart=1, rows=(8, 4, 4), plane_rows=(8, 4, 4), buffer_size=4608
+        )
+        == 1
+    )
     view = bytes(world.rec.wait("frame").args[1].frame_buffer)
     whole = pattern(64, 48, 9)
     assert view[: 64 * 8] == whole[: 64 * 8]
@@ -107,7 +120,8 @@ def test_pictures_that_cannot_be_shown_are_dropped(world, frame):
 
 
 def test_kept_views_stay_as_they_were(world):
-    """Also after their callable, their subscriber, their session; slices, casts and arrays made of them too."""
+    """Also after their callable, their subscriber, their session; slices, casts and arrays made of
+    them too."""
     import numpy
 
     subscribed(world, on_audio_data_cb=world.rec("audio"), on_render_frame_cb=world.rec("frame"))

@@ -65,7 +65,8 @@ def layout_of(view: memoryview, size: VideoResolution, wanted: str, layout: Opti
     found = known.get(tuple(view.shape or ()))
     if found is None:
         raise ValueError(
-            f"frame has the shape {view.shape}; the session's pictures are {width}x{height} {wanted}: wanted is "
+            f"frame has the shape {view.shape}; the session's pictures are {width}x{height} "
+            f"{wanted}: wanted is "
             f"({height}, {width}, 3) for RGB, ({height}, {width}, 4) for RGBA, ({height}, {width}) for grey, "
             f"or {size_of(width, height, wanted)} bytes of {wanted}; name any other with layout="
         )

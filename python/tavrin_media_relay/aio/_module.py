@@ -32,7 +32,8 @@ def check_process() -> None:
     """Raises in a child that was forked after the first use: its parent's threads are not there."""
     if _Process.pid not in (0, os.getpid()):
         raise RuntimeError(
-            f"this process was forked (from {_Process.pid}) after its session's threads had been started, and has "
+            f"this process was forked (from {_Process.pid}) after its session's threads had been "
+            f"started, and has "
             'none of them: start processes with multiprocessing.set_start_method("spawn")'
         )
 

@@ -9,7 +9,8 @@ from typing import Any, AsyncIterator, Awaitable, Callable, Generator, Generic, 
 
 
 class _Closable(Protocol):
-    async def close(self) -> None: ...
+    async def close(self) -> None:
+        ...
 
 
 T = TypeVar("T", bound=_Closable)

@@ -26,14 +26,18 @@ def as_samples(samples: Any, channels: Optional[int], default: int) -> tuple[mem
         view = memoryview(samples)
     except TypeError:
         raise TypeError(
-            f"samples must be a buffer of 16-bit integers (bytes, array('h'), numpy int16), not {samples!r:.80}"
+            f"samples must be a buffer of 16-bit integers (bytes, array('h'), numpy int16), not "
+            f"{samples!r:.80}"
         ) from None
     if not view.c_contiguous:
         raise ValueError(
-            f"samples must be contiguous, not of shape {view.shape} with strides {view.strides}: copy them first"
+            f"samples must be contiguous, not of shape {view.shape} with strides {view.strides}: "
+            f"copy them first"
         )
     if view.format not in ("h", "<h", "=h", "B", "b", "c"):
-        raise TypeError(f"samples must be 16-bit integers ('h') or their bytes, not items of format {view.format!r}")
+        raise TypeError(
+            f"samples must be 16-bit integers ('h') or their bytes, not items of format {view.format!r}"
+        )
     if view.ndim == 2 and view.itemsize == 2:
         frames, width = view.shape or (0, 0)
         if width not in (1, 2) or (channels or width) != width:

@@ -147,7 +147,8 @@ class Publisher:
         async with attempt(self.close, self._outcome):
             if not await _module.call(self._start):
                 raise PublisherError(
-                    PublisherError.NOT_STARTED, f"the module would not publish {self.name!r}; its log tells why"
+                    PublisherError.NOT_STARTED,
+                    f"the module would not publish {self.name!r}; its log tells why",
                 )
             await settled_or_assumed(self._outcome)
             self.check()

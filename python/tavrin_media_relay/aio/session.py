@@ -194,9 +194,7 @@ class Session:
         of_type("stream", stream, Stream)
         if not (audio or video):
             raise ValueError("audio and video must not both be False: captions come with one of them")
-        settings = SubscriberSettings(
-            audio, video, captions, SubscriberVideoSettings(resolution, framerate)
-        )
+        settings = SubscriberSettings(audio, video, captions, SubscriberVideoSettings(resolution, framerate))
         return Opening(lambda: self._subscribe(stream, settings))
 
     async def close(self) -> None:
@@ -218,24 +216,32 @@ class Session:
 
     async def open(self, application_id: str, token: str, timeout: float) -> Session:
         if not await _module.claim(self, self._state.loop):
-            raise SessionError(SessionError.BUSY, "this process is in a session already: it is in one at a time")
+            raise SessionError(
+                SessionError.BUSY, "this process is in a session already: it is in one at a time"
+            )
         async with attempt(self.close, self._outcome):
             await _module.call(self._start, application_id, token)
             done, _ = await asyncio.wait([self._outcome], timeout=timeout)
             if not done:
-                raise SessionError(SessionError.TIMED_OUT, f"session {self.id!r} has not answered in {timeout:g} s")
+                raise SessionError(
+                    SessionError.TIMED_OUT, f"session {self.id!r} has not answered in {timeout:g} s"
+                )
             self._outcome.result()
             self._connection = await _module.call(_connection)
         return self
 
     # ---- publishing and subscribing ---------------------------------------------------------------------
 
-    async def _publish(self, settings: PublisherSettings, audio_queue: float, video_queue: float) -> Publisher:
+    async def _publish(
+        self, settings: PublisherSettings, audio_queue: float, video_queue: float
+    ) -> Publisher:
         self._state.check()
         old = self._publisher
         if old is not None:
             if old.active:
-                raise PublisherError(PublisherError.BUSY, f"{old.name!r} is published already: close it first")
+                raise PublisherError(
+                    PublisherError.BUSY, f"{old.name!r} is published already: close it first"
+                )
             await old.close()
             self._state.check()
         av = self._settings.av or SessionAVSettings()
@@ -327,7 +333,9 @@ class Session:
     def _start(self, application_id: str, token: str) -> None:
         client = _module.client()
         if client.is_connected():
-            raise SessionError(SessionError.BUSY, "a TavrinVideoClient of this process is in a session already")
+            raise SessionError(
+                SessionError.BUSY, "a TavrinVideoClient of this process is in a session already"
+            )
         told = self._told
         self._started = client.connect(
             application_id,

@@ -64,8 +64,8 @@ class Statistics:
     """By the present publisher."""
     video_written_ms: float
     escaped_views: int = 0
-    """The module's own count, for the whole process: blocks and pictures of which somebody still had a view when the
-    callable that got them had returned."""
+    """The module's own count, for the whole process: blocks and pictures of which somebody still had a view
+    when the callable that got them had returned."""
 
 
 class Delays:

@@ -105,7 +105,8 @@ class Subscriber:
             if not await _module.call(self._start):
                 raise SubscriberError(
                     SubscriberError.NOT_STARTED,
-                    f"stream {self.stream.id!r} can't be subscribed to: it has gone, or never was in this session",
+                    f"stream {self.stream.id!r} can't be subscribed to: it has gone, or never "
+                    f"was in this session",
                 )
             await settled_or_assumed(self._outcome)
         return self

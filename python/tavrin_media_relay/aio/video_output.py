@@ -92,17 +92,21 @@ class VideoOutput:
         if isinstance(frame, frames.VideoFrame):
             if (frame.width, frame.height) != (self.width, self.height):
                 raise ValueError(
-                    f"frame must be {self.width}x{self.height}, as the session's, not {frame.width}x{frame.height}"
+                    f"frame must be {self.width}x{self.height}, as the session's, not "
+                    f"{frame.width}x{frame.height}"
                 )
             frame, layout = frame.pixels, "YUV420P"
         try:
             view = memoryview(frame)
         except TypeError:
-            raise TypeError(f"frame must be a buffer of bytes (bytes, numpy uint8), not {frame!r:.80}") from None
+            raise TypeError(
+                f"frame must be a buffer of bytes (bytes, numpy uint8), not {frame!r:.80}"
+            ) from None
         if view.itemsize != 1:
             raise TypeError(f"frame must be bytes ('B'), not items of format {view.format!r}")
         if not view.c_contiguous:
             raise ValueError(
-                f"frame must be contiguous, not of shape {view.shape} with strides {view.strides}: copy it first"
+                f"frame must be contiguous, not of shape {view.shape} with strides "
+                f"{view.strides}: copy it first"
             )
         return view, pictures.layout_of(view, self._size, self._format, layout)

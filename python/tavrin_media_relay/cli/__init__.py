@@ -22,9 +22,9 @@ a first minute, with nothing but this machine:
   %(prog)s record --session try --out /tmp/heard --seconds 5
   %(prog)s report /tmp/heard
 
-Without --host or API_HOSTNAME the session is played on this machine by the embedded engine, with a companion who
-talks, shows a test card and sends captions. --host embedded:FILE plays a scenario of your own; a server's name or
-its ws:// or wss:// address joins a real session.
+Without --host or API_HOSTNAME the session is played on this machine by the embedded engine, with a companion
+who talks, shows a test card and sends captions. --host embedded:FILE plays a scenario of your own; a server's
+name or its ws:// or wss:// address joins a real session.
 
 exit codes: 0 fine; 1 the session or a file failed; 2 wrong usage; 130 interrupted
 """

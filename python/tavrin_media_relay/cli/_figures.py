@@ -49,7 +49,10 @@ class Figures:
         return self
 
     def __exit__(
-        self, kind: Optional[type[BaseException]], error: Optional[BaseException], trace: Optional[TracebackType]
+        self,
+        kind: Optional[type[BaseException]],
+        error: Optional[BaseException],
+        trace: Optional[TracebackType],
     ) -> None:
         self._close()
 
@@ -71,7 +74,9 @@ class Figures:
                 self._add(part, counters)
         audio_ms, video_ms = await session.publisher.queued() if session.publisher is not None else (0.0, 0.0)
         streams = list(session.statistics().streams.values())
-        dropped = sum(each.dropped for stream in streams for each in (stream.audio, stream.video, stream.captions))
+        dropped = sum(
+            each.dropped for stream in streams for each in (stream.audio, stream.video, stream.captions)
+        )
         escaped = sum(each.escaped_views for stream in streams for each in (stream.audio, stream.video))
         queue = {"audio_ms": audio_ms, "video_ms": video_ms, "waiting": waiting}
         self._write("figures", library=library, queue=queue, dropped=dropped, escaped_views=escaped)
@@ -106,6 +111,8 @@ class Figures:
 
     def _callbacks(self) -> str:
         callbacks = self.totals.get("callbacks", {})
-        times = {kind: callbacks.get(f"{kind}_took_max_us", 0) / 1000 for kind in ("audio", "picture", "caption")}
+        times = {
+            kind: callbacks.get(f"{kind}_took_max_us", 0) / 1000 for kind in ("audio", "picture", "caption")
+        }
         told = ", ".join(f"{kind} {ms:.1f}" for kind, ms in times.items() if ms)
         return f" From the library to our callables and back at most: {told} ms." if told else ""

@@ -67,7 +67,9 @@ def _spoken() -> bytes:
 
 async def _listen(session: aio.Session) -> tuple[int, int, aio.Received]:
     """The loudest sample and the number of pictures of the first stream."""
-    stream = await anext(each.stream async for each in session.events() if isinstance(each, aio.StreamReceived))
+    stream = await anext(
+        each.stream async for each in session.events() if isinstance(each, aio.StreamReceived)
+    )
     loudest, pictures = 0, 0
     async with session.subscribe(stream) as subscriber:
         sound, frames = subscriber.audio_frames(), subscriber.video_frames()

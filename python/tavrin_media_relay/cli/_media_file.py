@@ -98,7 +98,9 @@ def probe(path: Path) -> MediaFile:
 
 
 @contextlib.asynccontextmanager
-async def _ffmpeg(path: Path, before: list[str], after: list[str], limit: int) -> AsyncIterator[asyncio.StreamReader]:
+async def _ffmpeg(
+    path: Path, before: list[str], after: list[str], limit: int
+) -> AsyncIterator[asyncio.StreamReader]:
     """The decoder's output. Raises Failure at its end if it failed; ends the decoder if we leave first."""
     with tempfile.TemporaryFile() as complaints:
         process = await asyncio.create_subprocess_exec(

@@ -44,19 +44,38 @@ def add_session_options(parser: argparse.ArgumentParser, name: str = "") -> None
     session = environment.get("SESSION_ID")
     group.add_argument("--session", metavar="S", default=session, required=not session,
                        help="id of the session to join (default: SESSION_ID of the environment)")  # fmt: skip
-    group.add_argument("--host", metavar="HOST",
-                       help="embedded:FILE, a server's name, or a ws:// or wss:// address (default: API_HOSTNAME "
-                       "of the environment, else the embedded engine)")  # fmt: skip
-    group.add_argument("--token", metavar="T", default=environment.get("TOKEN") or "no-token",
-                       help="who may enter (default: TOKEN of the environment, unseen by other users)")  # fmt: skip
-    group.add_argument("--app-id", metavar="ID", default=environment.get("APPLICATION_ID") or "tavrin-cli",
-                       help="application id or API key (default: APPLICATION_ID, else tavrin-cli)")  # fmt: skip
+    group.add_argument(
+        "--host",
+        metavar="HOST",
+        help="embedded:FILE, a server's name, or a ws:// or wss:// address (default: API_HOSTNAME "
+        "of the environment, else the embedded engine)",
+    )
+    group.add_argument(
+        "--token",
+        metavar="T",
+        default=environment.get("TOKEN") or "no-token",
+        help="who may enter (default: TOKEN of the environment, unseen by other users)",
+    )
+    group.add_argument(
+        "--app-id",
+        metavar="ID",
+        default=environment.get("APPLICATION_ID") or "tavrin-cli",
+        help="application id or API key (default: APPLICATION_ID, else tavrin-cli)",
+    )
     group.add_argument("--timeout", metavar="S", type=number(0.1, 3600, "seconds"), default=30.0,
                        help="seconds to wait for the session's answer (default: 30)")  # fmt: skip
     if name:
         group.add_argument("--name", default=name, help=f"of the stream that is published (default: {name})")
-    group.add_argument("--log-level", choices=LOG_LEVELS, default="off",
-                       help="of the native log, on standard error; debug tells the token (default: off)")  # fmt: skip
+    group.add_argument(
+        "--log-level",
+        choices=LOG_LEVELS,
+        default="off",
+        help="of the native log, on standard error; debug tells the token (default: off)",
+    )
     if name:
-        group.add_argument("--figures", type=Path, metavar="FILE",
-                           help="write events and figures of each second there, for the command report")  # fmt: skip
+        group.add_argument(
+            "--figures",
+            type=Path,
+            metavar="FILE",
+            help="write events and figures of each second there, for the command report",
+        )

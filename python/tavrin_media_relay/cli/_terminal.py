@@ -45,7 +45,11 @@ class Terminal:
     def tell(self, kind: str, text: str, /, **fields: object) -> None:
         """Something that happened: the text for people, the rest for machines."""
         if self.as_json:
-            print(json.dumps({"event": kind, **fields}, ensure_ascii=False, default=str), file=self._out, flush=True)
+            print(
+                json.dumps({"event": kind, **fields}, ensure_ascii=False, default=str),
+                file=self._out,
+                flush=True,
+            )
         elif self._rich is not None:
             self._rich.print(text, markup=False, soft_wrap=True)
         else:
@@ -58,7 +62,10 @@ class Terminal:
 
     def fail(self, text: str, code: Optional[int] = None) -> None:
         if self.as_json:
-            print(json.dumps({"event": "failed", "text": text, "code": code}, ensure_ascii=False), file=self._out)
+            print(
+                json.dumps({"event": "failed", "text": text, "code": code}, ensure_ascii=False),
+                file=self._out,
+            )
         with contextlib.suppress(OSError):
             print(f"tavrin-media-relay: {text}", file=sys.stderr, flush=True)
 

@@ -31,10 +31,9 @@ _LATE_MS = 20.0
 #: Periods that may be missing from a second: what one short stall leaves out.
 _GAPS = 5
 _DESCRIPTION = """\
-Tells versions, which libsarnet.so is in use and which engines it has, plays and records a second on the embedded
-engine, measures how punctual this machine is, and gives advice where something is off. Nothing leaves this machine.
-The exit code is 1 if a session could not work here.
-"""
+Tells versions, which libsarnet.so is in use and which engines it has, plays and records a second on the
+embedded engine, measures how punctual this machine is, and gives advice where something is off. Nothing
+leaves this machine. The exit code is 1 if a session could not work here."""
 
 
 def add(commands: Any) -> None:
@@ -63,11 +62,15 @@ def _look_at_versions(findings: _Findings) -> None:
     from .. import __version__
 
     findings.add("ok", "package", f"tavrin_media_relay {__version__} in {Path(__file__).parents[1]}")
-    findings.add("ok", "python", f"{platform.python_implementation()} {platform.python_version()}, {sys.executable}")
+    findings.add(
+        "ok", "python", f"{platform.python_implementation()} {platform.python_version()}, {sys.executable}"
+    )
     kernel = f"{platform.system()} {platform.release()}, {platform.machine()}"
     cpus = len(os.sched_getaffinity(0))
     if cpus < 2:
-        findings.add("note", "machine", f"{kernel}, 1 processor", "Media of several streams wants two processors.")
+        findings.add(
+            "note", "machine", f"{kernel}, 1 processor", "Media of several streams wants two processors."
+        )
     else:
         findings.add("ok", "machine", f"{kernel}, {cpus} processors")
 
@@ -85,11 +88,15 @@ def _look_at_library(findings: _Findings) -> bool:
 
     library = find_sarnet()
     if library is None:
-        findings.add("bad", "libsarnet", "the module has brought none into the process", "Was it linked statically?")
+        findings.add(
+            "bad", "libsarnet", "the module has brought none into the process", "Was it linked statically?"
+        )
         return False
     path = Path(library._name)
     beside = path.resolve().parent == Path(str(_tavrin_video.__file__)).resolve().parent
-    chosen = "" if beside else "Another one than the module's own was found first: LD_LIBRARY_PATH or the wheel."
+    chosen = (
+        "" if beside else "Another one than the module's own was found first: LD_LIBRARY_PATH or the wheel."
+    )
     findings.add("ok", "libsarnet", str(path), chosen if os.environ.get("LD_LIBRARY_PATH") else "")
     if not hasattr(library, "srn_statistics_json"):
         advice = "A library of the same contract may lack them: pacing can't be told."
@@ -104,7 +111,9 @@ def _look_at_engines(findings: _Findings, library: Path) -> None:
         found[part] = next(iter(sorted(library.parent.glob(f"libsarnet_{part}*.so"))), None)
     if found["files"] is None:
         advice = "Scenarios with media files or recordings need it."
-        findings.add("bad", "engine embedded", f"there is no libsarnet_files.so beside {library.name}", advice)
+        findings.add(
+            "bad", "engine embedded", f"there is no libsarnet_files.so beside {library.name}", advice
+        )
     else:
         findings.add("ok", "engine embedded", "built in; reads and writes media files")
     if found["relay"] is None:
@@ -130,7 +139,12 @@ def _look_at_helpers(findings: _Findings) -> None:
     )
     for name, package, purpose in extras:
         if importlib.util.find_spec(name) is None:
-            findings.add("note", name, "not installed", f"For {purpose}: pip install {name}, or apt-get install {package}")
+            findings.add(
+                "note",
+                name,
+                "not installed",
+                f"For {purpose}: pip install {name}, or apt-get install {package}",
+            )
         else:
             findings.add("ok", name, importlib.metadata.version(name))
     programs = (
@@ -193,7 +207,8 @@ def _tell_callbacks(findings: _Findings, callbacks: dict[str, int]) -> None:
     parts = []
     for kind in ("audio", "picture"):
         waited, took = (
-            {name: callbacks[f"{kind}_{what}_{name}_us"] / 1000 for name in _QUANTILES} for what in ("waited", "took")
+            {name: callbacks[f"{kind}_{what}_{name}_us"] / 1000 for name in _QUANTILES}
+            for what in ("waited", "took")
         )
         parts.append(f"{kind} waited {_times(waited, 2)}, took {_times(took, 2)}")
     findings.add("ok", "callbacks", "from the library to the callable and back: " + "; ".join(parts))
@@ -201,18 +216,24 @@ def _tell_callbacks(findings: _Findings, callbacks: dict[str, int]) -> None:
 
 def _judge_pacing(findings: _Findings, figures: LoopbackFigures) -> None:
     text = f"from the library's thread to async for: {_times(figures.delays)}; "
-    text += f"its thread was kept {_times(figures.kept, 3)}; {figures.escaped_views} views outlived their call"
+    text += (
+        f"its thread was kept {_times(figures.kept, 3)}; {figures.escaped_views} views outlived their call"
+    )
     findings.add("ok" if figures.delays["p99"] < _LATE_MS else "note", "delivery", text)
     if figures.library is None or figures.pacing is None:
         return
     capture, video, delivery = figures.pacing, figures.library["video"], figures.library["delivery"]
     _tell_callbacks(findings, figures.library.get("callbacks", {}))
     dropped = delivery["audio_blocks_dropped"] + delivery["pictures_dropped"]
-    text = "{frames_provided} provided, {frames_repeated} of them repeated and {frames_black} black, {frames_late} late"
+    text = (
+        "{frames_provided} provided, {frames_repeated} of them repeated and {frames_black} black, "
+        "{frames_late} late"
+    )
     findings.add("ok", "pictures", text.format(**video) + f"; {dropped} received media dropped")
     late = {name: capture[f"lateness_{name}_us"] / 1000 for name in _QUANTILES}
     text = (
-        f"{capture['periods_written']} periods of 10 ms ({capture['silence_periods']} silent), late {_times(late)}; "
+        f"{capture['periods_written']} periods of 10 ms ({capture['silence_periods']} silent), "
+        f"late {_times(late)}; "
         f"missed {capture['gaps']}, underruns {capture['underruns']}"
     )
     if late["p99"] < _LATE_MS and capture["gaps"] <= _GAPS:
@@ -233,7 +254,9 @@ def doctor(options: argparse.Namespace, terminal: Terminal) -> int:
     works = _look_at_library(findings)
     _look_at_helpers(findings)
     figures = _try_out(findings) if works else None
-    terminal.result({"fine": findings.fine, "findings": findings.all, "figures": figures and figures.as_dict()})
+    terminal.result(
+        {"fine": findings.fine, "findings": findings.all, "figures": figures and figures.as_dict()}
+    )
     if not findings.fine:
         raise Failure("sessions cannot work here as it is; see above")
     if not terminal.as_json:

@@ -39,7 +39,9 @@ async def _subscribe_to_all(session: aio.Session, terminal: Terminal) -> None:
             try:
                 await session.subscribe(event.stream, video=False)
             except (aio.SubscriberError, aio.ClosedError) as error:  # it may have gone again
-                terminal.tell("not_received", f"Cannot listen to {event.stream.id}: {error}", id=event.stream.id)
+                terminal.tell(
+                    "not_received", f"Cannot listen to {event.stream.id}: {error}", id=event.stream.id
+                )
 
 
 async def _speak_back(mix: aio.AudioIterator, audio: aio.AudioOutput, delay: float, live: Live) -> None:
@@ -49,7 +51,9 @@ async def _speak_back(mix: aio.AudioIterator, audio: aio.AudioOutput, delay: flo
         now = time.monotonic()
         await asyncio.sleep(frame.arrived + delay - _CUSHION - now)
         if now - spoken > _CUSHION:  # the queue has run dry
-            await audio.write(bytes(int(frame.sample_rate * _CUSHION) * frame.channels * 2), channels=frame.channels)
+            await audio.write(
+                bytes(int(frame.sample_rate * _CUSHION) * frame.channels * 2), channels=frame.channels
+            )
         await audio.write(frame.samples, sample_rate=frame.sample_rate, channels=frame.channels)
         spoken = time.monotonic()
         if spoken - shown > 0.1:

@@ -32,7 +32,9 @@ pictures get the size of the first file that has some, with black borders where 
 
 def _size(text: str) -> tuple[int, int]:
     width, _, height = text.partition("x")
-    if not (width.isdecimal() and height.isdecimal() and 2 <= int(width) <= 4096 and 2 <= int(height) <= 4096):
+    if not (
+        width.isdecimal() and height.isdecimal() and 2 <= int(width) <= 4096 and 2 <= int(height) <= 4096
+    ):
         raise argparse.ArgumentTypeError(f"a size looks like 640x480, with sides of 2 to 4096, not {text!r}")
     return int(width), int(height)
 
@@ -40,7 +42,9 @@ def _size(text: str) -> tuple[int, int]:
 def add(commands: Any) -> None:
     parser = command(commands, "play", play, "publish audio and video files", _DESCRIPTION)
     parser.add_argument("files", nargs="+", type=Path, metavar="FILE")
-    parser.add_argument("--size", type=_size, metavar="WxH", help="of the pictures (default: the first video's)")
+    parser.add_argument(
+        "--size", type=_size, metavar="WxH", help="of the pictures (default: the first video's)"
+    )
     parser.add_argument("--fps", type=number(1, 60, "pictures a second"), metavar="N",
                         help="pictures a second (default: the first video's)")  # fmt: skip
     parser.add_argument("--loop", action="store_true", help="begin again at the end, until Ctrl-C")

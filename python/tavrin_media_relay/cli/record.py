@@ -21,8 +21,9 @@ from ._writers import PictureFile, SoundFile
 
 LOG = "session.jsonl"
 _DESCRIPTION = f"""\
-Writes every stream of a session to files of its own in a folder: the sound as WAV, the pictures as Matroska (by the
-program ffmpeg) or Y4M, and captions, events and figures of each second in {LOG}, which the command report draws.
+Writes every stream of a session to files of its own in a folder: the sound as WAV, the pictures as Matroska
+(by the program ffmpeg) or Y4M, and captions, events and figures of each second in {LOG}, which the command
+report draws.
 Ends with Ctrl-C, after --seconds, or with the session.
 
   record --session try --out /tmp/heard --seconds 10
@@ -31,10 +32,16 @@ Ends with Ctrl-C, after --seconds, or with the session.
 
 def add(commands: Any) -> None:
     parser = command(commands, "record", record, "write every stream to files", _DESCRIPTION)
-    parser.add_argument("--out", type=Path, required=True, metavar="DIR", help="folder; made if it is not there")
+    parser.add_argument(
+        "--out", type=Path, required=True, metavar="DIR", help="folder; made if it is not there"
+    )
     parser.add_argument("--seconds", type=number(0.1, 1e6, "seconds"), metavar="N", help="end after so long")
-    parser.add_argument("--video", choices=("mkv", "y4m", "none"), default="mkv" if _writers.can_encode() else "y4m",
-                        help="how pictures are written (default: mkv where ffmpeg is installed, else y4m)")  # fmt: skip
+    parser.add_argument(
+        "--video",
+        choices=("mkv", "y4m", "none"),
+        default="mkv" if _writers.can_encode() else "y4m",
+        help="how pictures are written (default: mkv where ffmpeg is installed, else y4m)",
+    )
     parser.add_argument("--no-audio", dest="audio", action="store_false", help="write no sound")
     add_session_options(parser)
 
@@ -42,7 +49,9 @@ def add(commands: Any) -> None:
 class _Recording:
     """Of one stream."""
 
-    def __init__(self, visit: Visit, stream: aio.Stream, folder: Path, name: str, audio: bool, video: str) -> None:
+    def __init__(
+        self, visit: Visit, stream: aio.Stream, folder: Path, name: str, audio: bool, video: str
+    ) -> None:
         self._visit = visit
         self._stream = stream
         self._folder, self.name = folder, name
@@ -60,7 +69,9 @@ class _Recording:
         async with opening as subscriber:
             work = [self._write_captions(subscriber.captions())]
             if self._audio:
-                frames = subscriber.audio_frames(capacity=200, sample_rate=_writers.RATE, channels=_writers.CHANNELS)
+                frames = subscriber.audio_frames(
+                    capacity=200, sample_rate=_writers.RATE, channels=_writers.CHANNELS
+                )
                 work.append(self._write_sound(frames))
             if self._video != "none":
                 work.append(self._write_pictures(subscriber.video_frames(capacity=15)))
@@ -72,7 +83,9 @@ class _Recording:
         self._iterators.append(captions)
         async for caption in captions:
             self._said = caption.text
-            self._visit.figures.event("caption", id=self._stream.id, text=caption.text, final=caption.is_final)
+            self._visit.figures.event(
+                "caption", id=self._stream.id, text=caption.text, final=caption.is_final
+            )
             if caption.is_final:
                 text = f"{self._stream.id}: {caption.text}"
                 self._visit.terminal.tell("caption", text, id=self._stream.id, text=caption.text)
@@ -170,7 +183,9 @@ class _Recordings:
             error = error.exceptions[0]
         if recording is not None and error is not None and not isinstance(error, aio.ClosedError):
             self.failed = True
-            self._visit.terminal.tell("recording_failed", f"{recording.name} could not be recorded: {error}", text=str(error))
+            self._visit.terminal.tell(
+                "recording_failed", f"{recording.name} could not be recorded: {error}", text=str(error)
+            )
 
     async def show(self) -> None:
         with self._visit.terminal.live() as live:

@@ -18,8 +18,9 @@ _LATENESS = ("p50", "p99", "max")
 _KINDS = ("audio", "picture", "caption")
 _LABELS_AT_MOST = 25
 _DESCRIPTION = f"""\
-Draws the figures of a session over time: how late audio was written, how much media waited in queues, how long
-our callables kept the library, and what happened when. FILE is a file of figures, or the folder of a recording with its {LOG}. Needs matplotlib.
+Draws the figures of a session over time: how late audio was written, how much media waited in queues, how
+long our callables kept the library, and what happened when. FILE is a file of figures, or the folder of a
+recording with its {LOG}. Needs matplotlib.
 
   record --session try --out /tmp/heard --seconds 10
   report /tmp/heard --out heard.png
@@ -39,7 +40,9 @@ class Course:
 
     times: list[float] = field(default_factory=list)
     """Seconds since its beginning, of the figures that follow."""
-    lateness: dict[str, list[Optional[float]]] = field(default_factory=lambda: {each: [] for each in _LATENESS})
+    lateness: dict[str, list[Optional[float]]] = field(
+        default_factory=lambda: {each: [] for each in _LATENESS}
+    )
     """Milliseconds; None for a second in which nothing was written."""
     callbacks: dict[str, list[Optional[float]]] = field(default_factory=lambda: {each: [] for each in _KINDS})
     """Milliseconds from the library to our callable and back, p99; None for a second without any."""
@@ -79,7 +82,9 @@ def read(path: Path) -> Course:
                 try:
                     course.add(json.loads(line))
                 except (ValueError, KeyError, TypeError, AttributeError) as error:
-                    raise Failure(f"{path}, line {number}: not figures as record writes them ({error!r})") from None
+                    raise Failure(
+                        f"{path}, line {number}: not figures as record writes them ({error!r})"
+                    ) from None
     except UnicodeDecodeError:
         raise Failure(f"{path}: not figures as record writes them, which is text") from None
     if not course.times:
@@ -97,16 +102,27 @@ def draw(course: Course, title: str, target: Path) -> None:
         matplotlib.use("Agg")
         pyplot: Any = importlib.import_module("matplotlib.pyplot")
     except ImportError:
-        raise Failure("report needs matplotlib, which is not installed (Debian: python3-matplotlib)") from None
+        raise Failure(
+            "report needs matplotlib, which is not installed (Debian: python3-matplotlib)"
+        ) from None
     figure, (late, queue, call, happened) = pyplot.subplots(
-        4, 1, sharex=True, figsize=(11, 11), constrained_layout=True, gridspec_kw={"height_ratios": [2, 2, 1, 1]}
+        4,
+        1,
+        sharex=True,
+        figsize=(11, 11),
+        constrained_layout=True,
+        gridspec_kw={"height_ratios": [2, 2, 1, 1]},
     )
     figure.suptitle(title)
     for name, style in zip(_LATENESS, ("-", "-", ":")):
         late.plot(course.times, _with_gaps(course.lateness[name]), style, marker=".", label=name)
     late.set_ylabel("lateness of audio, ms")
     late.set_title(f"{course.underruns} underruns", loc="right", fontsize="small")
-    words = {"audio_ms": "audio to send, ms", "video_ms": "video to send, ms", "waiting": "received media, items"}
+    words = {
+        "audio_ms": "audio to send, ms",
+        "video_ms": "video to send, ms",
+        "waiting": "received media, items",
+    }
     for name, numbers in course.queues.items():
         queue.plot(course.times, numbers, marker=".", label=words.get(name, name))
     queue.set_ylabel("queues")

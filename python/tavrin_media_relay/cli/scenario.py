@@ -12,8 +12,8 @@ from ._options import command
 from ._terminal import Terminal
 
 _DESCRIPTION = """\
-Reads a scenario and opens the media files that it names, as the embedded engine would, and records nothing. What is
-wrong is told with the file, the key and the reason; the exit code is 1 then.
+Reads a scenario and opens the media files that it names, as the embedded engine would, and records nothing.
+What is wrong is told with the file, the key and the reason; the exit code is 1 then.
 
   scenario check talk.json
 """
@@ -36,7 +36,9 @@ def fault_of(path: Path) -> str:
 
     function = getattr(find_sarnet(), "srn_scenario_check", None)
     if function is None:
-        raise Failure("the libsarnet.so in use cannot check scenarios: join a session with --host embedded:FILE")
+        raise Failure(
+            "the libsarnet.so in use cannot check scenarios: join a session with --host embedded:FILE"
+        )
     function.restype = ctypes.c_size_t
     function.argtypes = [ctypes.c_char_p, ctypes.c_char_p, ctypes.c_size_t]
     buffer = ctypes.create_string_buffer(16384)
@@ -47,5 +49,7 @@ def fault_of(path: Path) -> str:
 def check(options: argparse.Namespace, terminal: Terminal) -> int:
     faults = {path: fault_of(path) for path in options.files}
     for path, fault in faults.items():
-        terminal.tell("scenario", f"{path}: {fault or 'can be played'}", file=str(path), ok=not fault, text=fault)
+        terminal.tell(
+            "scenario", f"{path}: {fault or 'can be played'}", file=str(path), ok=not fault, text=fault
+        )
     return 1 if any(faults.values()) else 0

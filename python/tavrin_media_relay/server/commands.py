@@ -32,11 +32,12 @@ _UNITS = {"s": 1, "m": 60, "h": 3600, "d": DAY}
 class Tell(Protocol):
     """Shows what happened: the text for people, its kind and the fields for machines."""
 
-    def __call__(self, kind: str, text: str, /, **fields: object) -> None: ...
+    def __call__(self, kind: str, text: str, /, **fields: object) -> None:
+        ...
 
 
 def lifetime(text: str) -> int:
-    """"90", "90s", "15m", "12h" or "7d" in seconds."""
+    """ "90", "90s", "15m", "12h" or "7d" in seconds."""
     number, unit = (text[:-1], text[-1]) if text[-1:] in _UNITS else (text, "s")
     try:
         return int(number) * _UNITS[unit]
@@ -59,26 +60,38 @@ def add_server_options(parser: argparse.ArgumentParser) -> None:
                         help="serve this machine alone, which is the default")  # fmt: skip
     parser.add_argument("--public-address", default="", help="the address that others see, behind a router")
     parser.add_argument("--port", type=int, default=8188, help="WebSocket on 127.0.0.1 (default: 8188)")
-    parser.add_argument("--tls-port", type=int, default=0, help="WebSocket over TLS (default: 801 above --port)")
+    parser.add_argument(
+        "--tls-port", type=int, default=0, help="WebSocket over TLS (default: 801 above --port)"
+    )
     parser.add_argument("--rtp-ports", type=ports, default=(0, 0), metavar="FIRST-LAST",
                         help="UDP ports of media (default: 20000-20999)")  # fmt: skip
     parser.add_argument("--room", action="append", dest="rooms", metavar="ROOM",
                         help="a room to have from the start; may come again (default: lobby)")  # fmt: skip
-    parser.add_argument("--anyone-may-make-rooms", action="store_true",
-                        help="let everyone with a token make further rooms; else only those who know the key in "
-                             f"{ADMIN_VARIABLE}, and nobody if it is not set")  # fmt: skip
+    parser.add_argument(
+        "--anyone-may-make-rooms",
+        action="store_true",
+        help="let everyone with a token make further rooms; else only those who know the key in "
+        f"{ADMIN_VARIABLE}, and nobody if it is not set",
+    )
     parser.add_argument("--certificate", type=Path, help="PEM file for TLS (default: a new self-signed one)")
     parser.add_argument("--key", type=Path, help="PEM file with the certificate's key")
 
 
 def settings_from(arguments: argparse.Namespace) -> Settings:
     return Settings(
-        folder=arguments.folder, address=arguments.address, public_address=arguments.public_address,
-        port=arguments.port, tls_port=arguments.tls_port, rtp_ports=arguments.rtp_ports,
-        rooms=arguments.rooms or ["lobby"], admin_key=os.environ.get(ADMIN_VARIABLE, ""),
+        folder=arguments.folder,
+        address=arguments.address,
+        public_address=arguments.public_address,
+        port=arguments.port,
+        tls_port=arguments.tls_port,
+        rtp_ports=arguments.rtp_ports,
+        rooms=arguments.rooms or ["lobby"],
+        admin_key=os.environ.get(ADMIN_VARIABLE, ""),
         anyone_may_make_rooms=arguments.anyone_may_make_rooms,
-        token_secret=os.environ.get(SECRET_VARIABLE, ""), certificate=arguments.certificate, key=arguments.key,
-    )  # fmt: skip
+        token_secret=os.environ.get(SECRET_VARIABLE, ""),
+        certificate=arguments.certificate,
+        key=arguments.key,
+    )
 
 
 def variables_for(server: RelayServer) -> dict[str, str]:
@@ -100,7 +113,9 @@ def how_to_join(server: RelayServer) -> str:
     assignments = " ".join(f"{name}={value}" for name, value in variables.items())
     lines += [f"  export {assignments} SESSION_ID={room} TOKEN='{token}'", ""]
     if settings.loopback:
-        lines += [f"Over TLS: wss://localhost:{settings.tls_port} with SARNET_RELAY_CA_FILE={server.certificate}"]
+        lines += [
+            f"Over TLS: wss://localhost:{settings.tls_port} with SARNET_RELAY_CA_FILE={server.certificate}"
+        ]
     return "\n".join(lines)
 
 
@@ -160,7 +175,10 @@ def room(arguments: argparse.Namespace, tell: Tell) -> int:
             try:
                 while (status := server.wait(0.5)) is None:
                     if agent is not None and agent.poll() is not None:
-                        print(f"The program {arguments.agent} has ended (status {agent.returncode}).", file=sys.stderr)
+                        print(
+                            f"The program {arguments.agent} has ended (status {agent.returncode}).",
+                            file=sys.stderr,
+                        )
                         agent = None
                 raise _ended(server, status)
             finally:
@@ -225,13 +243,14 @@ Starts a relay server (the program janus has to be installed), tells how to join
   relay --address 192.0.2.7            for other machines too, over TLS
 """
 _ROOM = """\
-Starts a relay server and a page for browsers, and with --agent a program that joins the room; Ctrl-C ends them all.
+Starts a relay server and a page for browsers, and with --agent a program that joins the room; Ctrl-C ends
+them all.
 
   room --agent examples/talk_back
 """
 _TOKEN = """\
-Prints a token that lets its bearer into one room of a relay server, until it expires. It is signed with the secret
-of the server that runs on this machine, or with the one in SARNET_RELAY_TOKEN_SECRET.
+Prints a token that lets its bearer into one room of a relay server, until it expires. It is signed with the
+secret of the server that runs on this machine, or with the one in SARNET_RELAY_TOKEN_SECRET.
 
   TOKEN="$(tavrin-media-relay token lobby --lifetime 2h)"
 """
@@ -253,7 +272,9 @@ class Command:
 
 COMMANDS = (
     Command("relay", "run a relay server", _RELAY, add_server_options, relay),
-    Command("room", "run a relay server, its room page and a program to talk to", _ROOM, _add_room_options, room),
+    Command(
+        "room", "run a relay server, its room page and a program to talk to", _ROOM, _add_room_options, room
+    ),
     Command("token", "sign a token for a room", _TOKEN, add_token_options, token),
     Command("configure", "only write a relay server's files", _CONFIGURE, add_server_options, configure),
 )

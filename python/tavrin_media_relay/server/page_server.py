@@ -106,11 +106,18 @@ class PageServer:
     """A context manager. Answers on threads of its own, which end with it or, at the latest, the process."""
 
     def __init__(
-        self, address: str, port: int, relay_port: int, page: Path, certificate: tuple[Path, Path] | None = None
+        self,
+        address: str,
+        port: int,
+        relay_port: int,
+        page: Path,
+        certificate: tuple[Path, Path] | None = None,
     ) -> None:
         """Raises OSError if the port is taken. `certificate`: PEM files, certificate and key, for HTTPS."""
         handler = functools.partial(_Handler, relay_port=relay_port, directory=str(page))
-        kind = type("Server", (_Server,), {"address_family": socket.AF_INET6 if ":" in address else socket.AF_INET})
+        kind = type(
+            "Server", (_Server,), {"address_family": socket.AF_INET6 if ":" in address else socket.AF_INET}
+        )
         self._server: ThreadingHTTPServer = kind((address, port), handler)
         if certificate is not None:
             context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)

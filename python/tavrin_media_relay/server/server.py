@@ -117,11 +117,15 @@ class RelayServer:
         with open(log, "wb") as output:
             self.process = subprocess.Popen(
                 [*command, "janus", "-F", str(self.folder)],
-                stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, env=environment, cwd="/",
-                # Ctrl-C is for us: we stop it in order. A session of its own would be scheduled as a group of its
-                # own, which a busy machine lets wait for hundreds of milliseconds.
+                stdin=subprocess.DEVNULL,
+                stdout=output,
+                stderr=subprocess.STDOUT,
+                env=environment,
+                cwd="/",
+                # Ctrl-C is for us: we stop it in order. A session of its own would be scheduled as a group of
+                # its own, which a busy machine lets wait for hundreds of milliseconds.
                 process_group=0,
-            )  # fmt: skip
+            )
         self._wait_until_it_listens()
 
     def _listeners(self) -> list[tuple[str, int]]:
@@ -180,7 +184,7 @@ class RelayServer:
             text = (self.folder / "janus.log").read_text(encoding="utf-8", errors="replace")
         except OSError:
             return "(it wrote no log)"
-        return "\n".join(map(printable, text.split("\n")[-lines - 1:])).strip()
+        return "\n".join(map(printable, text.split("\n")[-lines - 1 :])).strip()
 
     def wait(self, timeout: float | None = None) -> int | None:
         """The server's exit status when it has ended by itself; None after `timeout` seconds."""

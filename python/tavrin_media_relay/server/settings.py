@@ -119,21 +119,30 @@ def write(settings: Settings) -> list[Path]:
     certificate = settings.certificate or folder / "cert.pem"
     key = settings.key or folder / "key.pem"
     values = {
-        "folder": folder, "address": settings.address, "port": settings.port, "tls_port": settings.tls_port,
-        "rtp_ports": "{}-{}".format(*settings.rtp_ports), "token_secret": settings.token_secret,
-        "certificate": certificate.absolute(), "key": key.absolute(),
-        "public_address_line": f'\tnat_1_1_mapping = "{settings.public_address}"\n' if settings.public_address else "",
+        "folder": folder,
+        "address": settings.address,
+        "port": settings.port,
+        "tls_port": settings.tls_port,
+        "rtp_ports": "{}-{}".format(*settings.rtp_ports),
+        "token_secret": settings.token_secret,
+        "certificate": certificate.absolute(),
+        "key": key.absolute(),
+        "public_address_line": f'\tnat_1_1_mapping = "{settings.public_address}"\n'
+        if settings.public_address
+        else "",
         "admin_key_lines": (
             f'\tadmin_key = "{settings.admin_key}"\n\tlock_rtp_forward = true\n' if settings.admin_key else ""
         ),
-    }  # fmt: skip
+    }
     texts = {
         name: Template((_TEMPLATES / name).read_text()).substitute(values)
         for name in ("janus.jcfg", "janus.transport.websockets.jcfg", "janus.plugin.videoroom.jcfg")
     }
     room = Template((_TEMPLATES / "room.jcfg").read_text())
     for name in settings.rooms:
-        texts["janus.plugin.videoroom.jcfg"] += room.substitute(room=name, room_secret=secrets.token_urlsafe(32))
+        texts["janus.plugin.videoroom.jcfg"] += room.substitute(
+            room=name, room_secret=secrets.token_urlsafe(32)
+        )
     texts["token_secret"] = settings.token_secret + "\n"
     written = []
     for name, text in texts.items():

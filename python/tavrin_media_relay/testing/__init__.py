@@ -49,5 +49,7 @@ def __getattr__(name: str) -> Any:
             except ModuleNotFoundError as error:
                 if error.name != "numpy":
                     raise
-                raise ImportError(f"{__name__} needs numpy, which is not installed (Debian: python3-numpy)") from error
+                raise ImportError(
+                    f"{__name__} needs numpy, which is not installed (Debian: python3-numpy)"
+                ) from error
     raise AttributeError(f"module {__name__!r} has no attribute {name!r}")

@@ -98,7 +98,9 @@ class Performance:
                 spoken = ", ".join(map(str, each.sound.utterances())) or "silence only"
                 lines.append(f"{each.name} sent sound: {spoken}")
             if each.film is not None:
-                lines.append(f"{each.name} sent {len(each.film)} pictures of {each.film.width}x{each.film.height}")
+                lines.append(
+                    f"{each.name} sent {len(each.film)} pictures of {each.film.width}x{each.film.height}"
+                )
         return "\n".join(lines)
 
 
@@ -125,7 +127,9 @@ def read(folder: Path) -> Performance:
         last = ends.get(each.fields["publication"])
         told = last.fields if last is not None else {}
         end = last.at if last is not None else entries[-1].at
-        audio, video = (marks.get((each.fields["publication"], kind), []) for kind in ("audio_frame", "picture"))
+        audio, video = (
+            marks.get((each.fields["publication"], kind), []) for kind in ("audio_frame", "picture")
+        )
         sound = Sound(folder / told["audio"], audio, each.at) if "audio" in told else None
         film = Film(folder / told["video"], video, each.at) if "video" in told else None
         publications.append(Publication(each.fields["name"], each.at, end, sound, film))

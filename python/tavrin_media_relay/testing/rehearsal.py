@@ -45,7 +45,13 @@ class Rehearsal:
     # ---- the script ---------------------------------------------------------------------------------------
 
     def participant(
-        self, id: str, *, name: str = "", data: str = "", join_at: float = 0.0, leave_at: Optional[float] = None
+        self,
+        id: str,
+        *,
+        name: str = "",
+        data: str = "",
+        join_at: float = 0.0,
+        leave_at: Optional[float] = None,
     ) -> Participant:
         """Somebody who comes at a time, and stays or leaves at another.
 

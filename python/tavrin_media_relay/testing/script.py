@@ -77,7 +77,9 @@ class Participant:
     def _own_ms(self, at: float) -> int:
         ms = milliseconds("at", at)
         if ms < self._join_ms:
-            raise ValueError(f"{self.id} joins at {self._join_ms / 1000:g} s, and cannot do anything at {at:g} s")
+            raise ValueError(
+                f"{self.id} joins at {self._join_ms / 1000:g} s, and cannot do anything at {at:g} s"
+            )
         return ms - self._join_ms
 
     def keys(self, folder: Path) -> dict[str, Any]:
@@ -111,7 +113,9 @@ class Script:
     def add(self, participant: Participant) -> Participant:
         plain = participant.id.replace("-", "").replace("_", "")
         if not plain.isalnum() or participant.id in self.participants:
-            raise ValueError(f"an id is made of letters, digits, '-' and '_', and unique, not {participant.id!r}")
+            raise ValueError(
+                f"an id is made of letters, digits, '-' and '_', and unique, not {participant.id!r}"
+            )
         self.participants[participant.id] = participant
         return participant
 

@@ -67,7 +67,9 @@ def load(source: Source, rate: int = RATE) -> Samples:
             read = np.frombuffer(file.readframes(file.getnframes()), "<i2").reshape(-1, file.getnchannels())
             return _converted(read.mean(axis=1).astype(np.int16), file.getframerate())
     if shutil.which("ffmpeg") is None:
-        raise RuntimeError(f"{path} needs the program ffmpeg, which is not installed: only 16-bit WAV is read without")
+        raise RuntimeError(
+            f"{path} needs the program ffmpeg, which is not installed: only 16-bit WAV is read without"
+        )
     done = subprocess.run(decoding(path, sound_options(RATE, 1)), capture_output=True)
     if done.returncode:
         raise ValueError(f"{path} can't be decoded: {done.stderr.decode(errors='replace').strip()}")

@@ -1,5 +1,5 @@
-"""A participant on the asyncio face: says a tone, shows marked pictures and sends captions until it has had enough of
-another one's, and tells what that was. Leaves at the end of its standard input."""
+"""A participant on the asyncio face: says a tone, shows marked pictures and sends captions until it has had
+enough of another one's, and tells what that was. Leaves at the end of its standard input."""
 
 from __future__ import annotations
 
@@ -48,7 +48,11 @@ async def hear(frames: aio.AudioIterator) -> float:
         if len(loud) == ENOUGH:
             break
     samples = np.concatenate(loud)
-    return float(np.abs(np.fft.rfft(samples * np.hanning(len(samples)))).argmax()) * frame.sample_rate / len(samples)
+    return (
+        float(np.abs(np.fft.rfft(samples * np.hanning(len(samples)))).argmax())
+        * frame.sample_rate
+        / len(samples)
+    )
 
 
 async def see(frames: aio.MediaIterator[aio.VideoFrame]) -> list[tuple[int, int]]:

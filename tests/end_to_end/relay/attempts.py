@@ -1,5 +1,5 @@
-"""Tries to join, once for each (room, host, token, certificate authority, ...) of ATTEMPTS, and tells how each
-attempt ended: code 0 for a success."""
+"""Tries to join, once for each (room, host, token, certificate authority, ...) of ATTEMPTS, and tells how
+each attempt ended: code 0 for a success."""
 
 from __future__ import annotations
 

@@ -22,7 +22,9 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 
 PATIENCE = 30.0
-TILE = "[...document.querySelectorAll('.tile')].find((tile) => tile.getAttribute('aria-label') === arguments[0])"
+TILE = (
+    "[...document.querySelectorAll('.tile')].find((tile) => tile.getAttribute('aria-label') === arguments[0])"
+)
 # The luma of the top row of blocks of a tile's video, as the page shows it.
 TOP_ROW = f"""
 const video = ({TILE})?.querySelector('video');
@@ -93,7 +95,9 @@ class Visitor:
         return mark[1] if mark is not None and mark[0] == maker else None
 
     def caption_of(self, name: str) -> str:
-        return str(self.browser.execute_script(f"return ({TILE})?.querySelector('.caption').textContent ?? ''", name))
+        return str(
+            self.browser.execute_script(f"return ({TILE})?.querySelector('.caption').textContent ?? ''", name)
+        )
 
 
 def visit(visitor: Visitor, arguments: argparse.Namespace) -> None:
@@ -110,7 +114,12 @@ def visit(visitor: Visitor, arguments: argparse.Namespace) -> None:
     ))  # fmt: skip
     first = visitor.until("a mark in the picture", lambda: visitor.number_in(other, arguments.maker))
     second = visitor.until("a later mark", lambda: (visitor.number_in(other, arguments.maker) or 0) > first)
-    tell("seen", first=first, later=second, caption=visitor.until("a caption", lambda: visitor.caption_of(other)))
+    tell(
+        "seen",
+        first=first,
+        later=second,
+        caption=visitor.until("a caption", lambda: visitor.caption_of(other)),
+    )
 
     visitor.press("Good morning, 世界", Keys.ENTER)
     visitor.tab_to("toggle-figures")
@@ -118,16 +127,25 @@ def visit(visitor: Visitor, arguments: argparse.Namespace) -> None:
     visitor.until("the figures", lambda: "Frames decoded" in visitor.text("figures"))
     browser.save_screenshot(arguments.screenshot)
     visitor.press(Keys.ESCAPE)
-    tell("figures shown", hidden_again=not browser.find_element(By.ID, "figures").is_displayed(), focus=visitor.focused())
+    tell(
+        "figures shown",
+        hidden_again=not browser.find_element(By.ID, "figures").is_displayed(),
+        focus=visitor.focused(),
+    )
 
     phone = {"width": 360, "height": 740, "deviceScaleFactor": 1, "mobile": True}
     browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", phone)
     overflow = browser.execute_script(
         "return [...document.querySelectorAll('button, input, video, .caption')]"
-        ".filter((e) => e.offsetParent && (e.getBoundingClientRect().right > innerWidth + 1 || e.getBoundingClientRect().left < -1))"
+        ".filter((e) => e.offsetParent && (e.getBoundingClientRect().right > innerWidth + 1 || "
+        "e.getBoundingClientRect().left < -1))"
         ".map((e) => e.id || e.className || e.tagName)"
     )
-    tell("phone", overflow=overflow, width=browser.execute_script("return document.documentElement.scrollWidth"))
+    tell(
+        "phone",
+        overflow=overflow,
+        width=browser.execute_script("return document.documentElement.scrollWidth"),
+    )
 
     sys.stdin.read()
     figures = visitor.figures()

@@ -110,7 +110,9 @@ class Network:
         script = "ip link set lo up"
         if address:
             script += " && ip link add here type veth peer name there"
-            script += f" && ip address add {address}/24 dev here && ip link set here up && ip link set there up"
+            script += (
+                f" && ip address add {address}/24 dev here && ip link set here up && ip link set there up"
+            )
         script += " && echo ready && exec sleep infinity"
         self._holder = Process(["unshare", *user, "--net", "sh", "-c", f"PATH=$PATH:/usr/sbin; {script}"])
         self._holder.wait_for_line(lambda line: line == "ready", 10)
@@ -137,7 +139,9 @@ class Network:
             self._filter("delete table inet fault")
 
     def _filter(self, command: str) -> None:
-        told = subprocess.run([*self._enter, "nft", command], env={"PATH": os.defpath + ":/usr/sbin"}, capture_output=True)
+        told = subprocess.run(
+            [*self._enter, "nft", command], env={"PATH": os.defpath + ":/usr/sbin"}, capture_output=True
+        )
         if told.returncode != 0:
             pytest.skip(f"the kernel filters no packets: {told.stderr.decode()}")
 
@@ -182,7 +186,9 @@ class Server(Process):
                     return int(process.name)
         raise LookupError("the server is not running")
 
-    def program(self, maker: int, *options: object, script: str = "program.py", **environment: str) -> Process:
+    def program(
+        self, maker: int, *options: object, script: str = "program.py", **environment: str
+    ) -> Process:
         """Maker N has tones of its own, so that nobody is taken for another."""
         variables = {"API_HOSTNAME": self.host, "SARNET_RELAY_CA_FILE": str(self.folder / "cert.pem")}
         variables |= {"TOKEN": join_token("marks", SECRET)} | environment

@@ -142,7 +142,9 @@ class Program:
                 on_error_cb=lambda session, message, code: tell("session error", text=message, code=code),
                 on_connected_cb=lambda session: tell("connected", id=session.id),
                 on_disconnected_cb=lambda session: tell("disconnected"),
-                on_connection_created_cb=lambda session, other: tell("connection", id=other.id, data=other.data),
+                on_connection_created_cb=lambda session, other: tell(
+                    "connection", id=other.id, data=other.data
+                ),
                 on_connection_dropped_cb=lambda session, other: tell("connection dropped", id=other.id),
                 on_stream_received_cb=self._on_stream,
                 on_stream_dropped_cb=lambda session, stream: tell("stream dropped", id=stream.id),
@@ -166,7 +168,9 @@ class Program:
         for number in range(60 * marks.FPS):
             if self.leaving.wait(max(0.0, begin + (number - 3) / marks.FPS - time.monotonic())):
                 return
-            frame = tavrin.VideoFrame(size, "YUV420P", marks.picture(maker, number % (1 << marks.NUMBER_BITS)))
+            frame = tavrin.VideoFrame(
+                size, "YUV420P", marks.picture(maker, number % (1 << marks.NUMBER_BITS))
+            )
             self.client.add_video(frame)
             if number % 10 == 0:
                 captions.send(f"Grüße {number} von {maker}", is_final=number % 20 == 0)

@@ -30,9 +30,20 @@ REQUESTS: list[dict[str, Any]] = [
     {"request": "moderate", "id": FEED, "mid": "0", "mute": True},
     {"request": "enable_recording", "record": True},
     {"request": "listforwarders"},
-    {"request": "rtp_forward", "publisher_id": FEED, "host": "127.0.0.1", "streams": [{"mid": "0", "port": "PORT"}]},
+    {
+        "request": "rtp_forward",
+        "publisher_id": FEED,
+        "host": "127.0.0.1",
+        "streams": [{"mid": "0", "port": "PORT"}],
+    },
     {"request": "stop_rtp_forward", "publisher_id": FEED, "stream_id": 1},
-    {"request": "publish_remotely", "publisher_id": FEED, "remote_id": "x", "host": "127.0.0.1", "port": "PORT"},
+    {
+        "request": "publish_remotely",
+        "publisher_id": FEED,
+        "remote_id": "x",
+        "host": "127.0.0.1",
+        "port": "PORT",
+    },
     {"request": "unpublish_remotely", "publisher_id": FEED, "remote_id": "x"},
     {"request": "list_remotes", "publisher_id": FEED},
     {"request": "add_remote_publisher", "id": "x", "streams": [STREAM]},
@@ -54,7 +65,9 @@ class Server:
 
     async def ask(self, **message: Any) -> dict[str, Any]:
         name = f"t{next(self.numbers)}"
-        await self.link.send(json.dumps({"transaction": name, "token": REQUEST_TOKEN} | self.session | message))
+        await self.link.send(
+            json.dumps({"transaction": name, "token": REQUEST_TOKEN} | self.session | message)
+        )
         while True:
             answer: dict[str, Any] = json.loads(await asyncio.wait_for(self.link.recv(), 10))
             if answer.get("transaction") == name and answer["janus"] != "ack":
@@ -94,9 +107,23 @@ async def main() -> None:
             data = answer.get("plugindata", {}).get("data", answer)
             what = request["request"] + (f" {request['ptype']}" if "ptype" in request else "")
             tell(event="answered", what=what, error=data.get("error", ""), data=data)
-        for name in ("echotest", "recordplay", "streaming", "textroom", "audiobridge", "videocall", "sip", "nosip"):
+        for name in (
+            "echotest",
+            "recordplay",
+            "streaming",
+            "textroom",
+            "audiobridge",
+            "videocall",
+            "sip",
+            "nosip",
+        ):
             answer = await server.attach(f"janus.plugin.{name}")
-            tell(event="answered", what=f"plugin {name}", error=answer.get("error", {}).get("reason", ""), data=answer)
+            tell(
+                event="answered",
+                what=f"plugin {name}",
+                error=answer.get("error", {}).get("reason", ""),
+                data=answer,
+            )
         for command in ("info", "list_sessions", "add_token", "set_log_level"):
             answer = await server.ask(janus=command, admin_secret="janusoverlord")
             error = "" if command == "info" else answer.get("error", {}).get("reason", "")

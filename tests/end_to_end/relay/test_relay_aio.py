@@ -5,7 +5,6 @@ from __future__ import annotations
 import re
 
 import pytest
-from processes import SECRET
 
 from tavrin_media_relay.server import join_token
 

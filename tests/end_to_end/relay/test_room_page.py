@@ -21,7 +21,9 @@ def test_a_browser_and_a_program_hear_see_and_read_each_other(enter_network, tmp
     server = Server.on(network, tmp_path / "server", command="room")
     link = server.wait_for_line(lambda line: line.strip().startswith("http")).strip()
     assert link.startswith("https://10.200.0.1:8080/#" if address else "http://localhost:8080/#")
-    wrong = re.sub("token=.*", "token=" + join_token("other", SECRET).replace("+", "%2B").replace(" ", "+"), link)
+    wrong = re.sub(
+        "token=.*", "token=" + join_token("other", SECRET).replace("+", "%2B").replace(" ", "+"), link
+    )
     program = server.program(1, "--frames", 60, "--loud", 20, "--captions", 1)
     program.wait_for("published")
 

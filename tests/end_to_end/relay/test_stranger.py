@@ -1,4 +1,5 @@
-"""Who has a token for one room bends no other: neither one that the server's owner named, nor one that a program made."""
+"""Who has a token for one room bends no other: neither one that the server's owner named, nor one that a
+program made."""
 
 from __future__ import annotations
 
@@ -9,13 +10,16 @@ from processes import HERE, SECRET
 
 from tavrin_media_relay.server import join_token
 
-#: What stays open to whoever may talk to the server and knows the room's name: docs/deployment.md tells of it.
+#: What stays open to whoever may talk to the server and knows the room's name: docs/deployment.md tells of
+#: it.
 OPEN = {"list", "exists", "listparticipants", "admin info"}
 
 
 @pytest.mark.parametrize("room", ["marks", "visitors"], ids=["of the server's owner", "made by a program"])
 def test_a_stranger_bends_no_room(server, room):
-    program = server.program(1, "--session", room, TOKEN=join_token(room, SECRET), SARNET_RELAY_ADMIN_KEY="key-of-the-tests")
+    program = server.program(
+        1, "--session", room, TOKEN=join_token(room, SECRET), SARNET_RELAY_ADMIN_KEY="key-of-the-tests"
+    )
     feed = program.wait_for("published")["id"]
     stranger = server.network.start(
         HERE / "stranger.py", URL="ws://127.0.0.1:8188",
