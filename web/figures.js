@@ -46,7 +46,10 @@ export async function figuresOf(connection) {
       }, report.kind === 'video' ? {
         frames_decoded: report.framesDecoded, freezes: report.freezeCount,
         width: report.frameWidth, height: report.frameHeight, fps: report.framesPerSecond,
-      } : {energy: report.totalAudioEnergy, concealed: report.concealedSamples, samples: report.totalSamplesReceived});
+      } : {
+        energy: report.totalAudioEnergy, concealed: report.concealedSamples,
+        samples: report.totalSamplesReceived,
+      });
     } else if (report.type === 'outbound-rtp') { // one for each size of the picture: the largest is shown
       const sent = side(report);
       sent.packets = (sent.packets ?? 0) + report.packetsSent;
@@ -71,7 +74,8 @@ export async function figuresOf(connection) {
 const number = (value) => (value === undefined ? '–' : value.toLocaleString('en'));
 
 const LINES = [
-  ['Packets lost', (f) => f.packets !== undefined && `${number(f.lost ?? 0)} of ${number(f.packets + Math.max(0, f.lost ?? 0))}`],
+  ['Packets lost', (f) => f.packets !== undefined
+    && `${number(f.lost ?? 0)} of ${number(f.packets + Math.max(0, f.lost ?? 0))}`],
   ['Jitter', (f) => f.jitter_ms !== undefined && `${number(f.jitter_ms)} ms`],
   ['Round trip', (f) => f.round_trip_ms !== undefined && `${number(f.round_trip_ms)} ms`],
   ['Rate', (f) => f.kilobits !== undefined && `${number(f.kilobits)} kb/s`],

@@ -17,7 +17,10 @@ export class RelayError extends Error {
   }
 }
 
-const randomSecret = () => Array.from(crypto.getRandomValues(new Uint32Array(4)), (word) => word.toString(36)).join('');
+const randomSecret = () => {
+  const words = crypto.getRandomValues(new Uint32Array(4));
+  return [...words].map((word) => word.toString(36)).join('');
+};
 const wait = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
 function inWords(code, reason) {
@@ -42,8 +45,8 @@ export function splitToken(text) {
 }
 
 /**
- * What a participant shows to others: a plain name, or JSON with a program's stream and data. `owner` is set for
- * a further stream of a program: it comes as a participant, but is nobody.
+ * What a participant shows to others: a plain name, or JSON with a program's stream and data. `owner` is set
+ * for a further stream of a program: it comes as a participant, but is nobody.
  */
 export function readDisplay(display, id) {
   let owner;
@@ -231,8 +234,8 @@ class Peer {
 }
 
 /**
- * The sizes in which a camera's picture is sent, for those who do with less: each half the one before, down to
- * 320 pixels or a little more. The server wants the largest first.
+ * The sizes in which a camera's picture is sent, for those who do with less: each half the one before, down
+ * to 320 pixels or a little more. The server wants the largest first.
  */
 function sizesOf(track) {
   const {width = 0} = track.getSettings();
@@ -249,9 +252,9 @@ function wantStereo(answer, offer) {
 }
 
 /**
- * A visit to a room. Events (CustomEvent, `detail` in brackets): participant {id, name, owner} (again when the
- * name changes), gone {id}, media {id, stream}, unpublished {id}, caption {id, text, final}, returning {broken},
- * trouble {text}, ended {text}.
+ * A visit to a room. Events (CustomEvent, `detail` in brackets): participant {id, name, owner} (again when
+ * the name changes), gone {id}, media {id, stream}, unpublished {id}, caption {id, text, final}, returning
+ * {broken}, trouble {text}, ended {text}.
  */
 export class RoomVisit extends EventTarget {
   #signalling;
@@ -329,9 +332,11 @@ export class RoomVisit extends EventTarget {
       peer.connection.addTransceiver(track, {direction: 'sendonly', streams: [stream], ...sizes});
     }
     this.#channel = peer.connection.createDataChannel('captions');
-    this.#watch(peer, () => this.#tell('trouble', {text: 'Others can no longer see and hear you: the media connection failed.'}));
+    const text = 'Others can no longer see and hear you: the media connection failed.';
+    this.#watch(peer, () => this.#tell('trouble', {text}));
     await peer.connection.setLocalDescription();
-    const {jsep} = await this.#signalling.ask(this.#handle, {request: 'configure'}, peer.connection.localDescription);
+    const offer = peer.connection.localDescription;
+    const {jsep} = await this.#signalling.ask(this.#handle, {request: 'configure'}, offer);
     if (!jsep) throw new RelayError('The server did not take what we wanted to send.');
     await peer.setRemote(jsep);
   }
@@ -426,7 +431,9 @@ export class RoomVisit extends EventTarget {
       return;
     }
     // The server sends nothing on data channels unless we open this one.
-    if (/^m=application/m.test(jsep.sdp)) peer.opener = () => listen(connection.createDataChannel('JanusDataChannel'));
+    if (/^m=application/m.test(jsep.sdp)) {
+      peer.opener = () => listen(connection.createDataChannel('JanusDataChannel'));
+    }
     await this.#answer(peer, jsep);
   }
 

@@ -43,13 +43,16 @@ const chosen = (id) => ($(id).value ? {deviceId: {exact: $(id).value}} : {});
 /** Our devices as far as they can be had; what could not is said in words, and does not stop anybody. */
 async function openDevices() {
   const wanted = {
-    ...($('use-camera').checked && {video: {width: {ideal: 640}, height: {ideal: 480}, frameRate: {ideal: 30}, ...chosen('camera-choice')}}),
+    ...($('use-camera').checked && {
+      video: {width: {ideal: 640}, height: {ideal: 480}, frameRate: {ideal: 30}, ...chosen('camera-choice')},
+    }),
     ...($('use-microphone').checked && {audio: {echoCancellation: true, ...chosen('microphone-choice')}}),
   };
   closeDevices();
   if (!wanted.video && !wanted.audio) return null;
   if (!navigator.mediaDevices) {
-    complain('Camera and microphone need a secure page: open it as https:// or on localhost. You can still see, hear and write.');
+    complain('Camera and microphone need a secure page: open it as https:// or on localhost. '
+      + 'You can still see, hear and write.');
     return null;
   }
   try {
@@ -84,10 +87,14 @@ async function tryDevices() {
   $('preview-video').srcObject = own;
   previewMeter = new Meter(own);
   const devices = await navigator.mediaDevices.enumerateDevices();
-  for (const [id, kind, word] of [['camera-choice', 'videoinput', 'Camera'], ['microphone-choice', 'audioinput', 'Microphone']]) {
+  const kinds = [
+    ['camera-choice', 'videoinput', 'Camera'], ['microphone-choice', 'audioinput', 'Microphone'],
+  ];
+  for (const [id, kind, word] of kinds) {
     const before = $(id).value;
     const found = devices.filter((device) => device.kind === kind && device.deviceId);
-    $(id).replaceChildren(...found.map((device, i) => new Option(device.label || `${word} ${i + 1}`, device.deviceId)));
+    const options = found.map((device, i) => new Option(device.label || `${word} ${i + 1}`, device.deviceId));
+    $(id).replaceChildren(...options);
     if (found.some((device) => device.deviceId === before)) $(id).value = before;
   }
   say('Camera and microphone are on for a check.');
@@ -145,7 +152,9 @@ function dropTile(id) {
 
 function countPresence() {
   const others = [...tiles].filter(([id, {owner}]) => id !== OWN && !owner).length;
-  $('presence').textContent = !visit ? '' : others === 0 ? 'You are alone' : others === 1 ? '1 other is here' : `${others} others are here`;
+  const more = others === 1 ? '1 other is here' : `${others} others are here`;
+  const here = others === 0 ? 'You are alone' : more;
+  $('presence').textContent = visit ? here : '';
   $('alone').hidden = others > 0;
 }
 
@@ -239,7 +248,8 @@ function enter(name, room) {
   setMedia(OWN, own);
   tile.element.querySelector('.state').textContent = 'you';
   for (const track of own?.getTracks() ?? []) {
-    track.onended = () => complain(`Your ${track.kind === 'audio' ? 'microphone' : 'camera'} has stopped. Leave and join again to use another.`);
+    const device = track.kind === 'audio' ? 'microphone' : 'camera';
+    track.onended = () => complain(`Your ${device} has stopped. Leave and join again to use another.`);
   }
   document.body.classList.add('inside');
   $('lobby').hidden = true;
@@ -283,7 +293,9 @@ function sendCaption(final) {
   clearTimeout(typed);
   if (!text || !visit) return;
   if (!visit.caption(text, final)) {
-    if (final) complain('The caption could not be sent: the way to the others is not open yet. Please try again.');
+    if (final) {
+      complain('The caption could not be sent: the way to the others is not open yet. Please try again.');
+    }
     return;
   }
   showCaption(OWN, text, final);
@@ -331,8 +343,12 @@ for (const id of ['use-camera', 'use-microphone']) {
 }
 $('problem-close').addEventListener('click', settle);
 $('leave').addEventListener('click', leave);
-$('toggle-microphone').addEventListener('click', ({currentTarget}) => toggleTracks(currentTarget, own?.getAudioTracks() ?? [], 'microphone'));
-$('toggle-camera').addEventListener('click', ({currentTarget}) => toggleTracks(currentTarget, own?.getVideoTracks() ?? [], 'camera'));
+$('toggle-microphone').addEventListener('click', ({currentTarget}) => {
+  toggleTracks(currentTarget, own?.getAudioTracks() ?? [], 'microphone');
+});
+$('toggle-camera').addEventListener('click', ({currentTarget}) => {
+  toggleTracks(currentTarget, own?.getVideoTracks() ?? [], 'camera');
+});
 $('toggle-figures').addEventListener('click', toggleFigures);
 $('figures-copy').addEventListener('click', async () => {
   try {
