@@ -17,9 +17,10 @@ export class RelayError extends Error {
   }
 }
 
+/** 256 bits. */
 const randomSecret = () => {
-  const words = crypto.getRandomValues(new Uint32Array(4));
-  return [...words].map((word) => word.toString(36)).join('');
+  const bytes = crypto.getRandomValues(new Uint8Array(32));
+  return Array.from(bytes, (byte) => byte.toString(16).padStart(2, '0')).join('');
 };
 const wait = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 
@@ -303,7 +304,7 @@ export class RoomVisit extends EventTarget {
   }
 
   async #enter() {
-    const {room: token, pin} = this.#token;
+    const {realm, room: token, pin} = this.#token;
     const request = {
       request: 'join', ptype: 'publisher', room: this.room, display: this.name, token, ...(pin && {pin}),
     };
@@ -314,9 +315,10 @@ export class RoomVisit extends EventTarget {
     }
     const create = {
       request: 'create', room: this.room, notify_joining: true, publishers: 50, videocodec: 'vp8,h264',
-      bitrate: 3_000_000, fir_freq: 10, signed_tokens: token.includes(`room=${this.room}:`),
-      // Who knows the secret may do with the room what they like: nobody does.
-      secret: randomSecret(), is_private: true, lock_record: true, ...(pin && {pin}),
+      bitrate: 3_000_000, fir_freq: 10, signed_tokens: token !== realm, is_private: true,
+      // Who knows the secret may close, record and tap the room: nobody does. With a folder for recordings
+      // that is fixed nobody names one, which the server would make.
+      secret: randomSecret(), lock_record: true, rec_dir: '/', ...(pin && {pin}),
     };
     await this.#signalling.ask(this.#handle, create).catch((error) => {
       if (error.code !== ROOM_EXISTS) throw error; // somebody else was faster

@@ -1,8 +1,8 @@
 """Runs a program with a relay server of its own: `with_server.py COMPANION PROGRAM ARGS...`.
 
 The program finds the server in SARNET_TEST_HOST, and in SARNET_TEST_ROOM a room where the companion, a
-program too, waits for it. SARNET_TEST_TOKEN lets both into that room and into those that they make. Ends
-with the program's status, or with 77 where no server is installed.
+program too, waits for it. With SARNET_RELAY_ADMIN_KEY both make that room and others, and SARNET_TEST_TOKEN
+lets them in. Ends with the program's status, or with 77 where no server is installed.
 """
 
 from __future__ import annotations
@@ -30,7 +30,7 @@ def main() -> int:
     with tempfile.TemporaryDirectory() as folder:
         settings = Settings(
             folder=Path(folder) / "server", port=free_port(), tls_port=free_port(),
-            rtp_ports=(21000, 21999), rooms=[], anyone_may_make_rooms=True,
+            rtp_ports=(21000, 21999), rooms=[],
         )  # fmt: skip
         # The server runs as nobody when we are root.
         Path(folder).chmod(0o755)
@@ -39,6 +39,7 @@ def main() -> int:
                 "SARNET_TEST_HOST": settings.host,
                 "SARNET_TEST_ROOM": "the companion's",
                 "SARNET_TEST_TOKEN": realm_token(settings.token_secret),
+                "SARNET_RELAY_ADMIN_KEY": settings.admin_key,
             }
             companion = subprocess.Popen(
                 sys.argv[1:2], env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE

@@ -12,6 +12,7 @@ import signal
 import subprocess
 import sys
 import urllib.parse
+from collections.abc import Sequence
 from dataclasses import dataclass
 from pathlib import Path
 from types import FrameType
@@ -25,6 +26,7 @@ from .tokens import DAY, join_token
 
 SECRET_VARIABLE = "SARNET_RELAY_TOKEN_SECRET"
 ADMIN_VARIABLE = "SARNET_RELAY_ADMIN_KEY"
+PIN_VARIABLE = "SARNET_RELAY_PIN"
 AGENT_SECONDS = 5.0  # that a program has for leaving
 _UNITS = {"s": 1, "m": 60, "h": 3600, "d": DAY}
 
@@ -53,6 +55,18 @@ def ports(text: str) -> tuple[int, int]:
         raise argparse.ArgumentTypeError(f"ports look like 20000-20999, not {text!r}") from None
 
 
+class _FromEnvironment(argparse.Action):
+    """An option that is refused: the arguments of a program are seen by everyone on its machine."""
+
+    def __init__(self, option_strings: Sequence[str], dest: str, const: str) -> None:
+        super().__init__(option_strings, argparse.SUPPRESS, const=const, help=argparse.SUPPRESS)
+
+    def __call__(self, parser: argparse.ArgumentParser, *_: object) -> None:
+        parser.error(
+            f"other users could read {self.option_strings[0]} in the list of processes: set {self.const}"
+        )
+
+
 def add_server_options(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--dir", type=Path, dest="folder", help="the server's folder (default: one in /tmp)")
     parser.add_argument("--address", default="127.0.0.1", help="serve media and TLS here (default: loopback)")
@@ -73,6 +87,7 @@ def add_server_options(parser: argparse.ArgumentParser) -> None:
         help="let everyone with a token make further rooms; else only those who know the key in "
         f"{ADMIN_VARIABLE}, and nobody if it is not set",
     )
+    parser.add_argument("--admin-key", action=_FromEnvironment, const=ADMIN_VARIABLE)
     parser.add_argument("--certificate", type=Path, help="PEM file for TLS (default: a new self-signed one)")
     parser.add_argument("--key", type=Path, help="PEM file with the certificate's key")
 
@@ -194,7 +209,7 @@ def room(arguments: argparse.Namespace, tell: Tell) -> int:
 def add_token_options(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("room", metavar="ROOM")
     parser.add_argument("--lifetime", type=lifetime, default=DAY, help="90s, 15m, 12h or 7d (default: 1d)")
-    parser.add_argument("--pin", default="", help="the room's pin, if it has one")
+    parser.add_argument("--pin", action=_FromEnvironment, const=PIN_VARIABLE)
     parser.add_argument("--dir", type=Path, dest="folder", help="the folder of the server that it is for")
     parser.add_argument("--port", type=int, default=8188, help="or its port (default: 8188)")
 
@@ -211,7 +226,7 @@ def signed_token(arguments: argparse.Namespace) -> str:
                 f"no secret to sign with: {file}: {error.strerror}. Start the server first, name its "
                 f"folder with --dir, or set {SECRET_VARIABLE}."
             ) from None
-    return join_token(arguments.room, secret, arguments.lifetime, arguments.pin)
+    return join_token(arguments.room, secret, arguments.lifetime, os.environ.get(PIN_VARIABLE, ""))
 
 
 def token(arguments: argparse.Namespace, tell: Tell) -> int:

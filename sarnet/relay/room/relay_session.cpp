@@ -97,7 +97,8 @@ void RelaySession::create_room() {
             // Who knows it may do with the room what they like: nobody does.
             {"secret", random_secret()},
             {"is_private", true},
-            {"lock_record", true}};
+            {"lock_record", true},
+            {"rec_dir", "/"}};  // or participants name folders, which the server makes
   if (!settings_.admin_key.empty()) body["admin_key"] = settings_.admin_key;
   if (!access_.credentials.pin.empty()) body["pin"] = access_.credentials.pin;
   if (access_.credentials.has_room_token) body["signed_tokens"] = true;

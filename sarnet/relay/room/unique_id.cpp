@@ -1,7 +1,12 @@
 #include "relay/room/unique_id.h"
 
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
 #include <cstdio>
 #include <random>
+#include <system_error>
 
 namespace sarnet::relay {
 
@@ -12,6 +17,17 @@ std::string unique_id() {
   return text;
 }
 
-std::string random_secret() { return unique_id() + unique_id(); }
+std::string random_secret() {
+  std::array<unsigned char, 32> bytes;
+  if (getentropy(bytes.data(), bytes.size()) != 0) {
+    throw std::system_error(errno, std::generic_category(), "getentropy");
+  }
+  std::string text;
+  for (const unsigned char byte : bytes) {
+    constexpr const char* kDigits = "0123456789abcdef";
+    text += {kDigits[byte >> 4U], kDigits[byte & 15U]};
+  }
+  return text;
+}
 
 }  // namespace sarnet::relay

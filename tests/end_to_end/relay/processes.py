@@ -24,6 +24,7 @@ HERE = Path(__file__).resolve().parent
 ROOT = HERE.parents[2]
 ADDRESS = "10.200.0.1"
 SECRET = "secret-of-the-tests"
+ADMIN_KEY = "key-of-the-tests"
 PATIENCE = 40.0
 
 
@@ -162,7 +163,7 @@ class Server(Process):
     def on(cls, network: Network, folder: Path, *options: object, command: str = "serve") -> "Server":
         started = network.start(
             "-m", "tavrin_media_relay.server", command, "--dir", folder, "--address", network.address,
-            "--room", "marks", *options, SARNET_RELAY_ADMIN_KEY="key-of-the-tests",
+            "--room", "marks", *options, SARNET_RELAY_ADMIN_KEY=ADMIN_KEY,
         )  # fmt: skip
         started.__class__ = cls
         assert isinstance(started, cls)

@@ -13,7 +13,7 @@ from pathlib import Path
 
 import marks
 import pytest
-from processes import ADDRESS, HERE, ROOT, SECRET, Server
+from processes import ADDRESS, ADMIN_KEY, HERE, ROOT, SECRET, Server
 
 from tavrin_media_relay.server import join_token, realm_token, room_token
 
@@ -182,11 +182,11 @@ def test_whoever_may_not_or_cannot_join_is_told_why(server):
     asked = server.network.start(
         HERE / "attempts.py",
         ATTEMPTS=json.dumps(list(rows.values())),
-        SARNET_RELAY_ADMIN_KEY="key-of-the-tests",
+        SARNET_RELAY_ADMIN_KEY=ADMIN_KEY,
     )
     commands = command_lines()
     assert "attempts.py" in commands
-    assert not [each for each in (SECRET, realm, "key-of-the-tests") if each in commands]
+    assert not [each for each in (SECRET, realm, ADMIN_KEY) if each in commands]
     for name, row in rows.items():
         told = asked.wait_for("attempt")
         codes = {1006, 1021} if row[-1] == 1006 else {row[-1]}
