@@ -99,6 +99,9 @@ def frequency(samples: np.ndarray, rate: float) -> float:
         (["scenario", "check", "{text}"], 1, "scenario '.*words.txt': line 1"),
         (["token", "lobby", "--dir", "{here}"], 1, "Start the server first"),
         (["token", "a:b"], 1, "a room's name"),
+        (["token", "lobby", "--pin", "2718"], 2, "could read --pin .*: set SARNET_RELAY_PIN"),
+        (["relay", "--admin-key=key"], 2, "could read --admin-key .*: set SARNET_RELAY_ADMIN_KEY"),
+        (["relay", "--anyone-may-make-rooms"], 1, "not both"),
         (["configure", "--dir", "{here}", "--room", "a:b"], 1, "a room is made of letters"),
     ],
 )
@@ -106,6 +109,7 @@ def test_wrong_use_and_bad_files_are_told(arguments, code, message, tmp_path):
     (tmp_path / "words.txt").write_text("only words")
     places = {"wav": tone(tmp_path / "tone.wav", 440, 0.1), "here": tmp_path, "text": tmp_path / "words.txt"}
     secret = {"SARNET_RELAY_TOKEN_SECRET": "x"} if arguments[1:] == ["a:b"] else {}
+    secret |= {"SARNET_RELAY_ADMIN_KEY": "key"} if "relay" in arguments[:1] else {}
     printed = run(*(each.format(**places) for each in arguments), code=code, **secret) or run("--help")
     assert re.search(message, printed), printed
 

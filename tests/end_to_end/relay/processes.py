@@ -161,9 +161,10 @@ class Server(Process):
 
     @classmethod
     def on(cls, network: Network, folder: Path, *options: object, command: str = "serve") -> "Server":
+        key = "" if "--anyone-may-make-rooms" in options else ADMIN_KEY
         started = network.start(
             "-m", "tavrin_media_relay.server", command, "--dir", folder, "--address", network.address,
-            "--room", "marks", *options, SARNET_RELAY_ADMIN_KEY=ADMIN_KEY,
+            "--room", "marks", *options, SARNET_RELAY_ADMIN_KEY=key,
         )  # fmt: skip
         started.__class__ = cls
         assert isinstance(started, cls)

@@ -3,11 +3,13 @@
 from __future__ import annotations
 
 import re
+from urllib.parse import urlencode
 
 import pytest
 from processes import ADDRESS, HERE, ROOT, SECRET, Server
+from stranger import Stranger, check_that_nobody_manages
 
-from tavrin_media_relay.server import join_token
+from tavrin_media_relay.server import join_token, realm_token
 
 ARTEFACTS = ROOT / "out" / "tests"
 
@@ -18,20 +20,31 @@ def test_a_browser_and_a_program_hear_see_and_read_each_other(enter_network, tmp
     # interface out. With any other interface it reaches a server on loopback.
     network = enter_network(ADDRESS)
     network.address, network.loopback = (ADDRESS, False) if address else ("127.0.0.1", True)
-    server = Server.on(network, tmp_path / "server", command="room")
+    # Once in a room that is there, once in one that the page makes.
+    room, made = ("marks", []) if address else ("made", ["--anyone-may-make-rooms"])
+    server = Server.on(network, tmp_path / "server", *made, command="room")
     link = server.wait_for_line(lambda line: line.strip().startswith("http")).strip()
     assert link.startswith("https://10.200.0.1:8080/#" if address else "http://localhost:8080/#")
-    wrong = re.sub(
-        "token=.*", "token=" + join_token("other", SECRET).replace("+", "%2B").replace(" ", "+"), link
-    )
-    program = server.program(1, "--frames", 60, "--loud", 20, "--captions", 1)
-    program.wait_for("published")
 
+    def link_with(token_for: str) -> str:
+        return (
+            link.partition("#")[0] + "#" + urlencode({"room": room, "token": join_token(token_for, SECRET)})
+        )
+
+    right, wrong = link_with(room) if made else link, link_with("other")
     ARTEFACTS.mkdir(parents=True, exist_ok=True)
     screenshot = ARTEFACTS / f"room-{'address' if address else 'loopback'}.png"
-    browser = network.start(HERE / "browse.py", link, wrong, "--maker", 1, "--screenshot", screenshot)
+    browser = network.start(HERE / "browse.py", right, wrong, "--maker", 1, "--screenshot", screenshot)
     refused = browser.wait_for("refused", 60)
     assert "not for this room" in refused["text"]
+    program = server.program(
+        1, "--session", room, "--frames", 60, "--loud", 20, "--captions", 1, TOKEN=join_token(room, SECRET)
+    )  # fmt: skip
+    feed = program.wait_for("published")["id"]
+    stranger = Stranger(server, realm_token(SECRET))
+    stranger.ask("create")
+    check_that_nobody_manages(stranger, room, feed)
+    assert stranger.request(stranger.handle(), "list")["list"] == []
     assert browser.wait_for("joined")["focus"] == "caption"
     seen = browser.wait_for("seen")
     assert re.fullmatch(r"Grüße \d+ von 1", seen["caption"])
