@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import copy
 import re
 from urllib.parse import urlencode
 
@@ -18,7 +19,7 @@ ARTEFACTS = ROOT / "out" / "tests"
 def test_a_browser_and_a_program_hear_see_and_read_each_other(enter_network, tmp_path, address):
     # In a network with the loopback interface alone no browser finds a way without a flag: it leaves that
     # interface out. With any other interface it reaches a server on loopback.
-    network = enter_network(ADDRESS)
+    network = copy.copy(enter_network(ADDRESS))  # other tests have the address
     network.address, network.loopback = (ADDRESS, False) if address else ("127.0.0.1", True)
     # Once in a room that is there, once in one that the page makes.
     room, made = ("marks", []) if address else ("made", ["--anyone-may-make-rooms"])
@@ -27,9 +28,8 @@ def test_a_browser_and_a_program_hear_see_and_read_each_other(enter_network, tmp
     assert link.startswith("https://10.200.0.1:8080/#" if address else "http://localhost:8080/#")
 
     def link_with(token_for: str) -> str:
-        return (
-            link.partition("#")[0] + "#" + urlencode({"room": room, "token": join_token(token_for, SECRET)})
-        )
+        fragment = urlencode({"room": room, "token": join_token(token_for, SECRET)})
+        return f"{link.partition('#')[0]}#{fragment}"
 
     right, wrong = link_with(room) if made else link, link_with("other")
     ARTEFACTS.mkdir(parents=True, exist_ok=True)

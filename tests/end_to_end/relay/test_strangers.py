@@ -1,8 +1,10 @@
-"""What a token for one room, or none, lets its holder do with the others: what docs/deployment.md tells, no
-more."""
+"""What a token for one room lets its holder do with the others: what docs/deployment.md tells, and no more.
+"""
 
 from __future__ import annotations
 
+import itertools
+import os
 import re
 from pathlib import Path
 from typing import Any
@@ -43,10 +45,9 @@ def test_a_token_for_one_room_opens_no_other(server: Server) -> None:
         requests: dict[tuple[int, str], dict[str, Any]] = {
             (publisher, "join"): {"ptype": "publisher"},
             (publisher, "joinandconfigure"): {"ptype": "publisher"},
-            (subscriber, "subscribe"): {"streams": feed},
-            (subscriber, "update"): {"subscribe": feed},
+            (subscriber, "subscribe"): {"streams": feed}, (subscriber, "update"): {"subscribe": feed},
             (subscriber, "switch"): {"streams": feed},
-        }
+        }  # fmt: skip
         for (handle, request), body in requests.items():
             answer = stranger.request(handle, request, room=room, **body, **token)
             assert answer["error_code"] == (425 if handle == publisher else 428), (request, answer)
@@ -58,8 +59,8 @@ def test_a_token_for_one_room_opens_no_other(server: Server) -> None:
         assert is_refused(stranger.request(other, "create", room="new", **guess)), guess
         assert not stranger.request(other, "list", **guess).get("list"), guess
 
-    configured = (server.folder / "janus.plugin.videoroom.jcfg").read_text()
-    secrets = {SECRET, ADMIN_KEY, *re.findall('secret = "(.+)"', configured)}
+    rooms = (server.folder / "janus.plugin.videoroom.jcfg").read_text()
+    secrets = {SECRET, ADMIN_KEY, *re.findall('secret = "(.+)"', rooms)}
     assert len(secrets) == 3
     seen = [path.read_bytes().decode(errors="replace") for path in Path("/proc").glob("[0-9]*/cmdline")]
     seen += [(server.folder / "janus.log").read_text(), *server.said]
@@ -75,10 +76,7 @@ def test_without_a_token_there_is_only_the_servers_version(server: Server) -> No
         assert answer["error"]["code"] == 403, (janus, answer)
     assert nobody.ask("list_sessions", admin_secret="janusoverlord")["error"]["code"] == 457
     info = nobody.ask("info")
-    assert (list(info["plugins"]), list(info["transports"])) == (
-        [ROOM_PLUGIN],
-        ["janus.transport.websockets"],
-    )
+    assert [*info["plugins"], *info["transports"]] == [ROOM_PLUGIN, "janus.transport.websockets"]
     assert not info.get("dependencies") and not info.get("events")
 
 
@@ -87,15 +85,19 @@ def test_no_participant_makes_the_server_write_files(server: Server, tmp_path: P
     folder = tmp_path / "open"
     folder.mkdir()
     folder.chmod(0o777)
-    recording = {"record": True, "filename": str(folder / "new" / "taken"), "secret": "guess", "audio": True}
     participant = Stranger(server, realm_token(SECRET))
     participant.ask("create")
-    for room in ("marks", "made"):
+    names: list[dict[str, str]] = [{}, *({"filename": f"{folder}/{name}"} for name in ("taken", "new/taken"))]
+    for room, request, name in itertools.product(
+        ("marks", "made"), ("configure", "publish", "joinandconfigure"), names
+    ):  # fmt: skip
         joining = {"room": room, "ptype": "publisher", "token": room_token(room, SECRET)}
-        for request in ("configure", "publish", "joinandconfigure"):
-            handle = participant.handle()
-            if request != "joinandconfigure":
-                participant.request(handle, "join", **joining)
-            answer = participant.offer(handle, request, **joining, **recording)
-            assert answer["jsep"]["type"] == "answer", (request, answer)
-            assert not list(folder.iterdir()), (request, room)
+        handle = participant.handle()
+        if request != "joinandconfigure":
+            participant.request(handle, "join", **joining)
+        recording = {"audio": True, "record": True, "secret": "guess"}
+        answer = participant.offer(handle, request, **recording, **joining, **name)
+        assert answer["jsep"]["type"] == "answer", (request, answer)
+        opened = [os.readlink(each) for each in Path(f"/proc/{server.janus()}/fd").iterdir()]
+        assert not [path for path in opened if ".mjr" in path], (room, request, name)
+        assert not list(folder.iterdir()), (room, request, name)
