@@ -13,8 +13,9 @@ REHEARSALS = r"""
 import asyncio, json, os, sys, time, wave
 import numpy as np
 import pytest
-from tavrin_media_relay import aio, SessionAVSettings, SessionSettings, SessionVideoPublisherSettings,
-VideoResolution from tavrin_media_relay.testing import babble, performance, tone
+from tavrin_media_relay import SessionAVSettings, SessionSettings, SessionVideoPublisherSettings
+from tavrin_media_relay import VideoResolution, aio
+from tavrin_media_relay.testing import babble, performance, tone
 
 SPOKEN = np.repeat(babble(0.3, seed=5), 2)  # as the session's stereo
 
