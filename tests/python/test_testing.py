@@ -51,12 +51,14 @@ def test_what_was_sent_is_told_sample_by_sample(rehearsal):
     wrote, dry = (each - performance.joined_at for each in noted)
     (said,) = sound.utterances()
     # Not before it was written, and all of it, but for a period, before the queue was dry.
-    assert 0.4 <= wrote < at < wrote + 0.3 and said.end < dry + 0.01 and dry < said.end + 0.3, (wrote, said,
-    dry) assert said.begin == pytest.approx(at, abs=0.01) and said.seconds == pytest.approx(0.3, abs=0.1)
-    assert sound.position_of(SPOKEN[::-1]) is None assert sound.loudest(at, at + 0.3) == pytest.approx(0.4,
-    rel=0.1) and sound.loudest(0, at - 0.001) == 0 same = [n for n, (y, u, v) in enumerate(film) if (y ==
-    picture[:48]).all()] assert (film.width, film.height, film.fps) == (64, 48, 30) and len(same) >= 3 assert
-    (film[same[0]][1].ravel() == picture.ravel()[64 * 48 : 64 * 60]).all()
+    assert 0.4 <= wrote < at < wrote + 0.3, (wrote, said)
+    assert said.end < dry + 0.01 and dry < said.end + 0.3, (said, dry)
+    assert said.begin == pytest.approx(at, abs=0.01) and said.seconds == pytest.approx(0.3, abs=0.1)
+    assert sound.position_of(SPOKEN[::-1]) is None
+    assert sound.loudest(at, at + 0.3) == pytest.approx(0.4, rel=0.1) and sound.loudest(0, at - 0.001) == 0
+    same = [n for n, (y, u, v) in enumerate(film) if (y == picture[:48]).all()]
+    assert (film.width, film.height, film.fps) == (64, 48, 30) and len(same) >= 3
+    assert (film[same[0]][1].ravel() == picture.ravel()[64 * 48 : 64 * 60]).all()
 
 
 def test_times_hold_where_the_recording_has_gaps(tmp_path):
@@ -115,8 +117,8 @@ def test_participants_do_what_the_script_says(rehearsal, tmp_path):
     loud = np.flatnonzero(np.abs(samples) > 1000)
     (gap,) = [g for g in np.diff(loud) if g > 4800]
     assert gap / 48000 == pytest.approx(0.3, abs=0.05)
-    for part, hertz in ((samples[loud[0] : loud[0] + 8000], 500), (samples[loud[-1] - 8000 : loud[-1]],
-    1000)):
+    first, last = samples[loud[0] : loud[0] + 8000], samples[loud[-1] - 8000 : loud[-1]]
+    for part, hertz in ((first, 500), (last, 1000)):
         assert np.abs(np.fft.rfft(part)).argmax() * 6 == pytest.approx(hertz, rel=0.03)
 
 
