@@ -387,32 +387,16 @@ async def bad_values() -> None:
                 (TypeError, "buffer of 16-bit.*\\[1, 2\\]", lambda: say([1, 2])),
                 (ValueError, "contiguous.*strides", lambda: say(samples[::2])),
                 (ValueError, r"\(frames, channels\).*\(2, 480\)", lambda: say(samples.T.copy())),
-                (ValueError, "channels=1", lambda: say(samples, channels=1)),
-                (ValueError, "whole frames of 4 bytes; 6", lambda: say(b"123456")),
                 (ValueError, "8000 to 48000, not 96000", lambda: say(b"", sample_rate=96000)),
-                (TypeError, "sample_rate must be an int", lambda: say(b"", sample_rate=16e3)),
                 (ValueError, r"\(480, 640, 3\) for RGB.*460800 bytes", lambda: show(bytes(100))),
-                (ValueError, "307200 bytes, not 5", lambda: show(b"12345", layout="GRAY8")),
-                (ValueError, "one of YUV420P.*'I420'", lambda: show(b"", layout="I420")),
                 (TypeError, "format 'd'", lambda: show(np.zeros((480, 640)))),
-                (ValueError, "contiguous", lambda: show(np.zeros((480, 640, 4), np.uint8)[:, :, :3])),
                 (ValueError, "policy.*'oldest'", lambda: subscriber.audio_frames(policy="oldest")),
-                (ValueError, "at least 1, not 0", lambda: subscriber.video_frames(capacity=0)),
-                (ValueError, "keeps one", lambda: subscriber.video_frames(capacity=3, policy="latest")),
-                (
-                    ValueError,
-                    "channels must be from 1 to 2, not 3",
-                    lambda: subscriber.audio_frames(channels=3),
-                ),
                 (RuntimeError, "without captions", lambda: subscriber.captions()),
-                (TypeError, "stream must be a Stream, not 'id'", lambda: session.subscribe("id")),
                 (
                     ValueError,
                     "must not both be False",
                     lambda: session.publish("x", audio=False, video=False),
                 ),
-                (TypeError, "token must be a str, not 5", lambda: connect(5)),
-                (TypeError, "settings must be a SessionSettings", lambda: connect(settings={})),
                 (ValueError, "timeout must be from 0", lambda: connect(timeout=-1)),
             ]:
                 with pytest.raises(error, match=words):
@@ -496,19 +480,9 @@ async def lost_outcomes() -> None:
 
 
 CASES = [
-    joins_and_leaves,
-    refusals,
-    cancelled_attempts,
-    audio_out,
-    barge_in,
-    video_out,
-    media_in,
-    failures,
-    misuse,
-    bad_values,
-    statistics,
-    ends_while_nobody_leaves,
-]
+    joins_and_leaves, refusals, cancelled_attempts, audio_out, barge_in, video_out, media_in, failures,
+    misuse, bad_values, statistics, ends_while_nobody_leaves,
+]  # fmt: skip
 keep: list[aio.Session] = []
 
 if __name__ == "__main__":

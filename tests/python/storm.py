@@ -7,6 +7,7 @@ Ends with code 0 unless it crashes, hangs (whoever starts it sets the limit), or
 
 from __future__ import annotations
 
+import gc
 import random
 import sys
 import threading
@@ -52,7 +53,7 @@ def callable_of(own: random.Random):
             finally:
                 inside.a_callable = False
         if own.random() < RAISES:
-            raise ValueError("a callable's own")
+            raise own.choice([ValueError, SystemExit, KeyboardInterrupt])("a callable's own")
 
     return call
 
@@ -99,6 +100,7 @@ PROGRAM = [
     (0.4, lambda own: client.disconnect()),
     (1.5, connect),
     (1, lambda own: TavrinVideoClient()),
+    (0.2, lambda own: gc.collect()),
 ]
 ANSWERED = ["subscriber_connected", "stream_created"]
 LIBRARY = [

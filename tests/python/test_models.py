@@ -19,18 +19,10 @@ VIDEO = m.SessionVideoPublisherSettings
 REFUSED = [
     (m.SessionAudioSettings, {"sample_rate": 7999}, ValueError, "sample_rate .*8000 to 48000 Hz, not 7999"),
     (m.SessionAudioSettings, {"sample_rate": 48001}, ValueError, "sample_rate .*not 48001"),
-    (m.SessionAudioSettings, {"sample_rate": 48000.0}, TypeError, "sample_rate must be an int, not 48000.0"),
-    (m.SessionAudioSettings, {"number_of_channels": 0}, ValueError, "number_of_channels .*1 to 2, not 0"),
-    (m.SessionAudioSettings, {"number_of_channels": 3}, ValueError, "number_of_channels .*not 3"),
     (m.SessionAudioSettings, {"number_of_channels": True}, TypeError, "number_of_channels .*not True"),
     (m.LoggingSettings, {"level": "loud"}, ValueError, "level must be one of off, .*not 'loud'"),
-    (m.LoggingSettings, {"level": 3}, TypeError, "level must be a str, not 3"),
     (VIDEO, {"format": "yuv420p"}, ValueError, "format .*YUV420P.*not 'yuv420p'"),
-    (VIDEO, {"format": None}, TypeError, "format must be a str, not None"),
-    (VIDEO, {"fps": 0}, ValueError, "fps .*1 to 1000, not 0"),
     (VIDEO, {"fps": 29.97}, TypeError, "fps must be an int, not 29.97"),
-    (VIDEO, {"resolution": (640, 480)}, TypeError, r"resolution .*\(640, 480\)"),
-    (VIDEO, {"resolution": m.VideoResolution(0, 480)}, ValueError, "resolution.width .*not 0"),
     (VIDEO, {"resolution": m.VideoResolution(640, -1)}, ValueError, "resolution.height .*not -1"),
     (
         VIDEO,
@@ -38,20 +30,10 @@ REFUSED = [
         ValueError,
         r"resolution .*2147483648 bytes",
     ),
-    (m.SessionAVSettings, {"audio_publisher": 48000}, TypeError, "audio_publisher .*SessionAudioSettings"),
-    (m.SessionAVSettings, {"video_publisher": m.VideoResolution(1, 1)}, TypeError, "video_publisher"),
-    (m.SessionSettings, {"enable_migration": 1}, TypeError, "enable_migration must be True or False, not 1"),
     (m.SessionSettings, {"av": m.SessionAudioSettings()}, TypeError, "av must be a SessionAVSettings"),
-    (m.SessionSettings, {"logging": "debug"}, TypeError, "logging must be a LoggingSettings"),
     (m.PublisherSettings, {"name": ""}, ValueError, "name must not be empty"),
-    (m.PublisherSettings, {"name": b"bot"}, TypeError, "name must be a str, not b'bot'"),
-    (m.PublisherSettings, {"name": "bot", "has_video": None}, TypeError, "has_video"),
     (m.PublisherSettings, {"name": "bot", "audio_settings": {}}, TypeError, "audio_settings"),
-    (m.PublisherAudioSettings, {"enable_opus_dtx": 0}, TypeError, "enable_opus_dtx"),
     (m.SubscriberSettings, {"subscribe_to_captions": "yes"}, TypeError, "subscribe_to_captions .*'yes'"),
-    (m.SubscriberSettings, {"video_settings": m.VideoResolution(2, 2)}, TypeError, "video_settings"),
-    (m.SubscriberVideoSettings, {"preferred_framerate": 15.0}, TypeError, "preferred_framerate .*15.0"),
-    (m.SubscriberVideoSettings, {"preferred_framerate": 0}, ValueError, "preferred_framerate"),
     (
         m.SubscriberVideoSettings,
         {"preferred_resolution": m.VideoResolution(-1, 2)},
@@ -61,11 +43,7 @@ REFUSED = [
 ]
 
 
-@pytest.mark.parametrize(
-    ("kind", "keywords", "error", "words"),
-    REFUSED,
-    ids=range(len(REFUSED)),
-)
+@pytest.mark.parametrize(("kind", "keywords", "error", "words"), REFUSED, ids=range(len(REFUSED)))
 def test_settings_refuse_and_name_the_field(kind, keywords, error, words):
     with pytest.raises(error, match=f"^{kind.__name__}\\.{words}"):
         kind(**keywords)

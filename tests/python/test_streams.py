@@ -6,42 +6,6 @@ import re
 
 import pytest
 
-PUBLISH_CALLS = """\
-srn_publisher_settings_new()
-srn_publisher_settings_set_name(settings=1, name="café")
-srn_publisher_settings_set_audio_track(settings=1, enabled=1)
-srn_publisher_settings_set_video_track(settings=1, enabled=0)
-srn_publisher_settings_set_stereo(settings=1, enabled=0)
-srn_publisher_settings_set_noise_suppression(settings=1, enabled=0)
-srn_publisher_settings_set_echo_cancellation(settings=1, enabled=0)
-srn_publisher_settings_set_disable_audio_processing(settings=1, disabled=1)
-srn_publisher_settings_set_opus_dtx(settings=1, enabled=1)
-srn_publisher_settings_set_video_capturer(settings=1, callbacks=[init destroy start get_capture_settings user_data])
-srn_publisher_new_with_settings(callbacks=[on_stream_created on_stream_destroyed on_error user_data], settings=1)
-srn_publisher_settings_delete(settings=1)
-srn_publisher_set_publish_captions(publisher=1, enabled=1)
-srn_session_publish(session=1, publisher=1)
-srn_publisher_get_publisher_id(publisher=1)""".splitlines()  # noqa: E501
-
-
-def calls_of(world, action) -> list[str]:
-    """What the library was called with meanwhile."""
-    world.settle()
-    before = len(world.lib.calls().splitlines())
-    assert action() is True
-    return world.lib.calls().splitlines()[before:]
-
-
-def test_publish_calls_the_library_in_order(world):
-    world.connect()
-    audio = world.models.PublisherAudioSettings(enable_stereo_mode=False, enable_opus_dtx=True)
-    settings = world.models.PublisherSettings(
-        "café", has_audio=True, has_video=False, enable_captions=True, audio_settings=audio
-    )
-    assert calls_of(world, lambda: world.client.publish(settings)) == PUBLISH_CALLS
-    world.settle()
-    assert world.lib.provided_count() == 0  # no video track, no pictures asked for
-
 
 def test_publisher_states(world):
     world.connect()
@@ -64,47 +28,32 @@ def test_publisher_states(world):
     assert world.client.is_publishing() is False and not world.rec.named("asked for")
 
 
-@pytest.mark.parametrize(
-    ("settings", "slots", "setters"),
-    [
-        (None, "on_render_frame on_error on_audio_data", "video(%s=1) audio(%s=1) captions(%s=0)"),
-        (
-            {"subscribe_to_captions": True, "subscribe_to_video": False, "resolution": (320, 240)},
-            "on_caption_text on_error on_audio_data",
-            "video(%s=0) audio(%s=1) captions(%s=1)",
-        ),
-        (
-            {"subscribe_to_audio": False, "resolution": (320, 240), "rate": 15},
-            "on_render_frame on_error",
-            "video(%s=1) resolution(width=320,height=240) framerate(framerate=15) audio(%s=0) captions(%s=0)",
-        ),
-    ],
-)
-def test_subscribe_calls_the_library_in_order(world, settings, slots, setters):
+def test_subscriber_asks_for_what_its_settings_and_callables_want(world):
     m = world.models
     world.connect()
-    stream = world.stream()
-    if settings:
-        resolution = m.VideoResolution(*settings.pop("resolution"))
-        video = m.SubscriberVideoSettings(
-            preferred_resolution=resolution, preferred_framerate=settings.pop("rate", None)
-        )
-        settings = m.SubscriberSettings(video_settings=video, **settings)
-    calls = calls_of(world, lambda: world.client.subscribe(stream, settings=settings))
-    calls = [re.sub(r"stream=\d+", "stream=N", call) for call in calls]
-    prefixes = {name: "subscribe_to_" for name in ("audio", "video", "captions")}
-    expected = []
-    for setter in setters.replace("%s", "enabled").replace(",", ", ").split(") "):
-        name, arguments = setter.removesuffix(")").split("(")
-        expected.append(
-            f"srn_subscriber_set_{prefixes.get(name, 'preferred_')}{name}(subscriber=1, {arguments})"
-        )
-    assert calls == [
-        f"srn_subscriber_new(stream=N, callbacks=[on_connected on_disconnected {slots} user_data])",
-        *expected,
-        "srn_session_subscribe(session=1, subscriber=1)",
-        "srn_subscriber_get_subscriber_id(subscriber=1)",
-    ]
+    video = m.SubscriberVideoSettings(
+        preferred_resolution=m.VideoResolution(320, 240), preferred_framerate=15
+    )
+    for settings, slots, flags, wishes in [
+        (None, "on_render_frame on_error on_audio_data", (1, 1, 0), 0),
+        (
+            {"subscribe_to_captions": True, "subscribe_to_video": False},
+            "on_caption_text on_error on_audio_data",
+            (0, 1, 1),
+            0,
+        ),
+        ({"subscribe_to_audio": False}, "on_render_frame on_error", (1, 0, 0), 2),
+    ]:
+        stream = world.stream()
+        before = len(world.lib.calls())
+        wanted = m.SubscriberSettings(video_settings=video, **settings) if settings else None
+        assert world.client.subscribe(stream, settings=wanted) is True
+        calls = world.lib.calls()[before:]
+        assert f"callbacks=[on_connected on_disconnected {slots} user_data]" in calls
+        for kind, flag in zip(("video", "audio", "captions"), flags):
+            assert re.search(rf"subscribe_to_{kind}\(subscriber=\d+, enabled={flag}\)", calls)
+        assert calls.count("_preferred_") == wishes
+        assert world.client.unsubscribe(stream) is True
 
 
 def test_subscriber_states(world):

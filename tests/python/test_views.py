@@ -46,14 +46,10 @@ def test_audio_view(world, channels):
 @pytest.mark.parametrize(
     "frame",
     [
-        {"width": 64, "height": 48},
         {"width": 5, "height": 3},
-        {"width": 1, "height": 1},
         {"width": 64, "height": 48, "stride": (80, 40, 32)},
-        {"width": 64, "height": 48, "apart": 1},
         {"width": 7, "height": 5, "apart": 1, "stride": (16, 16, 16)},
-        {"width": 64, "height": 48, "buffer_size": 99_999},  # more than there is: the planes tell
-        # Planes that claim more rows than the picture has.
+        # Planes that claim more rows than the picture has, and a size that claims more than there is.
         {"width": 64, "height": 48, "buffer_size": 99_999, "rows": (4800, 2400, 2400)},
     ],
     ids=str,
@@ -62,13 +58,10 @@ def test_frame_view_is_packed(world, frame):
     subscribed(world, on_render_frame_cb=world.rec("frame"))
     assert world.lib.send_frame("s", **frame, fill=9) == 1
     picture = world.rec.wait("frame").args[1]
-    view = picture.frame_buffer
-    expected = pattern(frame["width"], frame["height"], 9)
+    view, size = picture.frame_buffer, picture.resolution
     assert (view.format, view.itemsize, view.ndim, view.readonly) == ("B", 1, 1, True)
-    assert (picture.resolution.width, picture.resolution.height, picture.format) == (
-        frame["width"], frame["height"], "YUV420P",
-    )  # fmt: skip
-    assert bytes(view) == expected
+    assert (size.width, size.height, picture.format) == (frame["width"], frame["height"], "YUV420P")
+    assert bytes(view) == pattern(size.width, size.height, 9)
 
 
 def test_missing_rows_are_black_not_an_older_picture(world):
@@ -96,14 +89,10 @@ def test_missing_rows_are_black_not_an_older_picture(world):
     "frame",
     [
         {"width": 64, "height": 48, "format": 6},
-        {"width": 64, "height": 48, "format": 0},
         {"width": 64, "height": 48, "apart": 1, "missing": 2},
-        {"width": 64, "height": 48, "buffer_size": 1},
         {"width": 64, "height": 48, "apart": 1, "buffer_size": -1},
         {"width": 64, "height": 48, "stride": (63, 32, 32), "buffer_size": 5000},
-        {"width": 0, "height": 48},
         {"width": 64, "height": -48},
-        {"width": 65536, "height": 65536, "apart": 1},
         {"width": 2**31 - 1, "height": 2**31 - 1},
     ],
     ids=str,
@@ -120,8 +109,7 @@ def test_pictures_that_cannot_be_shown_are_dropped(world, frame):
 
 
 def test_kept_views_stay_as_they_were(world):
-    """Also after their callable, their subscriber, their session; slices, casts and arrays made of
-    them too."""
+    """Also after their callable, their subscriber, their session; slices, casts and arrays of them, too."""
     import numpy
 
     subscribed(world, on_audio_data_cb=world.rec("audio"), on_render_frame_cb=world.rec("frame"))
