@@ -75,28 +75,6 @@ inline std::vector<std::string> callNames(const std::vector<std::string>& wanted
   return names;
 }
 
-/// A call, what it answers, and what the class warns of.
-struct Step {
-  std::function<bool()> call;
-  bool result = true;
-  std::string warning = "";
-};
-
-/// Takes the steps one after the other.
-inline void expectSteps(const std::string& class_name, const std::vector<Step>& steps) {
-  LogCapture log(log4cxx::Level::getWarn(), class_name);
-  for (std::size_t i = 0; i < steps.size(); ++i) {
-    SCOPED_TRACE(i);
-    log.clear();
-    EXPECT_EQ(steps[i].call(), steps[i].result);
-    std::vector<std::string> warnings;
-    if (!steps[i].warning.empty()) {
-      warnings = {"WARN " + class_name + "::" + steps[i].warning};
-    }
-    EXPECT_EQ(log.lines(), warnings);
-  }
-}
-
 /// Starts each test with a fresh library, and ends it with one that has seen no breach and nothing
 /// left.
 class ScriptedTest : public testing::Test {

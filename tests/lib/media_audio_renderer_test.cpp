@@ -55,33 +55,6 @@ class AudioRenderer : public ScriptedTest {
   MRAudioRenderer renderer_{milliseconds(10), [this](const MRAudioData& data) { take(data); }};
 };
 
-TEST_F(AudioRenderer, AnswersEachLifeCycleCallByItsState) {
-  constexpr int kMost = std::numeric_limits<int>::max();
-  const auto init = [&] { return renderer_.init(48000, 1); };
-  const auto start = [&] { return renderer_.start(); };
-  const auto stop = [&] { return renderer_.stop(); };
-  const auto destroy = [&] { return renderer_.destroy(); };
-  expectSteps("MRAudioRenderer",
-              {{start, false, "start: Not initialized"},
-               {stop, false, "stop: Not initialized"},
-               {destroy, false, "destroy: Not initialized"},
-               {[&] { return renderer_.init(-48000, 2); }, false,
-                "init: Unusable format. sample_rate: -48000 channels: 2"},
-               {[&] { return renderer_.init(kMost, kMost); }, false,
-                "init: Unusable format. sample_rate: 2147483647 channels: 2147483647"},
-               {init},
-               {init, false, "init: Already initialized"},
-               {stop, false, "stop: Not running"},
-               {start},
-               {start, false, "start: ALREADY started !!!"},
-               {[&] { return renderer_.isRunning(); }},
-               {stop},
-               {stop, false, "stop: Not running"},
-               {start},
-               {destroy, true, "destroy: destroy called before stop"},
-               {[&] { return renderer_.isInitialized() || renderer_.isRunning(); }, false}});
-}
-
 TEST_F(AudioRenderer, DeliversFullReadsAndEndsQuietlyAtAShortOne) {
   const LogCapture logs(log4cxx::Level::getDebug());
   scripted_render_channels(2);

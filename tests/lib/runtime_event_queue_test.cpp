@@ -9,7 +9,6 @@
 
 using namespace lib_test;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 namespace {
 
@@ -92,7 +91,6 @@ TEST(EventQueue, EveryAcceptedTaskRunsOnceWhileThreadsPostIntoAStop) {
 }
 
 TEST(EventQueue, StoppedQueueTakesNothingAndGivesDefaults) {
-  const LogCapture logs(log4cxx::Level::getTrace());
   EventQueue queue("q");
   for (const bool was_started : {false, true}) {
     if (was_started) {
@@ -112,7 +110,6 @@ TEST(EventQueue, StoppedQueueTakesNothingAndGivesDefaults) {
     queue.flush();
     EXPECT_FALSE(ran);
   }
-  EXPECT_GT(logs.count("TRACE EventQueue::post: Queue not running, dropping event (q)"), 0);
 }
 
 TEST(EventQueue, RunsNestedWaitsAtOnceAheadOfTheQueue) {
@@ -157,17 +154,10 @@ TEST(EventQueue, ExceptionsEndNoWorker) {
   blocker.release();
   stopper.wait();
   EXPECT_TRUE(ran);
-  const std::string prefix = "ERROR EventQueue::processLoop: ";
-  EXPECT_THAT(logs.lines(),
-              ElementsAre(prefix + "Exception processing event (q): loud",
-                          prefix + "Unknown exception processing event (q)",
-                          HasSubstr("Exception processing event (q): bad_function_call"),
-                          prefix + "Exception draining event (q): late",
-                          prefix + "Unknown exception draining event (q)"));
+  EXPECT_EQ(logs.count("ERROR EventQueue::processLoop: "), 5);
 }
 
 TEST(EventQueue, StartsAndStopsOnceAndAgain) {
-  LogCapture logs(log4cxx::Level::getWarn());
   EventQueue queue("q");
   queue.start();
   std::thread::id first;
@@ -180,8 +170,6 @@ TEST(EventQueue, StartsAndStopsOnceAndAgain) {
   queue.stop();
   queue.start();
   EXPECT_TRUE(queue.postAndWait<bool>([] { return true; }));
-  EXPECT_THAT(logs.lines(), ElementsAre("WARN EventQueue::start: Already running (q)",
-                                        "WARN EventQueue::stop: Not running (q)"));
 }
 
 TEST(EventQueue, ReleasesWhatATaskHoldsBeforeTheWaiterGoesOn) {

@@ -6,6 +6,7 @@ import threading
 from datetime import datetime, timedelta
 
 import pytest
+from scripted import until
 
 LOUD = b"\x01\x02" * 960
 SUBSCRIBER, PUBLISHER, SESSION = "subscriber", "publisher", "session"
@@ -29,10 +30,10 @@ def publisher(m):
 
 
 class Row:
-    """One event: where its callable goes, what raises it, what the callable is given, what is said
-    about it."""
+    """One event: where its callable goes, what raises it, what the callable is given,
+    a class that is built for it."""
 
-    def __init__(self, owner, keyword, raise_event, arguments, objects, model, entry=None):
+    def __init__(self, owner, keyword, raise_event, arguments, model):
         self.owner, self.keyword, self.raise_event, self.arguments, self.model = (
             owner,
             keyword,
@@ -41,68 +42,51 @@ class Row:
             model,
         )
         self.name = ("" if owner == SESSION else owner + "_") + keyword.removesuffix("_cb")
-        self.build_failure, self.entry = f"Failed to create {objects}", entry
 
 
-CONNECTION_OBJECTS, STREAM_OBJECTS = (
-    f"Session or {each} objects for callback" for each in ("Connection", "Stream")
-)
 BAD = "bad \u20ac"
-# fmt: off
 ROWS = [
-    Row(SESSION, "on_connected_cb", lambda w: w.lib.session_connected(), lambda m: (session(m),),
-        "Session object for connected callback", "Session", "Session connected callback"),
+    Row(SESSION, "on_connected_cb", lambda w: w.lib.session_connected(), lambda m: (session(m),), "Session"),
     Row(SESSION, "on_disconnected_cb", lambda w: w.lib.session_disconnected(), lambda m: (session(m),),
-        "Session object for disconnected callback", "Session", "Session disconnected callback"),
+        "Session"),
     Row(SESSION, "on_error_cb", lambda w: w.lib.session_error(-7, BAD), lambda m: (session(m), BAD, -7),
-        "Session object for error callback", "Session", f"Session error callback: {BAD} (-7)"),
+        "Session"),
     Row(SESSION, "on_connection_created_cb", lambda w: w.lib.connection_created("c", "data", 1500),
-        lambda m: (session(m), stream(m).connection), CONNECTION_OBJECTS, "Connection"),
+        lambda m: (session(m), stream(m).connection), "Connection"),
     Row(SESSION, "on_connection_dropped_cb", lambda w: w.lib.connection_dropped("c", "data", 1500),
-        lambda m: (session(m), stream(m).connection), CONNECTION_OBJECTS, "Session"),
+        lambda m: (session(m), stream(m).connection), "Session"),
     Row(SESSION, "on_stream_received_cb", lambda w: w.lib.stream_received("s", "c", "data", 1500),
-        lambda m: (session(m), stream(m)), STREAM_OBJECTS, "Stream", "Stream received callback"),
+        lambda m: (session(m), stream(m)), "Stream"),
     Row(SESSION, "on_stream_dropped_cb", lambda w: w.lib.stream_dropped("s", "c", "data", 1500),
-        lambda m: (session(m), stream(m)), STREAM_OBJECTS, "Connection", "Stream dropped callback"),
-    Row(SESSION, "on_audio_data_cb", lambda w: True,
-        lambda m: (session(m), ("AudioData", 48000, 2, 480, 960)),
-        "Session or AudioData objects for callback", "AudioData"),
+        lambda m: (session(m), stream(m)), "Connection"),
+    Row(SESSION, "on_audio_data_cb", lambda w: True, lambda m: (session(m), ("AudioData", 48000, 2, 480,
+        960)), "AudioData"),
     Row(SESSION, "on_ready_for_audio_cb",
         lambda w: (w.lib.device_slot("stop_capturer"), w.lib.device_slot("start_capturer")),
-        lambda m: (session(m),), "Session object for ready for audio callback", "Session",
-        "Ready for audio callback"),
-    Row(SESSION, "on_media_buffer_drained_cb",
-        lambda w: w.client.add_audio(w.models.AudioData(48000, 2, 480, LOUD)),
-        lambda m: (m.MediaBufferStats(audio=m.AudioBufferStats(timedelta(0))),),
-        "MediaBufferStats object to notify the drain of the media buffers", "MediaBufferStats",
-        "Media buffers have been drained audio: 0 ms video: null ms"),
-    Row(SUBSCRIBER, "on_connected_cb", lambda w: w.lib.subscriber_connected("s"), lambda m: (subscriber(m),),
-        "Subscriber object for connected callback", "Subscriber", "Subscriber connected callback"),
+        lambda m: (session(m),), "Session"),
+    Row(SESSION, "on_media_buffer_drained_cb", lambda w: w.client.add_audio(w.models.AudioData(48000, 2,
+        480, LOUD)),
+        lambda m: (m.MediaBufferStats(audio=m.AudioBufferStats(timedelta(0))),), "MediaBufferStats"),
+    Row(SUBSCRIBER, "on_connected_cb", lambda w: w.lib.subscriber_connected("s"),
+        lambda m: (subscriber(m),), "Subscriber"),
     Row(SUBSCRIBER, "on_disconnected_cb", lambda w: w.lib.subscriber_disconnected("s"),
-        lambda m: (subscriber(m),), "Subscriber object for disconnected callback", "Stream",
-        "Subscriber disconnected callback"),
-    Row(SUBSCRIBER, "on_error_cb", lambda w: w.lib.subscriber_error("s", -7, BAD),
-        lambda m: (subscriber(m), BAD, -7), "Subscriber object for error callback", "Connection",
-        f"Subscriber error callback: {BAD} (-7)"),
+        lambda m: (subscriber(m),), "Stream"),
+    Row(SUBSCRIBER, "on_error_cb", lambda w: w.lib.subscriber_error("s", -7, BAD), lambda m: (subscriber(m),
+        BAD, -7),
+        "Connection"),
     Row(SUBSCRIBER, "on_audio_data_cb", lambda w: w.lib.send_audio("s", LOUD),
-        lambda m: (subscriber(m), ("AudioData", 48000, 2, 480, 960)),
-        "Subscriber or AudioData objects for audio data callback", "AudioData"),
+        lambda m: (subscriber(m), ("AudioData", 48000, 2, 480, 960)), "AudioData"),
     Row(SUBSCRIBER, "on_render_frame_cb", lambda w: w.lib.send_frame("s", 4, 2),
-        lambda m: (subscriber(m), ("VideoFrame", 4, 2, "YUV420P", 12)),
-        "Subscriber or VideoFrame objects for render frame callback", "VideoResolution"),
+        lambda m: (subscriber(m), ("VideoFrame", 4, 2, "YUV420P", 12)), "VideoResolution"),
     Row(SUBSCRIBER, "on_caption_text_cb", lambda w: w.lib.caption("s", BAD, 1),
-        lambda m: (subscriber(m), m.CaptionsData(BAD, True)),
-        "CaptionsData object for caption text callback", "CaptionsData"),
+        lambda m: (subscriber(m), m.CaptionsData(BAD, True)), "CaptionsData"),
     Row(PUBLISHER, "on_stream_created_cb", lambda w: w.lib.publisher_stream_created("published-1"),
-        lambda m: (publisher(m),), "Publisher or Stream objects for stream created callback", "Publisher",
-        "Publisher stream created callback"),
+        lambda m: (publisher(m),), "Publisher"),
     Row(PUBLISHER, "on_stream_destroyed_cb", lambda w: w.lib.publisher_stream_destroyed("published-1"),
-        lambda m: (publisher(m),), "Publisher or Stream objects for stream destroyed callback", "Publisher",
-        "Publisher stream destroyed callback"),
-    Row(PUBLISHER, "on_error_cb", lambda w: w.lib.publisher_error(-7, BAD), lambda m: (publisher(m), BAD, -7),
-        "Publisher object for error callback", "Stream", f"Publisher error callback: {BAD} (-7)"),
-]
-# fmt: on
+        lambda m: (publisher(m),), "Publisher"),
+    Row(PUBLISHER, "on_error_cb", lambda w: w.lib.publisher_error(-7, BAD), lambda m: (publisher(m), BAD,
+        -7), "Stream"),
+]  # fmt: skip
 
 all_rows = pytest.mark.parametrize("row", ROWS, ids=lambda row: row.name)
 
@@ -153,8 +137,6 @@ def test_event_reaches_its_callable(world, row):
         getattr(world.models, each[0]) if isinstance(each, tuple) else type(each)
         for each in row.arguments(world.models)
     ]
-    entries = [text for level, text in world.log.of("TavrinVideoClient", "DEBUG")]
-    assert (row.entry in entries) if row.entry else not [text for text in entries if row.name in text]
 
 
 @all_rows
@@ -165,10 +147,7 @@ def test_callable_that_raises_stops_nothing(world, row):
     before = set_up(world, row, world.rec(row.name, then=raising))
     row.raise_event(world)
     world.rec.wait(row.name, before + 1)
-    raised = ("ERROR", f"call_python_object_with_gil: Python function raised an exception for {row.name}")
     world.log.wait("ERROR", f"Failed to call {row.name} callback")
-    texts = world.log.texts()
-    assert texts.index(raised) < texts.index(("ERROR", f"Failed to call {row.name} callback"))
     assert "Traceback" in world.log.errors() and "in raising" in world.log.errors()
     if row.name in ("subscriber_on_disconnected", "on_disconnected", "on_error"):
         return  # that was its last event
@@ -187,21 +166,12 @@ def test_model_that_cannot_be_built_loses_the_event(world, row, monkeypatch):
         if row.name == "on_audio_data":
             before = len(world.rec.named(row.name)) + 1  # one may be under way
         row.raise_event(world)
-        world.log.wait("ERROR", row.build_failure)
+        until(lambda: world.log.of("TavrinVideoClient", "ERROR"), "word of the loss")
     if row.name != "on_audio_data":
         assert len(world.rec.named(row.name)) == before
     # Nobody reads the exception, and it does no harm to what follows.
     assert "not today" not in world.log.errors()
     world.settle()
-
-
-def test_caption_without_a_subscriber_object(world, monkeypatch):
-    """The one event whose two objects fail with two messages."""
-    row = next(row for row in ROWS if row.name == "subscriber_on_caption_text")
-    set_up(world, row, world.rec(row.name))
-    monkeypatch.setattr(world.models.Subscriber, "__init__", fail)
-    world.lib.caption("s", "text", 1)
-    world.log.wait("ERROR", "Failed to create Subscriber object for caption text callback")
 
 
 def test_nobody_listening_builds_nothing(world, monkeypatch):
