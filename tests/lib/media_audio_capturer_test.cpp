@@ -1,6 +1,5 @@
 #include <atomic>
 #include <cstdint>
-#include <limits>
 #include <stdexcept>
 #include <thread>
 

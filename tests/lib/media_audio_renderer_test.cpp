@@ -1,7 +1,6 @@
 #include <atomic>
 #include <cstdint>
 #include <future>
-#include <limits>
 #include <mutex>
 #include <set>
 #include <stdexcept>

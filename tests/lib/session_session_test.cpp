@@ -30,25 +30,16 @@ class SessionTest : public ScriptedTest {
 };
 
 TEST_F(SessionTest, WaitsForTheConfirmationOfItsOwnLeaving) {
-  const std::string kPromise = "set disconnect promise to true";
-  const std::string kDisconnected =
-      "INFO MRSession::onSessionDisconnected: Session has been destroyed successfully. " + kPromise;
-  const std::string kFailed =
-      "INFO MRSession::onSessionError: Session has been disconnected with error. " + kPromise;
   struct Row {
     const char* answer;
     int32_t status;
     int timeout;
-    std::string first_line;
   };
-  const Row twice{"twice", 0, 5, kDisconnected};
-  for (const Row& row : {Row{"normal", 0, 5, kDisconnected}, Row{"error", 0, 5, kFailed},
+  const Row twice{"twice", 0, 5};
+  for (const Row& row : {Row{"normal", 0, 5}, Row{"error", 0, 5},
                          // The second word of a library that repeats itself must do no harm.
-                         twice, twice, Row{"error_then_normal", 0, 5, kFailed},
-                         Row{"none", 0, 0, kTimedOut}, Row{"none", 1010, 0, kTimedOut},
-                         Row{"none", 1015, 0,
-                             "ERROR MRSession::disconnect: Failed to disconnect from the session. "
-                             "status:1015"}}) {
+                         twice, twice, Row{"error_then_normal", 0, 5}, Row{"none", 0, 0},
+                         Row{"none", 1010, 0}, Row{"none", 1015, 0}}) {
     SCOPED_TRACE(row.answer + std::to_string(row.status));
     auto session = joinAnew();
     scripted_answer("disconnected", row.answer);
@@ -57,12 +48,10 @@ TEST_F(SessionTest, WaitsForTheConfirmationOfItsOwnLeaving) {
     const LogCapture log;
     session.reset();
     ASSERT_EQ(scripted_wait_idle(20000), 1);
-    std::vector<std::string> lines = log.lines();
-    std::erase(lines, "ERROR MRSession::onSessionError: code:2000, description:scripted error");
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines.front(), row.first_line);
     EXPECT_EQ(log.count(kTimedOut), row.timeout == 0 ? 1 : 0);
-    EXPECT_THAT(lines, Each(Not(HasSubstr("xception in callback"))));
+    // 1010 says that it had left already, which is no failure.
+    EXPECT_EQ(log.count("ERROR MRSession::disconnect: "), row.status == 1015 ? 1 : 0);
+    EXPECT_THAT(log.lines(), Each(Not(HasSubstr("xception in callback"))));
     // A leaving that was asked for is nothing to tell.
     EXPECT_THAT(observer.heard.lines(), ElementsAre("connected the-session"));
   }
@@ -121,7 +110,6 @@ TEST_F(StreamTest, OutlivesWhatItWasCopiedFrom) {
 
 TEST_F(StreamTest, IsEmptyForNothingAndForACopyThatFails) {
   srn_stream* const borrowed = scripted_stream_new("stream", "peer", "", "", 5);
-  const LogCapture log;
   const MRStream none(nullptr);
   scripted_fail("srn_stream_copy", 0, 1);
   const MRStream uncopied(borrowed);
@@ -131,9 +119,7 @@ TEST_F(StreamTest, IsEmptyForNothingAndForACopyThatFails) {
     EXPECT_FALSE(copy.getStreamInfo().isValid());
     EXPECT_EQ(copy.getStream(), nullptr);
   }
-  EXPECT_EQ(log.count("ERROR MRStream: Recieved nullptr pointer to a stream"), 3);
   EXPECT_FALSE(MRConnection(nullptr).getConnectionInfo().isValid());
-  EXPECT_EQ(log.count("ERROR MRConnection: Received nullptr pointer to a connection"), 1);
 }
 
 }  // namespace
