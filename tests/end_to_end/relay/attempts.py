@@ -22,4 +22,4 @@ for room, host, token, authority, *_ in json.loads(os.environ["ATTEMPTS"]):
     )  # fmt: skip
     code, text = outcome.get(timeout=30) if started else (-1, "connect refused")
     client.disconnect()
-    print(json.dumps({"event": "attempt", "code": code, "text": text}), flush=True)
+    print(json.dumps({"event": "attempt", "code": code, "text": text}) + "\n", end="", flush=True)

@@ -39,7 +39,7 @@ return Array.from({{length: canvas.width}}, (_, x) => row[4 * x + 1]);
 
 
 def tell(event: str, **details: object) -> None:
-    print(json.dumps({"event": event, **details}), flush=True)
+    print(json.dumps({"event": event, **details}) + "\n", end="", flush=True)
 
 
 class Visitor:

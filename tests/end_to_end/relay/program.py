@@ -23,8 +23,9 @@ _telling = threading.Lock()
 
 
 def tell(event: str, **details: object) -> None:
+    # In one piece, even where Python does not buffer: log lines go to the same pipe.
     with _telling:
-        print(json.dumps({"event": event, **details}), flush=True)
+        print(json.dumps({"event": event, **details}) + "\n", end="", flush=True)
 
 
 class Received:

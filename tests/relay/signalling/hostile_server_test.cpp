@@ -276,8 +276,8 @@ std::uint64_t number_from(const char* name, std::uint64_t otherwise) {
 
 // One session with a server of that seed; tells what was wrong.
 std::string storm(std::uint64_t seed) {
+  Mutator mutator(seed);  // used by the session's server to its end
   JoinedSession session;
-  Mutator mutator(seed);
   session.server_.rule("join", [](const json& request) {
     const json anna{{"id", "a"}, {"display", "Anna"}};
     if (text_of(member(request, "body"), "ptype") == "subscriber") {

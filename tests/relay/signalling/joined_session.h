@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -47,11 +48,8 @@ class Story : public SessionSink, public RoomObserver {
 class JoinedSession {
  public:
   JoinedSession() {
-    set_services({[](const char* name, std::function<void()> body) {
-                    const bool is_session = std::string_view(name) == "srn-relay";
-                    (is_session ? session_threads : other_threads).emplace_back(std::move(body));
-                  },
-                  nullptr, nullptr});
+    static std::once_flag lent;  // sessions are made on several threads at once
+    std::call_once(lent, set_services, RelayServices{start_thread, nullptr, nullptr});
     // Out of the way of a busy machine; who tests a limit shortens it.
     limits_.connect_limit = kDeadline;
     limits_.answer_limit = kDeadline;
@@ -96,6 +94,10 @@ class JoinedSession {
   static inline thread_local std::vector<std::thread> session_threads;
   static inline thread_local std::vector<std::thread> other_threads;
 
+  static void start_thread(const char* name, std::function<void()> body) {
+    const bool is_session = std::string_view(name) == "srn-relay";
+    (is_session ? session_threads : other_threads).emplace_back(std::move(body));
+  }
   static void join_all(std::vector<std::thread>& all) {
     for (std::thread& thread : all) thread.join();
     all.clear();
