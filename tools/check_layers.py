@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Checks that includes and imports go one way: a subsystem sees itself and those below it, and the module's
-core and the open library see nothing of each other but the contract's header. The rooms of the Python package
-import downwards, and the modules of each room do not import each other in a circle.
+core and the open library see nothing of each other but the contract's header. Each room of the open library
+includes those alone that are written down here. The rooms of the Python package import downwards, and the modules of each room do not import each other in a circle.
 
 Run from anywhere; prints each include or import that runs the wrong way, and exits 1 if there is one.
 """
@@ -18,6 +18,22 @@ ROOT = Path(__file__).resolve().parent.parent
 
 #: Lowest first. The module's binding lies above them all.
 CORE_LAYERS = ("support", "runtime", "media", "session", "controller")
+
+#: Rooms of the open library, and which of those before it each may see.
+LIBRARY_ROOMS: dict[str, set[str]] = {
+    "base": set(),
+    "audio": {"base"},
+    "pictures": {"base"},
+    "plugins": {"base"},
+    "files": {"base", "plugins"},
+    "embedded": {"base", "plugins"},
+    "session": {"base", "audio", "pictures"},
+    "relay/signalling": {"base"},
+    "relay/peer": {"base", "plugins", "relay/signalling"},
+    "relay/room": {"base", "relay/signalling", "relay/peer"},
+    "relay": {"plugins", "relay/peer", "relay/room"},
+    "api": {"base", "audio", "pictures", "plugins", "embedded", "session"},
+}
 
 PACKAGE = ROOT / "python/tavrin_media_relay"
 #: Rooms of the Python package, lowest first. Those of one height see nothing of each other.
@@ -60,6 +76,11 @@ def rank(path: Path) -> int | None:
     return None
 
 
+def library_room(path: Path) -> str:
+    """The room of a file of sarnet: its folder."""
+    return path.parent.relative_to("sarnet").as_posix()
+
+
 def wrong_includes() -> list[str]:
     roots = [ROOT / "src/lib", ROOT / "src/python", ROOT / "sarnet", ROOT / "include", ROOT]
     found = []
@@ -82,6 +103,10 @@ def wrong_includes() -> list[str]:
                     found.append(f"{where}:{line}: {target}: one of the two is in no known layer")
                 elif below > above:
                     found.append(f"{where}:{line}: {target} lies in a layer above")
+            elif where.parts[0] == "sarnet" and target.parts[0] == "sarnet":
+                here, there = library_room(where), library_room(target)
+                if here != there and there not in LIBRARY_ROOMS.get(here, set()):
+                    found.append(f"{where}:{line}: {target}: {here} is not to see {there}")
     return found
 
 
@@ -143,6 +168,10 @@ def wrong_imports() -> list[str]:
 
 
 def main() -> int:
+    seen: set[str] = set()
+    for room, below in LIBRARY_ROOMS.items():
+        assert below <= seen, f"{room} sees rooms that are not before it"
+        seen.add(room)
     found = wrong_includes() + wrong_imports()
     for line in found:
         print(line)

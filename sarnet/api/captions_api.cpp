@@ -3,8 +3,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "api/guard.h"
-#include "session/library.h"
+#include "api/border.h"
+#include "api/library.h"
 
 using sarnet::guarded_status;
 using sarnet::kInvalid;

@@ -1,5 +1,5 @@
-#include "api/guard.h"
-#include "session/library.h"
+#include "api/border.h"
+#include "api/library.h"
 
 using sarnet::guarded_status;
 using sarnet::kInvalid;
@@ -35,7 +35,7 @@ srn_status srn_set_audio_device(const struct srn_audio_device_callbacks* callbac
 
 size_t srn_audio_device_read_render_data(int16_t* buffer, size_t count) {
   if (buffer == nullptr || count == 0) return 0;
-  return sarnet::guarded<size_t>("srn_audio_device_read_render_data", 0, [&] {
+  return sarnet::guarded_result<size_t>("srn_audio_device_read_render_data", 0, [&] {
     return Library::instance().audio_device.render().read(buffer, count);
   });
 }

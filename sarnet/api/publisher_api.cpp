@@ -1,7 +1,7 @@
-#include "api/guard.h"
-#include "session/library.h"
+#include "api/border.h"
+#include "api/library.h"
 
-using sarnet::guarded;
+using sarnet::guarded_result;
 using sarnet::guarded_status;
 using sarnet::kInvalid;
 using sarnet::Library;
@@ -23,7 +23,7 @@ srn_status set_flag(const char* function, srn_publisher_settings* settings,
 extern "C" {
 
 srn_publisher_settings* srn_publisher_settings_new(void) {
-  return guarded<srn_publisher_settings*>("srn_publisher_settings_new", nullptr, [] {
+  return guarded_result<srn_publisher_settings*>("srn_publisher_settings_new", nullptr, [] {
     return Library::instance().publisher_settings.add(
         std::make_shared<sarnet::PublisherSettings>());
   });
@@ -89,12 +89,13 @@ srn_status srn_publisher_settings_set_video_capturer(
 
 srn_publisher* srn_publisher_new_with_settings(const struct srn_publisher_callbacks* callbacks,
                                                const srn_publisher_settings* settings) {
-  return guarded<srn_publisher*>(
+  return guarded_result<srn_publisher*>(
       "srn_publisher_new_with_settings", nullptr, [&]() -> srn_publisher* {
         auto& library = Library::instance();
         const auto wanted = library.publisher_settings.find(settings);
         if (!wanted || callbacks == nullptr) return nullptr;
-        const auto publisher = std::make_shared<sarnet::Publisher>(*callbacks, *wanted);
+        const auto publisher =
+            std::make_shared<sarnet::Publisher>(library.context, *callbacks, *wanted);
         srn_publisher* const handle = library.publishers.add(publisher);
         publisher->set_handle(handle);
         return handle;

@@ -5,11 +5,11 @@
 #include <optional>
 #include <string>
 
-#include "api/guard.h"
+#include "api/border.h"
 #include "embedded/player.h"
 #include "embedded/scenario.h"
 
-using sarnet::guarded;
+using sarnet::guarded_result;
 
 namespace {
 
@@ -32,7 +32,7 @@ extern "C" {
 
 size_t srn_scenario_check(const char* path, char* error, size_t capacity) {
   static constexpr size_t kFailed = 1;  // of no use to look for a text: there was no memory for it
-  return guarded<size_t>("srn_scenario_check", kFailed, [&] {
+  return guarded_result<size_t>("srn_scenario_check", kFailed, [&] {
     if (error != nullptr && capacity > 0) *error = '\0';
     const std::string fault = fault_of(path);
     if (error != nullptr && capacity > 0) {

@@ -1,10 +1,10 @@
+#include "api/border.h"
 #include "api/device_info.h"
 #include "api/engine_selection.h"
-#include "api/guard.h"
-#include "session/library.h"
+#include "api/library.h"
 
 using sarnet::empty;
-using sarnet::guarded;
+using sarnet::guarded_result;
 using sarnet::guarded_status;
 using sarnet::kInvalid;
 using sarnet::Library;
@@ -12,7 +12,7 @@ using sarnet::Library;
 extern "C" {
 
 srn_session_settings* srn_session_settings_new(void) {
-  return guarded<srn_session_settings*>("srn_session_settings_new", nullptr, [] {
+  return guarded_result<srn_session_settings*>("srn_session_settings_new", nullptr, [] {
     return Library::instance().session_settings.add(std::make_shared<sarnet::SessionSettings>());
   });
 }
@@ -30,22 +30,24 @@ srn_status srn_session_settings_set_session_migration(srn_session_settings* sett
 srn_session* srn_session_new_with_settings(const char* api_key, const char* session_id,
                                            const struct srn_session_callbacks* callbacks,
                                            srn_session_settings* settings) {
-  return guarded<srn_session*>("srn_session_new_with_settings", nullptr, [&]() -> srn_session* {
-    auto& library = Library::instance();
-    // Taken over first: they are the session's even if there will be none.
-    const auto taken = library.session_settings.remove(settings);
-    if (settings != nullptr && !taken) return nullptr;
-    if (empty(api_key) || empty(session_id) || callbacks == nullptr) return nullptr;
-    if (!library.initialised()) {
-      SARNET_LOG(kError, "srn_session_new_with_settings: the library is not initialised");
-      return nullptr;
-    }
-    const auto session = std::make_shared<sarnet::Session>(
-        api_key, session_id, *callbacks, taken ? *taken : sarnet::SessionSettings{});
-    srn_session* const handle = library.sessions.add(session);
-    session->set_handle(handle);
-    return handle;
-  });
+  return guarded_result<srn_session*>(
+      "srn_session_new_with_settings", nullptr, [&]() -> srn_session* {
+        auto& library = Library::instance();
+        // Taken over first: they are the session's even if there will be none.
+        const auto taken = library.session_settings.remove(settings);
+        if (settings != nullptr && !taken) return nullptr;
+        if (empty(api_key) || empty(session_id) || callbacks == nullptr) return nullptr;
+        if (!library.initialised()) {
+          SARNET_LOG(kError, "srn_session_new_with_settings: the library is not initialised");
+          return nullptr;
+        }
+        const auto session =
+            std::make_shared<sarnet::Session>(library.context, api_key, session_id, *callbacks,
+                                              taken ? *taken : sarnet::SessionSettings{});
+        srn_session* const handle = library.sessions.add(session);
+        session->set_handle(handle);
+        return handle;
+      });
 }
 
 srn_status srn_session_connect_to_host(srn_session* session, const char* host, const char* path,
@@ -79,11 +81,12 @@ srn_status srn_session_delete(srn_session* session) {
 }
 
 srn_connection* srn_session_get_connection(srn_session* session) {
-  return guarded<srn_connection*>("srn_session_get_connection", nullptr, [&]() -> srn_connection* {
-    const auto object = Library::instance().sessions.find(session);
-    auto connection = object ? object->own_connection() : nullptr;
-    return connection ? Library::instance().connections.add(std::move(connection)) : nullptr;
-  });
+  return guarded_result<srn_connection*>(
+      "srn_session_get_connection", nullptr, [&]() -> srn_connection* {
+        const auto object = Library::instance().sessions.find(session);
+        auto connection = object ? object->own_connection() : nullptr;
+        return connection ? Library::instance().connections.add(std::move(connection)) : nullptr;
+      });
 }
 
 srn_status srn_session_publish(srn_session* session, srn_publisher* publisher) {

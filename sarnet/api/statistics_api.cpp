@@ -5,8 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "api/guard.h"
-#include "session/library.h"
+#include "api/border.h"
+#include "api/library.h"
 
 using sarnet::guarded_status;
 using sarnet::kInvalid;
@@ -147,7 +147,7 @@ srn_status srn_statistics_get_subscriber(const srn_subscriber* subscriber,
 }
 
 size_t srn_statistics_json(char* buffer, size_t capacity) {
-  return sarnet::guarded<size_t>("srn_statistics_json", 0, [&] {
+  return sarnet::guarded_result<size_t>("srn_statistics_json", 0, [&] {
     const std::string text = to_json();
     if (buffer != nullptr && capacity > 0) {
       const std::size_t length = std::min(text.size(), capacity - 1);

@@ -1,7 +1,7 @@
-#include "api/guard.h"
-#include "session/library.h"
+#include "api/border.h"
+#include "api/library.h"
 
-using sarnet::guarded;
+using sarnet::guarded_result;
 using sarnet::kInvalid;
 using sarnet::Library;
 
@@ -18,10 +18,12 @@ const char* text_of(const srn_connection* connection, std::string sarnet::Connec
 extern "C" {
 
 srn_stream* srn_stream_copy(const srn_stream* stream) {
-  return guarded<srn_stream*>("srn_stream_copy", nullptr, [&]() -> srn_stream* {
+  return guarded_result<srn_stream*>("srn_stream_copy", nullptr, [&]() -> srn_stream* {
     auto& streams = Library::instance().streams;
     const auto original = streams.find(stream);
-    return original ? streams.add(std::make_shared<sarnet::Stream>(original->info())) : nullptr;
+    return original ? streams.add(std::make_shared<sarnet::Stream>(Library::instance().context,
+                                                                   original->info()))
+                    : nullptr;
   });
 }
 

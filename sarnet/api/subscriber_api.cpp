@@ -1,9 +1,9 @@
 #include <cmath>
 
-#include "api/guard.h"
-#include "session/library.h"
+#include "api/border.h"
+#include "api/library.h"
 
-using sarnet::guarded;
+using sarnet::guarded_result;
 using sarnet::guarded_status;
 using sarnet::kInvalid;
 using sarnet::Library;
@@ -25,11 +25,12 @@ extern "C" {
 
 srn_subscriber* srn_subscriber_new(const srn_stream* stream,
                                    const struct srn_subscriber_callbacks* callbacks) {
-  return guarded<srn_subscriber*>("srn_subscriber_new", nullptr, [&]() -> srn_subscriber* {
+  return guarded_result<srn_subscriber*>("srn_subscriber_new", nullptr, [&]() -> srn_subscriber* {
     auto& library = Library::instance();
     const auto source = library.streams.find(stream);
     if (!source || callbacks == nullptr) return nullptr;
-    const auto subscriber = std::make_shared<sarnet::Subscriber>(source->info(), *callbacks);
+    const auto subscriber = std::make_shared<sarnet::Subscriber>(Library::instance().context,
+                                                                 source->info(), *callbacks);
     srn_subscriber* const handle = library.subscribers.add(subscriber);
     subscriber->set_handle(handle);
     return handle;

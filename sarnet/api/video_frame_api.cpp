@@ -1,7 +1,7 @@
-#include "api/guard.h"
-#include "session/library.h"
+#include "api/border.h"
+#include "api/library.h"
 
-using sarnet::guarded;
+using sarnet::guarded_result;
 using sarnet::kInvalid;
 using sarnet::Library;
 using sarnet::VideoFrame;
@@ -22,7 +22,7 @@ srn_video_frame* srn_video_frame_new_contiguous_memory_wrapper(
     enum srn_video_frame_format format, int32_t width, int32_t height, srn_bool,
     const uint8_t* buffer, size_t buffer_size, srn_video_frame_memory_release_callback release,
     void* release_argument) {
-  return guarded<srn_video_frame*>(
+  return guarded_result<srn_video_frame*>(
       "srn_video_frame_new_contiguous_memory_wrapper", nullptr, [&]() -> srn_video_frame* {
         if (!VideoFrame::valid(format, width, height, buffer, buffer_size)) return nullptr;
         return Library::instance().frames.add(

@@ -1,14 +1,11 @@
 #include "base/strand.h"
 
-#include <cxxabi.h>
-
 #include <condition_variable>
 #include <deque>
-#include <exception>
 #include <mutex>
 #include <utility>
 
-#include "base/log.h"
+#include "base/guard.h"
 #include "base/thread_keeper.h"
 
 namespace sarnet {
@@ -38,13 +35,7 @@ void Strand::run(State& state) {
       task = std::move(state.tasks.front());
       state.tasks.pop_front();
     }
-    try {
-      task();
-    } catch (abi::__forced_unwind&) {
-      throw;
-    } catch (const std::exception& error) {
-      SARNET_LOG(kError, "An event was lost by an exception: " << error.what());
-    }
+    guarded("An event was lost by an exception", task);
   }
 }
 

@@ -1,12 +1,10 @@
 #include "base/thread_keeper.h"
 
-#include <cxxabi.h>
 #include <pthread.h>
 
-#include <exception>
 #include <utility>
 
-#include "base/log.h"
+#include "base/guard.h"
 
 namespace sarnet {
 namespace {
@@ -42,15 +40,7 @@ std::thread::id ThreadKeeper::start(const char* name, std::function<void()> body
       } farewell{*this, entry, body};
       own_thread = true;
       pthread_setname_np(pthread_self(), name);
-      try {
-        body();
-      } catch (abi::__forced_unwind&) {
-        throw;
-      } catch (const std::exception& error) {
-        SARNET_LOG(kError, "Thread " << name << " ended by an exception: " << error.what());
-      } catch (...) {
-        SARNET_LOG(kError, "Thread " << name << " ended by an unknown exception");
-      }
+      guarded(name, body);
     });
   } catch (...) {
     threads_.pop_back();

@@ -7,9 +7,10 @@
 #include <optional>
 #include <utility>
 
+#include "base/epoch.h"
 #include "base/log.h"
 #include "base/thread_keeper.h"
-#include "session/library.h"
+#include "base/unique_name.h"
 
 namespace sarnet {
 namespace {
@@ -18,12 +19,6 @@ using std::chrono::milliseconds;
 
 // What a nearby server would take to answer.
 constexpr milliseconds kLatency{3};
-
-std::int64_t epoch_ms() {
-  return std::chrono::duration_cast<milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 }  // namespace
 
@@ -171,7 +166,7 @@ void Room::admit(const void* key) {
     close_if_empty();
     return;
   }
-  member->connection = {Library::instance().new_id("connection"), "", session_id_, epoch_ms()};
+  member->connection = {unique_name("connection"), "", session_id_, epoch_ms()};
   member->joined = true;
   record("joined", {{"connection", member->connection.id}});
   SessionSink& sink = *member->sink;
@@ -242,7 +237,7 @@ std::shared_ptr<PublishedStream> Room::publish(const void* key, const PublishReq
   const std::lock_guard lock(mutex_);
   Member* const member = find_member(key);
   if (member == nullptr || !member->joined || closed_) return nullptr;
-  StreamInfo info{Library::instance().new_id("stream"), request.name, member->connection};
+  StreamInfo info{unique_name("stream"), request.name, member->connection};
   int recording = 0;
   if (recorder_) {
     recording = recorder_->begin_publication(request.name, request.has_audio, request.has_video,

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/epoch.h"
 #include "base/log.h"
 #include "embedded/room.h"
 
@@ -30,9 +31,7 @@ void Room::begin_script() {
 
 void Room::enter(Actor& actor) {
   actor.present = true;
-  actor.connection.created_ms =
-      std::chrono::duration_cast<milliseconds>(std::chrono::system_clock::now().time_since_epoch())
-          .count();
+  actor.connection.created_ms = epoch_ms();
   record("participant_joined", {{"participant", actor.script.id}});
   tell_others(nullptr, [&](SessionSink& sink) { sink.participant_joined(actor.connection); });
   if (!actor.player) return;

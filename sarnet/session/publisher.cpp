@@ -5,7 +5,8 @@
 
 #include "base/log.h"
 #include "base/strand.h"
-#include "session/library.h"
+#include "base/unique_name.h"
+#include "session/stream.h"
 
 namespace sarnet {
 namespace {
@@ -14,12 +15,14 @@ constexpr int kDefaultFps = 30;
 
 }  // namespace
 
-Publisher::Publisher(const srn_publisher_callbacks& callbacks, const PublisherSettings& settings)
-    : table_(&callbacks),
+Publisher::Publisher(const Context& context, const srn_publisher_callbacks& callbacks,
+                     const PublisherSettings& settings)
+    : context_(context),
+      table_(&callbacks),
       slots_(callbacks),
       settings_(settings),
-      id_(Library::instance().new_id("publisher")),
-      video_(std::make_shared<VideoTrack>(Library::instance().counters)) {
+      id_(unique_name("publisher")),
+      video_(std::make_shared<VideoTrack>(context.counters)) {
   if (settings.capturer != nullptr) capturer_ = *settings.capturer;
 }
 
@@ -29,71 +32,28 @@ std::shared_ptr<Publication> Publisher::bind(const void* session, std::shared_pt
                                              std::shared_ptr<Engine> engine) {
   auto publication = std::make_shared<Publication>(shared_from_this(), session, std::move(strand),
                                                    std::move(engine));
-  {
-    const std::lock_guard lock(mutex_);
-    if (closed_ || publication_) return nullptr;
-    publication_ = publication;
-  }
-  publication->begin();
-  return publication;
+  return binding_.bind(publication) ? publication : nullptr;
 }
 
-bool Publisher::unbind(const void* session) {
-  std::shared_ptr<Publication> publication;
-  {
-    const std::lock_guard lock(mutex_);
-    // A binding that the other side has ended is there to be ended by the program too, once.
-    if (std::exchange(ended_session_, nullptr) == session && !publication_) return true;
-    if (!publication_ || publication_->session() != session) return false;
-    publication = publication_;
-  }
-  publication->end();
-  const std::lock_guard lock(mutex_);
-  ended_session_ = nullptr;
-  return true;
-}
+bool Publisher::unbind(const void* session) { return binding_.unbind(session); }
 
 bool Publisher::send_caption(std::string_view text, bool is_final) {
   if (!captions_) return false;
-  std::shared_ptr<Publication> publication;
-  {
-    const std::lock_guard lock(mutex_);
-    publication = publication_;
-  }
+  const auto publication = binding_.current();
   return publication && publication->send_caption(text, is_final);
 }
 
 void Publisher::close() {
-  std::shared_ptr<Publication> publication;
-  {
-    const std::lock_guard lock(mutex_);
-    closed_ = true;
-    publication = publication_;
-  }
-  if (publication) publication->end();
+  binding_.close();
   gate_.close();
   stop_capturer();
-}
-
-bool Publisher::is_current(const Publication* publication) const {
-  const std::lock_guard lock(mutex_);
-  return publication_.get() == publication;
-}
-
-void Publisher::forget(const Publication* publication) {
-  std::shared_ptr<Publication> gone;
-  const std::lock_guard lock(mutex_);
-  if (publication_.get() != publication) return;
-  gone.swap(publication_);
-  ended_session_ = gone->session();
 }
 
 bool Publisher::init_capturer(int& fps) {
   fps = kDefaultFps;
   if (!settings_.video_track) return true;
   stop_capturer();  // of a binding that has just ended
-  srn_video_capturer* const handle =
-      Library::instance().capturers.add(video_, HandleOwner::kLibrary);
+  srn_video_capturer* const handle = context_.capturers.add(video_, HandleOwner::kLibrary);
   if (handle == nullptr) return false;
   {
     const std::lock_guard lock(mutex_);
@@ -136,7 +96,7 @@ void Publisher::stop_capturer() {
   if (handle == nullptr) return;
   if (capturer_.destroy != nullptr) capturer_.destroy(handle, capturer_.user_data);
   // Only now: the capturer's own thread may use the handle until destroy has returned.
-  Library::instance().capturers.remove(handle, HandleOwner::kLibrary);
+  context_.capturers.remove(handle, HandleOwner::kLibrary);
 }
 
 Publication::Publication(std::shared_ptr<Publisher> publisher, const void* session,
@@ -152,7 +112,7 @@ void Publication::begin() {
 
 void Publication::begin_on_strand() {
   const EventGate::Pass pass(publisher_->gate_);
-  if (!pass || !publisher_->is_current(this)) return;
+  if (!pass || !publisher_->binding_.holds(this)) return;
   const PublisherSettings& settings = publisher_->settings();
   PublishRequest request{publisher_->id(),     settings.name,        settings.audio_track,
                          settings.video_track, kDefaultFps,          settings.stereo,
@@ -174,7 +134,7 @@ void Publication::begin_on_strand() {
       stream_ = stream;
       // Under the lock, so that end() finds either nothing or all of it.
       if (request.has_audio) {
-        Library::instance().audio_device.capture().add(stream, settings.stereo);
+        publisher_->context_.audio_device.capture().add(stream, settings.stereo);
       }
       if (request.has_video) publisher_->video_->connect(stream, request.video_fps);
     }
@@ -202,16 +162,16 @@ void Publication::end() {
     stream = std::exchange(stream_, nullptr);
   }
   if (stream) {
-    Library::instance().audio_device.capture().remove(stream.get());
+    publisher_->context_.audio_device.capture().remove(stream.get());
     publisher_->video_->connect(nullptr, kDefaultFps);
     engine_->unpublish(stream);
   }
   const auto self = shared_from_this();
-  publisher_->forget(this);
+  publisher_->binding_.forget(this);
   strand_->post([self] {
     const EventGate::Pass pass(self->publisher_->gate_);
     // Bound again in the meantime: the capturer is the new binding's.
-    if (pass && self->publisher_->is_current(nullptr)) self->publisher_->stop_capturer();
+    if (pass && self->publisher_->binding_.holds(nullptr)) self->publisher_->stop_capturer();
   });
 }
 
@@ -224,7 +184,7 @@ bool Publication::send_caption(std::string_view text, bool is_final) {
 }
 
 void Publication::session_over() {
-  if (publisher_->is_current(this)) lost();
+  if (publisher_->binding_.holds(this)) lost();
 }
 
 void Publication::lost() {
@@ -235,7 +195,7 @@ void Publication::lost() {
   if (!std::exchange(announced_, false) || publisher_->slots_.on_stream_destroyed == nullptr) {
     return;
   }
-  const LentStream stream(info_);
+  const LentStream stream(publisher_->context_, info_);
   publisher_->slots_.on_stream_destroyed(publisher_->handle(), publisher_->user_data(),
                                          stream.get());
 }
@@ -253,12 +213,12 @@ void Publication::failed(int code, const std::string& text) {
 void Publication::published(const StreamInfo& stream) {
   strand_->post([self = shared_from_this(), stream] {
     const EventGate::Pass pass(self->publisher_->gate_);
-    if (!pass || !self->publisher_->is_current(self.get())) return;
+    if (!pass || !self->publisher_->binding_.holds(self.get())) return;
     self->info_ = stream;
     self->announced_ = true;
     const auto& publisher = *self->publisher_;
     if (publisher.slots_.on_stream_created == nullptr) return;
-    const LentStream lent(stream);
+    const LentStream lent(publisher.context_, stream);
     publisher.slots_.on_stream_created(publisher.handle(), publisher.user_data(), lent.get());
   });
 }
@@ -269,7 +229,7 @@ void Publication::unpublished() {
 
 void Publication::publication_failed(int code, const std::string& text) {
   strand_->post([self = shared_from_this(), code, text] {
-    if (self->publisher_->is_current(self.get())) self->failed(code, text);
+    if (self->publisher_->binding_.holds(self.get())) self->failed(code, text);
   });
 }
 

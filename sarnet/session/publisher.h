@@ -11,6 +11,8 @@
 #include "base/engine.h"
 #include "base/event_gate.h"
 #include "pictures/video_track.h"
+#include "session/binding_slot.h"
+#include "session/context.h"
 
 namespace sarnet {
 
@@ -36,9 +38,11 @@ struct PublisherSettings {
 // place at each call, since the program may blank it there before it deletes.
 class Publisher : public std::enable_shared_from_this<Publisher> {
  public:
-  Publisher(const srn_publisher_callbacks& callbacks, const PublisherSettings& settings);
+  Publisher(const Context& context, const srn_publisher_callbacks& callbacks,
+            const PublisherSettings& settings);
 
   void set_handle(srn_publisher* handle) { handle_ = handle; }
+  const Context& context() const { return context_; }
   const std::string& id() const { return id_; }
   const PublisherSettings& settings() const { return settings_; }
   void set_captions(bool enabled) { captions_ = enabled; }
@@ -57,8 +61,6 @@ class Publisher : public std::enable_shared_from_this<Publisher> {
  private:
   friend class Publication;
 
-  bool is_current(const Publication* publication) const;
-  void forget(const Publication* publication);
   void* user_data() const;
   srn_publisher* handle() const { return handle_; }
 
@@ -68,6 +70,7 @@ class Publisher : public std::enable_shared_from_this<Publisher> {
   // Any thread; the first call after init_capturer has an effect.
   void stop_capturer();
 
+  const Context& context_;
   const srn_publisher_callbacks* const table_;
   const srn_publisher_callbacks slots_;
   const PublisherSettings settings_;
@@ -77,12 +80,10 @@ class Publisher : public std::enable_shared_from_this<Publisher> {
   std::atomic<bool> captions_{false};
   const std::shared_ptr<VideoTrack> video_;
   EventGate gate_;
+  BindingSlot<Publication> binding_;
 
-  mutable std::mutex mutex_;
-  std::shared_ptr<Publication> publication_;
-  const void* ended_session_ = nullptr;  // that the last binding was to, if it ended by itself
+  std::mutex mutex_;
   srn_video_capturer* capturer_handle_ = nullptr;  // between init and destroy
-  bool closed_ = false;
 };
 
 // One binding of a publisher to a session. Held by the publisher and by the engine until it ends.

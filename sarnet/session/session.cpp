@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "base/log.h"
-#include "session/library.h"
 #include "session/publisher.h"
 #include "session/subscriber.h"
 
@@ -18,9 +17,10 @@ void remember(std::vector<std::weak_ptr<Weak>>& list, const std::shared_ptr<Stro
 
 }  // namespace
 
-Session::Session(std::string api_key, std::string session_id,
+Session::Session(const Context& context, std::string api_key, std::string session_id,
                  const srn_session_callbacks& callbacks, SessionSettings settings)
-    : api_key_(std::move(api_key)),
+    : context_(context),
+      api_key_(std::move(api_key)),
       session_id_(std::move(session_id)),
       slots_(callbacks),
       strand_(std::make_shared<Strand>("srn-session")) {
@@ -54,7 +54,7 @@ srn_status Session::connect(const std::shared_ptr<Engine>& engine, const JoinReq
 }
 
 void Session::leave(const std::shared_ptr<Engine>& engine) {
-  Library::instance().audio_device.session_over(this);
+  context_.audio_device.session_over(this);
   Bindings bindings = take_bindings();
   for (const auto& each : bindings.publications) {
     if (const auto publication = each.lock()) publication->end();
@@ -170,7 +170,7 @@ void Session::post_last_event(std::function<void()> raise) {
       self->state_ = State::kOver;
       engine = std::exchange(self->engine_, nullptr);
     }
-    Library::instance().audio_device.session_over(self.get());
+    self->context_.audio_device.session_over(self.get());
     // What the program still has bound hears of the end before the session does.
     const Bindings bindings = self->take_bindings();
     for (const auto& each : bindings.publications) {
@@ -203,7 +203,7 @@ void Session::joined(const ConnectionInfo& own) {
     // Under the lock, so that a disconnection comes either before, or after and takes it back.
     const std::lock_guard lock(self->mutex_);
     if (self->state_ == State::kConnected) {
-      Library::instance().audio_device.session_connected(self.get());
+      self->context_.audio_device.session_connected(self.get());
     }
   });
 }
@@ -226,7 +226,7 @@ void Session::session_failed(int code, const std::string& text) {
 void Session::participant_joined(const ConnectionInfo& participant) {
   post_event([this, participant] {
     if (slots_.on_connection_created == nullptr) return;
-    const LentConnection connection(participant);
+    const LentConnection connection(context_, participant);
     slots_.on_connection_created(handle_, slots_.user_data, connection.get());
   });
 }
@@ -234,7 +234,7 @@ void Session::participant_joined(const ConnectionInfo& participant) {
 void Session::participant_left(const ConnectionInfo& participant) {
   post_event([this, participant] {
     if (slots_.on_connection_dropped == nullptr) return;
-    const LentConnection connection(participant);
+    const LentConnection connection(context_, participant);
     slots_.on_connection_dropped(handle_, slots_.user_data, connection.get());
   });
 }
@@ -242,7 +242,7 @@ void Session::participant_left(const ConnectionInfo& participant) {
 void Session::stream_added(const StreamInfo& stream) {
   post_event([this, stream] {
     if (slots_.on_stream_received == nullptr) return;
-    const LentStream lent(stream);
+    const LentStream lent(context_, stream);
     slots_.on_stream_received(handle_, slots_.user_data, lent.get());
   });
 }
@@ -250,7 +250,7 @@ void Session::stream_added(const StreamInfo& stream) {
 void Session::stream_removed(const StreamInfo& stream) {
   post_event([this, stream] {
     if (slots_.on_stream_dropped == nullptr) return;
-    const LentStream lent(stream);
+    const LentStream lent(context_, stream);
     slots_.on_stream_dropped(handle_, slots_.user_data, lent.get());
   });
 }

@@ -11,6 +11,7 @@
 #include "base/engine.h"
 #include "base/event_gate.h"
 #include "base/strand.h"
+#include "session/context.h"
 #include "session/stream.h"
 
 namespace sarnet {
@@ -29,8 +30,8 @@ struct SessionSettings {
 class Session : public SessionSink, public std::enable_shared_from_this<Session> {
  public:
   // Throws std::system_error when the strand's thread cannot be made.
-  Session(std::string api_key, std::string session_id, const srn_session_callbacks& callbacks,
-          SessionSettings settings);
+  Session(const Context& context, std::string api_key, std::string session_id,
+          const srn_session_callbacks& callbacks, SessionSettings settings);
 
   void set_handle(srn_session* handle) { handle_ = handle; }
   const std::string& api_key() const { return api_key_; }
@@ -73,6 +74,7 @@ class Session : public SessionSink, public std::enable_shared_from_this<Session>
   Bindings take_bindings();
   void leave(const std::shared_ptr<Engine>& engine);
 
+  const Context& context_;
   const std::string api_key_;
   const std::string session_id_;
   const srn_session_callbacks slots_;

@@ -1,33 +1,30 @@
 #include "session/stream.h"
 
-#include "session/library.h"
-
 namespace sarnet {
 namespace {
 
-srn_connection* lend(const ConnectionInfo& info) {
-  return Library::instance().connections.add(std::make_shared<Connection>(Connection{info}),
-                                             HandleOwner::kLibrary);
-}
-
-void take_back(const srn_connection* handle) {
-  Library::instance().connections.remove(handle, HandleOwner::kLibrary);
+srn_connection* lend(const Context& context, const ConnectionInfo& info) {
+  return context.connections.add(std::make_shared<Connection>(Connection{info}),
+                                 HandleOwner::kLibrary);
 }
 
 }  // namespace
 
-Stream::Stream(StreamInfo info) : info_(std::move(info)), connection_(lend(info_.connection)) {}
+Stream::Stream(const Context& context, StreamInfo info)
+    : context_(context), info_(std::move(info)), connection_(lend(context, info_.connection)) {}
 
-Stream::~Stream() { take_back(connection_); }
+Stream::~Stream() { context_.connections.remove(connection_, HandleOwner::kLibrary); }
 
-LentStream::LentStream(const StreamInfo& info)
-    : handle_(
-          Library::instance().streams.add(std::make_shared<Stream>(info), HandleOwner::kLibrary)) {}
+LentStream::LentStream(const Context& context, const StreamInfo& info)
+    : context_(context),
+      handle_(context.streams.add(std::make_shared<Stream>(context, info), HandleOwner::kLibrary)) {
+}
 
-LentStream::~LentStream() { Library::instance().streams.remove(handle_, HandleOwner::kLibrary); }
+LentStream::~LentStream() { context_.streams.remove(handle_, HandleOwner::kLibrary); }
 
-LentConnection::LentConnection(const ConnectionInfo& info) : handle_(lend(info)) {}
+LentConnection::LentConnection(const Context& context, const ConnectionInfo& info)
+    : context_(context), handle_(lend(context, info)) {}
 
-LentConnection::~LentConnection() { take_back(handle_); }
+LentConnection::~LentConnection() { context_.connections.remove(handle_, HandleOwner::kLibrary); }
 
 }  // namespace sarnet

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/engine.h"
+#include "session/context.h"
 
 namespace sarnet {
 
@@ -17,7 +18,7 @@ struct Connection {
 // Owns the connection that srn_stream_get_connection lends.
 class Stream {
  public:
-  explicit Stream(StreamInfo info);
+  Stream(const Context& context, StreamInfo info);
   ~Stream();
   Stream(const Stream&) = delete;
   Stream& operator=(const Stream&) = delete;
@@ -26,6 +27,7 @@ class Stream {
   const srn_connection* connection() const { return connection_; }
 
  private:
+  const Context& context_;
   const StreamInfo info_;
   srn_connection* const connection_;
 };
@@ -33,25 +35,27 @@ class Stream {
 // A handle that the program sees for the length of one callback.
 class LentStream {
  public:
-  explicit LentStream(const StreamInfo& info);
+  LentStream(const Context& context, const StreamInfo& info);
   ~LentStream();
   LentStream(const LentStream&) = delete;
   LentStream& operator=(const LentStream&) = delete;
   const srn_stream* get() const { return handle_; }
 
  private:
+  const Context& context_;
   srn_stream* const handle_;
 };
 
 class LentConnection {
  public:
-  explicit LentConnection(const ConnectionInfo& info);
+  LentConnection(const Context& context, const ConnectionInfo& info);
   ~LentConnection();
   LentConnection(const LentConnection&) = delete;
   LentConnection& operator=(const LentConnection&) = delete;
   const srn_connection* get() const { return handle_; }
 
  private:
+  const Context& context_;
   srn_connection* const handle_;
 };
 

@@ -8,9 +8,9 @@
 #include "base/log.h"
 #include "base/strand.h"
 #include "base/thread_keeper.h"
+#include "base/unique_name.h"
 #include "pictures/picture_converter.h"
 #include "pictures/video_frame.h"
-#include "session/library.h"
 
 namespace sarnet {
 namespace {
@@ -27,28 +27,18 @@ std::pair<int, int> fit(const Picture& picture, std::uint64_t wanted) {
 
 }  // namespace
 
-Subscriber::Subscriber(StreamInfo stream, const srn_subscriber_callbacks& callbacks)
-    : stream_(std::move(stream)),
+Subscriber::Subscriber(const Context& context, StreamInfo stream,
+                       const srn_subscriber_callbacks& callbacks)
+    : context_(context),
+      stream_(std::move(stream)),
       slots_(callbacks),
-      id_(Library::instance().new_id("subscriber")) {}
+      id_(unique_name("subscriber")) {}
 
 std::shared_ptr<Subscription> Subscriber::bind(const void* session, std::shared_ptr<Strand> strand,
                                                std::shared_ptr<Engine> engine) {
   auto subscription = std::make_shared<Subscription>(shared_from_this(), session, std::move(strand),
                                                      std::move(engine));
-  {
-    const std::lock_guard lock(mutex_);
-    if (closed_ || subscription_) return nullptr;
-    subscription_ = subscription;
-  }
-  try {
-    subscription->begin();
-    if (wishes() != MediaWishes{}) subscription->prefer(wishes());
-  } catch (...) {
-    subscription->end();
-    throw;
-  }
-  return subscription;
+  return binding_.bind(subscription) ? subscription : nullptr;
 }
 
 MediaWishes Subscriber::wishes() const {
@@ -60,61 +50,25 @@ MediaWishes Subscriber::wishes() const {
 }
 
 void Subscriber::wishes_changed() {
-  std::shared_ptr<Subscription> subscription;
-  {
-    const std::lock_guard lock(mutex_);
-    subscription = subscription_;
-  }
-  if (subscription) subscription->prefer(wishes());
+  if (const auto subscription = binding_.current()) subscription->prefer(wishes());
 }
 
-bool Subscriber::unbind(const void* session) {
-  std::shared_ptr<Subscription> subscription;
-  {
-    const std::lock_guard lock(mutex_);
-    // A binding that the other side has ended is there to be ended by the program too, once.
-    if (std::exchange(ended_session_, nullptr) == session && !subscription_) return true;
-    if (!subscription_ || subscription_->session() != session) return false;
-    subscription = subscription_;
-  }
-  subscription->end();
-  const std::lock_guard lock(mutex_);
-  ended_session_ = nullptr;
-  return true;
-}
+bool Subscriber::unbind(const void* session) { return binding_.unbind(session); }
 
 void Subscriber::close() {
-  std::shared_ptr<Subscription> subscription;
-  {
-    const std::lock_guard lock(mutex_);
-    closed_ = true;
-    subscription = subscription_;
-  }
-  if (subscription) subscription->end();
+  binding_.close();
   gate_.close();
-}
-
-bool Subscriber::is_current(const Subscription* subscription) const {
-  const std::lock_guard lock(mutex_);
-  return subscription_.get() == subscription;
-}
-
-void Subscriber::forget(const Subscription* subscription) {
-  std::shared_ptr<Subscription> gone;
-  const std::lock_guard lock(mutex_);
-  if (subscription_.get() != subscription) return;
-  gone.swap(subscription_);
-  ended_session_ = gone->session();
 }
 
 Subscription::Subscription(std::shared_ptr<Subscriber> subscriber, const void* session,
                            std::shared_ptr<Strand> strand, std::shared_ptr<Engine> engine)
     : subscriber_(std::move(subscriber)),
+      context_(subscriber_->context()),
       session_(session),
       strand_(std::move(strand)),
       engine_(std::move(engine)),
       render_source_(std::make_shared<RenderSource>()) {
-  auto& total = Library::instance().counters;
+  auto& total = context_.counters;
   auto& own = subscriber_->counters();
   const auto& slots = subscriber_->slots();
   if (slots.on_audio_data != nullptr) {
@@ -132,8 +86,9 @@ Subscription::Subscription(std::shared_ptr<Subscriber> subscriber, const void* s
 
 void Subscription::begin() {
   start_threads();
-  Library::instance().audio_device.render().add(render_source_);
+  context_.audio_device.render().add(render_source_);
   engine_->subscribe(subscriber_->stream().id, shared_from_this());
+  if (const MediaWishes wishes = subscriber_->wishes(); wishes != MediaWishes{}) prefer(wishes);
 }
 
 void Subscription::start_threads() {
@@ -157,7 +112,7 @@ void Subscription::end() {
   if (ended_.exchange(true)) return;
   const auto self = shared_from_this();
   engine_->unsubscribe(self);
-  Library::instance().audio_device.render().remove(render_source_.get());
+  context_.audio_device.render().remove(render_source_.get());
   if (audio_) audio_->close();
   if (pictures_) pictures_->close();
   if (captions_) captions_->close();
@@ -180,7 +135,7 @@ void Subscription::subscribed() {
     const EventGate::Pass pass(self->subscriber_->gate());
     if (!pass || !subscriber.is_current(self.get())) return;
     if (subscriber.slots().on_connected == nullptr) return;
-    const LentStream stream(subscriber.stream());
+    const LentStream stream(self->context_, subscriber.stream());
     subscriber.slots().on_connected(subscriber.handle(), subscriber.slots().user_data,
                                     stream.get());
   });
@@ -204,7 +159,7 @@ void Subscription::subscription_failed(int code, const std::string& text) {
 
 void Subscription::on_audio(const AudioFormat& format, std::span<const std::int16_t> samples) {
   if (ended_ || !subscriber_->wants_audio) return;
-  render_source_->write(format, samples, Library::instance().audio_device.render().format());
+  render_source_->write(format, samples, context_.audio_device.render().format());
   if (!audio_) return;
   while (!samples.empty()) {
     const auto part = samples.first(std::min(samples.size(), kMaxSamples));
@@ -240,7 +195,7 @@ void Subscription::on_caption(std::string_view text, bool is_final) {
 
 void Subscription::deliver_audio() {
   const auto& slots = subscriber_->slots();
-  auto& meter = Library::instance().counters.audio_callbacks;
+  auto& meter = context_.counters.audio_callbacks;
   AudioBlock block;
   Clock::time_point ready;
   while (audio_->pop(block, ready)) {
@@ -254,8 +209,8 @@ void Subscription::deliver_audio() {
 
 void Subscription::deliver_pictures() {
   const auto& slots = subscriber_->slots();
-  auto& frames = Library::instance().frames;
-  auto& meter = Library::instance().counters.picture_callbacks;
+  auto& frames = context_.frames;
+  auto& meter = context_.counters.picture_callbacks;
   PicturePool scaled_pool(2);
   PictureRef picture;
   Clock::time_point ready;
@@ -286,7 +241,7 @@ void Subscription::deliver_pictures() {
 
 void Subscription::deliver_captions() {
   const auto& slots = subscriber_->slots();
-  auto& meter = Library::instance().counters.caption_callbacks;
+  auto& meter = context_.counters.caption_callbacks;
   Caption caption;
   Clock::time_point ready;
   while (captions_->pop(caption, ready)) {

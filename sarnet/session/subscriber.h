@@ -6,13 +6,14 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "audio/render_path.h"
 #include "base/delivery_queue.h"
 #include "base/engine.h"
 #include "base/event_gate.h"
+#include "session/binding_slot.h"
+#include "session/context.h"
 #include "session/stream.h"
 
 namespace sarnet {
@@ -31,10 +32,11 @@ struct SubscriberCounters {
 // them.
 class Subscriber : public std::enable_shared_from_this<Subscriber> {
  public:
-  Subscriber(StreamInfo stream, const srn_subscriber_callbacks& callbacks);
+  Subscriber(const Context& context, StreamInfo stream, const srn_subscriber_callbacks& callbacks);
 
   void set_handle(srn_subscriber* handle) { handle_ = handle; }
   srn_subscriber* handle() const { return handle_; }
+  const Context& context() const { return context_; }
   const std::string& id() const { return id_; }
   const StreamInfo& stream() const { return stream_; }
   const srn_subscriber_callbacks& slots() const { return slots_; }
@@ -58,23 +60,19 @@ class Subscriber : public std::enable_shared_from_this<Subscriber> {
   // srn_subscriber_delete: waits for a state event on another thread, never for media.
   void close();
 
-  bool is_current(const Subscription* subscription) const;
-  void forget(const Subscription* subscription);
-
- private:
+  bool is_current(const Subscription* subscription) const { return binding_.holds(subscription); }
+  void forget(const Subscription* subscription) { binding_.forget(subscription); }
   MediaWishes wishes() const;
 
+ private:
+  const Context& context_;
   const StreamInfo stream_;
   const srn_subscriber_callbacks slots_;
   const std::string id_;
   srn_subscriber* handle_ = nullptr;  // set before the program knows the handle
   SubscriberCounters counters_;
   EventGate gate_;
-
-  mutable std::mutex mutex_;
-  std::shared_ptr<Subscription> subscription_;
-  const void* ended_session_ = nullptr;  // that the last binding was to, if it ended by itself
-  bool closed_ = false;
+  BindingSlot<Subscription> binding_;
 };
 
 // One binding of a subscriber to a session. Held by the subscriber and the engine until it ends,
@@ -126,6 +124,7 @@ class Subscription : public SubscriptionSink, public std::enable_shared_from_thi
   void deliver_captions();
 
   const std::shared_ptr<Subscriber> subscriber_;
+  const Context& context_;
   const void* const session_;
   const std::shared_ptr<Strand> strand_;
   const std::shared_ptr<Engine> engine_;

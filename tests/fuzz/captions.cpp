@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "relay/room/caption_text.h"
+#include "relay/peer/caption_text.h"
 #include "relay/room/room_member.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

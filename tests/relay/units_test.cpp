@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "relay/peer/caption_text.h"
 #include "relay/peer/ice_server.h"
 #include "relay/peer/opus_stream.h"
 #include "relay/peer/peer_connection.h"
@@ -18,7 +19,6 @@
 #include "relay/peer/rtcp_order.h"
 #include "relay/peer/sdp_text.h"
 #include "relay/peer/stamp_clock.h"
-#include "relay/room/caption_text.h"
 
 namespace sarnet::relay {
 namespace {

@@ -4,9 +4,9 @@
 #include <utility>
 
 #include "relay/peer/audio_sender.h"
+#include "relay/peer/caption_text.h"
 #include "relay/peer/sdp_text.h"
 #include "relay/peer/video_sender.h"
-#include "relay/room/caption_text.h"
 
 namespace sarnet::relay {
 

@@ -10,10 +10,10 @@
 #include <mutex>
 #include <utility>
 
+#include "relay/peer/caption_text.h"
 #include "relay/peer/rtcp_feedback.h"
 #include "relay/peer/sdp_text.h"
 #include "relay/peer/stream_decoder.h"
-#include "relay/room/caption_text.h"
 
 namespace sarnet::relay {
 

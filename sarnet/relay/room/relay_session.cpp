@@ -6,6 +6,7 @@
 #include <chrono>
 #include <utility>
 
+#include "base/epoch.h"
 #include "base/log.h"
 #include "base/printable_text.h"
 #include "relay/room/unique_id.h"
@@ -16,12 +17,6 @@ namespace {
 // How long the server's farewell is waited for.
 constexpr std::chrono::milliseconds kLeaveLimit{1000};
 constexpr int kMaxPublishers = 100;
-
-std::int64_t epoch_ms() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 JanusSettings client_settings(JanusSettings client, const RelaySettings& settings,
                               const std::string& token) {

@@ -2,9 +2,9 @@
 
 #include <utility>
 
+#include "base/guard.h"
 #include "base/printable_text.h"
 #include "relay/signalling/frame_limit.h"
-#include "relay/signalling/guarded.h"
 #include "relay/signalling/wire_limits.h"
 
 namespace sarnet::relay {

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "relay/signalling/guarded.h"
+#include "base/guard.h"
 
 namespace sarnet::relay {
 namespace {

@@ -1,9 +1,8 @@
 #include "media/mr_audio_device.h"
 
-#include <cxxabi.h>
-
-#include <exception>
 #include <utility>
+
+#include "support/callback_guard.h"
 
 namespace {
 
@@ -14,16 +13,10 @@ constexpr MRAudioSettings kDefaultAudioSettings{.sample_rate = 48000, .channels 
 template <class Call>
 srn_bool delegate(const log4cxx::LoggerPtr& logger, void* user_data, Call call) {
   if (user_data == nullptr) return SRN_FALSE;
-  try {
-    return call(*static_cast<MRAudioDevice*>(user_data)) ? SRN_TRUE : SRN_FALSE;
-  } catch (const std::exception& e) {
-    LOG4CXX_ERROR(logger, "MRAudioDevice: Exception in a callback: " << e.what());
-  } catch (abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
-    LOG4CXX_ERROR(logger, "MRAudioDevice: Unknown exception in a callback");
-  }
-  return SRN_FALSE;
+  bool done = false;
+  guardCallback(logger, "MRAudioDevice",
+                [&] { done = call(*static_cast<MRAudioDevice*>(user_data)); });
+  return done ? SRN_TRUE : SRN_FALSE;
 }
 
 }  // namespace

@@ -1,13 +1,11 @@
 #include "media/mr_video_capturer.h"
 
-#include <cxxabi.h>
-
 #include <algorithm>
-#include <exception>
 #include <limits>
 #include <string>
 #include <utility>
 
+#include "support/callback_guard.h"
 #include "support/logger.h"
 
 namespace {
@@ -29,22 +27,6 @@ int hysteresisPeriods(int fps) {
       std::int64_t{fps} * MRVideoCapturer::kDrainedBufferHysteresisMs / 1000;
   return static_cast<int>(
       std::clamp<std::int64_t>(periods, 1, MRVideoCapturer::kDrainedBufferHysteresisPeriods));
-}
-
-/// Runs the body of a library callback; no exception reaches the library's C code.
-template <class Body>
-srn_bool guarded(const log4cxx::LoggerPtr& logger, Body body) {
-  try {
-    body();
-    return SRN_TRUE;
-  } catch (const std::exception& e) {
-    LOG4CXX_ERROR(logger, "MRVideoCapturer: Exception in a callback: " << e.what());
-  } catch (abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
-    LOG4CXX_ERROR(logger, "MRVideoCapturer: Unknown exception in a callback");
-  }
-  return SRN_FALSE;
 }
 
 }  // namespace
@@ -246,7 +228,10 @@ srn_bool MRVideoCapturer::OnDestroy(const srn_video_capturer*, void* user_data) 
     LOG4CXX_ERROR(logger_, "MRVideoCapturer::OnGetCaptureSettings: user_data is null");
     return SRN_FALSE;
   }
-  return guarded(logger_, [user_data] { static_cast<MRVideoCapturer*>(user_data)->stop(); });
+  const bool stopped = guardCallback(logger_, "MRVideoCapturer::OnDestroy", [user_data] {
+    static_cast<MRVideoCapturer*>(user_data)->stop();
+  });
+  return stopped ? SRN_TRUE : SRN_FALSE;
 }
 
 srn_bool MRVideoCapturer::OnStart(const srn_video_capturer*, void* user_data) {
@@ -254,11 +239,12 @@ srn_bool MRVideoCapturer::OnStart(const srn_video_capturer*, void* user_data) {
     LOG4CXX_ERROR(logger_, "MRVideoCapturer::OnStart: user_data is null");
     return SRN_FALSE;
   }
-  return guarded(logger_, [user_data] {
+  const bool started = guardCallback(logger_, "MRVideoCapturer::OnStart", [user_data] {
     auto* self = static_cast<MRVideoCapturer*>(user_data);
     const common::LockGuard lifecycle(self->lifecycle_mutex_);
     self->runInjectedVideoTask();
   });
+  return started ? SRN_TRUE : SRN_FALSE;
 }
 
 srn_bool MRVideoCapturer::OnGetCaptureSettings(const srn_video_capturer*, void* user_data,

@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "common/guard.h"
 #include "support/logger.h"
 
 const log4cxx::LoggerPtr& EventQueue::logger_ = lastingLogger("EventQueue");
@@ -109,15 +110,6 @@ class CompletionSignal {
   Completion* completion_;
 };
 
-void runQuietly(const std::function<void()>& task) {
-  try {
-    task();
-  } catch (abi::__forced_unwind&) {
-    throw;
-  } catch (...) {  // NOLINT(bugprone-empty-catch): the caller gets the default value instead
-  }
-}
-
 }  // namespace
 
 void EventQueue::postAndWait(std::function<void()>&& task) {
@@ -131,7 +123,8 @@ void EventQueue::postAndWait(std::function<void()>&& task) {
     {
       // What the task captured goes before the caller goes on.
       const std::function<void()> owned = std::move(task);
-      runQuietly(owned);
+      // The caller gets the default value instead of an exception.
+      common::guard(owned, [](const char*) {});
     }
     signal->fire();
   });
@@ -170,17 +163,15 @@ void EventQueue::abandon() {
 
 void EventQueue::processLoop() {
   const auto run = [this](const std::function<void()>& task, const char* doing) {
-    try {
-      task();
-    } catch (const std::exception& e) {
-      LOG4CXX_ERROR(logger_, "EventQueue::processLoop: Exception " << doing << " event (" << name_
-                                                                   << "): " << e.what());
-    } catch (abi::__forced_unwind&) {
-      throw;
-    } catch (...) {
-      LOG4CXX_ERROR(logger_, "EventQueue::processLoop: Unknown exception " << doing << " event ("
-                                                                           << name_ << ")");
-    }
+    common::guard(task, [&](const char* text) {
+      if (text != nullptr) {
+        LOG4CXX_ERROR(logger_, "EventQueue::processLoop: Exception " << doing << " event (" << name_
+                                                                     << "): " << text);
+      } else {
+        LOG4CXX_ERROR(logger_, "EventQueue::processLoop: Unknown exception " << doing << " event ("
+                                                                             << name_ << ")");
+      }
+    });
   };
 
   while (running_.load()) {

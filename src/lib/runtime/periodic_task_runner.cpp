@@ -1,8 +1,8 @@
 #include "runtime/periodic_task_runner.h"
 
-#include <cxxabi.h>
-
 #include <chrono>
+
+#include "common/guard.h"
 
 namespace {
 
@@ -56,16 +56,13 @@ void PeriodicTaskRunner::sleepUntil(TimePoint t) { Clock::sleepUntil(t); }
 
 void PeriodicTaskRunner::runLoop(const Task& task, Nanos period, const ErrorCallback& on_error) {
   std::string message;
-  try {
-    loop(task, period);
-    return;
-  } catch (const std::exception& e) {
-    message = std::string("Exception occurred running loop: ") + e.what();
-  } catch (abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
-    message = "Unknown error occurred running loop.";
-  }
+  const bool ended_well = common::guard(
+      [&] { loop(task, period); },
+      [&](const char* text) {
+        message = text != nullptr ? std::string("Exception occurred running loop: ") + text
+                                  : "Unknown error occurred running loop.";
+      });
+  if (ended_well) return;
   LOG4CXX_ERROR(logger_, message);
   if (on_error) on_error(message);
 }

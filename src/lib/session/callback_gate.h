@@ -1,12 +1,8 @@
 #pragma once
 
-#include <cxxabi.h>
-#include <log4cxx/logger.h>
-
 #include <bit>
 #include <condition_variable>
 #include <cstdint>
-#include <exception>
 #include <memory>
 #include <shared_mutex>
 #include <unordered_map>
@@ -110,18 +106,3 @@ class CallbackDoor {
   int visitors_ GUARDED_BY(mutex_) = 0;
   bool closed_ GUARDED_BY(mutex_) = false;
 };
-
-/// Runs the body of a library callback and keeps its exceptions from the library's frames. The
-/// unwinding by which the interpreter ends a thread at its exit passes through, as it must.
-template <class Body>
-void guardCallback(const log4cxx::LoggerPtr& logger, const char* name, Body&& body) {
-  try {
-    std::forward<Body>(body)();
-  } catch (const abi::__forced_unwind&) {
-    throw;
-  } catch (const std::exception& error) {
-    LOG4CXX_ERROR(logger, name << ": Exception in callback: " << error.what());
-  } catch (...) {
-    LOG4CXX_ERROR(logger, name << ": Unknown exception in callback");
-  }
-}

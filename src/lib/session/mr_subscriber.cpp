@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "session/callback_gate.h"
+#include "support/callback_guard.h"
 #include "support/logger.h"
 
 const log4cxx::LoggerPtr& MRSubscriber::logger_ = lastingLogger("MRSubscriber");

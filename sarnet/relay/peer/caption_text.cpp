@@ -1,4 +1,4 @@
-#include "relay/room/caption_text.h"
+#include "relay/peer/caption_text.h"
 
 #include <glib.h>
 

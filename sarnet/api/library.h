@@ -3,13 +3,13 @@
 #include <sarnet/sarnet.h>
 
 #include <atomic>
-#include <string>
 
 #include "audio/audio_device.h"
 #include "base/handles.h"
 #include "base/statistics.h"
 #include "pictures/video_frame.h"
 #include "pictures/video_track.h"
+#include "session/context.h"
 #include "session/publisher.h"
 #include "session/session.h"
 #include "session/stream.h"
@@ -29,9 +29,6 @@ class Library {
   // False, with nothing done, on a thread of the library.
   bool destroy();
 
-  // A name that no other object of this process has.
-  std::string new_id(const char* kind);
-
   Counters counters;
   AudioDevice audio_device{counters};
 
@@ -48,11 +45,12 @@ class Library {
   HandleTable<VideoTrack, srn_video_capturer> capturers{HandleKind::kVideoCapturer,
                                                         "srn_video_capturer"};
 
+  const Context context{counters, audio_device, streams, connections, frames, capturers};
+
  private:
   Library() = default;
 
   std::atomic<bool> initialised_{false};
-  std::atomic<std::uint64_t> next_id_{1};
 };
 
 }  // namespace sarnet

@@ -1,10 +1,7 @@
-#include "session/library.h"
+#include "api/library.h"
 
 #include <chrono>
-#include <cstdio>
-#include <random>
 
-#include "base/log.h"
 #include "base/thread_keeper.h"
 
 namespace sarnet {
@@ -29,15 +26,6 @@ bool Library::destroy() {
   audio_device.shut_down();
   keeper.join_all(std::chrono::seconds(10));
   return true;
-}
-
-std::string Library::new_id(const char* kind) {
-  // Unique among processes too, so that recordings and logs of several can be laid side by side.
-  static const unsigned process = std::random_device{}();
-  char text[64];
-  std::snprintf(text, sizeof text, "%s-%08x-%llu", kind, process,
-                static_cast<unsigned long long>(next_id_.fetch_add(1)));
-  return text;
 }
 
 }  // namespace sarnet

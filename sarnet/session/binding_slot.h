@@ -1,0 +1,85 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <utility>
+
+namespace sarnet {
+
+// Holds the one binding that a publisher or a subscriber has to a session at a time. Any thread; no
+// lock is held while a binding begins or ends. A Binding has session(), begin() and end(), which
+// calls forget().
+template <class Binding>
+class BindingSlot {
+ public:
+  // Takes the binding in and begins it; false when there is one already, or after close(). What
+  // begin() throws goes on to the caller, with the binding ended.
+  bool bind(const std::shared_ptr<Binding>& binding) {
+    {
+      const std::lock_guard lock(mutex_);
+      if (closed_ || binding_) return false;
+      binding_ = binding;
+    }
+    try {
+      binding->begin();
+    } catch (...) {
+      binding->end();
+      throw;
+    }
+    return true;
+  }
+
+  // Ends the binding to that session; false when there is none.
+  bool unbind(const void* session) {
+    std::shared_ptr<Binding> binding;
+    {
+      const std::lock_guard lock(mutex_);
+      // One that the other side has ended is there to be ended by the program too, once.
+      if (std::exchange(ended_session_, nullptr) == session && !binding_) return true;
+      if (!binding_ || binding_->session() != session) return false;
+      binding = binding_;
+    }
+    binding->end();
+    const std::lock_guard lock(mutex_);
+    ended_session_ = nullptr;
+    return true;
+  }
+
+  // Ends the binding, and takes no other.
+  void close() {
+    std::shared_ptr<Binding> binding;
+    {
+      const std::lock_guard lock(mutex_);
+      closed_ = true;
+      binding = binding_;
+    }
+    if (binding) binding->end();
+  }
+
+  // Null when there is none.
+  std::shared_ptr<Binding> current() const {
+    const std::lock_guard lock(mutex_);
+    return binding_;
+  }
+  bool holds(const Binding* binding) const {
+    const std::lock_guard lock(mutex_);
+    return binding_.get() == binding;
+  }
+
+  // From the binding's end().
+  void forget(const Binding* binding) {
+    std::shared_ptr<Binding> gone;  // released after the lock
+    const std::lock_guard lock(mutex_);
+    if (binding_.get() != binding) return;
+    gone.swap(binding_);
+    ended_session_ = gone->session();
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::shared_ptr<Binding> binding_;
+  const void* ended_session_ = nullptr;  // of the last binding, if it ended by itself
+  bool closed_ = false;
+};
+
+}  // namespace sarnet
