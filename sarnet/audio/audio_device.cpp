@@ -41,7 +41,7 @@ AudioDevice::AudioDevice(Counters& counters) : capture_(counters), render_(count
 
 void AudioDevice::set_callbacks(const srn_audio_device_callbacks* callbacks) {
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     table_ = callbacks == nullptr ? std::nullopt : std::optional(*callbacks);
     wind_down_ = true;
     for (Attachment& each : sessions_) each.started = false;
@@ -51,7 +51,7 @@ void AudioDevice::set_callbacks(const srn_audio_device_callbacks* callbacks) {
 
 void AudioDevice::session_connected(const void* session) {
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     sessions_.push_back({session, Clock::now() + kSettleTime});
     if (!running_thread_) {
       const std::uint64_t generation = ++generation_;
@@ -64,7 +64,7 @@ void AudioDevice::session_connected(const void* session) {
 
 void AudioDevice::session_over(const void* session) {
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     const auto gone = std::remove_if(sessions_.begin(), sessions_.end(),
                                      [&](const auto& each) { return each.session == session; });
     if (gone == sessions_.end()) return;
@@ -80,7 +80,7 @@ void AudioDevice::session_over(const void* session) {
 
 void AudioDevice::shut_down() {
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     sessions_.clear();
     running_thread_ = false;
     ++generation_;
@@ -90,7 +90,7 @@ void AudioDevice::shut_down() {
 }
 
 AudioDevice::Orders AudioDevice::wait_for_orders(std::uint64_t generation) {
-  std::unique_lock lock(mutex_);
+  common::UniqueLock lock(mutex_);
   while (true) {
     Orders orders;
     orders.quit = generation != generation_;
@@ -110,9 +110,9 @@ AudioDevice::Orders AudioDevice::wait_for_orders(std::uint64_t generation) {
     if (orders.bring_up) orders.table = *table_;
     if (orders.bring_up || orders.wind_down) return orders;
     if (next == Clock::time_point::max()) {
-      changed_.wait(lock);
+      changed_.wait(lock.native());
     } else {
-      changed_.wait_until(lock, next);
+      changed_.wait_until(lock.native(), next);
     }
   }
 }

@@ -5,13 +5,13 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <vector>
 
 #include "audio/capture_path.h"
 #include "audio/render_path.h"
 #include "base/statistics.h"
+#include "common/mutex.h"
 
 namespace sarnet {
 
@@ -74,13 +74,13 @@ class AudioDevice {
   CapturePath capture_;
   RenderPath render_;
 
-  std::mutex mutex_;
+  common::Mutex mutex_;
   std::condition_variable changed_;
-  std::optional<srn_audio_device_callbacks> table_;
-  std::vector<Attachment> sessions_;
-  bool wind_down_ = false;
-  bool running_thread_ = false;
-  std::uint64_t generation_ = 0;  // of the driver's thread; an older one quits
+  std::optional<srn_audio_device_callbacks> table_ GUARDED_BY(mutex_);
+  std::vector<Attachment> sessions_ GUARDED_BY(mutex_);
+  bool wind_down_ GUARDED_BY(mutex_) = false;
+  bool running_thread_ GUARDED_BY(mutex_) = false;
+  std::uint64_t generation_ GUARDED_BY(mutex_) = 0;  // of the driver's thread; an older one quits
 };
 
 }  // namespace sarnet

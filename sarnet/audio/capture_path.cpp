@@ -31,13 +31,13 @@ struct CapturePath::Run {
   explicit Run(const AudioFormat& device) : drift(device, kSessionFormat, kTargetMs) {}
 
   DriftBuffer drift;
-  std::mutex mutex;
+  common::Mutex mutex;
   std::condition_variable changed;
-  bool begun = false;
-  bool stopped = false;
+  bool begun GUARDED_BY(mutex) = false;
+  bool stopped GUARDED_BY(mutex) = false;
 
   void begin() {
-    const std::lock_guard lock(mutex);
+    const common::LockGuard lock(mutex);
     if (!std::exchange(begun, true)) changed.notify_all();
   }
 };
@@ -53,7 +53,7 @@ std::shared_ptr<CapturePath::Run> CapturePath::launch(const AudioFormat& format)
 void CapturePath::end(const std::shared_ptr<Run>& run) {
   if (!run) return;
   {
-    const std::lock_guard lock(run->mutex);
+    const common::LockGuard lock(run->mutex);
     run->stopped = true;
   }
   run->changed.notify_all();
@@ -62,7 +62,7 @@ void CapturePath::end(const std::shared_ptr<Run>& run) {
 void CapturePath::start(const AudioFormat& format) {
   stop();
   counters_.capture_pacing.restart();
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   if (!targets_.empty()) run_ = launch(format);
   format_ = format;
 }
@@ -70,7 +70,7 @@ void CapturePath::start(const AudioFormat& format) {
 void CapturePath::stop() {
   std::shared_ptr<Run> run;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     format_.reset();
     run.swap(run_);
   }
@@ -78,7 +78,7 @@ void CapturePath::stop() {
 }
 
 void CapturePath::add(std::shared_ptr<PublishedStream> stream, bool stereo) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   if (format_ && !run_) run_ = launch(*format_);
   targets_.push_back({std::move(stream), stereo});
 }
@@ -87,7 +87,7 @@ void CapturePath::remove(const PublishedStream* stream) {
   Target gone;
   std::shared_ptr<Run> run;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     const auto found = std::find_if(targets_.begin(), targets_.end(), [&](const Target& each) {
       return each.stream.get() == stream;
     });
@@ -101,7 +101,7 @@ void CapturePath::remove(const PublishedStream* stream) {
 
 void CapturePath::write(const std::int16_t* samples, std::size_t frames) {
   const auto now = Clock::now();
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   if (!format_ || frames == 0) return;
   const AudioFormat& format = *format_;
   const std::span<const std::int16_t> all(samples,
@@ -119,7 +119,7 @@ void CapturePath::write(const std::int16_t* samples, std::size_t frames) {
 }
 
 void CapturePath::give(std::span<const std::int16_t> stereo, std::span<const std::int16_t> mono) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   for (const Target& target : targets_) {
     if (target.stereo) {
       target.stream->on_audio(kSessionFormat, stereo);
@@ -135,14 +135,16 @@ void CapturePath::pump(Run& run) {
   std::vector<std::int16_t> mono(frames);
   std::uint64_t underruns = 0;
   {
-    std::unique_lock lock(run.mutex);
-    run.changed.wait(lock, [&] { return run.begun || run.stopped; });
+    common::UniqueLock lock(run.mutex);
+    run.changed.wait(lock.native(), [&]() REQUIRES(run.mutex) { return run.begun || run.stopped; });
   }
   auto due = Clock::now() + kBehind;
   while (true) {
     {
-      std::unique_lock lock(run.mutex);
-      if (run.changed.wait_until(lock, due, [&] { return run.stopped; })) return;
+      common::UniqueLock lock(run.mutex);
+      if (run.changed.wait_until(lock.native(), due,
+                                 [&]() REQUIRES(run.mutex) { return run.stopped; }))
+        return;
     }
     if (const auto now = Clock::now(); now > due + kPatience) due = now;
     run.drift.read(stereo);

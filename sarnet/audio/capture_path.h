@@ -3,7 +3,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <vector>
@@ -12,6 +11,7 @@
 #include "base/audio_format.h"
 #include "base/engine.h"
 #include "base/statistics.h"
+#include "common/mutex.h"
 
 namespace sarnet {
 
@@ -46,15 +46,15 @@ class CapturePath {
   };
 
   static void end(const std::shared_ptr<Run>& run);
-  std::shared_ptr<Run> launch(const AudioFormat& format);
+  std::shared_ptr<Run> launch(const AudioFormat& format) REQUIRES(mutex_);
   void pump(Run& run);
   void give(std::span<const std::int16_t> stereo, std::span<const std::int16_t> mono);
 
   Counters& counters_;
-  std::mutex mutex_;
-  std::optional<AudioFormat> format_;  // of the device, while it captures
-  std::shared_ptr<Run> run_;           // while there are targets, too
-  std::vector<Target> targets_;
+  common::Mutex mutex_;
+  std::optional<AudioFormat> format_ GUARDED_BY(mutex_);  // of the device, while it captures
+  std::shared_ptr<Run> run_ GUARDED_BY(mutex_);           // while there are targets, too
+  std::vector<Target> targets_ GUARDED_BY(mutex_);
 };
 
 }  // namespace sarnet

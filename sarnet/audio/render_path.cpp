@@ -7,7 +7,7 @@
 namespace sarnet {
 
 std::shared_ptr<DriftBuffer> RenderSource::buffer() const {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   return buffer_;
 }
 
@@ -16,14 +16,14 @@ void RenderSource::write(const AudioFormat& format, std::span<const std::int16_t
   auto buffer = this->buffer();
   if (!reader) {
     if (buffer) {
-      const std::lock_guard lock(mutex_);
+      const common::LockGuard lock(mutex_);
       buffer_.reset();
     }
     return;
   }
   if (!buffer || buffer->writer_format() != format || buffer->reader_format() != *reader) {
     buffer = std::make_shared<DriftBuffer>(format, *reader);
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     buffer_ = buffer;
   }
   buffer->write(samples);
@@ -42,28 +42,28 @@ double RenderSource::queued_ms() const {
 RenderPath::RenderPath(Counters& counters) : counters_(counters) {}
 
 void RenderPath::start(const AudioFormat& format) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   format_ = format;
 }
 
 void RenderPath::stop() {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   format_.reset();
 }
 
 std::optional<AudioFormat> RenderPath::format() const {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   return format_;
 }
 
 void RenderPath::add(std::shared_ptr<RenderSource> source) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   sources_.push_back(std::move(source));
 }
 
 void RenderPath::remove(const RenderSource* source) {
   std::shared_ptr<RenderSource> gone;
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   const auto found = std::find_if(sources_.begin(), sources_.end(),
                                   [&](const auto& each) { return each.get() == source; });
   if (found == sources_.end()) return;
@@ -72,11 +72,11 @@ void RenderPath::remove(const RenderSource* source) {
 }
 
 std::size_t RenderPath::read(std::int16_t* buffer, std::size_t frames) {
-  const std::lock_guard mixing(mix_mutex_);
+  const common::LockGuard mixing(mix_mutex_);
   std::size_t done = 0;
   bool silent = true;
   while (done < frames) {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (!format_) return done;
     const auto channels = static_cast<std::size_t>(format_->channels);
     const std::size_t step =
@@ -98,7 +98,7 @@ std::size_t RenderPath::read(std::int16_t* buffer, std::size_t frames) {
 }
 
 std::int64_t RenderPath::delay_us() const {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   double longest = 0;
   for (const auto& source : sources_) longest = std::max(longest, source->queued_ms());
   return std::llround(longest * 1000);

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <vector>
@@ -11,6 +10,7 @@
 #include "audio/drift_buffer.h"
 #include "base/audio_format.h"
 #include "base/statistics.h"
+#include "common/mutex.h"
 
 namespace sarnet {
 
@@ -28,8 +28,8 @@ class RenderSource {
  private:
   std::shared_ptr<DriftBuffer> buffer() const;
 
-  mutable std::mutex mutex_;
-  std::shared_ptr<DriftBuffer> buffer_;
+  mutable common::Mutex mutex_;
+  std::shared_ptr<DriftBuffer> buffer_ GUARDED_BY(mutex_);
 };
 
 // The mix of all subscribed audio, read by the program. Any thread; no lock is held while the
@@ -57,13 +57,13 @@ class RenderPath {
   static constexpr std::size_t kMaxBlock = std::size_t{2} * 480;
 
   Counters& counters_;
-  mutable std::mutex mutex_;
-  std::optional<AudioFormat> format_;
-  std::vector<std::shared_ptr<RenderSource>> sources_;
+  mutable common::Mutex mutex_;
+  std::optional<AudioFormat> format_ GUARDED_BY(mutex_);
+  std::vector<std::shared_ptr<RenderSource>> sources_ GUARDED_BY(mutex_);
 
-  std::mutex mix_mutex_;  // one reader at a time; taken before mutex_
-  AudioMixer mixer_{kMaxBlock};
-  std::vector<std::int16_t> scratch_ = std::vector<std::int16_t>(kMaxBlock);
+  common::Mutex mix_mutex_;  // one reader at a time; taken before mutex_
+  AudioMixer mixer_ GUARDED_BY(mix_mutex_){kMaxBlock};
+  std::vector<std::int16_t> scratch_ GUARDED_BY(mix_mutex_) = std::vector<std::int16_t>(kMaxBlock);
 };
 
 }  // namespace sarnet

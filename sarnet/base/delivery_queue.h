@@ -4,9 +4,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <utility>
 #include <vector>
+
+#include "common/mutex.h"
 
 namespace sarnet {
 
@@ -32,7 +33,7 @@ class DeliveryQueue {
   void push(Fill&& fill) {
     const auto now = Clock::now();
     {
-      const std::lock_guard lock(mutex_);
+      const common::LockGuard lock(mutex_);
       if (closed_) return;
       if (size_ == places_.size()) {
         first_ = (first_ + 1) % places_.size();
@@ -51,8 +52,8 @@ class DeliveryQueue {
   // Swaps the oldest item with `item`, waiting for one, and tells when it was pushed. False once
   // closed, even if some are left.
   bool pop(Item& item, Clock::time_point& ready) {
-    std::unique_lock lock(mutex_);
-    pushed_.wait(lock, [this] { return closed_ || size_ > 0; });
+    common::UniqueLock lock(mutex_);
+    pushed_.wait(lock.native(), [this]() REQUIRES(mutex_) { return closed_ || size_ > 0; });
     if (closed_) return false;
     std::swap(item, places_[first_].item);
     ready = places_[first_].ready;
@@ -65,14 +66,14 @@ class DeliveryQueue {
 
   void close() {
     {
-      const std::lock_guard lock(mutex_);
+      const common::LockGuard lock(mutex_);
       closed_ = true;
     }
     pushed_.notify_one();
   }
 
   bool closed() const {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     return closed_;
   }
 
@@ -82,12 +83,12 @@ class DeliveryQueue {
     Clock::time_point ready;
   };
 
-  mutable std::mutex mutex_;
+  mutable common::Mutex mutex_;
   std::condition_variable pushed_;
-  std::vector<Place> places_;
-  std::size_t first_ = 0;
-  std::size_t size_ = 0;
-  bool closed_ = false;
+  std::vector<Place> places_ GUARDED_BY(mutex_);
+  std::size_t first_ GUARDED_BY(mutex_) = 0;
+  std::size_t size_ GUARDED_BY(mutex_) = 0;
+  bool closed_ GUARDED_BY(mutex_) = false;
   DeliveryCounter& counter_;
   DeliveryCounter& total_;
 };

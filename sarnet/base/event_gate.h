@@ -2,8 +2,9 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 #include <thread>
+
+#include "common/mutex.h"
 
 namespace sarnet {
 
@@ -42,11 +43,11 @@ class EventGate {
   bool enter();
   void leave();
 
-  mutable std::mutex mutex_;
+  mutable common::Mutex mutex_;
   std::condition_variable left_;
-  bool closed_ = false;
-  int inside_ = 0;  // nested entries of one thread
-  std::thread::id thread_;
+  bool closed_ GUARDED_BY(mutex_) = false;
+  int inside_ GUARDED_BY(mutex_) = 0;  // nested entries of one thread
+  std::thread::id thread_ GUARDED_BY(mutex_);
 };
 
 }  // namespace sarnet

@@ -38,7 +38,7 @@ void HandleSlots::complain(const char* what, const void* handle) const {
 }
 
 void* HandleSlots::add(std::shared_ptr<void> object, HandleOwner owner) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   std::size_t index = slots_.size();
   if (!free_.empty()) {
     index = free_.back();
@@ -58,7 +58,7 @@ void* HandleSlots::add(std::shared_ptr<void> object, HandleOwner owner) {
 std::shared_ptr<void> HandleSlots::find(const void* handle) const {
   if (handle == nullptr) return nullptr;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (const auto index = locate(handle); index >= 0) {
       return slots_[static_cast<std::size_t>(index)].object;
     }
@@ -71,7 +71,7 @@ std::shared_ptr<void> HandleSlots::remove(const void* handle, HandleOwner by) {
   if (handle == nullptr) return nullptr;
   const char* complaint = "A handle was deleted that is not a live";
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (const auto index = locate(handle); index >= 0) {
       Slot& slot = slots_[static_cast<std::size_t>(index)];
       if (slot.owner == by || by == HandleOwner::kLibrary) {
@@ -87,7 +87,7 @@ std::shared_ptr<void> HandleSlots::remove(const void* handle, HandleOwner by) {
 
 std::vector<std::shared_ptr<void>> HandleSlots::all() const {
   std::vector<std::shared_ptr<void>> objects;
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   for (const Slot& slot : slots_) {
     if (slot.object) objects.push_back(slot.object);
   }

@@ -2,9 +2,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "common/mutex.h"
 
 namespace sarnet {
 
@@ -50,14 +51,14 @@ class HandleSlots {
 
   void* encode(std::size_t index, std::uint32_t generation) const;
   // The live slot's index, or a negative number.
-  std::ptrdiff_t locate(const void* handle) const;
+  std::ptrdiff_t locate(const void* handle) const REQUIRES(mutex_);
   void complain(const char* what, const void* handle) const;
 
   const HandleKind kind_;
   const char* const name_;
-  mutable std::mutex mutex_;
-  std::vector<Slot> slots_;
-  std::vector<std::uint32_t> free_;
+  mutable common::Mutex mutex_;
+  std::vector<Slot> slots_ GUARDED_BY(mutex_);
+  std::vector<std::uint32_t> free_ GUARDED_BY(mutex_);
 };
 
 // HandleSlots with types: `Object` is the class behind the C type `Opaque`.

@@ -1,17 +1,18 @@
 #include "base/picture.h"
 
 #include <exception>
-#include <mutex>
 #include <new>
+
+#include "common/mutex.h"
 
 namespace sarnet {
 
 // Shared by the pool and its pictures that are out.
 struct Picture::Shelf {
-  std::mutex mutex;
+  common::Mutex mutex;
   std::size_t capacity = 0;
-  std::size_t made = 0;
-  std::vector<std::unique_ptr<Picture>> idle;  // reserved for `capacity`
+  std::size_t made GUARDED_BY(mutex) = 0;
+  std::vector<std::unique_ptr<Picture>> idle GUARDED_BY(mutex);  // reserved for `capacity`
 };
 
 PictureView Picture::view() const {
@@ -43,7 +44,7 @@ PictureRef::~PictureRef() {
   std::unique_ptr<Picture> owned(picture_);
   // Held until the lock is released: this may be the last to know the shelf.
   const std::shared_ptr<Picture::Shelf> home = std::move(owned->home_);
-  const std::lock_guard lock(home->mutex);
+  const common::LockGuard lock(home->mutex);
   home->idle.push_back(std::move(owned));
 }
 
@@ -60,7 +61,7 @@ PictureRef PicturePool::acquire(int width, int height) {
   }
   std::unique_ptr<Picture> picture;
   {
-    const std::lock_guard lock(shelf_->mutex);
+    const common::LockGuard lock(shelf_->mutex);
     if (!shelf_->idle.empty()) {
       picture = std::move(shelf_->idle.back());
       shelf_->idle.pop_back();

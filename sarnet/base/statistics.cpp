@@ -65,7 +65,7 @@ void TimeMeter::clear() {
 }
 
 void PacingMeter::add(std::int64_t now_us, std::int64_t period_us) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   if (!running_) {
     running_ = true;
     expected_ = now_us;
@@ -114,22 +114,22 @@ void PacingMeter::book(std::int64_t late) {
 }
 
 srn_lateness_statistics PacingMeter::lateness() const {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   return {percentile(histogram_, 0.5, max_), percentile(histogram_, 0.99, max_), max_};
 }
 
 std::uint64_t PacingMeter::gaps() const {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   return gaps_;
 }
 
 void PacingMeter::restart() {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   running_ = false;
 }
 
 void PacingMeter::clear() {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   histogram_.fill(0);
   gaps_ = 0;
   max_ = 0;

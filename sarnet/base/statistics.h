@@ -6,9 +6,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 
 #include "base/delivery_queue.h"
+#include "common/mutex.h"
 
 namespace sarnet {
 
@@ -73,16 +73,18 @@ class PacingMeter {
   void clear();
 
  private:
-  void book(std::int64_t late);
-  mutable std::mutex mutex_;
-  std::array<std::uint64_t, HistogramSteps::kCount> histogram_{};
-  std::uint64_t gaps_ = 0;
-  std::int64_t max_ = 0;
-  bool running_ = false;
-  std::int64_t doubtful_ = 0;  // how late the last call was, when that may have been a pause
-  std::int64_t expected_ = 0;
-  std::int64_t least_late_ = 0;
-  int window_ = 0;
+  void book(std::int64_t late) REQUIRES(mutex_);
+
+  mutable common::Mutex mutex_;
+  std::array<std::uint64_t, HistogramSteps::kCount> histogram_ GUARDED_BY(mutex_){};
+  std::uint64_t gaps_ GUARDED_BY(mutex_) = 0;
+  std::int64_t max_ GUARDED_BY(mutex_) = 0;
+  bool running_ GUARDED_BY(mutex_) = false;
+  std::int64_t doubtful_ GUARDED_BY(mutex_) =
+      0;  // how late the last call was, when that may have been a pause
+  std::int64_t expected_ GUARDED_BY(mutex_) = 0;
+  std::int64_t least_late_ GUARDED_BY(mutex_) = 0;
+  int window_ GUARDED_BY(mutex_) = 0;
 };
 
 // The library's counters. Any thread.

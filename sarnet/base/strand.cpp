@@ -2,20 +2,20 @@
 
 #include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <utility>
 
 #include "base/guard.h"
 #include "base/thread_keeper.h"
+#include "common/mutex.h"
 
 namespace sarnet {
 
 struct Strand::State {
-  std::mutex mutex;
+  common::Mutex mutex;
   std::condition_variable changed;
-  std::deque<std::function<void()>> tasks;
-  int holds = 0;
-  bool closed = false;
+  std::deque<std::function<void()>> tasks GUARDED_BY(mutex);
+  int holds GUARDED_BY(mutex) = 0;
+  bool closed GUARDED_BY(mutex) = false;
 };
 
 Strand::Strand(const char* name) : state_(std::make_shared<State>()) {
@@ -28,9 +28,10 @@ void Strand::run(State& state) {
   while (true) {
     std::function<void()> task;
     {
-      std::unique_lock lock(state.mutex);
-      state.changed.wait(
-          lock, [&] { return state.closed || (state.holds == 0 && !state.tasks.empty()); });
+      common::UniqueLock lock(state.mutex);
+      state.changed.wait(lock.native(), [&]() REQUIRES(state.mutex) {
+        return state.closed || (state.holds == 0 && !state.tasks.empty());
+      });
       if (state.closed) return;
       task = std::move(state.tasks.front());
       state.tasks.pop_front();
@@ -41,7 +42,7 @@ void Strand::run(State& state) {
 
 void Strand::post(std::function<void()> task) {
   {
-    const std::lock_guard lock(state_->mutex);
+    const common::LockGuard lock(state_->mutex);
     if (state_->closed) return;
     state_->tasks.push_back(std::move(task));
   }
@@ -53,7 +54,7 @@ void Strand::close() {
   // that closes this strand again.
   std::deque<std::function<void()>> dropped;
   {
-    const std::lock_guard lock(state_->mutex);
+    const common::LockGuard lock(state_->mutex);
     state_->closed = true;
     dropped.swap(state_->tasks);
   }
@@ -61,13 +62,13 @@ void Strand::close() {
 }
 
 Strand::Hold::Hold(Strand& strand) : strand_(strand) {
-  const std::lock_guard lock(strand_.state_->mutex);
+  const common::LockGuard lock(strand_.state_->mutex);
   ++strand_.state_->holds;
 }
 
 Strand::Hold::~Hold() {
   {
-    const std::lock_guard lock(strand_.state_->mutex);
+    const common::LockGuard lock(strand_.state_->mutex);
     --strand_.state_->holds;
   }
   strand_.state_->changed.notify_one();

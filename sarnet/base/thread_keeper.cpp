@@ -21,7 +21,7 @@ ThreadKeeper& ThreadKeeper::instance() {
 
 std::thread::id ThreadKeeper::start(const char* name, std::function<void()> body) {
   join_ended();
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   Entry& entry = threads_.emplace_back();
   try {
     entry.thread = std::thread([this, &entry, name, body = std::move(body)]() mutable {
@@ -33,7 +33,7 @@ std::thread::id ThreadKeeper::start(const char* name, std::function<void()> body
         std::function<void()>& body;
         ~Farewell() {
           body = nullptr;
-          const std::lock_guard farewell_lock(keeper.mutex_);
+          const common::LockGuard farewell_lock(keeper.mutex_);
           entry.ended = true;
           keeper.ended_.notify_all();
         }
@@ -52,7 +52,7 @@ std::thread::id ThreadKeeper::start(const char* name, std::function<void()> body
 void ThreadKeeper::join_ended() {
   std::list<Entry> ended;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     for (auto entry = threads_.begin(); entry != threads_.end();) {
       const auto current = entry++;
       if (current->ended) ended.splice(ended.end(), threads_, current);
@@ -64,8 +64,8 @@ void ThreadKeeper::join_ended() {
 bool ThreadKeeper::join_all(std::chrono::milliseconds timeout) {
   bool all_ended = false;
   {
-    std::unique_lock lock(mutex_);
-    all_ended = ended_.wait_for(lock, timeout, [this] {
+    common::UniqueLock lock(mutex_);
+    all_ended = ended_.wait_for(lock.native(), timeout, [this]() REQUIRES(mutex_) {
       for (const Entry& entry : threads_) {
         if (!entry.ended) return false;
       }

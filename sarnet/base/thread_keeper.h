@@ -4,8 +4,9 @@
 #include <condition_variable>
 #include <functional>
 #include <list>
-#include <mutex>
 #include <thread>
+
+#include "common/mutex.h"
 
 namespace sarnet {
 
@@ -35,9 +36,9 @@ class ThreadKeeper {
   ThreadKeeper() = default;
   void join_ended();
 
-  mutable std::mutex mutex_;
+  mutable common::Mutex mutex_;
   std::condition_variable ended_;
-  std::list<Entry> threads_;
+  std::list<Entry> threads_ GUARDED_BY(mutex_);
 };
 
 }  // namespace sarnet

@@ -3,9 +3,9 @@
 #include <sarnet/sarnet.h>
 
 #include <map>
-#include <mutex>
 #include <utility>
 
+#include "common/mutex.h"
 #include "embedded/room.h"
 
 namespace sarnet {
@@ -23,7 +23,7 @@ class Rooms {
   // Null when the room that is there plays another scenario.
   std::shared_ptr<Room> join(const JoinRequest& request, const std::string& scenario_path,
                              const void* member, const std::shared_ptr<SessionSink>& sink) {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     std::erase_if(rooms_, [](const auto& each) { return each.second.expired(); });
     auto& place = rooms_[{request.api_key, request.session_id}];
     auto room = place.lock();
@@ -39,8 +39,8 @@ class Rooms {
   }
 
  private:
-  std::mutex mutex_;
-  std::map<std::pair<std::string, std::string>, std::weak_ptr<Room>> rooms_;
+  common::Mutex mutex_;
+  std::map<std::pair<std::string, std::string>, std::weak_ptr<Room>> rooms_ GUARDED_BY(mutex_);
 };
 
 class EmbeddedEngine : public Engine {
@@ -48,7 +48,7 @@ class EmbeddedEngine : public Engine {
   explicit EmbeddedEngine(std::string scenario_path) : scenario_path_(std::move(scenario_path)) {}
 
   void join(const JoinRequest& request, std::shared_ptr<SessionSink> sink) override {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (left_) return;
     room_ = Rooms::instance().join(request, scenario_path_, this, sink);
     if (!room_) {
@@ -60,7 +60,7 @@ class EmbeddedEngine : public Engine {
   void leave() override {
     std::shared_ptr<Room> room;
     {
-      const std::lock_guard lock(mutex_);
+      const common::LockGuard lock(mutex_);
       left_ = true;
       room.swap(room_);
     }
@@ -87,14 +87,14 @@ class EmbeddedEngine : public Engine {
 
  private:
   std::shared_ptr<Room> room() const {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     return room_;
   }
 
   const std::string scenario_path_;
-  mutable std::mutex mutex_;
-  std::shared_ptr<Room> room_;
-  bool left_ = false;
+  mutable common::Mutex mutex_;
+  std::shared_ptr<Room> room_ GUARDED_BY(mutex_);
+  bool left_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace

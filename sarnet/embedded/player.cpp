@@ -71,7 +71,7 @@ void Player::start(std::shared_ptr<RoomStream> stream) {
 
 void Player::stop() {
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     stopped_ = true;
   }
   changed_.notify_all();
@@ -82,8 +82,8 @@ void Player::run() {
   auto due = start;
   while (true) {
     {
-      std::unique_lock lock(mutex_);
-      if (changed_.wait_until(lock, due, [this] { return over(); })) return;
+      common::UniqueLock lock(mutex_);
+      if (changed_.wait_until(lock.native(), due, [this] { return over(); })) return;
     }
     if (const auto now = Clock::now(); now > due + kPatience) {
       const auto lost = (now - due) / kPeriod * kPeriod;

@@ -4,12 +4,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/picture.h"
+#include "common/mutex.h"
 #include "embedded/companion_media.h"
 #include "embedded/room_stream.h"
 #include "embedded/scenario.h"
@@ -64,7 +64,7 @@ class Player : public std::enable_shared_from_this<Player> {
   std::size_t next_caption_ = 0;
   Clock::duration caption_start_{};  // of the present turn through the list
 
-  std::mutex mutex_;
+  common::Mutex mutex_;
   std::condition_variable changed_;
   std::atomic<bool> stopped_{false};  // set under mutex_
 };

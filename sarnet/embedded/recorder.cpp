@@ -20,7 +20,7 @@ namespace sarnet {
 namespace {
 
 struct FolderNumbers {
-  std::mutex mutex;
+  common::Mutex mutex;
   std::map<std::string, int> next;
 };
 
@@ -31,13 +31,13 @@ FolderNumbers& folder_numbers() {
 
 int next_number(const std::string& folder) {
   auto& numbers = folder_numbers();
-  const std::lock_guard lock(numbers.mutex);
+  const common::LockGuard lock(numbers.mutex);
   return ++numbers.next[folder];
 }
 
 bool used_before(const std::string& folder) {
   auto& numbers = folder_numbers();
-  const std::lock_guard lock(numbers.mutex);
+  const common::LockGuard lock(numbers.mutex);
   return !numbers.next.emplace(folder, 0).second;
 }
 
@@ -130,7 +130,7 @@ Recorder::Item* Recorder::reserve() {
 int Recorder::begin_publication(const std::string& name, bool has_audio, bool has_video, int fps) {
   const int publication = next_number(folder_);
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     losses_[publication];
     fps_[publication] = std::max(fps, 1);
   }
@@ -145,7 +145,7 @@ int Recorder::begin_publication(const std::string& name, bool has_audio, bool ha
 
 void Recorder::end_publication(int publication) {
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (Item* const item = reserve()) {
       item->kind = Kind::kEnd;
       item->publication = publication;
@@ -158,7 +158,7 @@ void Recorder::add_audio(int publication, const AudioFormat& format,
                          std::span<const std::int16_t> samples) {
   auto came = Clock::now();
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     while (!samples.empty()) {
       const std::size_t count = std::min(samples.size(), kMaxSamples);
       if (Item* const item = reserve()) {
@@ -181,7 +181,7 @@ void Recorder::add_audio(int publication, const AudioFormat& format,
 void Recorder::add_picture(int publication, const PictureRef& picture) {
   const auto came = Clock::now();
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     Item* const item = pictures_queued_ < kMaxPictures ? reserve() : nullptr;
     if (item != nullptr) {
       item->kind = Kind::kPicture;
@@ -199,7 +199,7 @@ void Recorder::add_picture(int publication, const PictureRef& picture) {
 void Recorder::log(const char* event, nlohmann::json fields) {
   std::string line = line_of(event, std::move(fields));
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (Item* const item = reserve()) {
       item->kind = Kind::kLine;
       item->line = std::move(line);
@@ -212,7 +212,7 @@ void Recorder::log(const char* event, nlohmann::json fields) {
 
 void Recorder::close() {
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     closed_ = true;
     closed_at_ = Clock::now();
   }
@@ -223,8 +223,8 @@ void Recorder::run() {
   Item item;
   while (true) {
     {
-      std::unique_lock lock(mutex_);
-      changed_.wait(lock, [this] { return closed_ || size_ > 0; });
+      common::UniqueLock lock(mutex_);
+      changed_.wait(lock.native(), [this]() REQUIRES(mutex_) { return closed_ || size_ > 0; });
       if (size_ == 0) break;
       std::swap(item, queue_[first_]);
       first_ = (first_ + 1) % queue_.size();
@@ -238,7 +238,10 @@ void Recorder::run() {
   // Publications whose end found the queue full.
   while (!files_.empty()) finish(files_.begin()->first);
   nlohmann::json fields;
-  fields["lines_lost"] = lines_lost_;
+  {
+    const common::LockGuard lock(mutex_);
+    fields["lines_lost"] = lines_lost_;
+  }
   write_line(line_of("closed", std::move(fields)));
   look_after_log();
 }
@@ -312,7 +315,7 @@ void Recorder::write_audio(Files& files, const Item& item) {
 }
 
 int Recorder::fps_of(int publication) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   const auto found = fps_.find(publication);
   return found == fps_.end() ? 30 : found->second;
 }
@@ -345,7 +348,7 @@ void Recorder::finish(int publication) {
   files_.erase(publication);
   Loss loss;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     loss = losses_[publication];
     losses_.erase(publication);
     fps_.erase(publication);

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <span>
@@ -15,6 +14,7 @@
 
 #include "base/audio_format.h"
 #include "base/picture.h"
+#include "common/mutex.h"
 #include "plugins/file_plugin.h"
 
 namespace sarnet {
@@ -95,11 +95,11 @@ class Recorder : public std::enable_shared_from_this<Recorder> {
     bool failed = false;
   };
 
-  Item* reserve();
+  Item* reserve() REQUIRES(mutex_);
   void mark(Timeline& due, const Item& item, const char* place, std::uint64_t number);
   void run();
   void write(Item& item);
-  bool lose(Item& item);  // under mutex_
+  bool lose(Item& item) REQUIRES(mutex_);
   void write_line(const std::string& line);
   void look_after_log();
   void write_audio(Files& files, const Item& item);
@@ -113,20 +113,20 @@ class Recorder : public std::enable_shared_from_this<Recorder> {
   const FilePlugin& plugin_;
   const std::string folder_;
   const int log_;
-  bool log_failed_ = false;       // of the writer's thread
-  std::map<int, Files> files_;    // of the writer's thread
-  std::uint64_t lines_lost_ = 0;  // under mutex_
+  bool log_failed_ = false;     // of the writer's thread
+  std::map<int, Files> files_;  // of the writer's thread
+  std::uint64_t lines_lost_ GUARDED_BY(mutex_) = 0;
 
-  std::mutex mutex_;
+  common::Mutex mutex_;
   std::condition_variable changed_;
-  std::vector<Item> queue_ = std::vector<Item>(kQueue);
-  std::size_t first_ = 0;
-  std::size_t size_ = 0;
-  std::size_t pictures_queued_ = 0;
-  std::map<int, Loss> losses_;
-  std::map<int, int> fps_;
-  bool closed_ = false;
-  Clock::time_point closed_at_;
+  std::vector<Item> queue_ GUARDED_BY(mutex_) = std::vector<Item>(kQueue);
+  std::size_t first_ GUARDED_BY(mutex_) = 0;
+  std::size_t size_ GUARDED_BY(mutex_) = 0;
+  std::size_t pictures_queued_ GUARDED_BY(mutex_) = 0;
+  std::map<int, Loss> losses_ GUARDED_BY(mutex_);
+  std::map<int, int> fps_ GUARDED_BY(mutex_);
+  bool closed_ GUARDED_BY(mutex_) = false;
+  Clock::time_point closed_at_ GUARDED_BY(mutex_);
 };
 
 }  // namespace sarnet

@@ -63,7 +63,7 @@ void Room::prepare() {
   } catch (const std::exception& failure) {  // no memory for what a file holds
     error = stage.scenario.place_of(failure.what());
   }
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   fault_ = error;
   if (fine) {
     scenario_ = std::move(stage.scenario);
@@ -73,20 +73,20 @@ void Room::prepare() {
   ready_ = true;
   for (const auto& member : members_) {
     at(Clock::now() + std::max(kLatency, milliseconds(scenario_.join_delay_ms)),
-       [this, key = member->key] { admit(key); });
+       [this, key = member->key]() REQUIRES(mutex_) { admit(key); });
   }
 }
 
 void Room::run() {
   prepare();
-  std::unique_lock lock(mutex_);
+  common::UniqueLock lock(mutex_);
   while (!closed_) {
     if (actions_.empty()) {
-      changed_.wait(lock);
+      changed_.wait(lock.native());
     } else if (const auto next = actions_.begin(); next->first > Clock::now()) {
       // The time is copied: the action may be erased while this waits.
       const auto due = next->first;
-      changed_.wait_until(lock, due);
+      changed_.wait_until(lock.native(), due);
     } else {
       const auto action = std::move(next->second);
       actions_.erase(next);
@@ -120,12 +120,12 @@ void Room::record(const char* event,
 // --------------------------------------------------------------------------------------
 
 bool Room::closed() const {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   return closed_;
 }
 
 bool Room::join(const void* member, const std::string& token, std::shared_ptr<SessionSink> sink) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   if (closed_) return false;
   auto& entry = members_.emplace_back(std::make_unique<Member>());
   entry->key = member;
@@ -133,7 +133,7 @@ bool Room::join(const void* member, const std::string& token, std::shared_ptr<Se
   entry->sink = std::move(sink);
   if (ready_) {
     at(Clock::now() + std::max(kLatency, milliseconds(scenario_.join_delay_ms)),
-       [this, member] { admit(member); });
+       [this, member]() REQUIRES(mutex_) { admit(member); });
   }
   return true;
 }
@@ -188,13 +188,13 @@ void Room::admit(const void* key) {
 }
 
 void Room::leave(const void* key) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   const auto found = std::find_if(members_.begin(), members_.end(),
                                   [&](const auto& each) { return each->key == key; });
   if (found == members_.end()) return;
   const auto member = std::move(*found);
   members_.erase(found);
-  std::erase_if(subscriptions_, [&](const Subscription& each) {
+  std::erase_if(subscriptions_, [&](const Subscription& each) REQUIRES(mutex_) {
     if (each.member != key) return false;
     if (const auto stream = find_stream(each.stream_id, key)) stream->remove(each.sink.get());
     return true;
@@ -234,7 +234,7 @@ void Room::tell_others(const void* key, const std::function<void(SessionSink&)>&
 
 std::shared_ptr<PublishedStream> Room::publish(const void* key, const PublishRequest& request,
                                                std::shared_ptr<PublicationSink> sink) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   Member* const member = find_member(key);
   if (member == nullptr || !member->joined || closed_) return nullptr;
   StreamInfo info{unique_name("stream"), request.name, member->connection};
@@ -245,7 +245,7 @@ std::shared_ptr<PublishedStream> Room::publish(const void* key, const PublishReq
   }
   auto stream = std::make_shared<RoomStream>(std::move(info), recorder_, recording);
   member->publications.push_back({stream, std::move(sink), false});
-  soon([this, key, stream] { announce(key, stream.get()); });
+  soon([this, key, stream]() REQUIRES(mutex_) { announce(key, stream.get()); });
   return stream;
 }
 
@@ -261,7 +261,7 @@ void Room::announce(const void* key, const RoomStream* stream) {
 }
 
 void Room::unpublish(const void* key, const PublishedStream* stream) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   Member* const member = find_member(key);
   if (member == nullptr) return;
   const auto found =
@@ -299,12 +299,12 @@ std::shared_ptr<RoomStream> Room::find_stream(const std::string& id, const void*
 
 void Room::subscribe(const void* key, const std::string& stream_id,
                      std::shared_ptr<SubscriptionSink> sink) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   const Member* const member = find_member(key);
   if (member == nullptr || !member->joined || closed_) return;
   const SubscriptionSink* const address = sink.get();
   subscriptions_.push_back({key, stream_id, std::move(sink)});
-  soon([this, address] { answer_subscription(address); });
+  soon([this, address]() REQUIRES(mutex_) { answer_subscription(address); });
 }
 
 void Room::answer_subscription(const SubscriptionSink* sink) {
@@ -323,7 +323,7 @@ void Room::answer_subscription(const SubscriptionSink* sink) {
 }
 
 void Room::unsubscribe(const SubscriptionSink* sink) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   const auto found = std::find_if(subscriptions_.begin(), subscriptions_.end(),
                                   [&](const auto& each) { return each.sink.get() == sink; });
   if (found == subscriptions_.end()) return;

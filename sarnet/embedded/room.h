@@ -6,11 +6,11 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "base/engine.h"
+#include "common/mutex.h"
 #include "embedded/player.h"
 #include "embedded/recorder.h"
 #include "embedded/room_stream.h"
@@ -84,47 +84,48 @@ class Room : public std::enable_shared_from_this<Room> {
   // False and `error` when the scenario cannot be played.
   bool set(Stage& stage, std::string& error) const;
 
-  // All below: under the lock.
-  void at(Clock::time_point time, std::function<void()> action);
-  void soon(std::function<void()> action);
-  void admit(const void* key);
-  std::string refusal_of(const Member& member, int& code) const;
-  void begin_script();
-  void enter(Actor& actor);
-  void exit(Actor& actor);
-  void drop_stream(Actor& actor);
-  void perform(const ScenarioEvent& event);
-  void end_for_all(const std::function<void(SessionSink&)>& tell);
-  void fail_publications(const ScenarioEvent& event);
-  void fail_subscriptions(const ScenarioEvent& event);
-  void announce(const void* key, const RoomStream* stream);
-  void answer_subscription(const SubscriptionSink* sink);
-  void remove_publication(Member& member, const Publication& publication);
-  void end_subscriptions(const std::string& stream_id);
-  void tell_others(const void* key, const std::function<void(SessionSink&)>& tell);
-  Member* find_member(const void* key);
+  void at(Clock::time_point time, std::function<void()> action) REQUIRES(mutex_);
+  void soon(std::function<void()> action) REQUIRES(mutex_);
+  void admit(const void* key) REQUIRES(mutex_);
+  std::string refusal_of(const Member& member, int& code) const REQUIRES(mutex_);
+  void begin_script() REQUIRES(mutex_);
+  void enter(Actor& actor) REQUIRES(mutex_);
+  void exit(Actor& actor) REQUIRES(mutex_);
+  void drop_stream(Actor& actor) REQUIRES(mutex_);
+  void perform(const ScenarioEvent& event) REQUIRES(mutex_);
+  void end_for_all(const std::function<void(SessionSink&)>& tell) REQUIRES(mutex_);
+  void fail_publications(const ScenarioEvent& event) REQUIRES(mutex_);
+  void fail_subscriptions(const ScenarioEvent& event) REQUIRES(mutex_);
+  void announce(const void* key, const RoomStream* stream) REQUIRES(mutex_);
+  void answer_subscription(const SubscriptionSink* sink) REQUIRES(mutex_);
+  void remove_publication(Member& member, const Publication& publication) REQUIRES(mutex_);
+  void end_subscriptions(const std::string& stream_id) REQUIRES(mutex_);
+  void tell_others(const void* key, const std::function<void(SessionSink&)>& tell) REQUIRES(mutex_);
+  Member* find_member(const void* key) REQUIRES(mutex_);
   // Null for a stream that is not there, or is the member's own.
-  std::shared_ptr<RoomStream> find_stream(const std::string& id, const void* member);
-  void close_if_empty();
-  void record(const char* event, std::initializer_list<std::pair<const char*, std::string>> fields);
+  std::shared_ptr<RoomStream> find_stream(const std::string& id, const void* member)
+      REQUIRES(mutex_);
+  void close_if_empty() REQUIRES(mutex_);
+  void record(const char* event, std::initializer_list<std::pair<const char*, std::string>> fields)
+      REQUIRES(mutex_);
 
   const std::string session_id_;
   const std::string scenario_path_;
 
-  mutable std::mutex mutex_;
+  mutable common::Mutex mutex_;
   std::condition_variable changed_;
-  std::multimap<Clock::time_point, std::function<void()>> actions_;
-  bool ready_ = false;
-  bool closed_ = false;
+  std::multimap<Clock::time_point, std::function<void()>> actions_ GUARDED_BY(mutex_);
+  bool ready_ GUARDED_BY(mutex_) = false;
+  bool closed_ GUARDED_BY(mutex_) = false;
   // The same for those that open and play files.
   const std::shared_ptr<std::atomic<bool>> over_ = std::make_shared<std::atomic<bool>>(false);
-  bool script_begun_ = false;
-  std::string fault_;  // why the scenario cannot be played; empty: it can
-  Scenario scenario_;
-  std::shared_ptr<Recorder> recorder_;
-  std::vector<std::unique_ptr<Actor>> actors_;
-  std::vector<std::unique_ptr<Member>> members_;
-  std::vector<Subscription> subscriptions_;
+  bool script_begun_ GUARDED_BY(mutex_) = false;
+  std::string fault_ GUARDED_BY(mutex_);  // why the scenario cannot be played; empty: it can
+  Scenario scenario_ GUARDED_BY(mutex_);
+  std::shared_ptr<Recorder> recorder_ GUARDED_BY(mutex_);
+  std::vector<std::unique_ptr<Actor>> actors_ GUARDED_BY(mutex_);
+  std::vector<std::unique_ptr<Member>> members_ GUARDED_BY(mutex_);
+  std::vector<Subscription> subscriptions_ GUARDED_BY(mutex_);
 };
 
 }  // namespace sarnet

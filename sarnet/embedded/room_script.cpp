@@ -19,13 +19,15 @@ void Room::begin_script() {
   const auto start = Clock::now();
   for (const auto& actor : actors_) {
     const ScenarioParticipant& script = actor->script;
-    at(start + milliseconds(script.join_at_ms), [this, who = actor.get()] { enter(*who); });
+    at(start + milliseconds(script.join_at_ms),
+       [this, who = actor.get()]() REQUIRES(mutex_) { enter(*who); });
     if (script.leave_at_ms) {
-      at(start + milliseconds(*script.leave_at_ms), [this, who = actor.get()] { exit(*who); });
+      at(start + milliseconds(*script.leave_at_ms),
+         [this, who = actor.get()]() REQUIRES(mutex_) { exit(*who); });
     }
   }
   for (const ScenarioEvent& event : scenario_.events) {
-    at(start + milliseconds(event.at_ms), [this, &event] { perform(event); });
+    at(start + milliseconds(event.at_ms), [this, &event]() REQUIRES(mutex_) { perform(event); });
   }
 }
 
@@ -109,7 +111,7 @@ void Room::fail_publications(const ScenarioEvent& event) {
 }
 
 void Room::fail_subscriptions(const ScenarioEvent& event) {
-  std::erase_if(subscriptions_, [&](const Subscription& each) {
+  std::erase_if(subscriptions_, [&](const Subscription& each) REQUIRES(mutex_) {
     const bool meant = event.participant.empty() ||
                        std::any_of(actors_.begin(), actors_.end(), [&](const auto& actor) {
                          return actor->script.id == event.participant && actor->stream &&

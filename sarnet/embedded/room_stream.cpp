@@ -11,12 +11,12 @@ RoomStream::RoomStream(StreamInfo info, std::shared_ptr<Recorder> recorder, int 
     : info_(std::move(info)), recorder_(std::move(recorder)), recording_(recording) {}
 
 bool RoomStream::watched() const {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   return !sinks_.empty();
 }
 
 void RoomStream::add(std::shared_ptr<SubscriptionSink> sink) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   // Under the lock: no media come before it, and none are missed by a program that answers it.
   sink->subscribed();
   if (!closed_) sinks_.push_back(std::move(sink));
@@ -24,7 +24,7 @@ void RoomStream::add(std::shared_ptr<SubscriptionSink> sink) {
 
 void RoomStream::remove(const MediaSink* sink) {
   std::shared_ptr<MediaSink> gone;
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   const auto found = std::find_if(sinks_.begin(), sinks_.end(),
                                   [&](const auto& each) { return each.get() == sink; });
   if (found == sinks_.end()) return;
@@ -34,7 +34,7 @@ void RoomStream::remove(const MediaSink* sink) {
 
 void RoomStream::close() {
   std::vector<std::shared_ptr<MediaSink>> gone;
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   if (closed_) return;
   closed_ = true;
   gone.swap(sinks_);
@@ -42,24 +42,24 @@ void RoomStream::close() {
 }
 
 void RoomStream::on_audio(const AudioFormat& format, std::span<const std::int16_t> samples) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   for (const auto& sink : sinks_) sink->on_audio(format, samples);
 }
 
 void RoomStream::on_picture(const PictureRef& picture) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   if (recorder_ && !closed_) recorder_->add_picture(recording_, picture);
   for (const auto& sink : sinks_) sink->on_picture(picture);
 }
 
 void RoomStream::on_caption(std::string_view text, bool is_final) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   for (const auto& sink : sinks_) sink->on_caption(text, is_final);
 }
 
 void RoomStream::on_captured_audio(const AudioFormat& format,
                                    std::span<const std::int16_t> samples) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   if (recorder_ && !closed_) recorder_->add_audio(recording_, format, samples);
 }
 

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "base/engine.h"
+#include "common/mutex.h"
 #include "embedded/recorder.h"
 
 namespace sarnet {
@@ -34,9 +34,9 @@ class RoomStream : public PublishedStream {
   const StreamInfo info_;
   const std::shared_ptr<Recorder> recorder_;  // null: not recorded
   const int recording_ = 0;
-  mutable std::mutex mutex_;
-  std::vector<std::shared_ptr<MediaSink>> sinks_;
-  bool closed_ = false;
+  mutable common::Mutex mutex_;
+  std::vector<std::shared_ptr<MediaSink>> sinks_ GUARDED_BY(mutex_);
+  bool closed_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace sarnet

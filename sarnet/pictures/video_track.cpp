@@ -25,7 +25,7 @@ bool is_black(const Picture& picture) {
 VideoTrack::VideoTrack(Counters& counters) : counters_(counters) {}
 
 void VideoTrack::connect(std::shared_ptr<PublishedStream> stream, int fps) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   stream_.swap(stream);
   period_ = std::chrono::microseconds(1'000'000 / std::max(fps, 1));
   last_handle_ = nullptr;
@@ -50,7 +50,7 @@ bool VideoTrack::provide(int rotation, const VideoFrame& frame, const void* hand
     return false;
   }
   const bool upright = rotation == 0 || rotation == 180;
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   if (!stream_) return true;
   const PictureRef picture = pool_.acquire(upright ? frame.width() : frame.height(),
                                            upright ? frame.height() : frame.width());

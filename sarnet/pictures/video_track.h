@@ -2,11 +2,11 @@
 
 #include <chrono>
 #include <memory>
-#include <mutex>
 
 #include "base/engine.h"
 #include "base/picture.h"
 #include "base/statistics.h"
+#include "common/mutex.h"
 #include "pictures/picture_converter.h"
 #include "pictures/video_frame.h"
 
@@ -32,16 +32,16 @@ class VideoTrack {
   // The pictures that may be on their way to subscribers and into a recording at once.
   static constexpr std::size_t kMaxPictures = 64;
 
-  void count(const Picture& picture, const void* handle);
+  void count(const Picture& picture, const void* handle) REQUIRES(mutex_);
 
   Counters& counters_;
   PicturePool pool_{kMaxPictures};
-  std::mutex mutex_;
-  PictureConverter converter_;
-  std::shared_ptr<PublishedStream> stream_;
-  std::chrono::microseconds period_{};
-  const void* last_handle_ = nullptr;
-  Clock::time_point last_time_{};
+  common::Mutex mutex_;
+  PictureConverter converter_ GUARDED_BY(mutex_);
+  std::shared_ptr<PublishedStream> stream_ GUARDED_BY(mutex_);
+  std::chrono::microseconds period_ GUARDED_BY(mutex_){};
+  const void* last_handle_ GUARDED_BY(mutex_) = nullptr;
+  Clock::time_point last_time_ GUARDED_BY(mutex_){};
 };
 
 }  // namespace sarnet

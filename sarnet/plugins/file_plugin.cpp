@@ -1,7 +1,6 @@
 #include "plugins/file_plugin.h"
 
-#include <mutex>
-
+#include "common/mutex.h"
 #include "plugins/file_plugin_entry.h"
 #include "plugins/sibling_library.h"
 
@@ -24,9 +23,9 @@ const FilePlugin* FilePlugin::load_from(const std::string& path, std::string& er
 }
 
 const FilePlugin* FilePlugin::load(std::string& error) {
-  static std::mutex mutex;
+  static common::Mutex mutex;
   static const FilePlugin* plugin = nullptr;
-  const std::lock_guard lock(mutex);
+  const common::LockGuard lock(mutex);
   if (plugin == nullptr) plugin = load_from(sibling_path("libsarnet_files.so"), error);
   return plugin;
 }

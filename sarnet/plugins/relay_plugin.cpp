@@ -1,10 +1,10 @@
 #include "plugins/relay_plugin.h"
 
-#include <mutex>
 #include <utility>
 
 #include "base/log.h"
 #include "base/thread_keeper.h"
+#include "common/mutex.h"
 #include "plugins/relay_plugin_entry.h"
 #include "plugins/sibling_library.h"
 
@@ -37,9 +37,9 @@ const RelayPlugin* load(std::string& error) {
 }  // namespace
 
 std::shared_ptr<Engine> make_relay_engine(const HostAddress& address, std::string& error) {
-  static std::mutex mutex;
+  static common::Mutex mutex;
   static const RelayPlugin* plugin = nullptr;
-  const std::lock_guard lock(mutex);
+  const common::LockGuard lock(mutex);
   if (plugin == nullptr) plugin = load(error);
   return plugin != nullptr ? plugin->make_engine(address) : nullptr;
 }

@@ -1,8 +1,9 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <utility>
+
+#include "common/mutex.h"
 
 namespace sarnet {
 
@@ -16,7 +17,7 @@ class BindingSlot {
   // begin() throws goes on to the caller, with the binding ended.
   bool bind(const std::shared_ptr<Binding>& binding) {
     {
-      const std::lock_guard lock(mutex_);
+      const common::LockGuard lock(mutex_);
       if (closed_ || binding_) return false;
       binding_ = binding;
     }
@@ -33,14 +34,14 @@ class BindingSlot {
   bool unbind(const void* session) {
     std::shared_ptr<Binding> binding;
     {
-      const std::lock_guard lock(mutex_);
+      const common::LockGuard lock(mutex_);
       // One that the other side has ended is there to be ended by the program too, once.
       if (std::exchange(ended_session_, nullptr) == session && !binding_) return true;
       if (!binding_ || binding_->session() != session) return false;
       binding = binding_;
     }
     binding->end();
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     ended_session_ = nullptr;
     return true;
   }
@@ -49,7 +50,7 @@ class BindingSlot {
   void close() {
     std::shared_ptr<Binding> binding;
     {
-      const std::lock_guard lock(mutex_);
+      const common::LockGuard lock(mutex_);
       closed_ = true;
       binding = binding_;
     }
@@ -58,28 +59,29 @@ class BindingSlot {
 
   // Null when there is none.
   std::shared_ptr<Binding> current() const {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     return binding_;
   }
   bool holds(const Binding* binding) const {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     return binding_.get() == binding;
   }
 
   // From the binding's end().
   void forget(const Binding* binding) {
     std::shared_ptr<Binding> gone;  // released after the lock
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (binding_.get() != binding) return;
     gone.swap(binding_);
     ended_session_ = gone->session();
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::shared_ptr<Binding> binding_;
-  const void* ended_session_ = nullptr;  // of the last binding, if it ended by itself
-  bool closed_ = false;
+  mutable common::Mutex mutex_;
+  std::shared_ptr<Binding> binding_ GUARDED_BY(mutex_);
+  const void* ended_session_ GUARDED_BY(mutex_) =
+      nullptr;  // of the last binding, if it ended by itself
+  bool closed_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace sarnet

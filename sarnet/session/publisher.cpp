@@ -56,7 +56,7 @@ bool Publisher::init_capturer(int& fps) {
   srn_video_capturer* const handle = context_.capturers.add(video_, HandleOwner::kLibrary);
   if (handle == nullptr) return false;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     capturer_handle_ = handle;
   }
   if (capturer_.init != nullptr && capturer_.init(handle, capturer_.user_data) == SRN_FALSE) {
@@ -78,7 +78,7 @@ bool Publisher::start_capturer() {
   if (!settings_.video_track || capturer_.start == nullptr || gate_.closed()) return true;
   const srn_video_capturer* handle = nullptr;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     handle = capturer_handle_;
   }
   if (handle == nullptr) return true;
@@ -90,7 +90,7 @@ bool Publisher::start_capturer() {
 void Publisher::stop_capturer() {
   srn_video_capturer* handle = nullptr;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     std::swap(handle, capturer_handle_);
   }
   if (handle == nullptr) return;
@@ -128,7 +128,7 @@ void Publication::begin_on_strand() {
   }
   bool ended = false;
   try {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     ended = ended_;
     if (!ended) {
       stream_ = stream;
@@ -156,7 +156,7 @@ void Publication::begin_on_strand() {
 void Publication::end() {
   std::shared_ptr<PublishedStream> stream;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (ended_) return;
     ended_ = true;
     stream = std::exchange(stream_, nullptr);
@@ -177,7 +177,7 @@ void Publication::end() {
 
 bool Publication::send_caption(std::string_view text, bool is_final) {
   // Under the lock, so that captions of several threads go out one at a time; sinks only post.
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   if (!stream_) return false;
   stream_->on_caption(text, is_final);
   return true;

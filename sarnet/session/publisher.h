@@ -4,12 +4,12 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
 #include "base/engine.h"
 #include "base/event_gate.h"
+#include "common/mutex.h"
 #include "pictures/video_track.h"
 #include "session/binding_slot.h"
 #include "session/context.h"
@@ -82,8 +82,8 @@ class Publisher : public std::enable_shared_from_this<Publisher> {
   EventGate gate_;
   BindingSlot<Publication> binding_;
 
-  std::mutex mutex_;
-  srn_video_capturer* capturer_handle_ = nullptr;  // between init and destroy
+  common::Mutex mutex_;
+  srn_video_capturer* capturer_handle_ GUARDED_BY(mutex_) = nullptr;  // between init and destroy
 };
 
 // One binding of a publisher to a session. Held by the publisher and by the engine until it ends.
@@ -115,9 +115,9 @@ class Publication : public PublicationSink, public std::enable_shared_from_this<
   const std::shared_ptr<Strand> strand_;
   const std::shared_ptr<Engine> engine_;
 
-  std::mutex mutex_;
-  std::shared_ptr<PublishedStream> stream_;
-  bool ended_ = false;
+  common::Mutex mutex_;
+  std::shared_ptr<PublishedStream> stream_ GUARDED_BY(mutex_);
+  bool ended_ GUARDED_BY(mutex_) = false;
 
   // On the strand alone.
   StreamInfo info_;

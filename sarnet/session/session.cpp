@@ -29,14 +29,14 @@ Session::Session(const Context& context, std::string api_key, std::string sessio
 }
 
 bool Session::in_state(State state) const {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   return state_ == state;
 }
 
 srn_status Session::connect(const std::shared_ptr<Engine>& engine, const JoinRequest& request) {
   const Strand::Hold hold(*strand_);
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (state_ != State::kIdle) return SRN_SESSION_ILLEGAL_STATE;
     state_ = State::kConnecting;
     engine_ = engine;
@@ -45,7 +45,7 @@ srn_status Session::connect(const std::shared_ptr<Engine>& engine, const JoinReq
     engine->join(request, shared_from_this());
   } catch (...) {
     engine->leave();
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     state_ = State::kIdle;
     engine_.reset();
     throw;
@@ -66,14 +66,14 @@ void Session::leave(const std::shared_ptr<Engine>& engine) {
 }
 
 Session::Bindings Session::take_bindings() {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   return std::exchange(bindings_, {});
 }
 
 srn_status Session::disconnect() {
   std::shared_ptr<Engine> engine;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (state_ == State::kIdle || state_ == State::kOver) return SRN_SESSION_NOT_CONNECTED;
     if (state_ == State::kLeaving) return SRN_SUCCESS;
     state_ = State::kLeaving;
@@ -87,7 +87,7 @@ srn_status Session::disconnect() {
 void Session::close() {
   std::shared_ptr<Engine> engine;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     state_ = State::kOver;
     engine = std::exchange(engine_, nullptr);
   }
@@ -97,7 +97,7 @@ void Session::close() {
 }
 
 std::shared_ptr<Connection> Session::own_connection() const {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   return state_ == State::kConnected ? own_ : nullptr;
 }
 
@@ -105,14 +105,14 @@ srn_status Session::publish(const std::shared_ptr<Publisher>& publisher) {
   const Strand::Hold hold(*strand_);
   std::shared_ptr<Engine> engine;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (state_ != State::kConnected) return SRN_SESSION_NOT_CONNECTED;
     engine = engine_;
   }
   const auto publication = publisher->bind(this, strand_, std::move(engine));
   if (!publication) return SRN_SESSION_ILLEGAL_STATE;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (state_ == State::kConnected) {
       remember(bindings_.publications, publication);
       return SRN_SUCCESS;
@@ -131,14 +131,14 @@ srn_status Session::subscribe(const std::shared_ptr<Subscriber>& subscriber) {
   const Strand::Hold hold(*strand_);
   std::shared_ptr<Engine> engine;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (state_ != State::kConnected) return SRN_SESSION_NOT_CONNECTED;
     engine = engine_;
   }
   const auto subscription = subscriber->bind(this, strand_, std::move(engine));
   if (!subscription) return SRN_SESSION_ILLEGAL_STATE;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (state_ == State::kConnected) {
       remember(bindings_.subscriptions, subscription);
       return SRN_SUCCESS;
@@ -165,7 +165,7 @@ void Session::post_last_event(std::function<void()> raise) {
   strand_->post([self = shared_from_this(), raise = std::move(raise)] {
     std::shared_ptr<Engine> engine;
     {
-      const std::lock_guard lock(self->mutex_);
+      const common::LockGuard lock(self->mutex_);
       if (self->state_ == State::kIdle || self->state_ == State::kOver) return;
       self->state_ = State::kOver;
       engine = std::exchange(self->engine_, nullptr);
@@ -188,7 +188,7 @@ void Session::post_last_event(std::function<void()> raise) {
 void Session::joined(const ConnectionInfo& own) {
   strand_->post([self = shared_from_this(), own] {
     {
-      const std::lock_guard lock(self->mutex_);
+      const common::LockGuard lock(self->mutex_);
       if (self->state_ != State::kConnecting) return;
       self->state_ = State::kConnected;
       self->own_ = std::make_shared<Connection>(Connection{own});
@@ -201,7 +201,7 @@ void Session::joined(const ConnectionInfo& own) {
       }
     }
     // Under the lock, so that a disconnection comes either before, or after and takes it back.
-    const std::lock_guard lock(self->mutex_);
+    const common::LockGuard lock(self->mutex_);
     if (self->state_ == State::kConnected) {
       self->context_.audio_device.session_connected(self.get());
     }

@@ -4,13 +4,13 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "base/engine.h"
 #include "base/event_gate.h"
 #include "base/strand.h"
+#include "common/mutex.h"
 #include "session/context.h"
 #include "session/stream.h"
 
@@ -82,11 +82,11 @@ class Session : public SessionSink, public std::enable_shared_from_this<Session>
   EventGate gate_;
   const std::shared_ptr<Strand> strand_;
 
-  mutable std::mutex mutex_;
-  State state_ = State::kIdle;
-  std::shared_ptr<Engine> engine_;
-  std::shared_ptr<Connection> own_;
-  Bindings bindings_;
+  mutable common::Mutex mutex_;
+  State state_ GUARDED_BY(mutex_) = State::kIdle;
+  std::shared_ptr<Engine> engine_ GUARDED_BY(mutex_);
+  std::shared_ptr<Connection> own_ GUARDED_BY(mutex_);
+  Bindings bindings_ GUARDED_BY(mutex_);
 };
 
 }  // namespace sarnet

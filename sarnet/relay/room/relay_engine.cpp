@@ -3,9 +3,9 @@
 #include <sarnet/sarnet.h>
 
 #include <atomic>
-#include <mutex>
 #include <utility>
 
+#include "common/mutex.h"
 #include "relay/peer/peer_connection.h"
 #include "relay/peer/services.h"
 #include "relay/room/relay_session.h"
@@ -35,7 +35,7 @@ class RelayEngine : public Engine {
     participation->session = std::make_unique<RelaySession>(
         participation->loop, participation->left, relay_settings(address_, request.port), request,
         std::move(sink), client_);
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (left_) return;
     warm_media_stack();
     services().start_thread("srn-relay", [participation] {
@@ -47,7 +47,7 @@ class RelayEngine : public Engine {
   }
 
   void leave() override {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     left_ = true;
     if (!participation_) return;
     *participation_->left = true;
@@ -59,7 +59,7 @@ class RelayEngine : public Engine {
 
   std::shared_ptr<PublishedStream> publish(const PublishRequest& request,
                                            std::shared_ptr<PublicationSink> sink) override {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (!participation_) return nullptr;
     auto feed = std::make_shared<PublishedFeed>();
     post([request, feed, sink = std::move(sink)](RelaySession& session) {
@@ -69,31 +69,31 @@ class RelayEngine : public Engine {
   }
 
   void unpublish(const std::shared_ptr<PublishedStream>& stream) override {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     post([stream](RelaySession& session) { session.unpublish(stream.get()); });
   }
 
   void subscribe(const std::string& stream_id, std::shared_ptr<SubscriptionSink> sink) override {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     if (!participation_) return;
     auto gate = std::make_shared<SubscriptionGate>(std::move(sink), participation_->left);
     post([stream_id, gate](RelaySession& session) { session.subscribe(stream_id, gate); });
   }
 
   void prefer(const std::shared_ptr<SubscriptionSink>& sink, const MediaWishes& wishes) override {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     post([sink, wishes](RelaySession& session) { session.prefer(sink.get(), wishes); });
   }
 
   void unsubscribe(const std::shared_ptr<SubscriptionSink>& sink) override {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     post([sink](RelaySession& session) { session.unsubscribe(sink.get()); });
   }
 
  private:
-  // Under the lock. The thread keeps the participation while its loop runs, so the pointers hold.
+  // The thread keeps the participation while its loop runs, so the pointers hold.
   template <class Task>
-  void post(Task task) {
+  void post(Task task) REQUIRES(mutex_) {
     if (!participation_) return;
     participation_->loop->post(
         [session = participation_->session.get(), task = std::move(task)] { task(*session); });
@@ -101,9 +101,9 @@ class RelayEngine : public Engine {
 
   const HostAddress address_;
   const JanusSettings client_;
-  std::mutex mutex_;
-  std::shared_ptr<Participation> participation_;
-  bool left_ = false;
+  common::Mutex mutex_;
+  std::shared_ptr<Participation> participation_ GUARDED_BY(mutex_);
+  bool left_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace

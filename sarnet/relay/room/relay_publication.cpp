@@ -9,12 +9,12 @@
 namespace sarnet::relay {
 
 void PublishedFeed::connect(std::shared_ptr<PublishedStream> peer) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   peer_.swap(peer);
 }
 
 std::shared_ptr<PublishedStream> PublishedFeed::peer() const {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   return peer_;
 }
 

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "base/engine.h"
+#include "common/mutex.h"
 #include "relay/peer/publishing_peer.h"
 #include "relay/room/relay_stream.h"
 #include "relay/room/room_member.h"
@@ -26,8 +26,8 @@ class PublishedFeed : public PublishedStream {
  private:
   std::shared_ptr<PublishedStream> peer() const;
 
-  mutable std::mutex mutex_;
-  std::shared_ptr<PublishedStream> peer_;
+  mutable common::Mutex mutex_;
+  std::shared_ptr<PublishedStream> peer_ GUARDED_BY(mutex_);
 };
 
 // One stream that the session publishes. A participation of the server publishes one stream, so the

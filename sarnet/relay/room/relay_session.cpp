@@ -46,6 +46,7 @@ RelaySession::~RelaySession() = default;
 SessionSink* RelaySession::sink() const { return *access_.left ? nullptr : sink_.get(); }
 
 void RelaySession::join() {
+  loop_->thread().require();
   client_.open([this](const Failure* failure) {
     if (failure != nullptr) {
       fail(*failure);
@@ -116,6 +117,7 @@ void RelaySession::entered(const json& data) {
 }
 
 void RelaySession::leave(std::function<void()> done) {
+  loop_->thread().require();
   sink_.reset();
   // The server first, so that the others know at once; it ends all handles with the session.
   auto both = std::make_shared<int>(2);
@@ -180,6 +182,7 @@ void RelaySession::publish(const PublishRequest& request, std::shared_ptr<Publis
 }
 
 void RelaySession::unpublish(const PublishedStream* stream) {
+  loop_->thread().require();
   const auto found =
       std::ranges::find_if(publications_, [&](const auto& each) { return each->feed() == stream; });
   if (found == publications_.end()) return;
@@ -203,6 +206,7 @@ void RelaySession::remove(const RelayStream& gone) {
 }
 
 void RelaySession::subscribe(const std::string& stream_id, std::shared_ptr<SubscriptionGate> gate) {
+  loop_->thread().require();
   auto* const wanting = gate->sink();
   if (wanting == nullptr) return;
   if (!sink_ || !room_) {
@@ -227,10 +231,12 @@ RelaySubscription* RelaySession::find(const SubscriptionSink* sink) const {
 }
 
 void RelaySession::prefer(const SubscriptionSink* sink, const MediaWishes& wishes) {
+  loop_->thread().require();
   if (auto* subscription = find(sink)) subscription->prefer(wishes);
 }
 
 void RelaySession::unsubscribe(const SubscriptionSink* sink) {
+  loop_->thread().require();
   auto* subscription = find(sink);
   if (subscription == nullptr) return;
   subscription->stop();
@@ -239,6 +245,7 @@ void RelaySession::unsubscribe(const SubscriptionSink* sink) {
 }
 
 void RelaySession::on_notice(std::uint64_t handle, const json& message) {
+  loop_->thread().require();
   if (handle == 0) return;
   if (handle == handle_) {
     const std::string kind = text_of(message, "janus");

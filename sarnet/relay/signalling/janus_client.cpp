@@ -21,6 +21,7 @@ JanusClient::JanusClient(MainLoop& loop, JanusSettings settings, JanusObserver& 
 JanusClient::~JanusClient() { end(); }
 
 void JanusClient::open(std::function<void(const Failure*)> done) {
+  loop_.thread().require();
   opened_ = std::move(done);
   state_ = State::kConnecting;
   connect_timer_ = MainLoop::Timer(loop_, settings_.connect_limit, [this] {
@@ -173,6 +174,7 @@ void JanusClient::attach(const std::string& plugin,
 }
 
 void JanusClient::detach(std::uint64_t handle) {
+  loop_.thread().require();
   request({{"janus", "detach"}, {"handle_id", handle}}, nullptr);
 }
 
@@ -184,6 +186,7 @@ void JanusClient::message(std::uint64_t handle, json body, const std::string& sd
 }
 
 void JanusClient::trickle(std::uint64_t handle, unsigned mline, const std::string& candidate) {
+  loop_.thread().require();
   const json text = candidate.empty() ? json{{"completed", true}}
                                       : json{{"sdpMLineIndex", mline}, {"candidate", candidate}};
   request({{"janus", "trickle"}, {"handle_id", handle}, {"candidate", text}}, nullptr, {}, true);
@@ -228,6 +231,7 @@ void JanusClient::answer(const std::string& transaction, const JanusReply& reply
 }
 
 void JanusClient::received(std::string_view text) {
+  loop_.thread().require();
   heard_ = true;
   json message = parse_message(text);
   if (message.is_null()) {
@@ -262,6 +266,7 @@ void JanusClient::received(std::string_view text) {
 }
 
 void JanusClient::close(std::chrono::milliseconds limit, std::function<void()> done) {
+  loop_.thread().require();
   const auto finish = [this] {
     end();
     std::exchange(closed_, nullptr)();

@@ -48,7 +48,7 @@ MainLoop::MainLoop() : context_(g_main_context_new()) {
 MainLoop::~MainLoop() = default;
 
 void MainLoop::post(std::function<void()> task) {
-  const std::lock_guard lock(mutex_);
+  const common::LockGuard lock(mutex_);
   if (closed_) return;
   tasks_.push_back(std::move(task));
   g_source_set_ready_time(wake_.get(), 0);
@@ -57,7 +57,7 @@ void MainLoop::post(std::function<void()> task) {
 void MainLoop::run_posted() {
   std::deque<Action> tasks;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     tasks.swap(tasks_);
   }
   while (!tasks.empty()) {
@@ -68,17 +68,19 @@ void MainLoop::run_posted() {
 }
 
 void MainLoop::run() {
+  thread_.take();
   g_main_context_push_thread_default(context_.get());
   while (!quitting_) g_main_context_iteration(context_.get(), TRUE);
   std::deque<Action> dropped;
   {
-    const std::lock_guard lock(mutex_);
+    const common::LockGuard lock(mutex_);
     closed_ = true;
     dropped.swap(tasks_);
   }
   dropped.clear();
   for (int i = 0; i < kLastRounds && g_main_context_iteration(context_.get(), FALSE) != FALSE;) ++i;
   g_main_context_pop_thread_default(context_.get());
+  thread_.leave();
 }
 
 void MainLoop::quit() {

@@ -7,7 +7,9 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
+
+#include "common/mutex.h"
+#include "common/thread_role.h"
 
 namespace sarnet::relay {
 
@@ -38,6 +40,9 @@ class MainLoop {
   // Any thread. run() returns after the task that is under way.
   void quit();
 
+  // The thread that runs the loop, for those whose calls are its alone to check.
+  const common::ThreadRole& thread() const { return thread_; }
+
   // For sources that are not of this class; attach and remove them on the loop's thread.
   GMainContext* context() const { return context_.get(); }
 
@@ -65,10 +70,11 @@ class MainLoop {
   std::unique_ptr<GMainContext, ContextDeleter> context_;
   SourceHandle wake_;
   std::atomic<bool> quitting_{false};
+  common::ThreadRole thread_{"a session's main loop"};
 
-  std::mutex mutex_;
-  std::deque<std::function<void()>> tasks_;
-  bool closed_ = false;
+  common::Mutex mutex_;
+  std::deque<std::function<void()>> tasks_ GUARDED_BY(mutex_);
+  bool closed_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace sarnet::relay
