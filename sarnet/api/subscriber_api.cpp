@@ -15,7 +15,7 @@ srn_status set_flag(srn_subscriber* subscriber, std::atomic<bool> sarnet::Subscr
   const auto object = Library::instance().subscribers.find(subscriber);
   if (!object) return kInvalid;
   (*object).*flag = value != SRN_FALSE;
-  object->wishes_changed();
+  object->preferences_changed();
   return SRN_SUCCESS;
 }
 
@@ -54,7 +54,7 @@ srn_status srn_subscriber_set_preferred_resolution(srn_subscriber* subscriber, u
   const auto object = Library::instance().subscribers.find(subscriber);
   if (!object || width == 0 || height == 0) return kInvalid;
   object->max_resolution = std::uint64_t{width} << 32 | height;
-  object->wishes_changed();
+  object->preferences_changed();
   return SRN_SUCCESS;
 }
 
@@ -63,7 +63,7 @@ srn_status srn_subscriber_set_preferred_framerate(srn_subscriber* subscriber, fl
   // Below one picture in a hundred seconds the period leaves the clock's range.
   if (!object || !std::isfinite(framerate) || framerate < 0.01F) return kInvalid;
   object->max_framerate = framerate;
-  object->wishes_changed();
+  object->preferences_changed();
   return SRN_SUCCESS;
 }
 

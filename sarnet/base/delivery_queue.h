@@ -26,7 +26,7 @@ class DeliveryQueue {
 
   // The counter must outlive the queue.
   DeliveryQueue(std::size_t capacity, DeliveryCounter& counter, DeliveryCounter& total)
-      : places_(capacity), counter_(counter), total_(total) {}
+      : entries_(capacity), counter_(counter), total_(total) {}
 
   // `fill` gets a recycled item to overwrite; it runs under the queue's lock.
   template <class Fill>
@@ -35,15 +35,15 @@ class DeliveryQueue {
     {
       const common::LockGuard lock(mutex_);
       if (closed_) return;
-      if (size_ == places_.size()) {
-        first_ = (first_ + 1) % places_.size();
+      if (size_ == entries_.size()) {
+        first_ = (first_ + 1) % entries_.size();
         --size_;
         ++counter_.dropped;
         ++total_.dropped;
       }
-      Place& place = places_[(first_ + size_) % places_.size()];
-      std::forward<Fill>(fill)(place.item);
-      place.ready = now;
+      Entry& entry = entries_[(first_ + size_) % entries_.size()];
+      std::forward<Fill>(fill)(entry.item);
+      entry.ready = now;
       ++size_;
     }
     pushed_.notify_one();
@@ -55,9 +55,9 @@ class DeliveryQueue {
     common::UniqueLock lock(mutex_);
     pushed_.wait(lock.native(), [this]() REQUIRES(mutex_) { return closed_ || size_ > 0; });
     if (closed_) return false;
-    std::swap(item, places_[first_].item);
-    ready = places_[first_].ready;
-    first_ = (first_ + 1) % places_.size();
+    std::swap(item, entries_[first_].item);
+    ready = entries_[first_].ready;
+    first_ = (first_ + 1) % entries_.size();
     --size_;
     ++counter_.delivered;
     ++total_.delivered;
@@ -78,14 +78,14 @@ class DeliveryQueue {
   }
 
  private:
-  struct Place {
+  struct Entry {
     Item item;
     Clock::time_point ready;
   };
 
   mutable common::Mutex mutex_;
   std::condition_variable pushed_;
-  std::vector<Place> places_ GUARDED_BY(mutex_);
+  std::vector<Entry> entries_ GUARDED_BY(mutex_);
   std::size_t first_ GUARDED_BY(mutex_) = 0;
   std::size_t size_ GUARDED_BY(mutex_) = 0;
   bool closed_ GUARDED_BY(mutex_) = false;

@@ -50,14 +50,14 @@ struct PublishRequest {
 };
 
 // What a subscriber can do without; a size or rate of 0: any.
-struct MediaWishes {
+struct MediaPreferences {
   bool audio = true;
   bool video = true;
   int max_width = 0;
   int max_height = 0;
   float max_framerate = 0;
 
-  bool operator==(const MediaWishes&) const = default;
+  bool operator==(const MediaPreferences&) const = default;
 };
 
 // Takes media. Called on threads of the engine, or of the core for what the program publishes.
@@ -134,7 +134,7 @@ class Engine {
   // Not answered. Spares the other side what is not wished for, as far as the engine can; the core
   // leaves it out in any case.
   virtual void prefer(const std::shared_ptr<SubscriptionSink>& /*sink*/,
-                      const MediaWishes& /*wishes*/) {}
+                      const MediaPreferences& /*preferences*/) {}
   // Not answered.
   virtual void unsubscribe(const std::shared_ptr<SubscriptionSink>& sink) = 0;
 };

@@ -106,7 +106,7 @@ void Room::at(Clock::time_point time, std::function<void()> action) {
   changed_.notify_one();
 }
 
-void Room::soon(std::function<void()> action) { at(Clock::now() + kLatency, std::move(action)); }
+void Room::post(std::function<void()> action) { at(Clock::now() + kLatency, std::move(action)); }
 
 void Room::record(const char* event,
                   std::initializer_list<std::pair<const char*, std::string>> fields) {
@@ -204,7 +204,7 @@ void Room::leave(const void* key) {
   }
   if (member->joined) {
     record("left", {{"connection", member->connection.id}});
-    tell_others(key, [&](SessionSink& sink) { sink.participant_left(member->connection); });
+    notify_others(key, [&](SessionSink& sink) { sink.participant_left(member->connection); });
   }
   close_if_empty();
 }
@@ -223,7 +223,7 @@ Room::Member* Room::find_member(const void* key) {
   return nullptr;
 }
 
-void Room::tell_others(const void* key, const std::function<void(SessionSink&)>& tell) {
+void Room::notify_others(const void* key, const std::function<void(SessionSink&)>& tell) {
   for (const auto& member : members_) {
     if (member->joined && member->key != key) tell(*member->sink);
   }
@@ -245,7 +245,7 @@ std::shared_ptr<PublishedStream> Room::publish(const void* key, const PublishReq
   }
   auto stream = std::make_shared<RoomStream>(std::move(info), recorder_, recording);
   member->publications.push_back({stream, std::move(sink), false});
-  soon([this, key, stream]() REQUIRES(mutex_) { announce(key, stream.get()); });
+  post([this, key, stream]() REQUIRES(mutex_) { announce(key, stream.get()); });
   return stream;
 }
 
@@ -256,7 +256,7 @@ void Room::announce(const void* key, const RoomStream* stream) {
     if (publication.stream.get() != stream) continue;
     publication.announced = true;
     publication.sink->published(stream->info());
-    tell_others(key, [&](SessionSink& sink) { sink.stream_added(stream->info()); });
+    notify_others(key, [&](SessionSink& sink) { sink.stream_added(stream->info()); });
   }
 }
 
@@ -277,8 +277,8 @@ void Room::remove_publication(Member& member, const Publication& publication) {
   publication.stream->close();
   end_subscriptions(publication.stream->info().id);
   if (!publication.announced) return;
-  tell_others(member.key,
-              [&](SessionSink& sink) { sink.stream_removed(publication.stream->info()); });
+  notify_others(member.key,
+                [&](SessionSink& sink) { sink.stream_removed(publication.stream->info()); });
 }
 
 // ---- Subscriptions
@@ -304,7 +304,7 @@ void Room::subscribe(const void* key, const std::string& stream_id,
   if (member == nullptr || !member->joined || closed_) return;
   const SubscriptionSink* const address = sink.get();
   subscriptions_.push_back({key, stream_id, std::move(sink)});
-  soon([this, address]() REQUIRES(mutex_) { answer_subscription(address); });
+  post([this, address]() REQUIRES(mutex_) { answer_subscription(address); });
 }
 
 void Room::answer_subscription(const SubscriptionSink* sink) {

@@ -85,7 +85,7 @@ class Room : public std::enable_shared_from_this<Room> {
   bool set(Stage& stage, std::string& error) const;
 
   void at(Clock::time_point time, std::function<void()> action) REQUIRES(mutex_);
-  void soon(std::function<void()> action) REQUIRES(mutex_);
+  void post(std::function<void()> action) REQUIRES(mutex_);
   void admit(const void* key) REQUIRES(mutex_);
   std::string refusal_of(const Member& member, int& code) const REQUIRES(mutex_);
   void begin_script() REQUIRES(mutex_);
@@ -100,7 +100,8 @@ class Room : public std::enable_shared_from_this<Room> {
   void answer_subscription(const SubscriptionSink* sink) REQUIRES(mutex_);
   void remove_publication(Member& member, const Publication& publication) REQUIRES(mutex_);
   void end_subscriptions(const std::string& stream_id) REQUIRES(mutex_);
-  void tell_others(const void* key, const std::function<void(SessionSink&)>& tell) REQUIRES(mutex_);
+  void notify_others(const void* key, const std::function<void(SessionSink&)>& tell)
+      REQUIRES(mutex_);
   Member* find_member(const void* key) REQUIRES(mutex_);
   // Null for a stream that is not there, or is the member's own.
   std::shared_ptr<RoomStream> find_stream(const std::string& id, const void* member)

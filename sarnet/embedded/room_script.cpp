@@ -35,11 +35,11 @@ void Room::enter(Actor& actor) {
   actor.present = true;
   actor.connection.created_ms = epoch_ms();
   record("participant_joined", {{"participant", actor.script.id}});
-  tell_others(nullptr, [&](SessionSink& sink) { sink.participant_joined(actor.connection); });
+  notify_others(nullptr, [&](SessionSink& sink) { sink.participant_joined(actor.connection); });
   if (!actor.player) return;
   actor.stream = std::make_shared<RoomStream>(
       StreamInfo{actor.script.id + "-stream", actor.script.name, actor.connection});
-  tell_others(nullptr, [&](SessionSink& sink) { sink.stream_added(actor.stream->info()); });
+  notify_others(nullptr, [&](SessionSink& sink) { sink.stream_added(actor.stream->info()); });
   actor.player->start(actor.stream);
 }
 
@@ -49,14 +49,14 @@ void Room::drop_stream(Actor& actor) {
   if (!stream) return;
   stream->close();
   end_subscriptions(stream->info().id);
-  tell_others(nullptr, [&](SessionSink& sink) { sink.stream_removed(stream->info()); });
+  notify_others(nullptr, [&](SessionSink& sink) { sink.stream_removed(stream->info()); });
 }
 
 void Room::exit(Actor& actor) {
   if (!std::exchange(actor.present, false)) return;
   drop_stream(actor);
   record("participant_left", {{"participant", actor.script.id}});
-  tell_others(nullptr, [&](SessionSink& sink) { sink.participant_left(actor.connection); });
+  notify_others(nullptr, [&](SessionSink& sink) { sink.participant_left(actor.connection); });
 }
 
 void Room::perform(const ScenarioEvent& event) {
@@ -88,7 +88,7 @@ void Room::perform(const ScenarioEvent& event) {
 }
 
 void Room::end_for_all(const std::function<void(SessionSink&)>& tell) {
-  tell_others(nullptr, tell);
+  notify_others(nullptr, tell);
   for (const auto& member : members_) {
     for (const Publication& publication : member->publications) publication.stream->close();
   }

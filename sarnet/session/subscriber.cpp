@@ -41,7 +41,7 @@ std::shared_ptr<Subscription> Subscriber::bind(const void* session, std::shared_
   return binding_.bind(subscription) ? subscription : nullptr;
 }
 
-MediaWishes Subscriber::wishes() const {
+MediaPreferences Subscriber::preferences() const {
   const std::uint64_t size = max_resolution;
   const auto clamped = [](std::uint64_t side) {
     return static_cast<int>(std::min<std::uint64_t>(side, std::numeric_limits<int>::max()));
@@ -49,8 +49,8 @@ MediaWishes Subscriber::wishes() const {
   return {wants_audio, wants_video, clamped(size >> 32), clamped(size & 0xffffffff), max_framerate};
 }
 
-void Subscriber::wishes_changed() {
-  if (const auto subscription = binding_.current()) subscription->prefer(wishes());
+void Subscriber::preferences_changed() {
+  if (const auto subscription = binding_.current()) subscription->prefer(preferences());
 }
 
 bool Subscriber::unbind(const void* session) { return binding_.unbind(session); }
@@ -88,7 +88,9 @@ void Subscription::begin() {
   start_threads();
   context_.audio_device.render().add(render_source_);
   engine_->subscribe(subscriber_->stream().id, shared_from_this());
-  if (const MediaWishes wishes = subscriber_->wishes(); wishes != MediaWishes{}) prefer(wishes);
+  if (const MediaPreferences preferences = subscriber_->preferences();
+      preferences != MediaPreferences{})
+    prefer(preferences);
 }
 
 void Subscription::start_threads() {
@@ -104,8 +106,8 @@ void Subscription::start_threads() {
   }
 }
 
-void Subscription::prefer(const MediaWishes& wishes) {
-  if (!ended_) engine_->prefer(shared_from_this(), wishes);
+void Subscription::prefer(const MediaPreferences& preferences) {
+  if (!ended_) engine_->prefer(shared_from_this(), preferences);
 }
 
 void Subscription::end() {

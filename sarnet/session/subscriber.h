@@ -43,7 +43,7 @@ class Subscriber : public std::enable_shared_from_this<Subscriber> {
   EventGate& gate() { return gate_; }
   SubscriberCounters& counters() { return counters_; }
 
-  // The program's wishes; they may change while media flow.
+  // The program's preferences; they may change while media flow.
   std::atomic<bool> wants_audio{true};
   std::atomic<bool> wants_video{true};
   std::atomic<bool> wants_captions{false};
@@ -51,7 +51,7 @@ class Subscriber : public std::enable_shared_from_this<Subscriber> {
   std::atomic<std::uint64_t> max_resolution{0};  // width << 32 | height, 0: any
 
   // After a change of the above: tells the engine.
-  void wishes_changed();
+  void preferences_changed();
 
   // As with Publisher.
   std::shared_ptr<Subscription> bind(const void* session, std::shared_ptr<Strand> strand,
@@ -62,7 +62,7 @@ class Subscriber : public std::enable_shared_from_this<Subscriber> {
 
   bool is_current(const Subscription* subscription) const { return binding_.holds(subscription); }
   void forget(const Subscription* subscription) { binding_.forget(subscription); }
-  MediaWishes wishes() const;
+  MediaPreferences preferences() const;
 
  private:
   const Context& context_;
@@ -85,7 +85,7 @@ class Subscription : public SubscriptionSink, public std::enable_shared_from_thi
   const void* session() const { return session_; }
   // Throws std::system_error when a delivery thread cannot be made.
   void begin();
-  void prefer(const MediaWishes& wishes);
+  void prefer(const MediaPreferences& preferences);
   // Stops all delivery. Any thread, any number of times, waits for no callback, raises no event.
   void end();
   // On the strand: ends it because the session is over, and tells the program.

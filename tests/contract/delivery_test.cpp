@@ -1,4 +1,4 @@
-// Media on their way to the program: formats, wishes, slow callbacks, pictures in and out.
+// Media on their way to the program: formats, preferences, slow callbacks, pictures in and out.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sarnet/sarnet_statistics.h>

@@ -26,8 +26,8 @@ class OpusStream {
   // `channels` 0: as the packets are.
   explicit OpusStream(int channels, Output output);
 
-  // A packet with its number and its place in samples of 48 kHz, as RTP has them. Old ones, doubles
-  // and what is no Opus are dropped.
+  // A packet with its number and its place in samples of 48 kHz, as RTP has them. Old ones,
+  // duplicates and what is no Opus are dropped.
   void take(std::uint16_t number, std::uint32_t place, std::span<const std::uint8_t> packet);
 
  private:

@@ -76,13 +76,16 @@ class RelayEngine : public Engine {
   void subscribe(const std::string& stream_id, std::shared_ptr<SubscriptionSink> sink) override {
     const common::LockGuard lock(mutex_);
     if (!participation_) return;
-    auto gate = std::make_shared<SubscriptionGate>(std::move(sink), participation_->left);
-    post([stream_id, gate](RelaySession& session) { session.subscribe(stream_id, gate); });
+    auto switchable = std::make_shared<SwitchableSink>(std::move(sink), participation_->left);
+    post([stream_id, switchable](RelaySession& session) {
+      session.subscribe(stream_id, switchable);
+    });
   }
 
-  void prefer(const std::shared_ptr<SubscriptionSink>& sink, const MediaWishes& wishes) override {
+  void prefer(const std::shared_ptr<SubscriptionSink>& sink,
+              const MediaPreferences& preferences) override {
     const common::LockGuard lock(mutex_);
-    post([sink, wishes](RelaySession& session) { session.prefer(sink.get(), wishes); });
+    post([sink, preferences](RelaySession& session) { session.prefer(sink.get(), preferences); });
   }
 
   void unsubscribe(const std::shared_ptr<SubscriptionSink>& sink) override {

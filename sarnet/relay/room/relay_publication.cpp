@@ -109,7 +109,7 @@ void RelayPublication::add_remote_candidate(unsigned mline, const std::string& c
   if (peer_) peer_->add_remote_candidate(mline, candidate);
 }
 
-void RelayPublication::tell(const Failure& failure) {
+void RelayPublication::report(const Failure& failure) {
   if (!*access_.left) sink_->publication_failed(failure.code, failure.text);
 }
 

@@ -57,7 +57,7 @@ class RelayPublication final : public RelayStream {
   void negotiate();
   Display display() const;
   void connected() override;
-  void tell(const Failure& failure) override;
+  void report(const Failure& failure) override;
   void add_remote_candidate(unsigned mline, const std::string& candidate) override;
 
   const PublishRequest request_;

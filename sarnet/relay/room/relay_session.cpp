@@ -205,34 +205,34 @@ void RelaySession::remove(const RelayStream& gone) {
   });
 }
 
-void RelaySession::subscribe(const std::string& stream_id, std::shared_ptr<SubscriptionGate> gate) {
+void RelaySession::subscribe(const std::string& stream_id, std::shared_ptr<SwitchableSink> sink) {
   loop_->thread().require();
-  auto* const wanting = gate->sink();
-  if (wanting == nullptr) return;
+  auto* const target = sink->target();
+  if (target == nullptr) return;
   if (!sink_ || !room_) {
-    wanting->subscription_failed(SRN_SUBSCRIBER_SESSION_DISCONNECTED, "The session is over");
+    target->subscription_failed(SRN_SUBSCRIBER_SESSION_DISCONNECTED, "The session is over");
     return;
   }
   if (!room_->has_stream(stream_id)) {
-    wanting->subscription_failed(SRN_SUBSCRIBER_SERVER_CANNOT_FIND_STREAM,
-                                 "There is no stream " + printable_text(stream_id));
+    target->subscription_failed(SRN_SUBSCRIBER_SERVER_CANNOT_FIND_STREAM,
+                                "There is no stream " + printable_text(stream_id));
     return;
   }
   const auto subscription = std::make_shared<RelaySubscription>(
-      access_, stream_id, std::move(gate), [this](const RelayStream& gone) { remove(gone); });
+      access_, stream_id, std::move(sink), [this](const RelayStream& gone) { remove(gone); });
   subscriptions_.push_back(subscription);
   subscription->start();
 }
 
 RelaySubscription* RelaySession::find(const SubscriptionSink* sink) const {
   const auto found = std::ranges::find_if(
-      subscriptions_, [&](const auto& each) { return each->gate().leads_to(sink); });
+      subscriptions_, [&](const auto& each) { return each->sink().leads_to(sink); });
   return found != subscriptions_.end() ? found->get() : nullptr;
 }
 
-void RelaySession::prefer(const SubscriptionSink* sink, const MediaWishes& wishes) {
+void RelaySession::prefer(const SubscriptionSink* sink, const MediaPreferences& preferences) {
   loop_->thread().require();
-  if (auto* subscription = find(sink)) subscription->prefer(wishes);
+  if (auto* subscription = find(sink)) subscription->prefer(preferences);
 }
 
 void RelaySession::unsubscribe(const SubscriptionSink* sink) {

@@ -36,8 +36,8 @@ class RelaySession : public JanusObserver, public RoomObserver {
   void publish(const PublishRequest& request, std::shared_ptr<PublishedFeed> feed,
                std::shared_ptr<PublicationSink> sink);
   void unpublish(const PublishedStream* stream);
-  void subscribe(const std::string& stream_id, std::shared_ptr<SubscriptionGate> gate);
-  void prefer(const SubscriptionSink* sink, const MediaWishes& wishes);
+  void subscribe(const std::string& stream_id, std::shared_ptr<SwitchableSink> sink);
+  void prefer(const SubscriptionSink* sink, const MediaPreferences& preferences);
   void unsubscribe(const SubscriptionSink* sink);
 
   void on_notice(std::uint64_t handle, const json& message) override;

@@ -88,7 +88,7 @@ void RelayStream::fail(const Failure& failure) {
   if (stopped_) return;
   SARNET_LOG(kWarn, "A stream failed: " << failure.text);
   const auto self = shared_from_this();
-  tell(failure);
+  report(failure);
   stop();
   withdraw();
   over_(*this);

@@ -54,7 +54,7 @@ class RelayStream : public PeerObserver, public std::enable_shared_from_this<Rel
 
   // The program's side.
   virtual void connected() = 0;
-  virtual void tell(const Failure& failure) = 0;
+  virtual void report(const Failure& failure) = 0;
   virtual void add_remote_candidate(unsigned mline, const std::string& candidate) = 0;
 
   RoomAccess& access_;

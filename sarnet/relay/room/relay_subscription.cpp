@@ -33,20 +33,23 @@ std::string with_active_server(std::string sdp) {
 
 }  // namespace
 
-StreamWishes stream_wishes(const MediaWishes& wishes, const LayerWidths& widths) {
-  StreamWishes stream{wishes.audio, wishes.video};
+StreamPreferences stream_preferences(const MediaPreferences& preferences,
+                                     const LayerWidths& widths) {
+  StreamPreferences stream{preferences.audio, preferences.video};
   const auto suffices = [&](int layer) {
-    return expected_width(layer, widths) >= wishes.max_width;
+    return expected_width(layer, widths) >= preferences.max_width;
   };
-  if (wishes.max_width > 0) stream.size_layer = suffices(0) ? 0 : suffices(1) ? 1 : 2;
-  if (wishes.max_framerate > 0) {
-    stream.rate_layer = wishes.max_framerate <= 8 ? 0 : wishes.max_framerate <= 15 ? 1 : 2;
+  if (preferences.max_width > 0) stream.size_layer = suffices(0) ? 0 : suffices(1) ? 1 : 2;
+  if (preferences.max_framerate > 0) {
+    stream.rate_layer = preferences.max_framerate <= 8    ? 0
+                        : preferences.max_framerate <= 15 ? 1
+                                                          : 2;
   }
   return stream;
 }
 
-json wishes_request(const std::vector<FeedMedium>& media, const StreamWishes& now,
-                    const StreamWishes& before) {
+json preferences_request(const std::vector<FeedMedium>& media, const StreamPreferences& now,
+                         const StreamPreferences& before) {
   json streams = json::array();
   for (const FeedMedium& medium : media) {
     json stream = json::object();
@@ -66,13 +69,13 @@ json wishes_request(const std::vector<FeedMedium>& media, const StreamWishes& no
 }
 
 RelaySubscription::RelaySubscription(RoomAccess& access, std::string stream_id,
-                                     std::shared_ptr<SubscriptionGate> gate, Over over)
+                                     std::shared_ptr<SwitchableSink> sink, Over over)
     : RelayStream(access,
                   {"subscribing", "the subscription", SRN_SUBSCRIBER_TIMED_OUT,
                    SRN_SUBSCRIBER_WEBRTC_ERROR, subscriber_failure},
                   std::move(over)),
       stream_id_(std::move(stream_id)),
-      gate_(std::move(gate)) {}
+      sink_(std::move(sink)) {}
 
 RelaySubscription::~RelaySubscription() { stop(); }
 
@@ -102,12 +105,12 @@ void RelaySubscription::take_offer(const json& data, const std::string& sdp) {
   }
   std::string error;
   if (!peer_) {
-    gate_->on_width([this, weak = weak_from_this(), loop = access_.loop](int width) {
+    sink_->on_width([this, weak = weak_from_this(), loop = access_.loop](int width) {
       loop->post([this, weak, width] {
         if (const auto self = weak.lock()) saw_width(width);
       });
     });
-    peer_ = ReceivingPeer::create(access_.peer_settings(), gate_, *this, error);
+    peer_ = ReceivingPeer::create(access_.peer_settings(), sink_, *this, error);
   }
   if (!peer_) {
     on_peer_failed(error);
@@ -122,30 +125,30 @@ void RelaySubscription::on_local_description(const std::string& type, const std:
       "starting the subscription", {{"request", "start"}},
       [this](const JanusReply&) {
         started_ = true;
-        send_wishes();
+        send_preferences();
       },
       {.room = "event"}, type, sdp);
 }
 
 void RelaySubscription::connected() {
-  if (auto* sink = gate_->sink()) sink->subscribed();
+  if (auto* sink = sink_->target()) sink->subscribed();
 }
 
-void RelaySubscription::prefer(const MediaWishes& wishes) {
-  wishes_ = wishes;
-  send_wishes();
+void RelaySubscription::prefer(const MediaPreferences& preferences) {
+  preferences_ = preferences;
+  send_preferences();
 }
 
-void RelaySubscription::send_wishes() {
+void RelaySubscription::send_preferences() {
   if (!started_ || stopped()) return;
-  const StreamWishes now = stream_wishes(wishes_, widths_);
-  json body = wishes_request(media_, now, std::exchange(sent_wishes_, now));
+  const StreamPreferences now = stream_preferences(preferences_, widths_);
+  json body = preferences_request(media_, now, std::exchange(sent_wishes_, now));
   if (!body.empty()) access_.client.message(handle(), std::move(body), "", "", nullptr);
 }
 
 void RelaySubscription::saw_width(int width) {
   widths_.at(layer_) = width;
-  send_wishes();
+  send_preferences();
 }
 
 void RelaySubscription::notice(const json& message) {
@@ -167,12 +170,12 @@ void RelaySubscription::add_remote_candidate(unsigned mline, const std::string& 
   if (peer_) peer_->add_remote_candidate(mline, candidate);
 }
 
-void RelaySubscription::tell(const Failure& failure) {
-  if (auto* sink = gate_->close()) sink->subscription_failed(failure.code, failure.text);
+void RelaySubscription::report(const Failure& failure) {
+  if (auto* sink = sink_->close()) sink->subscription_failed(failure.code, failure.text);
 }
 
 void RelaySubscription::stream_removed() {
-  auto* const sink = gate_->close();
+  auto* const sink = sink_->close();
   stop();
   withdraw();
   if (sink != nullptr) sink->subscription_ended();
@@ -180,7 +183,7 @@ void RelaySubscription::stream_removed() {
 
 void RelaySubscription::stop() {
   RelayStream::stop();
-  gate_->close();
+  sink_->close();
   if (peer_) peer_->stop();
 }
 

@@ -13,37 +13,36 @@
 
 namespace sarnet::relay {
 
-// Stands before the program's sink so that nothing more is passed on, from any thread, once the
-// program has had enough.
-class SubscriptionGate : public MediaSink {
+// Passes media on to the program's sink until it is closed, from any thread.
+class SwitchableSink : public MediaSink {
  public:
-  // `left` closes all gates of a session at once.
-  SubscriptionGate(std::shared_ptr<SubscriptionSink> sink,
-                   std::shared_ptr<const std::atomic<bool>> left)
+  // `left` closes all those of a session at once.
+  SwitchableSink(std::shared_ptr<SubscriptionSink> sink,
+                 std::shared_ptr<const std::atomic<bool>> left)
       : sink_(std::move(sink)), left_(std::move(left)) {}
 
   // Gives the sink if it was open.
   SubscriptionSink* close() {
-    auto* const last = sink();
+    auto* const last = target();
     closed_ = true;
     return last;
   }
   // Null once closed.
-  SubscriptionSink* sink() const { return closed_ || *left_ ? nullptr : sink_.get(); }
+  SubscriptionSink* target() const { return closed_ || *left_ ? nullptr : sink_.get(); }
   bool leads_to(const SubscriptionSink* sink) const { return sink_.get() == sink; }
 
   // Called on the streaming thread with each new width of the pictures. Before any comes.
   void on_width(std::function<void(int)> taker) { width_taker_ = std::move(taker); }
 
   void on_audio(const AudioFormat& format, std::span<const std::int16_t> samples) override {
-    if (auto* to = sink()) to->on_audio(format, samples);
+    if (auto* to = target()) to->on_audio(format, samples);
   }
   void on_picture(const PictureRef& picture) override {
     if (std::exchange(width_, picture->width()) != picture->width()) width_taker_(width_);
-    if (auto* to = sink()) to->on_picture(picture);
+    if (auto* to = target()) to->on_picture(picture);
   }
   void on_caption(std::string_view text, bool is_final) override {
-    if (auto* to = sink()) to->on_caption(text, is_final);
+    if (auto* to = target()) to->on_caption(text, is_final);
   }
 
  private:
@@ -66,34 +65,35 @@ struct FeedMedium {
 using LayerWidths = std::array<int, 3>;
 
 // What the server is asked for; of layers the largest unless something else is wished.
-struct StreamWishes {
+struct StreamPreferences {
   bool audio = true;
   bool video = true;
   int size_layer = 2;
   int rate_layer = 2;
 };
 // The smallest layer that is no smaller than what is wished.
-StreamWishes stream_wishes(const MediaWishes& wishes, const LayerWidths& widths);
+StreamPreferences stream_preferences(const MediaPreferences& preferences,
+                                     const LayerWidths& widths);
 // Of these media; empty when nothing changes.
-json wishes_request(const std::vector<FeedMedium>& media, const StreamWishes& now,
-                    const StreamWishes& before);
+json preferences_request(const std::vector<FeedMedium>& media, const StreamPreferences& now,
+                         const StreamPreferences& before);
 
 // One stream that the session receives, over a handle of its own.
 class RelaySubscription final : public RelayStream {
  public:
-  RelaySubscription(RoomAccess& access, std::string stream_id,
-                    std::shared_ptr<SubscriptionGate> gate, Over over);
+  RelaySubscription(RoomAccess& access, std::string stream_id, std::shared_ptr<SwitchableSink> sink,
+                    Over over);
   ~RelaySubscription() override;
 
   void start();
   void notice(const json& message) override;
-  void prefer(const MediaWishes& wishes);
+  void prefer(const MediaPreferences& preferences);
   // Ends all, and tells the sink that its stream is gone.
   void stream_removed();
   void stop() override;
 
   const std::string& stream_id() const { return stream_id_; }
-  SubscriptionGate& gate() const { return *gate_; }
+  SwitchableSink& sink() const { return *sink_; }
 
   void on_local_description(const std::string& type, const std::string& sdp) override;
 
@@ -101,18 +101,18 @@ class RelaySubscription final : public RelayStream {
   void join();
   // Takes the server's list of what it sends, and its offer.
   void take_offer(const json& data, const std::string& sdp);
-  void send_wishes();
+  void send_preferences();
   void saw_width(int width);
   void connected() override;
-  void tell(const Failure& failure) override;
+  void report(const Failure& failure) override;
   void add_remote_candidate(unsigned mline, const std::string& candidate) override;
 
   const std::string stream_id_;
-  const std::shared_ptr<SubscriptionGate> gate_;
+  const std::shared_ptr<SwitchableSink> sink_;
   std::shared_ptr<ReceivingPeer> peer_;
   std::vector<FeedMedium> media_;
-  MediaWishes wishes_;
-  StreamWishes sent_wishes_;
+  MediaPreferences preferences_;
+  StreamPreferences sent_wishes_;
   LayerWidths widths_{};
   std::size_t layer_ = 0;  // that comes now, of a stream that has several
   int open_offers_ = 0;    // of the server, not yet answered

@@ -30,10 +30,11 @@ std::ostream& operator<<(std::ostream& out, const MRSessionSettings& settings) {
              << ", audioDeviceSettings:" << settings.audio << "}";
 }
 
-/// All that the callbacks use. `door` is closed first thing in the session's destructor: from then
+/// All that the callbacks use. `gate` is closed first thing in the session's destructor: from then
 /// on the library's last word only settles the promise.
-struct MRSession::Gate {
-  Gate(MRSessionObserver* observer, const std::string& id) : controller(observer), session_id(id) {}
+struct MRSession::CallbackState {
+  CallbackState(MRSessionObserver* observer, const std::string& id)
+      : controller(observer), session_id(id) {}
 
   /// The library may end a session more than once.
   void settle() {
@@ -44,7 +45,7 @@ struct MRSession::Gate {
 
   MRSessionObserver* const controller;
   const std::string session_id;
-  CallbackDoor door;
+  CallbackGate gate;
   std::atomic<bool> force_disconnected{false};
   std::atomic<bool> settled{false};
   std::promise<bool> disconnect_promise;
@@ -54,16 +55,16 @@ struct MRSession::Gate {
 
 namespace {
 
-/// Runs `body` with the gate of `user_data` if its session is still alive and stays so meanwhile.
-template <class Gate, class Body>
+/// Runs `body` with the state of `user_data` if its session is still alive and stays so meanwhile.
+template <class State, class Body>
 void withLiveSession(void* user_data, const char* name, Body&& body) {
   guardCallback(logger, name, [&] {
-    const auto gate = CallbackGates<Gate>::instance().find(user_data);
-    if (gate == nullptr || gate->controller == nullptr) {
+    const auto state = CallbackStates<State>::instance().find(user_data);
+    if (state == nullptr || state->controller == nullptr) {
       return;
     }
-    if (const CallbackDoor::Visit visit(gate->door); visit) {
-      body(*gate);
+    if (const CallbackGate::Pass pass(state->gate); pass) {
+      body(*state);
     }
   });
 }
@@ -71,7 +72,7 @@ void withLiveSession(void* user_data, const char* name, Body&& body) {
 }  // namespace
 
 MRSession::MRSession(MRSessionObserver* controller, const std::string& session_id)
-    : gate_(std::make_shared<Gate>(controller, session_id)),
+    : callback_state_(std::make_shared<CallbackState>(controller, session_id)),
       callbacks_{
           .on_connected = &MRSession::onSessionConnected,
           .on_disconnected = &MRSession::onSessionDisconnected,
@@ -91,7 +92,7 @@ MRSession::MRSession(MRSessionObserver* controller, const std::string& session_i
           .on_archive_stopped = nullptr,
           .on_error = &MRSession::onSessionError,
           .on_mute_forced = nullptr,
-          .user_data = CallbackGates<Gate>::instance().open(gate_),
+          .user_data = CallbackStates<CallbackState>::instance().open(callback_state_),
           .reserved = nullptr,
       } {}
 
@@ -143,18 +144,18 @@ std::shared_ptr<MRSession> MRSession::connect(const MRSessionInfo& info,
 
 MRSession::~MRSession() {
   LOG4CXX_DEBUG(logger, "MRSession::~MRSession DESTRUCTOR");
-  gate_->door.close();
-  if (!gate_->force_disconnected.load() && !waitForDisconnect()) {
+  callback_state_->gate.close();
+  if (!callback_state_->force_disconnected.load() && !waitForDisconnect()) {
     LOG4CXX_ERROR(logger, "MRSession::~MRSession: Timed out disconnecting from session.");
   }
   // The library may call until the handle is deleted, so that comes before anything else goes.
   session_.reset();
-  CallbackGates<Gate>::instance().close(callbacks_.user_data);
+  CallbackStates<CallbackState>::instance().close(callbacks_.user_data);
 }
 
 MRConnectionInfo MRSession::getSessionConnectionInfo() const {
-  const common::LockGuard lock(gate_->own_connection_info_mutex);
-  return gate_->own_connection_info;
+  const common::LockGuard lock(callback_state_->own_connection_info_mutex);
+  return callback_state_->own_connection_info;
 }
 
 void MRSession::disconnect() {
@@ -168,85 +169,91 @@ void MRSession::disconnect() {
 
 bool MRSession::waitForDisconnect() {
   disconnect();
-  std::future<bool> disconnected = gate_->disconnect_promise.get_future();
+  std::future<bool> disconnected = callback_state_->disconnect_promise.get_future();
   return disconnected.wait_for(disconnect_timeout_) == std::future_status::ready &&
          disconnected.get();
 }
 
 void MRSession::onSessionConnected(srn_session* session, void* user_data) {
   LOG4CXX_DEBUG(logger, "MRSession::onSessionConnected");
-  withLiveSession<Gate>(user_data, "MRSession::onSessionConnected", [session](Gate& gate) {
-    if (SrnConnectionPtr connection{srn_session_get_connection(session)}) {
-      MRConnectionInfo info = MRConnection::createConnectionInfo(connection.get());
-      connection.reset();
-      {
-        const common::LockGuard lock(gate.own_connection_info_mutex);
-        gate.own_connection_info = std::move(info);
-      }
-      LOG4CXX_DEBUG(logger, "MRSession::onSessionConnected: Cached session connection info");
-    } else {
-      LOG4CXX_WARN(logger, "MRSession::onSessionConnected: Could not retrieve session connection");
-    }
-    gate.controller->onSessionConnected(gate.session_id);
-  });
+  withLiveSession<CallbackState>(
+      user_data, "MRSession::onSessionConnected", [session](CallbackState& state) {
+        if (SrnConnectionPtr connection{srn_session_get_connection(session)}) {
+          MRConnectionInfo info = MRConnection::createConnectionInfo(connection.get());
+          connection.reset();
+          {
+            const common::LockGuard lock(state.own_connection_info_mutex);
+            state.own_connection_info = std::move(info);
+          }
+          LOG4CXX_DEBUG(logger, "MRSession::onSessionConnected: Cached session connection info");
+        } else {
+          LOG4CXX_WARN(logger,
+                       "MRSession::onSessionConnected: Could not retrieve session connection");
+        }
+        state.controller->onSessionConnected(state.session_id);
+      });
 }
 
 void MRSession::onStreamReceived(srn_session*, void* user_data, const srn_stream* stream) {
   LOG4CXX_DEBUG(logger, "MRSession::onStreamReceived");
-  withLiveSession<Gate>(user_data, "MRSession::onStreamReceived", [stream](Gate& gate) {
-    gate.controller->onStreamReceived(gate.session_id, MRStream(stream));
-  });
+  withLiveSession<CallbackState>(
+      user_data, "MRSession::onStreamReceived", [stream](CallbackState& state) {
+        state.controller->onStreamReceived(state.session_id, MRStream(stream));
+      });
 }
 
 void MRSession::onStreamDropped(srn_session*, void* user_data, const srn_stream* stream) {
   LOG4CXX_DEBUG(logger, "MRSession::onStreamDropped");
-  withLiveSession<Gate>(user_data, "MRSession::onStreamDropped", [stream](Gate& gate) {
-    gate.controller->onStreamDropped(gate.session_id, MRStream(stream).getStreamInfo());
-  });
+  withLiveSession<CallbackState>(
+      user_data, "MRSession::onStreamDropped", [stream](CallbackState& state) {
+        state.controller->onStreamDropped(state.session_id, MRStream(stream).getStreamInfo());
+      });
 }
 
 void MRSession::onSessionConnectionCreated(srn_session*, void* user_data,
                                            const srn_connection* connection) {
   LOG4CXX_DEBUG(logger, "MRSession: onSessionConnectionCreated");
-  withLiveSession<Gate>(user_data, "MRSession::onSessionConnectionCreated", [&](Gate& gate) {
-    if (connection != nullptr) {
-      gate.controller->onConnectionCreated(gate.session_id, MRConnection(connection));
-    }
-  });
+  withLiveSession<CallbackState>(
+      user_data, "MRSession::onSessionConnectionCreated", [&](CallbackState& state) {
+        if (connection != nullptr) {
+          state.controller->onConnectionCreated(state.session_id, MRConnection(connection));
+        }
+      });
 }
 
 void MRSession::onSessionConnectionDropped(srn_session*, void* user_data,
                                            const srn_connection* connection) {
   LOG4CXX_DEBUG(logger, "MRSession: onSessionConnectionDropped");
-  withLiveSession<Gate>(user_data, "MRSession::onSessionConnectionDropped", [&](Gate& gate) {
-    if (connection != nullptr) {
-      gate.controller->onConnectionDropped(gate.session_id, MRConnection(connection));
-    }
-  });
+  withLiveSession<CallbackState>(
+      user_data, "MRSession::onSessionConnectionDropped", [&](CallbackState& state) {
+        if (connection != nullptr) {
+          state.controller->onConnectionDropped(state.session_id, MRConnection(connection));
+        }
+      });
 }
 
 void MRSession::onSessionDisconnected(srn_session*, void* user_data) {
   LOG4CXX_DEBUG(logger, "MRSession::onSessionDisconnected");
   guardCallback(logger, "MRSession::onSessionDisconnected", [user_data] {
-    const auto gate = CallbackGates<Gate>::instance().find(user_data);
-    if (gate == nullptr) {
+    const auto state = CallbackStates<CallbackState>::instance().find(user_data);
+    if (state == nullptr) {
       return;
     }
-    const CallbackDoor::Visit visit(gate->door);
-    if (!visit) {
+    const CallbackGate::Pass pass(state->gate);
+    if (!pass) {
       LOG4CXX_INFO(logger,
                    "MRSession::onSessionDisconnected: Session has been destroyed successfully. "
                    "set disconnect promise to true");
-      gate->settle();
+      state->settle();
       return;
     }
-    if (gate->controller == nullptr) {
+    if (state->controller == nullptr) {
       return;
     }
     LOG4CXX_DEBUG(logger,
                   "MRSession::onSessionDisconnected: Session wrapper user data still exists");
-    gate->force_disconnected = true;
-    gate->controller->onSessionDisconnected(gate->session_id);
+    state->force_disconnected = true;
+    state->controller->onSessionDisconnected(state->session_id);
   });
 }
 
@@ -257,24 +264,24 @@ void MRSession::onSessionError(srn_session*, void* user_data, const char* descri
   LOG4CXX_ERROR(logger,
                 "MRSession::onSessionError: code:" << number << ", description:" << description);
   guardCallback(logger, "MRSession::onSessionError", [=] {
-    const auto gate = CallbackGates<Gate>::instance().find(user_data);
-    if (gate == nullptr) {
+    const auto state = CallbackStates<CallbackState>::instance().find(user_data);
+    if (state == nullptr) {
       return;
     }
-    const CallbackDoor::Visit visit(gate->door);
+    const CallbackGate::Pass pass(state->gate);
     // Every error is the end of the session.
-    gate->force_disconnected = true;
-    if (!visit) {
+    state->force_disconnected = true;
+    if (!pass) {
       LOG4CXX_INFO(logger,
                    "MRSession::onSessionError: Session has been disconnected with error. "
                    "set disconnect promise to true");
-      gate->settle();
+      state->settle();
       return;
     }
-    if (gate->controller == nullptr) {
+    if (state->controller == nullptr) {
       return;
     }
-    gate->controller->onSessionError(gate->session_id, description, number);
+    state->controller->onSessionError(state->session_id, description, number);
   });
 }
 

@@ -42,7 +42,7 @@ std::ostream& operator<<(std::ostream& out, const MRSessionSettings& settings);
 //
 /// Threads: `connect`, the accessors and the destructor belong to the worker;
 /// `getSessionConnectionInfo` may be called on any thread. Events come on a library thread, touch
-/// only the shared gate, and none reaches the observer once the destructor has begun.
+/// only the shared state, and none reaches the observer once the destructor has begun.
 class MRSession {
  public:
   static constexpr std::chrono::seconds kDefaultDisconnectTimeout{5};
@@ -68,7 +68,7 @@ class MRSession {
   void setDisconnectTimeout(std::chrono::seconds timeout) { disconnect_timeout_ = timeout; }
 
  private:
-  struct Gate;
+  struct CallbackState;
 
   MRSession(MRSessionObserver* controller, const std::string& session_id);
 
@@ -88,7 +88,7 @@ class MRSession {
   static void onSrnLogMessage(const char* file, int line, const char* function, int level,
                               const char* message);
 
-  std::shared_ptr<Gate> gate_;       ///< all that the callbacks use
+  std::shared_ptr<CallbackState> callback_state_;  ///< all that the callbacks use
   srn_session_callbacks callbacks_;  ///< the library holds its address until the handle is deleted
   SRNSessionPtr session_;
   std::string session_id_;

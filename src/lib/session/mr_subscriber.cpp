@@ -10,15 +10,15 @@
 
 const log4cxx::LoggerPtr& MRSubscriber::logger_ = lastingLogger("MRSubscriber");
 
-/// All that the callbacks use. State events enter by the door, and so may touch the subscriber;
+/// All that the callbacks use. State events enter by the gate, and so may touch the subscriber;
 /// media use only what is here, since they may go on after the subscriber's end.
-struct MRSubscriber::Gate {
-  Gate(MRSubscriber* owner, MRSubscriberObserver* observer)
+struct MRSubscriber::CallbackState {
+  CallbackState(MRSubscriber* owner, MRSubscriberObserver* observer)
       : subscriber(owner), manager(observer) {}
 
   MRSubscriber* const subscriber;
   MRSubscriberObserver* const manager;
-  CallbackDoor door;
+  CallbackGate gate;
 
   std::atomic<bool> subscribed{false};
   // Set, once, when the two after it are complete.
@@ -51,8 +51,8 @@ std::ostream& operator<<(std::ostream& out, const MRSubscriberSettings& settings
 
 MRSubscriber::MRSubscriber(const std::shared_ptr<MRSession>& session, MRSubscriberObserver* manager)
     : session_(session),
-      gate_(std::make_shared<Gate>(this, manager)),
-      ticket_(CallbackGates<Gate>::instance().open(gate_)) {}
+      callback_state_(std::make_shared<CallbackState>(this, manager)),
+      ticket_(CallbackStates<CallbackState>::instance().open(callback_state_)) {}
 
 MRSubscriber::~MRSubscriber() {
   LOG4CXX_DEBUG(logger_, "MRSubscriber::~MRSubscriber");
@@ -98,7 +98,7 @@ std::shared_ptr<MRSubscriber> MRSubscriber::subscribe(const MRStream& stream,
                       << status);
     return nullptr;
   }
-  subscriber->gate_->subscribed = true;
+  subscriber->callback_state_->subscribed = true;
   subscriber->subscriber_ = std::move(handle);
   subscriber->createSubscriberInfo(stream_info.stream_id, session->getSessionId());
   LOG4CXX_DEBUG(logger_, "MRSubscriber::subscribe (static): Successfully created subscriber:"
@@ -175,7 +175,7 @@ void MRSubscriber::setSubscriberInfo(MRSubscriberInfo info) {
 
 void MRSubscriber::unsubscribe() {
   LOG4CXX_DEBUG(logger_, "MRSubscriber::unsubscribe");
-  if (!gate_->subscribed.exchange(false)) {
+  if (!callback_state_->subscribed.exchange(false)) {
     return;
   }
   if (subscriber_ == nullptr || session_ == nullptr || session_->getSrnSession() == nullptr) {
@@ -192,30 +192,30 @@ void MRSubscriber::unsubscribe() {
 
 void MRSubscriber::release() {
   unsubscribe();
-  // State events only post, so this is short. Media finish on the gate, however long they take.
-  gate_->door.close();
+  // State events only post, so this is short. Media finish on the state, however long they take.
+  callback_state_->gate.close();
   subscriber_.reset();
-  CallbackGates<Gate>::instance().close(ticket_);
+  CallbackStates<CallbackState>::instance().close(ticket_);
   session_.reset();
 }
 
-bool MRSubscriber::isSubscribed() const { return gate_->subscribed.load(); }
+bool MRSubscriber::isSubscribed() const { return callback_state_->subscribed.load(); }
 
 MRSubscriberInfo MRSubscriber::getSubscriberInfo() const {
   const common::LockGuard lock(info_mutex_);
   return subscriber_info_;
 }
 
-const MRStreamInfo& MRSubscriber::getStreamInfo() const { return gate_->stream_info; }
+const MRStreamInfo& MRSubscriber::getStreamInfo() const { return callback_state_->stream_info; }
 
 void MRSubscriber::setDataCallbacks(const MRSubscriberDataCallbacks& callbacks,
                                     const MRStreamInfo& stream_info) {
-  if (gate_->installed.load()) {
+  if (callback_state_->installed.load()) {
     return;
   }
-  gate_->data_callbacks = callbacks;
-  gate_->stream_info = stream_info;
-  gate_->installed.store(true, std::memory_order_release);
+  callback_state_->data_callbacks = callbacks;
+  callback_state_->stream_info = stream_info;
+  callback_state_->installed.store(true, std::memory_order_release);
 }
 
 namespace {
@@ -223,27 +223,27 @@ namespace {
 const char* const kSubscriberIsNull = ": subscriber is NULL";
 const char* const kUserDataIsNull = ": user_data is NULL";
 
-/// Runs `body` with the gate of `user_data` if the subscriber is still alive and stays so
+/// Runs `body` with the state of `user_data` if the subscriber is still alive and stays so
 /// meanwhile.
-template <class Gate, class Body>
+template <class State, class Body>
 void withLiveSubscriber(const log4cxx::LoggerPtr& logger, void* user_data, const char* name,
                         Body&& body) {
   guardCallback(logger, name, [&] {
-    const auto gate = CallbackGates<Gate>::instance().find(user_data);
-    if (gate == nullptr || gate->manager == nullptr) {
+    const auto state = CallbackStates<State>::instance().find(user_data);
+    if (state == nullptr || state->manager == nullptr) {
       return;
     }
-    if (const CallbackDoor::Visit visit(gate->door); visit) {
-      body(*gate);
+    if (const CallbackGate::Pass pass(state->gate); pass) {
+      body(*state);
     }
   });
 }
 
-/// Runs `body` with the gate of `user_data` while media are wanted. The gate outlasts the call; the
-/// subscriber may not.
-template <class Gate, class Body>
-void withMediaGate(const log4cxx::LoggerPtr& logger, const srn_subscriber* subscriber,
-                   void* user_data, const char* name, Body&& body) {
+/// Runs `body` with the state of `user_data` while media are wanted. The state outlasts the call;
+/// the subscriber may not.
+template <class State, class Body>
+void withMediaState(const log4cxx::LoggerPtr& logger, const srn_subscriber* subscriber,
+                    void* user_data, const char* name, Body&& body) {
   if (subscriber == nullptr) {
     LOG4CXX_WARN(logger, name << kSubscriberIsNull);
     return;
@@ -253,10 +253,10 @@ void withMediaGate(const log4cxx::LoggerPtr& logger, const srn_subscriber* subsc
     return;
   }
   guardCallback(logger, name, [&] {
-    const auto gate = CallbackGates<Gate>::instance().find(user_data);
-    if (gate != nullptr && gate->subscribed.load() &&
-        gate->installed.load(std::memory_order_acquire)) {
-      body(*gate);
+    const auto state = CallbackStates<State>::instance().find(user_data);
+    if (state != nullptr && state->subscribed.load() &&
+        state->installed.load(std::memory_order_acquire)) {
+      body(*state);
     }
   });
 }
@@ -275,8 +275,8 @@ void MRSubscriber::onConnected(srn_subscriber* subscriber, void* user_data,
     LOG4CXX_WARN(logger_, kName << ": stream is NULL");
     return;
   }
-  withLiveSubscriber<Gate>(logger_, user_data, kName, [](const Gate& gate) {
-    gate.manager->onSubscriberConnected(*gate.subscriber);
+  withLiveSubscriber<CallbackState>(logger_, user_data, kName, [](const CallbackState& state) {
+    state.manager->onSubscriberConnected(*state.subscriber);
   });
 }
 
@@ -287,8 +287,8 @@ void MRSubscriber::onDisconnected(srn_subscriber* subscriber, void* user_data) {
     LOG4CXX_WARN(logger_, kName << kSubscriberIsNull);
     return;
   }
-  withLiveSubscriber<Gate>(logger_, user_data, kName, [](const Gate& gate) {
-    gate.manager->onSubscriberDisconnected(*gate.subscriber);
+  withLiveSubscriber<CallbackState>(logger_, user_data, kName, [](const CallbackState& state) {
+    state.manager->onSubscriberDisconnected(*state.subscriber);
   });
 }
 
@@ -302,8 +302,8 @@ void MRSubscriber::onError(srn_subscriber* subscriber, void* user_data, const ch
     LOG4CXX_WARN(logger_, kName << kSubscriberIsNull);
     return;
   }
-  withLiveSubscriber<Gate>(logger_, user_data, kName, [=](const Gate& gate) {
-    gate.manager->onSubscriberError(*gate.subscriber, description, number);
+  withLiveSubscriber<CallbackState>(logger_, user_data, kName, [=](const CallbackState& state) {
+    state.manager->onSubscriberError(*state.subscriber, description, number);
   });
 }
 
@@ -311,53 +311,58 @@ void MRSubscriber::onAudioData(srn_subscriber* subscriber, void* user_data,
                                const srn_audio_data* data) {
   static constexpr const char* kName = "MRSubscriber::onAudioData";
   LOG4CXX_TRACE(logger_, kName);
-  withMediaGate<Gate>(logger_, subscriber, user_data, kName, [data](Gate& gate) {
-    if (data == nullptr || gate.data_callbacks.on_audio_data == nullptr) {
-      return;
-    }
-    const MRAudioData audio(data);
-    // Streams begin with silence in a channel count that need not be the true one.
-    std::size_t& locked = gate.consolidated_num_channels;
-    if (locked == 0) {
-      if (audio.isBufferEmpty()) {
-        LOG4CXX_TRACE(logger_, kName << ": Discarding empty buffers");
-      } else {
-        locked = audio.number_of_channels_;
-        LOG4CXX_TRACE(logger_, kName << ": From here on only raising callback when num channels is "
-                                        "equal to "
-                                     << locked);
-      }
-    }
-    if (audio.number_of_channels_ == locked) {
-      gate.data_callbacks.on_audio_data(gate.stream_info, audio);
-    }
-  });
+  withMediaState<CallbackState>(
+      logger_, subscriber, user_data, kName, [data](CallbackState& state) {
+        if (data == nullptr || state.data_callbacks.on_audio_data == nullptr) {
+          return;
+        }
+        const MRAudioData audio(data);
+        // Streams begin with silence in a channel count that need not be the true one.
+        std::size_t& locked = state.consolidated_num_channels;
+        if (locked == 0) {
+          if (audio.isBufferEmpty()) {
+            LOG4CXX_TRACE(logger_, kName << ": Discarding empty buffers");
+          } else {
+            locked = audio.number_of_channels_;
+            LOG4CXX_TRACE(logger_,
+                          kName << ": From here on only raising callback when num channels is "
+                                   "equal to "
+                                << locked);
+          }
+        }
+        if (audio.number_of_channels_ == locked) {
+          state.data_callbacks.on_audio_data(state.stream_info, audio);
+        }
+      });
 }
 
 void MRSubscriber::onRenderFrame(srn_subscriber* subscriber, void* user_data,
                                  const srn_video_frame* frame) {
   static constexpr const char* kName = "MRSubscriber::onRenderFrame";
   LOG4CXX_TRACE(logger_, kName);
-  withMediaGate<Gate>(logger_, subscriber, user_data, kName, [frame](const Gate& gate) {
-    if (gate.data_callbacks.on_render_frame == nullptr) {
-      return;
-    }
-    auto owned = MRVideoFrame::fromSrnVideoFrame(frame);
-    if (owned == nullptr) {
-      LOG4CXX_ERROR(logger_, kName << ": Failed to convert srn_video_frame to MRVideoFrame");
-      return;
-    }
-    gate.data_callbacks.on_render_frame(gate.stream_info, MRVideoFrame::share(std::move(owned)));
-  });
+  withMediaState<CallbackState>(
+      logger_, subscriber, user_data, kName, [frame](const CallbackState& state) {
+        if (state.data_callbacks.on_render_frame == nullptr) {
+          return;
+        }
+        auto owned = MRVideoFrame::fromSrnVideoFrame(frame);
+        if (owned == nullptr) {
+          LOG4CXX_ERROR(logger_, kName << ": Failed to convert srn_video_frame to MRVideoFrame");
+          return;
+        }
+        state.data_callbacks.on_render_frame(state.stream_info,
+                                             MRVideoFrame::share(std::move(owned)));
+      });
 }
 
 void MRSubscriber::onCaptionText(srn_subscriber* subscriber, void* user_data, const char* text,
                                  srn_bool is_final) {
   static constexpr const char* kName = "MRSubscriber::onCaptionText";
   LOG4CXX_TRACE(logger_, kName);
-  withMediaGate<Gate>(logger_, subscriber, user_data, kName, [=](const Gate& gate) {
-    if (gate.data_callbacks.on_caption_text != nullptr) {
-      gate.data_callbacks.on_caption_text(gate.stream_info, textOrEmpty(text), is_final == 1);
-    }
-  });
+  withMediaState<CallbackState>(
+      logger_, subscriber, user_data, kName, [=](const CallbackState& state) {
+        if (state.data_callbacks.on_caption_text != nullptr) {
+          state.data_callbacks.on_caption_text(state.stream_info, textOrEmpty(text), is_final == 1);
+        }
+      });
 }

@@ -64,8 +64,8 @@ struct MRSubscriberDataCallbacks {
 //
 /// All operations belong to the worker, and so does every reference that keeps it;
 /// `getSubscriberInfo`, `isSubscribed` and `getTicket` any thread may call. The library's state
-/// events go to the manager; `release` waits for one under way. Its media run on a shared gate with
-/// data of its own and are never waited for.
+/// events go to the manager; `release` waits for one under way. Its media run on a shared state
+/// with data of its own and are never waited for.
 class MRSubscriber {
  public:
   /// Makes and binds a subscriber. Empty on failure: the log says why, and nothing stays behind in
@@ -99,7 +99,7 @@ class MRSubscriber {
                         const MRStreamInfo& stream_info);
 
  private:
-  struct Gate;
+  struct CallbackState;
 
   MRSubscriber(const std::shared_ptr<MRSession>& session, MRSubscriberObserver* manager);
 
@@ -122,8 +122,8 @@ class MRSubscriber {
 
   SrnSubscriberPtr subscriber_;
   std::shared_ptr<MRSession> session_;
-  const std::shared_ptr<Gate> gate_;  ///< all that the callbacks use
-  void* const ticket_;                ///< by which they find it
-  mutable common::Mutex info_mutex_;  ///< a leaf
+  const std::shared_ptr<CallbackState> callback_state_;  ///< all that the callbacks use
+  void* const ticket_;                                   ///< by which they find it
+  mutable common::Mutex info_mutex_;                     ///< a leaf
   MRSubscriberInfo subscriber_info_ GUARDED_BY(info_mutex_);
 };

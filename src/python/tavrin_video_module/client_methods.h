@@ -41,7 +41,7 @@ template <class Result, class Call>
 Result call_unlocked(Result failed, Call&& call) {
   // Begun before the lock goes and ended before it is asked for again: the controller cannot go
   // meanwhile, and does not wait for a thread that never gets the lock back.
-  ExitGuard::Visit visit(g_exit_guard);
+  ExitGate::Pass pass(g_exit_gate);
   PyThreadState* state = PyEval_SaveThread();
   Result result = std::move(failed);
   try {
@@ -49,7 +49,7 @@ Result call_unlocked(Result failed, Call&& call) {
   } catch (const std::exception& error) {
     LOG4CXX_ERROR(logger, "Unexpected failure in the controller: " << error.what());
   }
-  visit.end();
+  pass.end();
   python_utils::enter_python([state] { PyEval_RestoreThread(state); });
   return result;
 }

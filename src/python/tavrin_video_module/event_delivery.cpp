@@ -53,8 +53,8 @@ void EventArguments::call(PyObject* callable, std::string_view name) {
   }
 }
 
-bool may_enter_python(const ExitGuard::Visit& visit) {
-  if (visit.isOpen() && Py_IsInitialized() != 0) {
+bool may_enter_python(const ExitGate::Pass& pass) {
+  if (pass.isOpen() && Py_IsInitialized() != 0) {
     return true;
   }
   LOG4CXX_WARN(logger, "Python is finalizing, operation skipped");

@@ -65,7 +65,7 @@ class EventArguments {
 };
 
 // Whether the interpreter can be entered; says so in the log if not.
-bool may_enter_python(const ExitGuard::Visit& visit);
+bool may_enter_python(const ExitGate::Pass& pass);
 
 // Delivers one event. `build` fills the EventArguments that it is given, under the interpreter
 // lock, and returns whether they are complete.
@@ -74,8 +74,8 @@ void deliver(const Target& target, std::string_view name, Build&& build) {
   if (!target.mayListen()) {
     return;
   }
-  const ExitGuard::Visit visit = ExitGuard::Visit::toPython(g_exit_guard);
-  if (!may_enter_python(visit)) {
+  const ExitGate::Pass pass = ExitGate::Pass::toPython(g_exit_gate);
+  if (!may_enter_python(pass)) {
     return;
   }
   keep_thread_state();

@@ -17,8 +17,8 @@ class LastingThreadState {
     if (state_ == nullptr) {
       return;
     }
-    const ExitGuard::Visit visit = ExitGuard::Visit::toPython(g_exit_guard);
-    if (visit.isOpen() && Py_IsInitialized() != 0) {
+    const ExitGate::Pass pass = ExitGate::Pass::toPython(g_exit_gate);
+    if (pass.isOpen() && Py_IsInitialized() != 0) {
       python_utils::enter_python([this] {
         PyEval_RestoreThread(state_);
         PyGILState_Release(PyGILState_UNLOCKED);  // the balance of `keep`

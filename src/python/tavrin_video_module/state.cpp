@@ -37,8 +37,8 @@ void end_controller() {
   if (controller == nullptr || getpid() != g_controller_process) {
     return;
   }
-  g_exit_guard.close();
-  if (g_exit_guard.waitUntilEmpty(bridge_is_stuck ? 0s : kExitTimeout)) {
+  g_exit_gate.close();
+  if (g_exit_gate.waitUntilEmpty(bridge_is_stuck ? 0s : kExitTimeout)) {
     delete controller;
   }
 }
@@ -52,7 +52,7 @@ struct LastResort {
 
 const log4cxx::LoggerPtr& logger = lastingLogger("TavrinVideoClient");
 
-ExitGuard& g_exit_guard = *new ExitGuard;
+ExitGate& g_exit_gate = *new ExitGate;
 
 constinit CallableSlot g_on_error_cb;
 constinit CallableSlot g_on_connected_cb;
@@ -87,9 +87,9 @@ void close_bridge() {
   if (g_controller != nullptr && getpid() != g_controller_process) {
     return;
   }
-  g_exit_guard.close();
+  g_exit_gate.close();
   PyThreadState* state = PyEval_SaveThread();
-  bridge_is_stuck = !g_exit_guard.waitUntilEmpty(kExitTimeout);
+  bridge_is_stuck = !g_exit_gate.waitUntilEmpty(kExitTimeout);
   PyEval_RestoreThread(state);
 }
 

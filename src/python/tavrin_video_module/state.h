@@ -10,7 +10,7 @@
 
 #include "controller/mr_controller.h"
 #include "tavrin_video_module/callables.h"
-#include "tavrin_video_module/exit_guard.h"
+#include "tavrin_video_module/exit_gate.h"
 
 // The state of the module, one for the process: client objects are empty handles on it. Guarded by
 // the interpreter lock, but where a type says otherwise. Whatever holds Python references is never
@@ -18,7 +18,7 @@
 
 extern const log4cxx::LoggerPtr& logger;
 
-extern ExitGuard& g_exit_guard;
+extern ExitGate& g_exit_gate;
 
 // The one controller: made with the first client object, ended by `tavrin_video_cleanup`, or at
 // process exit should that hook not have run.

@@ -88,8 +88,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(Requests, SayNoMoreThanWhatChanged) {
   const std::vector<FeedMedium> plain{{"0", "audio", false}, {"1", "video", false}};
   const std::vector<FeedMedium> layered{{"0", "video", true}};
-  const auto request = [](const auto& media, const MediaWishes& wishes) {
-    return wishes_request(media, stream_wishes(wishes, {}), {});
+  const auto request = [](const auto& media, const MediaPreferences& preferences) {
+    return preferences_request(media, stream_preferences(preferences, {}), {});
   };
   EXPECT_THAT(request(plain, {.max_width = 100, .max_framerate = 5}), IsEmpty());
   EXPECT_EQ(request(plain, {.audio = false}).dump(),
@@ -109,7 +109,7 @@ TEST(Requests, AskForTheSmallestLayerThatIsNotTooSmall) {
         Row{320, {0, 0, 640}, 1}, Row{160, {0, 0, 640}, 0}, Row{200, {160, 640}, 1},
         Row{900, {0, 640}, 2}, Row{5000, {320, 640, 1280}, 2}}) {
     SCOPED_TRACE(testing::PrintToString(row.seen) + std::to_string(row.wish));
-    EXPECT_EQ(stream_wishes({.max_width = row.wish}, row.seen).size_layer, row.layer);
+    EXPECT_EQ(stream_preferences({.max_width = row.wish}, row.seen).size_layer, row.layer);
   }
 }
 

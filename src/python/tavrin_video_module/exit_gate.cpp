@@ -1,11 +1,11 @@
-#include "tavrin_video_module/exit_guard.h"
+#include "tavrin_video_module/exit_gate.h"
 
-bool ExitGuard::waitUntilEmpty(std::chrono::milliseconds timeout) {
+bool ExitGate::waitUntilEmpty(std::chrono::milliseconds timeout) {
   common::UniqueLock lock(mutex_);
   return emptied_.wait_for(lock.native(), timeout, [this] { return inside_.load() == 0; });
 }
 
-bool ExitGuard::enterPython() {
+bool ExitGate::enterPython() {
   // Counted before the test, so that one who is let in is seen by whoever closes and then counts.
   inside_.fetch_add(1);
   if (closing_.load()) {
@@ -15,7 +15,7 @@ bool ExitGuard::enterPython() {
   return true;
 }
 
-void ExitGuard::leave() {
+void ExitGate::leave() {
   // Only the end of the process waits, so at all other times leaving is one atomic operation.
   if (inside_.fetch_sub(1) == 1 && closing_.load()) {
     const common::LockGuard lock(mutex_);

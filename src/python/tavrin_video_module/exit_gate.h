@@ -11,32 +11,30 @@
 // Keeps native threads and the end of the interpreter apart: counts who is on the way into Python
 // or inside the controller, and closes the way into Python before finalisation begins. One for the
 // process, never destroyed; any thread, with or without the interpreter lock.
-class ExitGuard {
+class ExitGate {
  public:
   // A stay on the way into Python or inside the controller. Ends without any lock of Python's.
-  class Visit {
+  class Pass {
    public:
     // Into the controller: always let in.
-    explicit Visit(ExitGuard& guard) : guard_(&guard) { guard.inside_.fetch_add(1); }
+    explicit Pass(ExitGate& gate) : gate_(&gate) { gate.inside_.fetch_add(1); }
     // Into Python: only if `isOpen`.
-    static Visit toPython(ExitGuard& guard) {
-      return Visit(guard.enterPython() ? &guard : nullptr);
-    }
-    ~Visit() { end(); }
-    Visit(const Visit&) = delete;
-    Visit& operator=(const Visit&) = delete;
+    static Pass toPython(ExitGate& gate) { return Pass(gate.enterPython() ? &gate : nullptr); }
+    ~Pass() { end(); }
+    Pass(const Pass&) = delete;
+    Pass& operator=(const Pass&) = delete;
 
-    bool isOpen() const { return guard_ != nullptr; }
+    bool isOpen() const { return gate_ != nullptr; }
     void end() {
-      if (guard_ != nullptr) {
-        std::exchange(guard_, nullptr)->leave();
+      if (gate_ != nullptr) {
+        std::exchange(gate_, nullptr)->leave();
       }
     }
 
    private:
-    explicit Visit(ExitGuard* guard) : guard_(guard) {}
+    explicit Pass(ExitGate* gate) : gate_(gate) {}
 
-    ExitGuard* guard_;
+    ExitGate* gate_;
   };
 
   // From now on nobody is let into Python. For good.
