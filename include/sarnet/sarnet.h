@@ -453,11 +453,11 @@ SRN_API srn_status srn_publisher_settings_set_video_track(srn_publisher_settings
                                                           srn_bool enabled);
 SRN_API srn_status srn_publisher_settings_set_stereo(srn_publisher_settings* settings,
                                                      srn_bool enabled);
+/* The next three are accepted and have no effect: this library does not process sound. */
 SRN_API srn_status srn_publisher_settings_set_noise_suppression(srn_publisher_settings* settings,
                                                                 srn_bool enabled);
 SRN_API srn_status srn_publisher_settings_set_echo_cancellation(srn_publisher_settings* settings,
                                                                 srn_bool enabled);
-/* The flag disables: SRN_TRUE leaves the samples as they are. */
 SRN_API srn_status srn_publisher_settings_set_disable_audio_processing(
     srn_publisher_settings* settings, srn_bool disabled);
 SRN_API srn_status srn_publisher_settings_set_opus_dtx(srn_publisher_settings* settings,

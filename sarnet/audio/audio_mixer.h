@@ -19,7 +19,6 @@ class AudioMixer {
   // Adds a source; samples beyond the block's end are ignored, a shorter source adds silence there.
   void add(std::span<const std::int16_t> source);
   // How many sources the block has.
-  std::size_t sources() const { return sources_; }
   // Writes the saturated sum: min(block, output) samples, and silence into the rest of `output`.
   void finish(std::span<std::int16_t> output) const;
 

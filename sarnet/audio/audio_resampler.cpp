@@ -8,31 +8,14 @@
 #include <new>
 #include <stdexcept>
 
+#include "base/audio_channels.h"
+
 namespace sarnet {
 namespace {
 
 constexpr std::size_t kBlockFrames = 1024;
-// What the interpolator looks ahead, in frames of the slower side.
-constexpr double kLookahead = 32;
 
 }  // namespace
-
-void convert_channels(const std::int16_t* input, int input_channels, std::int16_t* output,
-                      int output_channels, std::size_t frames) {
-  if (input_channels == output_channels) {
-    std::memcpy(output, input,
-                frames * static_cast<std::size_t>(input_channels) * sizeof(std::int16_t));
-  } else if (output_channels == 2) {
-    for (std::size_t i = 0; i < frames; ++i) {
-      output[2 * i] = input[i];
-      output[2 * i + 1] = input[i];
-    }
-  } else {
-    for (std::size_t i = 0; i < frames; ++i) {
-      output[i] = static_cast<std::int16_t>((input[2 * i] + input[2 * i + 1]) / 2);
-    }
-  }
-}
 
 void AudioResampler::StateDeleter::operator()(void* state) const {
   src_delete(static_cast<SRC_STATE*>(state));
@@ -69,8 +52,7 @@ void AudioResampler::set_correction(double factor) {
 }
 
 AudioResampler::Result AudioResampler::convert_block(std::span<const std::int16_t> input,
-                                                     std::span<std::int16_t> output,
-                                                     bool end_of_input) {
+                                                     std::span<std::int16_t> output) {
   const auto in_channels = static_cast<std::size_t>(input_.channels);
   const auto out_channels = static_cast<std::size_t>(output_.channels);
   const std::size_t in_frames = std::min(input.size() / in_channels, kBlockFrames);
@@ -89,7 +71,6 @@ AudioResampler::Result AudioResampler::convert_block(std::span<const std::int16_
   data.data_out = output_block_.data();
   data.input_frames = static_cast<long>(in_frames);
   data.output_frames = static_cast<long>(out_frames);
-  data.end_of_input = end_of_input ? 1 : 0;
   data.src_ratio = ratio();
   if (src_process(static_cast<SRC_STATE*>(state_.get()), &data) != 0) {
     return {};
@@ -120,7 +101,7 @@ AudioResampler::Result AudioResampler::process(std::span<const std::int16_t> inp
   }
   Result total;
   while (output.size() >= out_channels) {
-    const Result step = convert_block(input, output, false);
+    const Result step = convert_block(input, output);
     total.consumed += step.consumed;
     total.produced += step.produced;
     input = input.subspan(step.consumed * in_channels);
@@ -132,30 +113,9 @@ AudioResampler::Result AudioResampler::process(std::span<const std::int16_t> inp
   return total;
 }
 
-std::size_t AudioResampler::flush(std::span<std::int16_t> output) {
-  std::size_t produced = 0;
-  while (interpolating_ && !output.empty()) {
-    const Result step = convert_block({}, output, true);
-    if (step.produced == 0) {
-      break;
-    }
-    produced += step.produced;
-    output = output.subspan(step.produced * static_cast<std::size_t>(output_.channels));
-  }
-  return produced;
-}
-
 void AudioResampler::reset() {
   src_reset(static_cast<SRC_STATE*>(state_.get()));
   interpolating_ = input_.rate != output_.rate || correction_ != 1.0;
-}
-
-std::size_t AudioResampler::max_output_frames(std::size_t frames) const {
-  if (!interpolating_) {
-    return frames;
-  }
-  return static_cast<std::size_t>(
-      std::ceil(static_cast<double>(frames) * ratio() + kLookahead * std::max(1.0, ratio())));
 }
 
 }  // namespace sarnet

@@ -10,11 +10,6 @@
 
 namespace sarnet {
 
-// Copies `frames` frames from one count of channels to another: mono goes to both channels, stereo
-// becomes the mean of its two. The buffers must not overlap.
-void convert_channels(const std::int16_t* input, int input_channels, std::int16_t* output,
-                      int output_channels, std::size_t frames);
-
 // Converts a stream of audio from one format to another: any rates from 8 to 48 kHz, one or two
 // channels each way (mono goes to both channels, stereo becomes the mean of its two).
 //
@@ -23,7 +18,7 @@ void convert_channels(const std::int16_t* input, int input_channels, std::int16_
 //
 // With equal rates and no correction the samples pass bit-exact (but for the change of channels)
 // and without delay. From the first correction other than 1, or with different rates, a
-// band-limited interpolator works with up to 3 ms of input held back, which flush() gives out.
+// band-limited interpolator works with up to 3 ms of input held back.
 class AudioResampler {
  public:
   struct Result {
@@ -36,9 +31,6 @@ class AudioResampler {
   AudioResampler(const AudioResampler&) = delete;
   AudioResampler& operator=(const AudioResampler&) = delete;
 
-  const AudioFormat& input_format() const { return input_; }
-  const AudioFormat& output_format() const { return output_; }
-
   // Multiplies the number of output frames made of the same input, 0.9 to 1.1, clamped: 1.01
   // stretches the sound by one per cent. Takes effect smoothly over the next call of process.
   void set_correction(double factor);
@@ -50,16 +42,8 @@ class AudioResampler {
   // number of frames of their format.
   Result process(std::span<const std::int16_t> input, std::span<std::int16_t> output);
 
-  // Gives out what is held back, as if silence followed. Returns the frames written; fewer than the
-  // room in `output` means that nothing is left. reset() must follow before the next process().
-  std::size_t flush(std::span<std::int16_t> output);
-
   // Forgets all input; the next frame starts a new stream. Keeps the correction.
   void reset();
-
-  // Upper bound of the output frames that `frames` more input frames can give at the present
-  // correction.
-  std::size_t max_output_frames(std::size_t frames) const;
 
  private:
   struct StateDeleter {
@@ -67,8 +51,7 @@ class AudioResampler {
   };
 
   // One call of the interpolator over at most one block each way.
-  Result convert_block(std::span<const std::int16_t> input, std::span<std::int16_t> output,
-                       bool end_of_input);
+  Result convert_block(std::span<const std::int16_t> input, std::span<std::int16_t> output);
   double ratio() const;
 
   const AudioFormat input_;

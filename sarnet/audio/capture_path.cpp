@@ -4,6 +4,7 @@
 #include <chrono>
 #include <utility>
 
+#include "base/audio_channels.h"
 #include "base/thread_keeper.h"
 
 namespace sarnet {
@@ -150,9 +151,7 @@ void CapturePath::pump(Run& run) {
     run.drift.read(stereo);
     const std::uint64_t total = run.drift.counters().underruns;
     counters_.capture_underruns += total - std::exchange(underruns, total);
-    for (std::size_t frame = 0; frame < frames; ++frame) {
-      mono[frame] = static_cast<std::int16_t>((stereo[2 * frame] + stereo[2 * frame + 1]) / 2);
-    }
+    convert_channels(stereo.data(), 2, mono.data(), 1, frames);
     give(stereo, mono);
     due += kPeriod;
   }

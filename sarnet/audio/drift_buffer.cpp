@@ -4,6 +4,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "base/audio_channels.h"
+
 namespace sarnet {
 namespace {
 

@@ -15,14 +15,6 @@ constexpr std::uintmax_t kMaxScenarioBytes = 16U << 20U;
 
 }  // namespace
 
-bool Scenario::needs_files() const {
-  return !record_folder.empty() ||
-         std::any_of(participants.begin(), participants.end(), [](const auto& participant) {
-           return (participant.audio && !participant.audio->file.empty()) ||
-                  (participant.video && !participant.video->file.empty());
-         });
-}
-
 std::string Scenario::place_of(const std::string& key) const {
   return "scenario '" + path + "': " + key;
 }

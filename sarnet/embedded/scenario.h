@@ -77,9 +77,6 @@ struct Scenario {
   std::vector<ScenarioEvent> events;  // in order of time
   std::string record_folder;          // empty: nothing is recorded
 
-  // True when a participant plays a file or the session is recorded, so that the file plug-in is
-  // needed.
-  bool needs_files() const;
   // "scenario 'talk.json': KEY"
   std::string place_of(const std::string& key) const;
 };

@@ -116,9 +116,4 @@ bool PictureConverter::scale(const PictureView& source, const MutablePictureView
                            target.height, libyuv::kFilterBox) == 0;
 }
 
-void PictureConverter::fill_black(const MutablePictureView& target) {
-  libyuv::I420Rect(target.y, target.stride_y, target.u, target.stride_u, target.v, target.stride_v,
-                   0, 0, target.width, target.height, 16, 128, 128);
-}
-
 }  // namespace sarnet

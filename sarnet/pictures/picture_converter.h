@@ -34,9 +34,6 @@ class PictureConverter {
   // Scales (or copies, when the sizes are equal) one I420 picture into another.
   static bool scale(const PictureView& source, const MutablePictureView& target);
 
-  // Fills a picture with studio-range black.
-  static void fill_black(const MutablePictureView& target);
-
  private:
   std::vector<std::uint8_t> converted_;
   std::vector<std::uint8_t> rotated_;

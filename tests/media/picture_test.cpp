@@ -19,7 +19,7 @@ namespace {
 PictureRef new_picture(int width, int height) {
   static PicturePool pool(16);
   PictureRef picture = pool.acquire(width, height);
-  PictureConverter::fill_black(picture->mutable_view());
+  std::fill_n(picture->data(), picture->size(), std::uint8_t{16});
   return picture;
 }
 

@@ -56,7 +56,6 @@ TEST_F(ScenarioTest, ReadsEveryKey) {
   ASSERT_TRUE(scenario->refusal);
   EXPECT_EQ(scenario->refusal->code, 1004);
   EXPECT_EQ(scenario->record_folder, (folder_ / "out").string());
-  EXPECT_TRUE(scenario->needs_files());
 
   ASSERT_EQ(scenario->participants.size(), 3U);
   const auto& alice = scenario->participants[0];

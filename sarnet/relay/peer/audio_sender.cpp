@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <string>
 
+#include "base/audio_channels.h"
 #include "relay/peer/pipeline_parts.h"
 
 namespace sarnet::relay {
@@ -58,18 +59,8 @@ void AudioSender::push(const AudioFormat& format, std::span<const std::int16_t> 
     gst_buffer_unref(buffer);
     return;
   }
-  auto* out = reinterpret_cast<std::int16_t*>(map.data);
-  for (std::size_t i = 0; i < frames; ++i) {
-    if (format.channels == channels_) {
-      std::copy_n(samples.begin(), frames * static_cast<std::size_t>(channels_), out);
-      break;
-    }
-    if (channels_ == 2) {
-      out[2 * i] = out[2 * i + 1] = samples[i];
-    } else {
-      out[i] = static_cast<std::int16_t>((samples[2 * i] + samples[2 * i + 1]) / 2);
-    }
-  }
+  convert_channels(samples.data(), format.channels, reinterpret_cast<std::int16_t*>(map.data),
+                   channels_, frames);
   gst_buffer_unmap(buffer, &map);
   const std::int64_t stamp = clock_.stamp(now_ns, static_cast<std::int64_t>(frames));
   GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(stamp);
