@@ -15,9 +15,7 @@ void AudioMixer::start(std::size_t samples) {
 
 void AudioMixer::add(std::span<const std::int16_t> source) {
   const std::size_t count = std::min(source.size(), length_);
-  for (std::size_t i = 0; i < count; ++i) {
-    sum_[i] += source[i];
-  }
+  for (std::size_t i = 0; i < count; ++i) sum_[i] += source[i];
   ++sources_;
 }
 

@@ -33,9 +33,7 @@ AudioResampler::AudioResampler(AudioFormat input, AudioFormat output)
   output_block_.resize(kBlockFrames * static_cast<std::size_t>(channels_));
   int failure = 0;
   state_.reset(src_new(SRC_SINC_FASTEST, channels_, &failure));
-  if (!state_) {
-    throw std::bad_alloc();
-  }
+  if (!state_) throw std::bad_alloc();
 }
 
 AudioResampler::~AudioResampler() = default;
@@ -46,9 +44,7 @@ double AudioResampler::ratio() const {
 
 void AudioResampler::set_correction(double factor) {
   correction_ = std::clamp(factor, 0.9, 1.1);
-  if (correction_ != 1.0) {
-    interpolating_ = true;
-  }
+  if (correction_ != 1.0) interpolating_ = true;
 }
 
 AudioResampler::Result AudioResampler::convert_block(std::span<const std::int16_t> input,
@@ -106,9 +102,7 @@ AudioResampler::Result AudioResampler::process(std::span<const std::int16_t> inp
     total.produced += step.produced;
     input = input.subspan(step.consumed * in_channels);
     output = output.subspan(step.produced * out_channels);
-    if (step.consumed == 0 && step.produced == 0) {
-      break;
-    }
+    if (step.consumed == 0 && step.produced == 0) break;
   }
   return total;
 }

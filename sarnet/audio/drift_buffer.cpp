@@ -229,9 +229,7 @@ void DriftBuffer::begin_stretching(std::span<std::int16_t> samples) {
   feed(std::span(staging_).first(frames * in_channels));
   while (made < wanted) {
     const std::span<std::int16_t> ahead = std::span(staging_).first(in_channels);
-    if (pop(ahead) == 0) {
-      break;
-    }
+    if (pop(ahead) == 0) break;
     feed(ahead);
   }
   const std::int16_t* interpolated = scratch_.data() + kHistory * out_channels;

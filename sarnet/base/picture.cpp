@@ -32,9 +32,7 @@ MutablePictureView Picture::mutable_view() {
 }
 
 PictureRef::PictureRef(const PictureRef& other) : picture_(other.picture_) {
-  if (picture_ != nullptr) {
-    picture_->references_.fetch_add(1, std::memory_order_relaxed);
-  }
+  if (picture_ != nullptr) picture_->references_.fetch_add(1, std::memory_order_relaxed);
 }
 
 PictureRef::~PictureRef() {

@@ -36,16 +36,10 @@ int marks_top(int height) { return height - std::max(4, height / 8); }
 int mark_left(int mark, int width) { return mark * width / kMarks; }
 
 bool mark_is_white(int mark, std::uint32_t number) {
-  if (mark < 2) {
-    return mark == 0;
-  }
-  if (mark < 2 + kNumberBits) {
-    return ((number >> (mark - 2)) & 1U) != 0;
-  }
+  if (mark < 2) return mark == 0;
+  if (mark < 2 + kNumberBits) return ((number >> (mark - 2)) & 1U) != 0;
   bool odd = false;
-  for (int bit = 0; bit < kNumberBits; ++bit) {
-    odd ^= ((number >> bit) & 1U) != 0;
-  }
+  for (int bit = 0; bit < kNumberBits; ++bit) odd ^= ((number >> bit) & 1U) != 0;
   return odd;
 }
 
@@ -78,9 +72,7 @@ TestCard::TestCard(int width, int height)
     : width_(std::max(width, 2)), height_(std::max(height, 2)) {
   background_.reserve(i420_size(width_, height_));
   for (int y = 0; y < height_; ++y) {
-    for (int x = 0; x < width_; ++x) {
-      background_.push_back(background_at(x, y, width_, height_).y);
-    }
+    for (int x = 0; x < width_; ++x) background_.push_back(background_at(x, y, width_, height_).y);
   }
   for (const auto plane : {&Colour::u, &Colour::v}) {
     for (int y = 0; y < chroma_size(height_); ++y) {
@@ -121,9 +113,7 @@ void TestCard::paint(std::uint32_t number, const MutablePictureView& target) con
 }
 
 std::optional<std::uint32_t> TestCard::read_number(const PictureView& picture) {
-  if (picture.width < kMinSide || picture.height < kMinSide) {
-    return std::nullopt;
-  }
+  if (picture.width < kMinSide || picture.height < kMinSide) return std::nullopt;
   const int row = (marks_top(picture.height) + picture.height) / 2;
   const std::uint8_t* line = picture.y + static_cast<std::ptrdiff_t>(row) * picture.stride_y;
   std::uint32_t number = 0;
@@ -131,18 +121,12 @@ std::optional<std::uint32_t> TestCard::read_number(const PictureView& picture) {
   for (int mark = 0; mark < kMarks; ++mark) {
     const std::uint8_t level =
         line[(mark_left(mark, picture.width) + mark_left(mark + 1, picture.width)) / 2];
-    if (level > kBlack + 64 && level < kWhite - 64) {
-      return std::nullopt;
-    }
+    if (level > kBlack + 64 && level < kWhite - 64) return std::nullopt;
     white[static_cast<std::size_t>(mark)] = level >= 128;
-    if (mark >= 2 && mark < 2 + kNumberBits && level >= 128) {
-      number |= 1U << (mark - 2);
-    }
+    if (mark >= 2 && mark < 2 + kNumberBits && level >= 128) number |= 1U << (mark - 2);
   }
   for (int mark = 0; mark < kMarks; ++mark) {
-    if (white[static_cast<std::size_t>(mark)] != mark_is_white(mark, number)) {
-      return std::nullopt;
-    }
+    if (white[static_cast<std::size_t>(mark)] != mark_is_white(mark, number)) return std::nullopt;
   }
   return number;
 }
@@ -158,9 +142,7 @@ void Tone::fill(std::span<std::int16_t> samples) {
     const auto value = static_cast<std::int16_t>(std::lround(amplitude_ * std::sin(phase_)));
     std::fill_n(samples.data() + i, channels, value);
     phase_ += step_;
-    if (phase_ > 2 * std::numbers::pi) {
-      phase_ -= 2 * std::numbers::pi;
-    }
+    if (phase_ > 2 * std::numbers::pi) phase_ -= 2 * std::numbers::pi;
   }
 }
 

@@ -16,9 +16,7 @@ constexpr std::size_t kMaxDepth = 32;
 
 std::string list_of(std::initializer_list<std::string_view> keys) {
   std::string result;
-  for (const std::string_view key : keys) {
-    result += (result.empty() ? "" : ", ") + std::string(key);
-  }
+  for (const std::string_view key : keys) result += (result.empty() ? "" : ", ") + std::string(key);
   return result;
 }
 
@@ -121,15 +119,11 @@ std::string JsonNode::place_of(const std::string& key) const {
 }
 
 void JsonNode::expect_list() const {
-  if (!value_.is_array()) {
-    throw JsonError(path_, "expected a list, found " + kind());
-  }
+  if (!value_.is_array()) throw JsonError(path_, "expected a list, found " + kind());
 }
 
 void JsonNode::expect_object(std::initializer_list<std::string_view> keys) const {
-  if (!value_.is_object()) {
-    throw JsonError(path_, "expected an object, found " + kind());
-  }
+  if (!value_.is_object()) throw JsonError(path_, "expected an object, found " + kind());
   for (const auto& [key, value] : value_.items()) {
     if (std::find(keys.begin(), keys.end(), key) == keys.end()) {
       throw JsonError(place_of(key), "unknown key; known here: " + list_of(keys));
@@ -138,33 +132,25 @@ void JsonNode::expect_object(std::initializer_list<std::string_view> keys) const
 }
 
 std::string JsonNode::text(const char* key, const std::string& otherwise) const {
-  if (!has(key)) {
-    return otherwise;
-  }
+  if (!has(key)) return otherwise;
   const JsonNode node = (*this)[key];
   if (!node.value_.is_string()) {
     throw JsonError(node.path_, "expected a text, found " + node.kind());
   }
   auto result = node.value_.get<std::string>();
-  if (result.find('\0') != std::string::npos) {
-    throw JsonError(node.path_, "holds a zero character");
-  }
+  if (result.find('\0') != std::string::npos) throw JsonError(node.path_, "holds a zero character");
   return result;
 }
 
 std::string JsonNode::required_text(const char* key) const {
   require(key);
   std::string result = text(key, "");
-  if (result.empty()) {
-    throw JsonError(place_of(key), "must not be empty");
-  }
+  if (result.empty()) throw JsonError(place_of(key), "must not be empty");
   return result;
 }
 
 bool JsonNode::flag(const char* key, bool otherwise) const {
-  if (!has(key)) {
-    return otherwise;
-  }
+  if (!has(key)) return otherwise;
   const JsonNode node = (*this)[key];
   if (!node.value_.is_boolean()) {
     throw JsonError(node.path_, "expected true or false, found " + node.kind());
@@ -174,9 +160,7 @@ bool JsonNode::flag(const char* key, bool otherwise) const {
 
 std::int64_t JsonNode::whole(const char* key, std::int64_t otherwise, std::int64_t least,
                              std::int64_t most) const {
-  if (!has(key)) {
-    return otherwise;
-  }
+  if (!has(key)) return otherwise;
   const JsonNode node = (*this)[key];
   // 250.0 is one, too.
   const double nearly = node.value_.is_number() ? node.value_.get<double>() : NAN;
@@ -192,9 +176,7 @@ std::int64_t JsonNode::whole(const char* key, std::int64_t otherwise, std::int64
 }
 
 double JsonNode::number(const char* key, double otherwise, double least, double most) const {
-  if (!has(key)) {
-    return otherwise;
-  }
+  if (!has(key)) return otherwise;
   const JsonNode node = (*this)[key];
   if (!node.value_.is_number()) {
     throw JsonError(node.path_, "expected a number, found " + node.kind());
@@ -207,9 +189,7 @@ double JsonNode::number(const char* key, double otherwise, double least, double 
 }
 
 void JsonNode::require(const char* key) const {
-  if (!has(key)) {
-    throw JsonError(place_of(key), "is missing");
-  }
+  if (!has(key)) throw JsonError(place_of(key), "is missing");
 }
 
 void JsonNode::require_one_of(const char* first, const char* second) const {

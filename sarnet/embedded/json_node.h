@@ -45,9 +45,7 @@ class JsonNode {
   // Visits the items of a list in order; none when the key is not there.
   template <class Visit>
   void each(const char* key, Visit visit) const {
-    if (!has(key)) {
-      return;
-    }
+    if (!has(key)) return;
     const JsonNode list = (*this)[key];
     list.expect_list();
     for (std::size_t i = 0; i < list.value_.size(); ++i) {

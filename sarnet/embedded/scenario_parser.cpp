@@ -33,13 +33,9 @@ class Parser {
   Scenario scenario(const JsonNode& root) {
     root.expect_object({"token", "join_delay_ms", "refuse", "participants", "events", "record"});
     Scenario& result = result_;
-    if (root.has("token")) {
-      result.token = root.text("token", "");
-    }
+    if (root.has("token")) result.token = root.text("token", "");
     result.join_delay_ms = root.whole("join_delay_ms", 0, 0, kMaxMs);
-    if (root.has("refuse")) {
-      result.refusal = refusal(root["refuse"]);
-    }
+    if (root.has("refuse")) result.refusal = refusal(root["refuse"]);
     root.each("participants",
               [&](const JsonNode& node) { result.participants.push_back(participant(node)); });
     root.each("events", [&](const JsonNode& node) { result.events.push_back(event(node)); });
@@ -65,9 +61,7 @@ class Parser {
     std::string file = resolve(node.required_text("file"));
     std::string reason;
     const int opened = open_regular(file, reason);
-    if (opened < 0) {
-      node.refuse("file", "cannot read '" + file + "': " + reason);
-    }
+    if (opened < 0) node.refuse("file", "cannot read '" + file + "': " + reason);
     close(opened);
     return file;
   }
@@ -92,16 +86,12 @@ class Parser {
     if (node.has("file")) {
       result.file = media_file(node);
       result.file_key = result_.place_of(node.place_of("file"));
-      if (node.has("level")) {
-        node.refuse("level", "belongs to a tone, not to a file");
-      }
+      if (node.has("level")) node.refuse("level", "belongs to a tone, not to a file");
       result.loop = node.flag("loop", result.loop);
     } else {
       result.tone_hz = node.number("tone_hz", result.tone_hz, 20, 20000);
       result.tone_level = node.number("level", result.tone_level, 0, 1);
-      if (node.has("loop")) {
-        node.refuse("loop", "belongs to a file, not to a tone");
-      }
+      if (node.has("loop")) node.refuse("loop", "belongs to a file, not to a tone");
     }
     return result;
   }
@@ -118,9 +108,7 @@ class Parser {
       if (!node.flag("testcard", true)) {
         node.refuse("testcard", "must be true; leave 'video' out for none");
       }
-      if (node.has("loop")) {
-        node.refuse("loop", "belongs to a file, not to the test card");
-      }
+      if (node.has("loop")) node.refuse("loop", "belongs to a file, not to the test card");
       result.width = 640;
       result.height = 480;
       result.fps = 30;
@@ -148,12 +136,8 @@ class Parser {
         node.refuse("leave_at_ms", "must be after join_at_ms");
       }
     }
-    if (node.has("audio")) {
-      result.audio = audio(node["audio"]);
-    }
-    if (node.has("video")) {
-      result.video = video(node["video"]);
-    }
+    if (node.has("audio")) result.audio = audio(node["audio"]);
+    if (node.has("video")) result.video = video(node["video"]);
     captions(node, result);
     return result;
   }
@@ -198,9 +182,7 @@ class Parser {
 
     const bool fails = result.kind != Kind::kDisconnect && result.kind != Kind::kDropStream;
     for (const char* key : {"code", "text"}) {
-      if (node.has(key) && !fails) {
-        node.refuse(key, "does not go with kind " + kind);
-      }
+      if (node.has(key) && !fails) node.refuse(key, "does not go with kind " + kind);
     }
     result.code = code(node, result.code);
     result.text = node.text("text", "Failure from the scenario");

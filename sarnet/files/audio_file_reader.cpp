@@ -22,9 +22,7 @@ bool AudioFileReader::open() {
     error_ = failure_text("read", path_, "sound is given out at 8 to 48 kHz in 1 or 2 channels");
     return false;
   }
-  if (!start_round()) {
-    return false;
-  }
+  if (!start_round()) return false;
   const std::size_t period = static_cast<std::size_t>(format_.period_frames()) *
                              static_cast<std::size_t>(format_.channels);
   while (!ended_ && ready_.size() < period) fetch();
@@ -79,9 +77,7 @@ bool AudioFileReader::prepare_conversion(const AVFrame& frame) {
     status = swr_set_matrix(converter, mean, 2);
   }
   av_channel_layout_uninit(&source);
-  if (status >= 0) {
-    status = swr_init(converter);
-  }
+  if (status >= 0) status = swr_init(converter);
   if (status < 0) {
     converter_.reset();
     error_ = failure_text("convert the sound of", path_, status);
@@ -109,9 +105,7 @@ bool AudioFileReader::convert(const AVFrame* frame) {
       frame != nullptr ? const_cast<const std::uint8_t**>(frame->extended_data) : nullptr;
   const int made = swr_convert(converter_.get(), &output, room, input, frames);
   ready_.resize(before + static_cast<std::size_t>(std::max(made, 0)) * channels);
-  if (made < 0) {
-    error_ = failure_text("convert the sound of", path_, made);
-  }
+  if (made < 0) error_ = failure_text("convert the sound of", path_, made);
   return made >= 0;
 }
 
@@ -120,9 +114,7 @@ ReadStatus AudioFileReader::fetch() {
   AVFrame* frame = nullptr;
   switch (stream_.next(frame)) {
     case ReadStatus::kOk:
-      if (!prepare_conversion(*frame) || !convert(frame)) {
-        return fail(error_);
-      }
+      if (!prepare_conversion(*frame) || !convert(frame)) return fail(error_);
       heard_ += static_cast<double>(frame->nb_samples) / frame->sample_rate;
       return ReadStatus::kOk;
     case ReadStatus::kError:
@@ -130,9 +122,7 @@ ReadStatus AudioFileReader::fetch() {
     case ReadStatus::kEnd:
       break;
   }
-  if (heard_ <= 0) {
-    return fail(failure_text("read", path_, "there is no sound in it"));
-  }
+  if (heard_ <= 0) return fail(failure_text("read", path_, "there is no sound in it"));
   if (!loop_) {
     ended_ = true;
     return convert(nullptr) ? ReadStatus::kOk : fail(error_);

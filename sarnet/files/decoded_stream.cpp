@@ -34,9 +34,7 @@ std::string failure_text(const char* action, const std::string& path, int status
 }
 
 bool DecodedStream::fail(int status) {
-  if (file_ && file_->refused()) {
-    return fail("it names other files");
-  }
+  if (file_ && file_->refused()) return fail("it names other files");
   if (file_ && file_->exhausted()) {
     return fail("there is no sound or picture in its first " + std::to_string(kMaxHeader >> 20) +
                 " MiB");
@@ -73,20 +71,14 @@ bool DecodedStream::open(const std::string& path, AVMediaType kind) {
   draining_ = false;
   packet_.reset(av_packet_alloc());
   frame_.reset(av_frame_alloc());
-  if (!packet_ || !frame_) {
-    throw std::bad_alloc();
-  }
+  if (!packet_ || !frame_) throw std::bad_alloc();
 
   std::string reason;
   file_ = FileIo::open(path, interrupted_, reason);
-  if (!file_) {
-    return fail(reason);
-  }
+  if (!file_) return fail(reason);
   file_->limit(kMaxHeader);
   AVFormatContext* input = avformat_alloc_context();
-  if (input == nullptr) {
-    throw std::bad_alloc();
-  }
+  if (input == nullptr) throw std::bad_alloc();
   input->pb = file_->context();
   input->opaque = file_.get();
   input->io_open = &open_no_other;
@@ -97,17 +89,13 @@ bool DecodedStream::open(const std::string& path, AVMediaType kind) {
     return fail(status);
   }
   input_.reset(input);
-  if (const int status = find_streams(); status < 0) {
-    return fail(status);
-  }
+  if (const int status = find_streams(); status < 0) return fail(status);
   const AVCodec* decoder = nullptr;
   const int index = av_find_best_stream(input, kind, -1, -1, &decoder, 0);
   if (index == AVERROR_STREAM_NOT_FOUND) {
     return fail(std::string("there is no ") + av_get_media_type_string(kind) + " in it");
   }
-  if (index < 0) {
-    return fail(index);
-  }
+  if (index < 0) return fail(index);
   stream_ = input->streams[index];
   for (unsigned i = 0; i < input->nb_streams; ++i) {
     input->streams[i]->discard = static_cast<int>(i) == index ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
@@ -118,9 +106,7 @@ bool DecodedStream::open(const std::string& path, AVMediaType kind) {
                 " are beyond " + std::to_string(kMaxSide) + "x" + std::to_string(kMaxSide));
   }
   codec_.reset(avcodec_alloc_context3(decoder));
-  if (!codec_) {
-    throw std::bad_alloc();
-  }
+  if (!codec_) throw std::bad_alloc();
   avcodec_parameters_to_context(codec_.get(), stream_->codecpar);
   codec_->pkt_timebase = stream_->time_base;
   codec_->thread_count = 1;
@@ -166,9 +152,7 @@ ReadStatus DecodedStream::next(AVFrame*& frame) {
       return ReadStatus::kError;
     }
     // What the decoder refuses is damaged; the next packet may be sound.
-    if (packet_->stream_index == stream_->index) {
-      avcodec_send_packet(codec_.get(), packet_.get());
-    }
+    if (packet_->stream_index == stream_->index) avcodec_send_packet(codec_.get(), packet_.get());
     av_packet_unref(packet_.get());
   }
 }

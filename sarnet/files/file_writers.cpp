@@ -15,12 +15,8 @@ int create_output(const char* kind, const FileIo& file, OutputPtr& output) {
   AVFormatContext* context = nullptr;
   int status = avformat_alloc_output_context2(&context, nullptr, kind, nullptr);
   output.reset(context);
-  if (status < 0) {
-    return status;
-  }
-  if (avformat_new_stream(context, nullptr) == nullptr) {
-    return AVERROR(ENOMEM);
-  }
+  if (status < 0) return status;
+  if (avformat_new_stream(context, nullptr) == nullptr) return AVERROR(ENOMEM);
   // No name of a program in the file: the same media give the same bytes.
   context->flags |= AVFMT_FLAG_BITEXACT;
   context->pb = file.context();
@@ -32,9 +28,7 @@ int create_output(const char* kind, const FileIo& file, OutputPtr& output) {
 int finish_output(OutputPtr& output) {
   int status = av_write_trailer(output.get());
   avio_flush(output->pb);
-  if (status >= 0 && output->pb->error < 0) {
-    status = output->pb->error;
-  }
+  if (status >= 0 && output->pb->error < 0) status = output->pb->error;
   output.reset();
   return status;
 }
@@ -43,9 +37,7 @@ int finish_output(OutputPtr& output) {
 
 WavWriter::WavWriter(std::string path, AudioFormat format)
     : path_(std::move(path)), format_(format), packet_(av_packet_alloc()) {
-  if (!packet_) {
-    throw std::bad_alloc();
-  }
+  if (!packet_) throw std::bad_alloc();
 }
 
 WavWriter::~WavWriter() { close(); }
@@ -64,17 +56,11 @@ bool WavWriter::fail(const std::string& reason) {
 }
 
 bool WavWriter::open() {
-  if (!format_.valid()) {
-    return fail(AVERROR(EINVAL));
-  }
+  if (!format_.valid()) return fail(AVERROR(EINVAL));
   std::string reason;
   file_ = FileIo::create(path_, reason);
-  if (!file_) {
-    return fail(reason);
-  }
-  if (const int status = create_output("wav", *file_, output_); status < 0) {
-    return fail(status);
-  }
+  if (!file_) return fail(reason);
+  if (const int status = create_output("wav", *file_, output_); status < 0) return fail(status);
   AVCodecParameters& codec = *output_->streams[0]->codecpar;
   codec.codec_type = AVMEDIA_TYPE_AUDIO;
   codec.codec_id = AV_CODEC_ID_PCM_S16LE;
@@ -106,14 +92,10 @@ bool WavWriter::state_length() {
 }
 
 bool WavWriter::write(std::span<const std::int16_t> samples) {
-  if (!output_) {
-    return false;
-  }
+  if (!output_) return false;
   const auto channels = static_cast<std::size_t>(format_.channels);
   const std::size_t frames = samples.size() / channels;
-  if (frames == 0) {
-    return true;
-  }
+  if (frames == 0) return true;
   // Lent: the muxer only reads it.
   packet_->data = reinterpret_cast<std::uint8_t*>(const_cast<std::int16_t*>(samples.data()));
   packet_->size = static_cast<int>(frames * channels * sizeof(std::int16_t));
@@ -122,21 +104,15 @@ bool WavWriter::write(std::span<const std::int16_t> samples) {
   const int status = av_write_frame(output_.get(), packet_.get());
   packet_->data = nullptr;
   packet_->size = 0;
-  if (status < 0) {
-    return fail(status);
-  }
+  if (status < 0) return fail(status);
   frames_ += static_cast<std::int64_t>(frames);
-  if (frames_ - stated_frames_ >= format_.rate && !state_length()) {
-    return fail(output_->pb->error);
-  }
+  if (frames_ - stated_frames_ >= format_.rate && !state_length()) return fail(output_->pb->error);
   return true;
 }
 
 bool WavWriter::close() {
   if (output_) {
-    if (const int status = finish_output(output_); status < 0) {
-      return fail(status);
-    }
+    if (const int status = finish_output(output_); status < 0) return fail(status);
   }
   return error_.empty();
 }
@@ -148,9 +124,7 @@ Y4mWriter::Y4mWriter(std::string path, int width, int height, int fps)
       fps_(fps),
       frame_(av_frame_alloc()),
       packet_(av_packet_alloc()) {
-  if (!frame_ || !packet_) {
-    throw std::bad_alloc();
-  }
+  if (!frame_ || !packet_) throw std::bad_alloc();
 }
 
 Y4mWriter::~Y4mWriter() { close(); }
@@ -169,22 +143,16 @@ bool Y4mWriter::fail(const std::string& reason) {
 }
 
 bool Y4mWriter::open() {
-  if (width_ <= 0 || height_ <= 0 || fps_ <= 0) {
-    return fail(AVERROR(EINVAL));
-  }
+  if (width_ <= 0 || height_ <= 0 || fps_ <= 0) return fail(AVERROR(EINVAL));
   std::string reason;
   file_ = FileIo::create(path_, reason);
-  if (!file_) {
-    return fail(reason);
-  }
+  if (!file_) return fail(reason);
   if (const int status = create_output("yuv4mpegpipe", *file_, output_); status < 0) {
     return fail(status);
   }
   const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_WRAPPED_AVFRAME);
   wrapper_.reset(avcodec_alloc_context3(codec));
-  if (!wrapper_) {
-    return fail(AVERROR(ENOMEM));
-  }
+  if (!wrapper_) return fail(AVERROR(ENOMEM));
   wrapper_->width = width_;
   wrapper_->height = height_;
   wrapper_->pix_fmt = AV_PIX_FMT_YUV420P;
@@ -193,28 +161,18 @@ bool Y4mWriter::open() {
   frame_->width = width_;
   frame_->height = height_;
   int status = avcodec_open2(wrapper_.get(), codec, nullptr);
-  if (status >= 0) {
-    status = av_frame_get_buffer(frame_.get(), 0);
-  }
+  if (status >= 0) status = av_frame_get_buffer(frame_.get(), 0);
   AVStream& stream = *output_->streams[0];
   stream.time_base = wrapper_->time_base;
   stream.avg_frame_rate = {fps_, 1};
-  if (status >= 0) {
-    status = avcodec_parameters_from_context(stream.codecpar, wrapper_.get());
-  }
-  if (status >= 0) {
-    status = avformat_write_header(output_.get(), nullptr);
-  }
+  if (status >= 0) status = avcodec_parameters_from_context(stream.codecpar, wrapper_.get());
+  if (status >= 0) status = avformat_write_header(output_.get(), nullptr);
   return status >= 0 || fail(status);
 }
 
 bool Y4mWriter::write(const PictureView& picture) {
-  if (!output_) {
-    return false;
-  }
-  if (picture.width != width_ || picture.height != height_) {
-    return fail(AVERROR(EINVAL));
-  }
+  if (!output_) return false;
+  if (picture.width != width_ || picture.height != height_) return fail(AVERROR(EINVAL));
   int status = av_frame_make_writable(frame_.get());
   if (status >= 0) {
     const std::uint8_t* planes[4] = {picture.y, picture.u, picture.v, nullptr};
@@ -224,9 +182,7 @@ bool Y4mWriter::write(const PictureView& picture) {
     frame_->pts = pictures_++;
     status = avcodec_send_frame(wrapper_.get(), frame_.get());
   }
-  if (status >= 0) {
-    status = avcodec_receive_packet(wrapper_.get(), packet_.get());
-  }
+  if (status >= 0) status = avcodec_receive_packet(wrapper_.get(), packet_.get());
   if (status >= 0) {
     packet_->pts = packet_->dts =
         av_rescale_q(frame_->pts, wrapper_->time_base, output_->streams[0]->time_base);
@@ -238,9 +194,7 @@ bool Y4mWriter::write(const PictureView& picture) {
 
 bool Y4mWriter::close() {
   if (output_) {
-    if (const int status = finish_output(output_); status < 0) {
-      return fail(status);
-    }
+    if (const int status = finish_output(output_); status < 0) return fail(status);
   }
   return error_.empty();
 }

@@ -16,9 +16,7 @@ namespace {
 // Hands out `object` once it is open, else its error.
 template <class Interface, class Object>
 std::unique_ptr<Interface> opened(std::unique_ptr<Object> object, std::string& error) {
-  if (object->open()) {
-    return object;
-  }
+  if (object->open()) return object;
   error = object->error();
   return nullptr;
 }
@@ -55,13 +53,9 @@ class FfmpegPlugin final : public FilePlugin {
 
 extern "C" __attribute__((visibility("default"))) const sarnet::FilePlugin* sarnet_files_entry(
     int version) {
-  if (version != sarnet::kFilePluginVersion) {
-    return nullptr;
-  }
+  if (version != sarnet::kFilePluginVersion) return nullptr;
   // What goes wrong comes back as an error text; a program that chose another level keeps it.
-  if (av_log_get_level() == AV_LOG_INFO) {
-    av_log_set_level(AV_LOG_FATAL);
-  }
+  if (av_log_get_level() == AV_LOG_INFO) av_log_set_level(AV_LOG_FATAL);
   // Headers state sizes, and FFmpeg clears that much memory before it reads on: seconds for the two
   // gigabytes that it allows. The largest picture of ours fits. Holds for the whole process.
   av_max_alloc(std::size_t{320} << 20);

@@ -28,9 +28,7 @@ bool is_full_range(const AVFrame& picture) {
 
 FramePtr new_frame() {
   FramePtr frame(av_frame_alloc());
-  if (!frame) {
-    throw std::bad_alloc();
-  }
+  if (!frame) throw std::bad_alloc();
   return frame;
 }
 
@@ -66,9 +64,7 @@ ReadStatus VideoFileReader::fail(const std::string& error) {
 }
 
 bool VideoFileReader::open() {
-  if (!start_round()) {
-    return false;
-  }
+  if (!start_round()) return false;
   still_ = !has_next_;
   return fill_in_defaults();
 }
@@ -79,13 +75,9 @@ bool VideoFileReader::find_frame_rate() {
       av_guess_frame_rate(nullptr, const_cast<AVStream*>(&stream_.stream()), nullptr);
   double least = INFINITY;
   for (const AVRational& rate : {guess, stream_.stream().avg_frame_rate}) {
-    if (rate.num > 0 && rate.den > 0) {
-      least = std::min(least, av_q2d(rate));
-    }
+    if (rate.num > 0 && rate.den > 0) least = std::min(least, av_q2d(rate));
   }
-  if (std::isinf(least)) {
-    return true;
-  }
+  if (std::isinf(least)) return true;
   if (least > kMaxFps) {
     fail(failure_text("read", path_,
                       "frame rate " + std::to_string(std::llround(least)) + " is beyond " +
@@ -103,9 +95,7 @@ bool VideoFileReader::start_round() {
     fail(stream_.error());
     return false;
   }
-  if (!find_frame_rate()) {
-    return false;
-  }
+  if (!find_frame_rate()) return false;
   next_time_ = -frame_seconds_;
   first_timestamp_ = NAN;
   has_next_ = false;
@@ -128,20 +118,14 @@ ReadStatus VideoFileReader::advance() {
   AVFrame* frame = nullptr;
   const ReadStatus status = stream_.next(frame);
   has_next_ = status == ReadStatus::kOk;
-  if (status == ReadStatus::kError) {
-    return fail(stream_.error());
-  }
-  if (!has_next_) {
-    return ReadStatus::kEnd;
-  }
+  if (status == ReadStatus::kError) return fail(stream_.error());
+  if (!has_next_) return ReadStatus::kEnd;
   const double previous = next_time_;
   const std::int64_t stamp = frame->best_effort_timestamp;
   next_time_ = previous + frame_seconds_;
   if (stamp != AV_NOPTS_VALUE) {
     const double seconds = static_cast<double>(stamp) * av_q2d(stream_.stream().time_base);
-    if (std::isnan(first_timestamp_)) {
-      first_timestamp_ = seconds;
-    }
+    if (std::isnan(first_timestamp_)) first_timestamp_ = seconds;
     next_time_ = std::max(previous, seconds - first_timestamp_);
   }
   av_frame_unref(next_.get());
@@ -191,9 +175,7 @@ bool VideoFileReader::scale(const AVFrame& picture) {
     scaled_->format = AV_PIX_FMT_YUV420P;
     scaled_->width = width_;
     scaled_->height = height_;
-    if (av_frame_get_buffer(scaled_.get(), 0) < 0) {
-      throw std::bad_alloc();
-    }
+    if (av_frame_get_buffer(scaled_.get(), 0) < 0) throw std::bad_alloc();
   }
   sws_scale(scaler_.get(), picture.data, picture.linesize, 0, picture.height, scaled_->data,
             scaled_->linesize);
@@ -202,45 +184,31 @@ bool VideoFileReader::scale(const AVFrame& picture) {
 }
 
 ReadStatus VideoFileReader::read(const MutablePictureView& target) {
-  if (failed_) {
-    return ReadStatus::kError;
-  }
+  if (failed_) return ReadStatus::kError;
   if (target.width != width_ || target.height != height_) {
     return fail(failure_text("read", path_, "a picture of another size was asked for"));
   }
-  if (still_ && reads_ > 0 && !loop_) {
-    return ReadStatus::kEnd;
-  }
+  if (still_ && reads_ > 0 && !loop_) return ReadStatus::kEnd;
   const double now = static_cast<double>(reads_) / fps_;
   while (!still_) {
     if (has_next_ && round_start_ + next_time_ <= now + kTimeTolerance) {
-      if (advance() == ReadStatus::kError) {
-        return ReadStatus::kError;
-      }
+      if (advance() == ReadStatus::kError) return ReadStatus::kError;
       continue;
     }
     const double round_end = round_start_ + next_time_ + frame_seconds_;
-    if (has_next_ || now + kTimeTolerance < round_end) {
-      break;
-    }
-    if (!loop_) {
-      return ReadStatus::kEnd;
-    }
+    if (has_next_ || now + kTimeTolerance < round_end) break;
+    if (!loop_) return ReadStatus::kEnd;
     if (round_end - round_start_ < kShortestRound) {
       return fail(failure_text("read", path_, "it is too short to be repeated, less than 10 ms"));
     }
     round_start_ = round_end;
-    if (!start_round()) {
-      return ReadStatus::kError;
-    }
+    if (!start_round()) return ReadStatus::kError;
   }
   ++reads_;
 
   const bool as_it_is = shown_->format == AV_PIX_FMT_YUV420P && !is_full_range(*shown_) &&
                         shown_->width == width_ && shown_->height == height_;
-  if (!as_it_is && !scaled_is_shown_ && !scale(*shown_)) {
-    return ReadStatus::kError;
-  }
+  if (!as_it_is && !scaled_is_shown_ && !scale(*shown_)) return ReadStatus::kError;
   copy_planes(as_it_is ? *shown_ : *scaled_, target);
   return ReadStatus::kOk;
 }

@@ -11,9 +11,7 @@ bool valid_size(int width, int height) {
 
 // A packed I420 picture over `bytes`, which grow when they are too few.
 MutablePictureView packed_view(std::vector<std::uint8_t>& bytes, int width, int height) {
-  if (bytes.size() < i420_size(width, height)) {
-    bytes.resize(i420_size(width, height));
-  }
+  if (bytes.size() < i420_size(width, height)) bytes.resize(i420_size(width, height));
   const int chroma_width = chroma_size(width);
   std::uint8_t* y = bytes.data();
   std::uint8_t* u = y + static_cast<std::size_t>(width) * height;
@@ -41,9 +39,7 @@ void unpack(PixelFormat format, const std::uint8_t* pixels, const MutablePicture
 }  // namespace
 
 std::size_t packed_size(PixelFormat format, int width, int height) {
-  if (!valid_size(width, height)) {
-    return 0;
-  }
+  if (!valid_size(width, height)) return 0;
   const std::size_t pixels = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
   switch (format) {
     case PixelFormat::kI420:
@@ -81,9 +77,7 @@ bool PictureConverter::convert(PixelFormat format, int width, int height,
     const MutablePictureView unpacked =
         upright && same_size ? target : packed_view(converted_, width, height);
     unpack(format, pixels, unpacked);
-    if (upright && same_size) {
-      return true;
-    }
+    if (upright && same_size) return true;
     picture = read_only(unpacked);
   }
   if (!upright) {
@@ -93,9 +87,7 @@ bool PictureConverter::convert(PixelFormat format, int width, int height,
                        picture.stride_v, turned.y, turned.stride_y, turned.u, turned.stride_u,
                        turned.v, turned.stride_v, width, height,
                        static_cast<libyuv::RotationMode>(rotation));
-    if (same_size) {
-      return true;
-    }
+    if (same_size) return true;
     picture = read_only(turned);
   }
   return scale(picture, target);

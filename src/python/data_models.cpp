@@ -48,9 +48,7 @@ constexpr std::array<NamedClass, 21> kModelClasses{{
 
 PyObject* get_model_class(ClassMember member, const char* name) {
   static const std::shared_ptr<ModelClasses> model_classes = get_model_classes_instance();
-  if (model_classes != nullptr) {
-    return (*model_classes).*member;
-  }
+  if (model_classes != nullptr) return (*model_classes).*member;
   const std::string message = std::string("Model ") + name + " class is not found";
   set_error_if_not_present(PyExc_ImportError, message.c_str());
   LOG4CXX_ERROR(logger, message);
@@ -67,56 +65,38 @@ bool ModelClasses::isValid() const {
 std::vector<PyObject*> ModelClasses::toList() const {
   std::vector<PyObject*> classes;
   classes.reserve(kModelClasses.size());
-  for (const NamedClass& named : kModelClasses) {
-    classes.push_back(this->*named.member);
-  }
+  for (const NamedClass& named : kModelClasses) classes.push_back(this->*named.member);
   return classes;
 }
 
 PyObjectPtr load_models_module() {
   const python_utils::PyGILLock lock;
   const PyObjectPtr importlib(PyImport_ImportModule("importlib"));
-  if (importlib == nullptr) {
-    return nullptr;
-  }
+  if (importlib == nullptr) return nullptr;
   const PyObjectPtr import_module(PyObject_GetAttrString(importlib.get(), "import_module"));
-  if (import_module == nullptr) {
-    return nullptr;
-  }
+  if (import_module == nullptr) return nullptr;
   const PyObjectPtr name(PyUnicode_FromString("tavrin_media_relay.models"));
-  if (name == nullptr) {
-    return nullptr;
-  }
+  if (name == nullptr) return nullptr;
   const PyObjectPtr args(PyTuple_Pack(1, name.get()));
-  if (args == nullptr) {
-    return nullptr;
-  }
+  if (args == nullptr) return nullptr;
   return PyObjectPtr(python_utils::enter_python(
       [&] { return PyObject_CallObject(import_module.get(), args.get()); }));
 }
 
 ModelClasses get_all_model_classes(PyObject* module) {
   ModelClasses classes;
-  if (module == nullptr) {
-    return classes;
-  }
+  if (module == nullptr) return classes;
   for (const NamedClass& named : kModelClasses) {
     PyObjectPtr found(PyObject_GetAttrString(module, named.name));
-    if (found == nullptr) {
-      break;
-    }
-    if (PyType_Check(found.get())) {
-      classes.*named.member = found.release();
-    }
+    if (found == nullptr) break;
+    if (PyType_Check(found.get())) classes.*named.member = found.release();
   }
   return classes;
 }
 
 std::shared_ptr<ModelClasses> get_model_classes_instance() {
   static std::shared_ptr<ModelClasses> model_classes;
-  if (model_classes != nullptr) {
-    return model_classes;
-  }
+  if (model_classes != nullptr) return model_classes;
   const PyObjectPtr module = load_models_module();
   if (module == nullptr) {
     set_error_if_not_present(PyExc_ModuleNotFoundError, "Failed to load models module");

@@ -42,9 +42,7 @@ struct Raised {
       PyErr_Fetch(&type, &value, &traceback);
       PyErr_NormalizeException(&type, &value, &traceback);
     });
-    if (value != nullptr && traceback != nullptr) {
-      PyException_SetTraceback(value, traceback);
-    }
+    if (value != nullptr && traceback != nullptr) PyException_SetTraceback(value, traceback);
     return {PyObjectPtr(type), PyObjectPtr(value), PyObjectPtr(traceback)};
   }
 
@@ -60,9 +58,7 @@ PyObject* or_none(const PyObjectPtr& object) { return object != nullptr ? object
 
 void set_sys_attribute(const char* name, PyObject* value) {
   // Drops what stood there.
-  if (enter_python([=] { return PySys_SetObject(name, value); }) < 0) {
-    clear_exception();
-  }
+  if (enter_python([=] { return PySys_SetObject(name, value); }) < 0) clear_exception();
 }
 
 void write_to_stderr(const char* text) {
@@ -99,9 +95,7 @@ void show_exception() {
 }  // namespace
 
 void park_thread() {
-  while (true) {
-    pause();
-  }
+  while (true) pause();
 }
 
 void PyObjectDeleter::operator()(PyObject* object) const {
@@ -113,18 +107,14 @@ void PyObjectDeleter::operator()(PyObject* object) const {
 PyObjectPtr new_reference(PyObject* object) { return PyObjectPtr(Py_XNewRef(object)); }
 
 PyObject* MemberName::object() {
-  if (object_ == nullptr) {
-    object_ = PyUnicode_InternFromString(text_);
-  }
+  if (object_ == nullptr) object_ = PyUnicode_InternFromString(text_);
   return object_;
 }
 
 void clear_exception() { enter_python(PyErr_Clear); }
 
 void set_error_if_not_present(PyObject* type, const char* message) {
-  if (PyErr_Occurred() == nullptr) {
-    PyErr_SetString(type, message);
-  }
+  if (PyErr_Occurred() == nullptr) PyErr_SetString(type, message);
 }
 
 Py_buffer construct_py_buffer_from_int16(const std::int16_t* data, std::size_t count) {
@@ -137,9 +127,7 @@ Py_buffer construct_py_buffer_from_uint8(const std::uint8_t* data, std::size_t c
 
 PyObjectPtr get_attribute(PyObject* object, MemberName& name) {
   PyObject* key = name.object();
-  if (key == nullptr) {
-    return nullptr;
-  }
+  if (key == nullptr) return nullptr;
   return PyObjectPtr(enter_python([=] { return PyObject_GetAttr(object, key); }));
 }
 
@@ -156,9 +144,7 @@ PyObjectPtr get_member_value(PyObject* object, MemberName& name) {
 
 std::optional<std::string> get_member_value_as_string(PyObject* object, MemberName& name) {
   const PyObjectPtr value = get_member_value(object, name);
-  if (value == nullptr) {
-    return std::nullopt;
-  }
+  if (value == nullptr) return std::nullopt;
   if (!PyUnicode_Check(value.get())) {
     set_error_if_not_present(PyExc_TypeError,
                              concat("'", name.text(), "' is not a string").c_str());
@@ -176,9 +162,7 @@ std::optional<std::string> get_member_value_as_string(PyObject* object, MemberNa
 
 std::optional<bool> get_member_value_as_boolean(PyObject* object, MemberName& name) {
   const PyObjectPtr value = get_member_value(object, name);
-  if (value == nullptr) {
-    return std::nullopt;
-  }
+  if (value == nullptr) return std::nullopt;
   const int truth = enter_python([&] { return PyObject_IsTrue(value.get()); });
   if (truth < 0) {
     set_error_if_not_present(
@@ -193,9 +177,7 @@ std::optional<bool> get_member_value_as_boolean(PyObject* object, MemberName& na
 
 std::optional<long> get_member_value_as_long(PyObject* object, MemberName& name) {
   const PyObjectPtr value = get_member_value(object, name);
-  if (value == nullptr) {
-    return std::nullopt;
-  }
+  if (value == nullptr) return std::nullopt;
   const long number = enter_python([&] { return PyLong_AsLong(value.get()); });
   if (PyErr_Occurred() != nullptr) {
     LOG4CXX_WARN(logger, "get_member_value_as_long: member_name="

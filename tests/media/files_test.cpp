@@ -102,9 +102,7 @@ TEST_F(FilesTest, WavComesBackByteExactAndLoopsWithoutAGap) {
 
     heard.resize(sent.size() * 3);
     EXPECT_EQ(looped->read(heard, frames), ReadStatus::kOk);
-    for (std::size_t i = 0; i < heard.size(); ++i) {
-      ASSERT_EQ(heard[i], sent[i % sent.size()]) << i;
-    }
+    for (std::size_t i = 0; i < heard.size(); ++i) ASSERT_EQ(heard[i], sent[i % sent.size()]) << i;
   }
 }
 

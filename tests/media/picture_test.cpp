@@ -66,9 +66,7 @@ TEST(PictureConverter, ConvertsColoursByTheirPlaceInMemory) {
 TEST(PictureConverter, TurnsClockwiseAndScales) {
   // White on the left half, black on the right.
   const PictureRef source = new_picture(16, 8);
-  for (int i = 0; i < 16 * 8; ++i) {
-    source->data()[i] = i % 16 < 8 ? 235 : 16;
-  }
+  for (int i = 0; i < 16 * 8; ++i) source->data()[i] = i % 16 < 8 ? 235 : 16;
   struct Row {
     int rotation;
     int width, height;  // of the target

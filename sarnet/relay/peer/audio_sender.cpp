@@ -39,18 +39,14 @@ std::unique_ptr<AudioSender> AudioSender::create(const PeerConnection& peer, boo
                                                  bool dtx) {
   std::unique_ptr<AudioSender> sender(new AudioSender(stereo ? 2 : 1));
   GstElement* branch = add_sending_branch(peer, describe(sender->channels_, dtx), nullptr);
-  if (branch == nullptr) {
-    return nullptr;
-  }
+  if (branch == nullptr) return nullptr;
   sender->source_.reset(gst_bin_get_by_name(GST_BIN(branch), "source"));
   return sender;
 }
 
 void AudioSender::push(const AudioFormat& format, std::span<const std::int16_t> samples,
                        std::int64_t now_ns) {
-  if (format.rate != kRate || format.channels < 1 || now_ns < 0) {
-    return;
-  }
+  if (format.rate != kRate || format.channels < 1 || now_ns < 0) return;
   const std::size_t frames = samples.size() / static_cast<std::size_t>(format.channels);
   GstBuffer* buffer = gst_buffer_new_allocate(
       nullptr, frames * static_cast<std::size_t>(channels_) * sizeof(std::int16_t), nullptr);

@@ -18,13 +18,9 @@ IceServer parse_ice_server(std::string_view text) {
   }
   const std::string_view name = text.substr(0, colon);
   std::string_view rest = text.substr(colon + 1);
-  if (rest.starts_with("//")) {
-    rest.remove_prefix(2);
-  }
+  if (rest.starts_with("//")) rest.remove_prefix(2);
   for (const Scheme& scheme : kSchemes) {
-    if (scheme.name != name) {
-      continue;
-    }
+    if (scheme.name != name) continue;
     const std::size_t at = rest.rfind('@');
     const bool has_user = at != std::string_view::npos && at > 0;
     const bool wants_user = scheme.kind == IceServer::Kind::kTurn;

@@ -22,9 +22,7 @@ bool OpusStream::prepare(std::span<const std::uint8_t> packet) {
   const int channels = wanted_channels_ != 0
                            ? wanted_channels_
                            : std::max(format_.channels, opus_packet_get_nb_channels(packet.data()));
-  if (decoder_ && channels == format_.channels) {
-    return true;
-  }
+  if (decoder_ && channels == format_.channels) return true;
   int error = OPUS_OK;
   decoder_.reset(opus_decoder_create(kRate, channels, &error));
   format_.channels = channels;
@@ -37,12 +35,8 @@ void OpusStream::take(std::uint16_t number, std::uint32_t place,
   const auto size = static_cast<opus_int32>(packet.size());
   const int frames = size == 0 ? 0 : opus_packet_get_nb_samples(packet.data(), size, kRate);
   const bool late = begun_ && ahead < 0 && ahead > kLatest;
-  if (frames <= 0 || frames > kLongestPacket || late || !prepare(packet)) {
-    return;
-  }
-  if (begun_ && ahead >= 0) {
-    conceal(static_cast<std::int32_t>(place - next_place_), packet);
-  }
+  if (frames <= 0 || frames > kLongestPacket || late || !prepare(packet)) return;
+  if (begun_ && ahead >= 0) conceal(static_cast<std::int32_t>(place - next_place_), packet);
   decode(packet, kLongestPacket, false);
   begun_ = true;
   next_number_ = static_cast<std::uint16_t>(number + 1);
@@ -51,9 +45,7 @@ void OpusStream::take(std::uint16_t number, std::uint32_t place,
 
 void OpusStream::conceal(std::int32_t missing, std::span<const std::uint8_t> next) {
   missing -= missing % kGrain;
-  if (missing <= 0 || missing > kLongestLoss) {
-    return;
-  }
+  if (missing <= 0 || missing > kLongestLoss) return;
   const int last = std::min(missing, opus_packet_get_samples_per_frame(next.data(), kRate));
   for (std::int32_t left = missing - last; left > 0; left -= std::min(left, kGuess)) {
     decode({}, std::min(left, kGuess), false);

@@ -70,9 +70,7 @@ PeerConnection::PeerConnection(const PeerSettings& settings, PeerObserver& obser
 PeerConnection::~PeerConnection() { stop(); }
 
 bool PeerConnection::build(std::string& error) {
-  if (!media_stack_ready(error)) {
-    return false;
-  }
+  if (!media_stack_ready(error)) return false;
   pipeline_.reset(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr))));
   webrtc_ = gst_element_factory_make("webrtcbin", nullptr);
   if (webrtc_ == nullptr) {
@@ -103,9 +101,7 @@ void PeerConnection::configure_ice() {
   if (settings_.loopback) {
     gboolean added = FALSE;
     g_signal_emit_by_name(agent, "add-local-ip-address", "127.0.0.1", &added);
-    if (added == FALSE) {
-      SARNET_LOG(kWarn, "relay: 127.0.0.1 cannot be used for media");
-    }
+    if (added == FALSE) SARNET_LOG(kWarn, "relay: 127.0.0.1 cannot be used for media");
   }
   for (const std::string& text : settings_.ice_servers) {
     const IceServer server = parse_ice_server(text);
@@ -175,9 +171,7 @@ void PeerConnection::check_state() {
   GstWebRTCPeerConnectionState state = GST_WEBRTC_PEER_CONNECTION_STATE_NEW;
   g_object_get(webrtc_, "connection-state", &state, nullptr);
   const bool connected = state == GST_WEBRTC_PEER_CONNECTION_STATE_CONNECTED;
-  if (connected && !connected_) {
-    observer_.on_peer_connected();
-  }
+  if (connected && !connected_) observer_.on_peer_connected();
   connected_ = connected;
   if (state == GST_WEBRTC_PEER_CONNECTION_STATE_FAILED) {
     fail("no way for media to and from the server was found, or it was lost");
@@ -323,9 +317,7 @@ void PeerConnection::watch_channel(GstWebRTCDataChannel* channel) {
 }
 
 bool PeerConnection::send_text(const std::string& text) {
-  if (!channel_open_ || stopped_) {
-    return false;
-  }
+  if (!channel_open_ || stopped_) return false;
   gst_webrtc_data_channel_send_string(channel_.get(), text.c_str());
   return true;
 }
@@ -344,9 +336,7 @@ void PeerConnection::fail(const std::string& reason) {
 }
 
 void PeerConnection::stop() {
-  if (stopped_.exchange(true) || webrtc_ == nullptr) {
-    return;
-  }
+  if (stopped_.exchange(true) || webrtc_ == nullptr) return;
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
   // It holds threads of its own until it goes, and the last owner of this object may live on.
   gst_bin_remove(pipeline(), std::exchange(webrtc_, nullptr));

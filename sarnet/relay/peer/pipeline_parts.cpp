@@ -35,9 +35,7 @@ GstElement* add_sending_branch(const PeerConnection& peer, const std::string& de
   }
   GObject* transceiver = nullptr;
   g_object_get(pad.get(), "transceiver", &transceiver, nullptr);
-  if (const GObjectPtr held(transceiver); held) {
-    configure_sending_transceiver(held.get());
-  }
+  if (const GObjectPtr held(transceiver); held) configure_sending_transceiver(held.get());
   gst_element_sync_state_with_parent(branch);
   return branch;
 }

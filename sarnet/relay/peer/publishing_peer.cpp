@@ -19,9 +19,7 @@ class PipelinePublisher final : public PublishingPeer, private PeerObserver {
 
   bool build(const PeerSettings& peer, std::string& error) {
     connection_ = PeerConnection::create(peer, *this, error);
-    if (!connection_) {
-      return false;
-    }
+    if (!connection_) return false;
     if (settings_.has_audio) {
       audio_ = AudioSender::create(*connection_, settings_.stereo, settings_.opus_dtx);
     }
@@ -38,21 +36,15 @@ class PipelinePublisher final : public PublishingPeer, private PeerObserver {
 
   void start() override {
     connection_->make_ready();
-    if (settings_.captions) {
-      connection_->open_data_channel("captions");
-    }
+    if (settings_.captions) connection_->open_data_channel("captions");
     connection_->play();
     connection_->create_offer();
   }
 
   void set_remote_answer(const std::string& sdp) override {
-    if (connection_->stopped()) {
-      return;
-    }
+    if (connection_->stopped()) return;
     const std::string codec = video_ ? first_video_codec(sdp) : "";
-    if (!codec.empty()) {
-      video_->use_codec(*connection_, codec);
-    }
+    if (!codec.empty()) video_->use_codec(*connection_, codec);
     connection_->set_remote_answer(without_full_intra_requests(sdp));
   }
 

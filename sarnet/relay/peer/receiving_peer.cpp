@@ -52,9 +52,7 @@ class PipelineReceiver final : public ReceivingPeer,
   bool build(const PeerSettings& peer, PeerObserver& observer, std::string& error) {
     sound_wait_ms_ = std::min(kSoundWaitMs, peer.jitter_ms);
     connection_ = PeerConnection::create(peer, observer, error);
-    if (!connection_) {
-      return false;
-    }
+    if (!connection_) return false;
     connection_->on_text([sink = sink_](std::string_view text) {
       if (const auto caption = decode_caption(text))
         sink->on_caption(caption->text, caption->is_final);
@@ -85,9 +83,7 @@ class PipelineReceiver final : public ReceivingPeer,
   }
 
   void set_remote_offer(const std::string& sdp) override {
-    if (connection_->stopped()) {
-      return;
-    }
+    if (connection_->stopped()) return;
     const bool wants_channel = offers_data_channel(sdp) && !std::exchange(has_channel_, true);
     connection_->answer(without_full_intra_requests(sdp), [weak = weak_from_this(), wants_channel] {
       const auto self = weak.lock();

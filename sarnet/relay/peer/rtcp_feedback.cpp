@@ -21,9 +21,7 @@ constexpr double kBandwidth = 4e6;
 
 GstPadProbeReturn reorder(GstPad*, GstPadProbeInfo* info, gpointer data) {
   const std::uint32_t ssrc = **static_cast<VideoSsrc*>(data);
-  if (ssrc == 0) {
-    return GST_PAD_PROBE_OK;
-  }
+  if (ssrc == 0) return GST_PAD_PROBE_OK;
   GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
   std::vector<std::uint8_t> packet(gst_buffer_get_size(buffer));
   gst_buffer_extract(buffer, 0, packet.data(), packet.size());
@@ -41,9 +39,7 @@ void on_element(GstBin*, GstElement* element, gpointer) {
     // Otherwise the first packets wait for the full time for others that may have overtaken them.
     g_object_set(element, "faststart-min-packets", 2, nullptr);
   }
-  if (!is_made_by(element, "rtpsession")) {
-    return;
-  }
+  if (!is_made_by(element, "rtpsession")) return;
   // When it plays it sets the time of its first report, so it must know by then.
   GObject* session = nullptr;
   g_object_get(element, "internal-session", &session, nullptr);

@@ -48,9 +48,7 @@ bool put_report_first(std::vector<std::uint8_t>& packet, std::uint32_t ssrc) {
   }
   const std::size_t blocks = packet[0] & 31U;
   const std::size_t first = kHeaderSize + (packet[1] == kSenderReport ? kSenderInfoSize : 0);
-  if (first + blocks * kBlockSize > length_of(packet)) {
-    return false;
-  }
+  if (first + blocks * kBlockSize > length_of(packet)) return false;
   const auto block = [&](std::size_t index) {
     return packet.begin() + static_cast<std::ptrdiff_t>(first + index * kBlockSize);
   };
@@ -60,9 +58,7 @@ bool put_report_first(std::vector<std::uint8_t>& packet, std::uint32_t ssrc) {
       return i > 0;
     }
   }
-  if (blocks == kMaxBlocks) {
-    return false;
-  }
+  if (blocks == kMaxBlocks) return false;
   packet.insert(block(0), kBlockSize, 0);
   std::ranges::copy(word_bytes(ssrc), block(0));
   const std::size_t words = length_of(packet) / kWord - 1 + kBlockSize / kWord;

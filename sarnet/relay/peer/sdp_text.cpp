@@ -14,12 +14,8 @@ void for_each_line(std::string_view sdp, Visit&& visit) {
     const std::size_t end = std::min(sdp.find('\n'), sdp.size() - 1) + 1;
     const std::string_view whole = sdp.substr(0, end);
     std::string_view line = whole;
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
-      line.remove_suffix(1);
-    }
-    if (!visit(line, whole)) {
-      return;
-    }
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
+    if (!visit(line, whole)) return;
     sdp.remove_prefix(end);
   }
 }
@@ -41,9 +37,7 @@ std::string without_full_intra_requests(std::string_view sdp) {
   std::string kept;
   kept.reserve(sdp.size());
   for_each_line(sdp, [&](std::string_view line, std::string_view whole) {
-    if (!line.starts_with("a=rtcp-fb:") || !line.ends_with(" ccm fir")) {
-      kept += whole;
-    }
+    if (!line.starts_with("a=rtcp-fb:") || !line.ends_with(" ccm fir")) kept += whole;
     return true;
   });
   return kept;

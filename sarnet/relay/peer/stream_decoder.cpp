@@ -47,9 +47,7 @@ StreamCaps stream_caps(GstPad* pad) {
   GstCaps* found = gst_pad_get_current_caps(pad);
   const CapsPtr caps(found != nullptr ? found : gst_pad_query_caps(pad, nullptr));
   StreamCaps result;
-  if (gst_caps_is_empty(caps.get()) || gst_caps_is_any(caps.get())) {
-    return result;
-  }
+  if (gst_caps_is_empty(caps.get()) || gst_caps_is_any(caps.get())) return result;
   const GstStructure* structure = gst_caps_get_structure(caps.get(), 0);
   const char* media = gst_structure_get_string(structure, "media");
   const char* codec = gst_structure_get_string(structure, "encoding-name");

@@ -71,25 +71,19 @@ std::unique_ptr<VideoSender> VideoSender::create(const PeerConnection& peer, int
   GstWebRTCRTPTransceiver* transceiver = nullptr;
   g_signal_emit_by_name(peer.webrtc(), "add-transceiver",
                         GST_WEBRTC_RTP_TRANSCEIVER_DIRECTION_SENDONLY, caps.get(), &transceiver);
-  if (transceiver == nullptr) {
-    return nullptr;
-  }
+  if (transceiver == nullptr) return nullptr;
   const GObjectPtr held(G_OBJECT(transceiver));
   configure_sending_transceiver(held.get());
   return sender;
 }
 
 void VideoSender::use_codec(const PeerConnection& peer, const std::string& codec) {
-  if (ready_) {
-    return;
-  }
+  if (ready_) return;
   whole_pairs_ = codec == "H264";
   const std::string chain = whole_pairs_ ? std::string(kH264Encoder) + kFilter + kH264Caps
                                          : std::string(kVp8Encoder) + kFilter + kVp8Caps;
   GstElement* branch = add_sending_branch(peer, kSource + chain + ssrc_ + "\"", pad_name_.c_str());
-  if (branch == nullptr) {
-    return;
-  }
+  if (branch == nullptr) return;
   source_.reset(gst_bin_get_by_name(GST_BIN(branch), "source"));
   encoder_.reset(gst_bin_get_by_name(GST_BIN(branch), "encoder"));
   SARNET_LOG(kInfo, "relay: pictures are sent as " << (whole_pairs_ ? "H.264" : "VP8"));
@@ -112,23 +106,17 @@ void VideoSender::adapt_to(int width, int height) {
 }
 
 void VideoSender::push(const PictureRef& picture, std::int64_t now_ns) {
-  if (!ready_ || !picture || now_ns < 0) {
-    return;
-  }
+  if (!ready_ || !picture || now_ns < 0) return;
   const int width = whole_pairs_ ? picture->width() & ~1 : picture->width();
   const int height = whole_pairs_ ? picture->height() & ~1 : picture->height();
-  if (width != width_ || height != height_) {
-    adapt_to(width, height);
-  }
+  if (width != width_ || height != height_) adapt_to(width, height);
   GstBuffer* buffer = wrap(picture, width, height);
   GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(clock_.stamp(now_ns, 1));
   gst_app_src_push_buffer(GST_APP_SRC(source_.get()), buffer);
 }
 
 void VideoSender::request_key_frame() {
-  if (!ready_) {
-    return;
-  }
+  if (!ready_) return;
   const PadPtr pad(gst_element_get_static_pad(encoder_.get(), "src"));
   gst_pad_send_event(pad.get(),
                      gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));

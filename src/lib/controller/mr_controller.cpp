@@ -36,9 +36,7 @@ MRController::~MRController() {
 }
 
 bool MRController::initSntLibrary() {
-  if (isSntLibraryInitialised_) {
-    return true;
-  }
+  if (isSntLibraryInitialised_) return true;
   if (srn_init(nullptr) != SRN_SUCCESS) {
     LOG4CXX_ERROR(logger_, "MRController::initSntLibrary: Sarnet couldn't init the library");
     return false;
@@ -56,9 +54,7 @@ std::string MRController::publish(const MRPublisherSettings& settings,
                                   const MRPublisherCallbacks& callbacks) {
   return event_queue_.postAndWait<std::string>([this, &settings, &callbacks] {
     std::string publisher_id = publisher_manager_.publish(settings, callbacks, session_);
-    if (!publisher_id.empty()) {
-      installDrainedCallbacks();
-    }
+    if (!publisher_id.empty()) installDrainedCallbacks();
     return publisher_id;
   });
 }
@@ -69,17 +65,13 @@ void MRController::installDrainedCallbacks() {
   audio_device_wrapper_->setOnAudioBuffersDrainedCallback([this, has_video = settings.has_video] {
     MediaBufferStats stats;
     stats.audio_stats = AudioBufferStats{0};
-    if (has_video) {
-      stats.video_stats = getCurrentBufferStatsInternal().video_stats;
-    }
+    if (has_video) stats.video_stats = getCurrentBufferStatsInternal().video_stats;
     onSessionMediaBufferDrained(stats);
   });
   publisher_manager_.setOnVideoBufferDrainedCallback([this, has_audio = settings.has_audio] {
     MediaBufferStats stats;
     stats.video_stats = VideoBufferStats{0};
-    if (has_audio) {
-      stats.audio_stats = getCurrentBufferStatsInternal().audio_stats;
-    }
+    if (has_audio) stats.audio_stats = getCurrentBufferStatsInternal().audio_stats;
     onSessionMediaBufferDrained(stats);
   });
 }

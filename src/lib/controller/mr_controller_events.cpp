@@ -10,9 +10,7 @@ namespace {
 /// Calls the callback if there is one.
 template <class Callback, class... Arguments>
 void raise(const Callback& callback, const Arguments&... arguments) {
-  if (callback) {
-    callback(arguments...);
-  }
+  if (callback) callback(arguments...);
 }
 
 }  // namespace
@@ -66,9 +64,7 @@ void MRController::onStreamDropped(const std::string& session_id, const MRStream
                              << session_id << " stream_info:" << stream_info);
   event_queue_.post([this, generation = session_generation_.load(), session_id = session_id,
                      stream_info = stream_info] {
-    if (generation == session_generation_) {
-      subscriber_manager_.removeStream(stream_info.stream_id);
-    }
+    if (generation == session_generation_) subscriber_manager_.removeStream(stream_info.stream_id);
     raise(session_callbacks_.on_stream_dropped, session_id, stream_info);
   });
 }
@@ -107,12 +103,8 @@ void MRController::onSessionMediaBufferDrained(const MediaBufferStats& stats) {
 }
 
 void MRController::onSessionAudioData(const MRAudioData& audio_data) {
-  if (!is_running_ || !session_callbacks_.on_audio_data) {
-    return;
-  }
+  if (!is_running_ || !session_callbacks_.on_audio_data) return;
   const std::string* const session_id = audio_session_id_.load();
-  if (session_id == nullptr || session_id->empty()) {
-    return;
-  }
+  if (session_id == nullptr || session_id->empty()) return;
   session_callbacks_.on_audio_data(*session_id, audio_data);
 }

@@ -42,16 +42,12 @@ bool MRController::connectInternal(MRSessionInfo& session_info,
     LOG4CXX_ERROR(logger_, "MRController::connect: MR library not initialised.");
     return false;
   }
-  if (is_running_) {
-    return false;
-  }
+  if (is_running_) return false;
   if (!session_info.isValid()) {
     LOG4CXX_ERROR(logger_, "MRController::connect: Invalid session info provided");
     return false;
   }
-  if (!chooseEndpoint(session_info)) {
-    return false;
-  }
+  if (!chooseEndpoint(session_info)) return false;
   LOG4CXX_DEBUG(logger_, "MRController::connect: with session_info: "
                              << session_info << ", session_settings: " << session_settings);
   session_settings_ = session_settings;
@@ -108,9 +104,7 @@ bool MRController::disconnectInternal() {
     LOG4CXX_ERROR(logger_, "MRController::disconnect: MR library not initialised.");
     return false;
   }
-  if (!is_running_) {
-    return true;
-  }
+  if (!is_running_) return true;
   // Media first, so that nothing is fed to what is being torn down; the session last, since the
   // others hold on to it.
   is_running_ = false;
@@ -122,9 +116,7 @@ bool MRController::disconnectInternal() {
 }
 
 void MRController::endSession(uint64_t generation) {
-  if (generation == session_generation_) {
-    disconnectInternal();
-  }
+  if (generation == session_generation_) disconnectInternal();
 }
 
 void MRController::setLogLevel(const std::string& level) {

@@ -154,9 +154,7 @@ bool MRAudioCapturer::addAudio(const MRAudioData& data) {
   }
   LOG4CXX_TRACE(logger_, "MRAudioCapturer::addAudio: copy data to buffer.. "
                              << n << " at " << injected_write_index_);
-  if (n > 0) {
-    std::memcpy(buffer + injected_write_index_, data.sample_buffer_, n * sizeof(sample_t));
-  }
+  if (n > 0) std::memcpy(buffer + injected_write_index_, data.sample_buffer_, n * sizeof(sample_t));
   injected_write_index_ += static_cast<std::int32_t>(n);
   injected_high_water_ =
       std::max(injected_high_water_, static_cast<std::size_t>(injected_write_index_));

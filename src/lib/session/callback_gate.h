@@ -67,9 +67,7 @@ class CallbackGate {
    public:
     explicit Pass(CallbackGate& gate) : gate_(gate), entered_(gate.enter()) {}
     ~Pass() {
-      if (entered_) {
-        gate_.leave();
-      }
+      if (entered_) gate_.leave();
     }
     Pass(const Pass&) = delete;
     Pass& operator=(const Pass&) = delete;
@@ -96,9 +94,7 @@ class CallbackGate {
 
   void leave() {
     const common::LockGuard lock(mutex_);
-    if (--inside_ == 0) {
-      empty_.notify_all();
-    }
+    if (--inside_ == 0) empty_.notify_all();
   }
 
   common::Mutex mutex_;

@@ -121,9 +121,7 @@ SrnPublisherSettingsPtr MRPublisher::createSrnEquivalent(const MRPublisherSettin
     return nullptr;
   }
   const auto done = [](srn_status status, const char* failure) {
-    if (status != SRN_SUCCESS) {
-      LOG4CXX_ERROR(logger_, kPrefix << failure << " status:" << status);
-    }
+    if (status != SRN_SUCCESS) LOG4CXX_ERROR(logger_, kPrefix << failure << " status:" << status);
     return status == SRN_SUCCESS;
   };
   srn_publisher_settings* const srn = result.get();
@@ -156,9 +154,7 @@ void MRPublisher::createPublisherInfo(const std::string& session_id) {
 
 void MRPublisher::unpublish() {
   LOG4CXX_DEBUG(logger_, "MRPublisher::unpublish");
-  if (publisher_ == nullptr) {
-    return;
-  }
+  if (publisher_ == nullptr) return;
   if (session_ != nullptr && session_->getSrnSession() != nullptr) {
     const srn_status status = srn_session_unpublish(session_->getSrnSession(), publisher_.get());
     if (status != SRN_SUCCESS) {
@@ -207,9 +203,7 @@ void MRPublisher::onStreamCreated(srn_publisher* publisher, void* user_data,
     LOG4CXX_WARN(logger_, "MRPublisher::onStreamCreated: stream is NULL");
     return;
   }
-  if (user_data == nullptr) {
-    return;
-  }
+  if (user_data == nullptr) return;
   guardCallback(logger_, "MRPublisher::onStreamCreated", [=] {
     static_cast<MRPublisherObserver*>(user_data)->onStreamCreated(MRStream(stream).getStreamInfo());
   });
@@ -221,9 +215,7 @@ void MRPublisher::onStreamDestroyed(srn_publisher* publisher, void* user_data, c
     LOG4CXX_WARN(logger_, "MRPublisher::onStreamDestroyed: publisher is NULL");
     return;
   }
-  if (user_data == nullptr) {
-    return;
-  }
+  if (user_data == nullptr) return;
   guardCallback(logger_, "MRPublisher::onStreamDestroyed",
                 [=] { static_cast<MRPublisherObserver*>(user_data)->onStreamDestroyed(); });
 }
@@ -238,9 +230,7 @@ void MRPublisher::onError(srn_publisher* publisher, void* user_data, const char*
     LOG4CXX_WARN(logger_, "MRPublisher::onError: publisher is NULL");
     return;
   }
-  if (user_data == nullptr) {
-    return;
-  }
+  if (user_data == nullptr) return;
   guardCallback(logger_, "MRPublisher::onError", [=] {
     static_cast<MRPublisherObserver*>(user_data)->onError(description, number);
   });

@@ -123,29 +123,21 @@ MRPublisherSettings MRPublisherManager::getSettings() const {
 void MRPublisherManager::onStreamCreated(const MRStreamInfo& stream_info) {
   LOG4CXX_DEBUG(logger_, "MRPublisherManager::onStreamCreated");
   event_queue_.post([this, generation = generation_.load(), info = stream_info] {
-    if (publisher_ == nullptr || generation != generation_) {
-      return;
-    }
+    if (publisher_ == nullptr || generation != generation_) return;
     publisher_->setStreamInfo(info);
     LOG4CXX_DEBUG(logger_, "MRPublisherManager::onStreamCreated: publisher_info:"
                                << publisher_->getPublisherInfo());
-    if (callbacks_.on_stream_created != nullptr) {
-      callbacks_.on_stream_created(*publisher_);
-    }
+    if (callbacks_.on_stream_created != nullptr) callbacks_.on_stream_created(*publisher_);
   });
 }
 
 void MRPublisherManager::onStreamDestroyed() {
   LOG4CXX_DEBUG(logger_, "MRPublisherManager::onStreamDestroyed");
   event_queue_.post([this, generation = generation_.load()] {
-    if (!loseStream(generation)) {
-      return;
-    }
+    if (!loseStream(generation)) return;
     LOG4CXX_DEBUG(logger_, "MRPublisherManager::onStreamDestroyed: publisher_info:"
                                << publisher_->getPublisherInfo());
-    if (callbacks_.on_stream_destroyed != nullptr) {
-      callbacks_.on_stream_destroyed(*publisher_);
-    }
+    if (callbacks_.on_stream_destroyed != nullptr) callbacks_.on_stream_destroyed(*publisher_);
   });
 }
 
@@ -153,22 +145,16 @@ void MRPublisherManager::onError(const std::string& description, int32_t code) {
   LOG4CXX_ERROR(logger_,
                 "MRPublisherManager::onError: code:" << code << " description:" << description);
   event_queue_.post([this, generation = generation_.load(), description = description, code] {
-    if (!loseStream(generation)) {
-      return;
-    }
+    if (!loseStream(generation)) return;
     LOG4CXX_ERROR(logger_, "MRPublisherManager::onError: publisher_info:"
                                << publisher_->getPublisherInfo() << " code:" << code
                                << " description:" << description);
-    if (callbacks_.on_error != nullptr) {
-      callbacks_.on_error(*publisher_, description, code);
-    }
+    if (callbacks_.on_error != nullptr) callbacks_.on_error(*publisher_, description, code);
   });
 }
 
 bool MRPublisherManager::loseStream(uint64_t generation) {
-  if (generation != generation_ || !is_publishing_) {
-    return false;
-  }
+  if (generation != generation_ || !is_publishing_) return false;
   is_publishing_ = false;
   return publisher_ != nullptr;
 }

@@ -38,9 +38,7 @@ struct MRSession::CallbackState {
 
   /// The library may end a session more than once.
   void settle() {
-    if (!settled.exchange(true)) {
-      disconnect_promise.set_value(true);
-    }
+    if (!settled.exchange(true)) disconnect_promise.set_value(true);
   }
 
   MRSessionObserver* const controller;
@@ -60,12 +58,8 @@ template <class State, class Body>
 void withLiveSession(void* user_data, const char* name, Body&& body) {
   guardCallback(logger, name, [&] {
     const auto state = CallbackStates<State>::instance().find(user_data);
-    if (state == nullptr || state->controller == nullptr) {
-      return;
-    }
-    if (const CallbackGate::Pass pass(state->gate); pass) {
-      body(*state);
-    }
+    if (state == nullptr || state->controller == nullptr) return;
+    if (const CallbackGate::Pass pass(state->gate); pass) body(*state);
   });
 }
 
@@ -236,9 +230,7 @@ void MRSession::onSessionDisconnected(srn_session*, void* user_data) {
   LOG4CXX_DEBUG(logger, "MRSession::onSessionDisconnected");
   guardCallback(logger, "MRSession::onSessionDisconnected", [user_data] {
     const auto state = CallbackStates<CallbackState>::instance().find(user_data);
-    if (state == nullptr) {
-      return;
-    }
+    if (state == nullptr) return;
     const CallbackGate::Pass pass(state->gate);
     if (!pass) {
       LOG4CXX_INFO(logger,
@@ -247,9 +239,7 @@ void MRSession::onSessionDisconnected(srn_session*, void* user_data) {
       state->settle();
       return;
     }
-    if (state->controller == nullptr) {
-      return;
-    }
+    if (state->controller == nullptr) return;
     LOG4CXX_DEBUG(logger,
                   "MRSession::onSessionDisconnected: Session wrapper user data still exists");
     state->force_disconnected = true;
@@ -265,9 +255,7 @@ void MRSession::onSessionError(srn_session*, void* user_data, const char* descri
                 "MRSession::onSessionError: code:" << number << ", description:" << description);
   guardCallback(logger, "MRSession::onSessionError", [=] {
     const auto state = CallbackStates<CallbackState>::instance().find(user_data);
-    if (state == nullptr) {
-      return;
-    }
+    if (state == nullptr) return;
     const CallbackGate::Pass pass(state->gate);
     // Every error is the end of the session.
     state->force_disconnected = true;
@@ -278,9 +266,7 @@ void MRSession::onSessionError(srn_session*, void* user_data, const char* descri
       state->settle();
       return;
     }
-    if (state->controller == nullptr) {
-      return;
-    }
+    if (state->controller == nullptr) return;
     state->controller->onSessionError(state->session_id, description, number);
   });
 }

@@ -19,9 +19,7 @@ MRStream::MRStream(const srn_stream* stream)
 }
 
 void MRStream::createStreamInfo() {
-  if (stream_ == nullptr || !stream_info_.stream_id.empty()) {
-    return;
-  }
+  if (stream_ == nullptr || !stream_info_.stream_id.empty()) return;
   stream_info_.stream_id = textOrEmpty(srn_stream_get_id(stream_.get()));
   if (const srn_connection* connection = srn_stream_get_connection(stream_.get())) {
     stream_info_.connection = MRConnection(connection).getConnectionInfo();

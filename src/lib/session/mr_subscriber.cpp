@@ -88,9 +88,7 @@ std::shared_ptr<MRSubscriber> MRSubscriber::subscribe(const MRStream& stream,
         "MRSubscriber::subscribe (static): Couldn't create subscriber for stream:" << stream_info);
     return nullptr;
   }
-  if (!configure(handle.get(), settings)) {
-    return nullptr;
-  }
+  if (!configure(handle.get(), settings)) return nullptr;
   const srn_status status = srn_session_subscribe(session->getSrnSession(), handle.get());
   if (status != SRN_SUCCESS) {
     LOG4CXX_ERROR(logger_,
@@ -138,8 +136,8 @@ bool MRSubscriber::configure(srn_subscriber* subscriber, const MRSubscriberSetti
     }
     return status == SRN_SUCCESS;
   };
-  const auto toSrnBool = [](bool flag) { return flag ? SRN_TRUE : SRN_FALSE; };
-  if (!done(srn_subscriber_set_subscribe_to_video(subscriber, toSrnBool(settings.wants_video)),
+  const auto to_srn_bool = [](bool flag) { return flag ? SRN_TRUE : SRN_FALSE; };
+  if (!done(srn_subscriber_set_subscribe_to_video(subscriber, to_srn_bool(settings.wants_video)),
             "Failed to configure video subscription.")) {
     return false;
   }
@@ -155,10 +153,10 @@ bool MRSubscriber::configure(srn_subscriber* subscriber, const MRSubscriberSetti
             "Failed to set preferred framerate.")) {
     return false;
   }
-  return done(srn_subscriber_set_subscribe_to_audio(subscriber, toSrnBool(settings.wants_audio)),
+  return done(srn_subscriber_set_subscribe_to_audio(subscriber, to_srn_bool(settings.wants_audio)),
               "Failed to configure audio subscription.") &&
          done(srn_subscriber_set_subscribe_to_captions(subscriber,
-                                                       toSrnBool(settings.wants_captions)),
+                                                       to_srn_bool(settings.wants_captions)),
               "Failed to configure caption subscription.");
 }
 
@@ -175,12 +173,8 @@ void MRSubscriber::setSubscriberInfo(MRSubscriberInfo info) {
 
 void MRSubscriber::unsubscribe() {
   LOG4CXX_DEBUG(logger_, "MRSubscriber::unsubscribe");
-  if (!callback_state_->subscribed.exchange(false)) {
-    return;
-  }
-  if (subscriber_ == nullptr || session_ == nullptr || session_->getSrnSession() == nullptr) {
-    return;
-  }
+  if (!callback_state_->subscribed.exchange(false)) return;
+  if (subscriber_ == nullptr || session_ == nullptr || session_->getSrnSession() == nullptr) return;
   const srn_status status = srn_session_unsubscribe(session_->getSrnSession(), subscriber_.get());
   if (status != SRN_SUCCESS) {
     LOG4CXX_ERROR(logger_,
@@ -210,9 +204,7 @@ const MRStreamInfo& MRSubscriber::getStreamInfo() const { return callback_state_
 
 void MRSubscriber::setDataCallbacks(const MRSubscriberDataCallbacks& callbacks,
                                     const MRStreamInfo& stream_info) {
-  if (callback_state_->installed.load()) {
-    return;
-  }
+  if (callback_state_->installed.load()) return;
   callback_state_->data_callbacks = callbacks;
   callback_state_->stream_info = stream_info;
   callback_state_->installed.store(true, std::memory_order_release);
@@ -230,12 +222,8 @@ void withLiveSubscriber(const log4cxx::LoggerPtr& logger, void* user_data, const
                         Body&& body) {
   guardCallback(logger, name, [&] {
     const auto state = CallbackStates<State>::instance().find(user_data);
-    if (state == nullptr || state->manager == nullptr) {
-      return;
-    }
-    if (const CallbackGate::Pass pass(state->gate); pass) {
-      body(*state);
-    }
+    if (state == nullptr || state->manager == nullptr) return;
+    if (const CallbackGate::Pass pass(state->gate); pass) body(*state);
   });
 }
 
@@ -313,9 +301,7 @@ void MRSubscriber::onAudioData(srn_subscriber* subscriber, void* user_data,
   LOG4CXX_TRACE(logger_, kName);
   withMediaState<CallbackState>(
       logger_, subscriber, user_data, kName, [data](CallbackState& state) {
-        if (data == nullptr || state.data_callbacks.on_audio_data == nullptr) {
-          return;
-        }
+        if (data == nullptr || state.data_callbacks.on_audio_data == nullptr) return;
         const MRAudioData audio(data);
         // Streams begin with silence in a channel count that need not be the true one.
         std::size_t& locked = state.consolidated_num_channels;
@@ -342,9 +328,7 @@ void MRSubscriber::onRenderFrame(srn_subscriber* subscriber, void* user_data,
   LOG4CXX_TRACE(logger_, kName);
   withMediaState<CallbackState>(
       logger_, subscriber, user_data, kName, [frame](const CallbackState& state) {
-        if (state.data_callbacks.on_render_frame == nullptr) {
-          return;
-        }
+        if (state.data_callbacks.on_render_frame == nullptr) return;
         auto owned = MRVideoFrame::fromSrnVideoFrame(frame);
         if (owned == nullptr) {
           LOG4CXX_ERROR(logger_, kName << ": Failed to convert srn_video_frame to MRVideoFrame");

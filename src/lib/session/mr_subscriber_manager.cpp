@@ -96,9 +96,7 @@ void MRSubscriberManager::reset() {
 
 bool MRSubscriberManager::eraseSubscriber(const std::string& stream_id) {
   auto entry = subscribers_data_.extract(stream_id);
-  if (entry.empty()) {
-    return false;
-  }
+  if (entry.empty()) return false;
   entry.mapped().subscriber->unsubscribe();
   retire(entry.mapped().subscriber);
   return true;
@@ -107,9 +105,7 @@ bool MRSubscriberManager::eraseSubscriber(const std::string& stream_id) {
 void MRSubscriberManager::retire(const std::shared_ptr<MRSubscriber>& subscriber) {
   // A callable of this subscriber, further up this very thread's stack, may be what ends it. What
   // it still holds must not keep the library's subscriber, let alone the session.
-  if (subscriber.use_count() > 1) {
-    subscriber->release();
-  }
+  if (subscriber.use_count() > 1) subscriber->release();
 }
 
 void MRSubscriberManager::onSubscriberConnected(const MRSubscriber& subscriber) {
@@ -117,12 +113,8 @@ void MRSubscriberManager::onSubscriberConnected(const MRSubscriber& subscriber) 
   LOG4CXX_DEBUG(logger_, "MRSubscriberManager::onSubscriberConnected: subscriber_info:" << info);
   event_queue_.post([this, stream_id = info.publisher_stream_id, ticket = subscriber.getTicket()] {
     const SubscriberData held = findSubscriber(stream_id, ticket);
-    if (held.subscriber == nullptr || !held.subscriber->isSubscribed()) {
-      return;
-    }
-    if (held.callbacks.on_connected != nullptr) {
-      held.callbacks.on_connected(*held.subscriber);
-    }
+    if (held.subscriber == nullptr || !held.subscriber->isSubscribed()) return;
+    if (held.callbacks.on_connected != nullptr) held.callbacks.on_connected(*held.subscriber);
   });
 }
 
@@ -132,16 +124,10 @@ void MRSubscriberManager::onSubscriberDisconnected(const MRSubscriber& subscribe
                 "MRSubscriberManager::onSubscriberDisconnected: subscriber_info: " << info);
   event_queue_.post([this, stream_id = info.publisher_stream_id, ticket = subscriber.getTicket()] {
     const SubscriberData held = findSubscriber(stream_id, ticket);
-    if (held.subscriber == nullptr) {
-      return;
-    }
-    if (held.callbacks.on_disconnected != nullptr) {
-      held.callbacks.on_disconnected(*held.subscriber);
-    }
+    if (held.subscriber == nullptr) return;
+    if (held.callbacks.on_disconnected != nullptr) held.callbacks.on_disconnected(*held.subscriber);
     // The callable may have unsubscribed, and even subscribed to the stream anew.
-    if (findSubscriber(stream_id, ticket).subscriber != nullptr) {
-      subscribers_data_.erase(stream_id);
-    }
+    if (findSubscriber(stream_id, ticket).subscriber != nullptr) subscribers_data_.erase(stream_id);
   });
 }
 
@@ -153,9 +139,7 @@ void MRSubscriberManager::onSubscriberError(const MRSubscriber& subscriber,
   event_queue_.post([this, stream_id = info.publisher_stream_id, ticket = subscriber.getTicket(),
                      description = description, code] {
     const SubscriberData held = findSubscriber(stream_id, ticket);
-    if (held.subscriber == nullptr || !held.subscriber->isSubscribed()) {
-      return;
-    }
+    if (held.subscriber == nullptr || !held.subscriber->isSubscribed()) return;
     if (held.callbacks.on_error != nullptr) {
       held.callbacks.on_error(*held.subscriber, description, code);
     }

@@ -9,9 +9,7 @@ template <auto Delete>
 struct SrnDeleter {
   template <class Handle>
   void operator()(Handle* handle) const {
-    if (handle != nullptr) {
-      Delete(handle);
-    }
+    if (handle != nullptr) Delete(handle);
   }
 };
 

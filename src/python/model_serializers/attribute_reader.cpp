@@ -10,9 +10,7 @@ using python_utils::set_error_if_not_present;
 
 bool read(PyObject* object, MemberName& name, std::string& field) {
   std::optional<std::string> value = python_utils::get_member_value_as_string(object, name);
-  if (!value) {
-    return false;
-  }
+  if (!value) return false;
   field = *std::move(value);
   return true;
 }
@@ -25,9 +23,7 @@ bool read(PyObject* object, MemberName& name, bool& field) {
 
 bool read(PyObject* object, MemberName& name, int& field) {
   const std::optional<long> value = python_utils::get_member_value_as_long(object, name);
-  if (value) {
-    field = static_cast<int>(*value);
-  }
+  if (value) field = static_cast<int>(*value);
   return value.has_value();
 }
 

@@ -32,9 +32,7 @@ void release_buffer(Py_buffer& view) {
 // Any value but zero that an int cannot hold comes out as a count that no buffer satisfies.
 bool read_count(PyObject* object, MemberName& name, std::size_t& count) {
   const std::optional<long> value = python_utils::get_member_value_as_long(object, name);
-  if (value) {
-    count = static_cast<std::size_t>(*value);
-  }
+  if (value) count = static_cast<std::size_t>(*value);
   return value.has_value();
 }
 
@@ -95,9 +93,7 @@ bool read_frame(PyObject* object, const Py_buffer& view, std::unique_ptr<MRVideo
 }  // namespace
 
 bool convert_audio_data_from_python(PyObject* object, MRAudioData& audio, Py_buffer& view) {
-  if (!is_given(object, "AudioData")) {
-    return false;
-  }
+  if (!is_given(object, "AudioData")) return false;
   const PyGILLock lock;
   const PyObjectPtr samples = get_member_value(object, names::kSampleBuffer);
   if (samples == nullptr ||
@@ -123,9 +119,7 @@ bool convert_video_frame_from_python(PyObject* object, std::unique_ptr<MRVideoFr
     return false;
   }
   Py_buffer view;
-  if (!get_buffer(pixels.get(), view, "frame_buffer must be a bytes-like object")) {
-    return false;
-  }
+  if (!get_buffer(pixels.get(), view, "frame_buffer must be a bytes-like object")) return false;
   const bool converted = read_frame(object, view, frame);
   release_buffer(view);
   return converted;

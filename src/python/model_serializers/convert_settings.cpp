@@ -19,43 +19,29 @@ template <class Settings>
 bool read_optional(PyObject* object, MemberName& name, bool (*convert)(PyObject*, Settings&),
                    std::optional<Settings>& field) {
   const PyObjectPtr value = get_member_value(object, name);
-  if (value == nullptr) {
-    return false;
-  }
-  if (value.get() == Py_None) {
-    return true;
-  }
+  if (value == nullptr) return false;
+  if (value.get() == Py_None) return true;
   Settings settings;
-  if (!convert(value.get(), settings)) {
-    return false;
-  }
+  if (!convert(value.get(), settings)) return false;
   field = std::move(settings);
   return true;
 }
 
 bool read_video_preferences(PyObject* object, MRSubscriberSettings& settings) {
   const PyObjectPtr resolution = get_member_value(object, names::kPreferredResolution);
-  if (resolution == nullptr) {
-    return false;
-  }
+  if (resolution == nullptr) return false;
   if (resolution.get() != Py_None) {
     VideoResolution preferred;
-    if (!convert_video_resolution_from_python(resolution.get(), preferred)) {
-      return false;
-    }
+    if (!convert_video_resolution_from_python(resolution.get(), preferred)) return false;
     settings.preferred_resolution =
         Resolution{static_cast<uint32_t>(preferred.width), static_cast<uint32_t>(preferred.height)};
   }
   const PyObjectPtr framerate = get_member_value(object, names::kPreferredFramerate);
-  if (framerate == nullptr) {
-    return false;
-  }
+  if (framerate == nullptr) return false;
   if (framerate.get() != Py_None) {
     const long preferred =
         python_utils::enter_python([&] { return PyLong_AsLong(framerate.get()); });
-    if (PyErr_Occurred() != nullptr) {
-      return false;
-    }
+    if (PyErr_Occurred() != nullptr) return false;
     settings.preferred_framerate = static_cast<float>(preferred);
   }
   return true;
@@ -64,26 +50,20 @@ bool read_video_preferences(PyObject* object, MRSubscriberSettings& settings) {
 }  // namespace
 
 bool convert_session_audio_settings_from_python(PyObject* object, SessionAudioSettings& settings) {
-  if (!is_given(object, "SessionAudioSettings")) {
-    return false;
-  }
+  if (!is_given(object, "SessionAudioSettings")) return false;
   const PyGILLock lock;
   return read(object, names::kSampleRate, settings.sample_rate) &&
          read(object, names::kNumberOfChannels, settings.number_of_channels);
 }
 
 bool convert_logging_settings_from_python(PyObject* object, LoggingSettings& settings) {
-  if (!is_given(object, "LoggingSettings")) {
-    return false;
-  }
+  if (!is_given(object, "LoggingSettings")) return false;
   const PyGILLock lock;
   return read(object, names::kLevel, settings.level);
 }
 
 bool convert_video_resolution_from_python(PyObject* object, VideoResolution& resolution) {
-  if (!is_given(object, "VideoResolution")) {
-    return false;
-  }
+  if (!is_given(object, "VideoResolution")) return false;
   const PyGILLock lock;
   return read(object, names::kWidth, resolution.width) &&
          read(object, names::kHeight, resolution.height);
@@ -91,9 +71,7 @@ bool convert_video_resolution_from_python(PyObject* object, VideoResolution& res
 
 bool convert_session_video_publisher_settings_from_python(PyObject* object,
                                                           SessionVideoPublisherSettings& settings) {
-  if (!is_given(object, "SessionVideoPublisherSettings")) {
-    return false;
-  }
+  if (!is_given(object, "SessionVideoPublisherSettings")) return false;
   const PyGILLock lock;
   const PyObjectPtr resolution = get_member_value(object, names::kResolution);
   if (resolution == nullptr || resolution.get() == Py_None) {
@@ -105,9 +83,7 @@ bool convert_session_video_publisher_settings_from_python(PyObject* object,
 }
 
 bool convert_session_av_settings_from_python(PyObject* object, SessionAVSettings& settings) {
-  if (!is_given(object, "SessionAVSettings")) {
-    return false;
-  }
+  if (!is_given(object, "SessionAVSettings")) return false;
   const PyGILLock lock;
   return read_optional(object, names::kAudioPublisher, convert_session_audio_settings_from_python,
                        settings.audio_publisher) &&
@@ -120,9 +96,7 @@ bool convert_session_av_settings_from_python(PyObject* object, SessionAVSettings
 }
 
 bool convert_session_settings_from_python(PyObject* object, SessionSettings& settings) {
-  if (!is_given(object, "SessionSettings")) {
-    return false;
-  }
+  if (!is_given(object, "SessionSettings")) return false;
   const PyGILLock lock;
   return read(object, names::kEnableMigration, settings.enable_migration) &&
          read_optional(object, names::kAv, convert_session_av_settings_from_python, settings.av) &&
@@ -131,21 +105,15 @@ bool convert_session_settings_from_python(PyObject* object, SessionSettings& set
 }
 
 bool convert_audio_settings_from_python(PyObject* object, bool& stereo, bool& dtx) {
-  if (!is_given(object, "PublisherAudioSettings")) {
-    return false;
-  }
+  if (!is_given(object, "PublisherAudioSettings")) return false;
   const PyGILLock lock;
   return read(object, names::kEnableStereoMode, stereo) && read(object, names::kEnableOpusDtx, dtx);
 }
 
 bool convert_publisher_settings_from_python(PyObject* object, MRPublisherSettings& settings) {
-  if (!is_given(object, "PublisherSettings")) {
-    return false;
-  }
+  if (!is_given(object, "PublisherSettings")) return false;
   const PyGILLock lock;
-  if (!read(object, names::kName, settings.name)) {
-    return false;
-  }
+  if (!read(object, names::kName, settings.name)) return false;
   if (settings.name.empty()) {
     set_error_if_not_present(PyExc_ValueError, "PublisherSettings name cannot be empty");
     return false;
@@ -156,9 +124,7 @@ bool convert_publisher_settings_from_python(PyObject* object, MRPublisherSetting
     return false;
   }
   const PyObjectPtr audio_settings = get_member_value(object, names::kAudioSettings);
-  if (audio_settings == nullptr) {
-    return false;
-  }
+  if (audio_settings == nullptr) return false;
   return audio_settings.get() == Py_None ||
          convert_audio_settings_from_python(audio_settings.get(), settings.stereo_audio_mode,
                                             settings.audio_enable_dtx);
@@ -176,9 +142,7 @@ bool convert_subscriber_settings_from_python(PyObject* object, MRSubscriberSetti
     return false;
   }
   const PyObjectPtr video_settings = get_member_value(object, names::kVideoSettings);
-  if (video_settings == nullptr) {
-    return false;
-  }
+  if (video_settings == nullptr) return false;
   return video_settings.get() == Py_None || read_video_preferences(video_settings.get(), settings);
 }
 

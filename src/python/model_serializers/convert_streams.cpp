@@ -18,15 +18,9 @@ using python_utils::set_error_if_not_present;
 int64_t to_milliseconds(double seconds) {
   constexpr double kLimit = 9223372036854775808.0;  // 2^63
   const double milliseconds = seconds * 1000.0;
-  if (std::isnan(milliseconds)) {
-    return 0;
-  }
-  if (milliseconds >= kLimit) {
-    return std::numeric_limits<int64_t>::max();
-  }
-  if (milliseconds < -kLimit) {
-    return std::numeric_limits<int64_t>::min();
-  }
+  if (std::isnan(milliseconds)) return 0;
+  if (milliseconds >= kLimit) return std::numeric_limits<int64_t>::max();
+  if (milliseconds < -kLimit) return std::numeric_limits<int64_t>::min();
   return static_cast<int64_t>(milliseconds);
 }
 
@@ -55,22 +49,16 @@ bool read_creation_time(PyObject* connection, int64_t& milliseconds) {
 }  // namespace
 
 bool convert_connection_from_python(PyObject* object, MRConnectionInfo& info) {
-  if (!is_given(object, "Connection")) {
-    return false;
-  }
+  if (!is_given(object, "Connection")) return false;
   const PyGILLock lock;
   return read(object, names::kId, info.connection_id) &&
          read_creation_time(object, info.creation_time) && read(object, names::kData, info.data);
 }
 
 bool convert_stream_from_python(PyObject* object, MRStreamInfo& info) {
-  if (!is_given(object, "Stream")) {
-    return false;
-  }
+  if (!is_given(object, "Stream")) return false;
   const PyGILLock lock;
-  if (!read(object, names::kId, info.stream_id)) {
-    return false;
-  }
+  if (!read(object, names::kId, info.stream_id)) return false;
   const PyObjectPtr connection = get_member_value(object, names::kConnection);
   return connection != nullptr && convert_connection_from_python(connection.get(), info.connection);
 }

@@ -86,9 +86,7 @@ PyObjectPtr create_video_frame_object(const MRVideoFrameData& frame, PyObjectPtr
     return nullptr;
   }
   const PyObjectPtr resolution = create_resolution_object(frame.width, frame.height);
-  if (resolution == nullptr) {
-    return nullptr;
-  }
+  if (resolution == nullptr) return nullptr;
   const PyObjectPtr format = create_string(MRVideoFrameFormatUtils::to_string(frame.format));
   const int size = MRVideoFrame::bufferSize(frame.width, frame.height, frame.format);
   memory = create_pixel_memory(frame.buffer, static_cast<std::size_t>(size), frame.keep_alive);

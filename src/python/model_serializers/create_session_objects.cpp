@@ -19,13 +19,9 @@ PyObjectPtr fail(PyObject* exception, const char* message) {
 
 PyObjectPtr create_local_time(int64_t milliseconds) {
   const PyObjectPtr module = import_datetime();
-  if (module == nullptr) {
-    return fail(PyExc_ImportError, "Failed to import datetime module");
-  }
+  if (module == nullptr) return fail(PyExc_ImportError, "Failed to import datetime module");
   const PyObjectPtr datetime = python_utils::get_attribute(module.get(), names::kDatetime);
-  if (datetime == nullptr) {
-    return fail(PyExc_RuntimeError, "Failed to get datetime class");
-  }
+  if (datetime == nullptr) return fail(PyExc_RuntimeError, "Failed to get datetime class");
   const PyObjectPtr from_timestamp =
       python_utils::get_attribute(datetime.get(), names::kFromTimestamp);
   if (from_timestamp == nullptr) {
@@ -34,9 +30,7 @@ PyObjectPtr create_local_time(int64_t milliseconds) {
   const PyObjectPtr seconds(PyFloat_FromDouble(static_cast<double>(milliseconds) / 1000.0));
   const PyObjectPtr args(
       seconds == nullptr ? nullptr : enter_python([&] { return PyTuple_Pack(1, seconds.get()); }));
-  if (args == nullptr) {
-    return fail(PyExc_MemoryError, "Failed to create timestamp objects");
-  }
+  if (args == nullptr) return fail(PyExc_MemoryError, "Failed to create timestamp objects");
   PyObjectPtr time(
       enter_python([&] { return PyObject_CallObject(from_timestamp.get(), args.get()); }));
   if (time == nullptr) {
@@ -66,17 +60,11 @@ PyObjectPtr create_connection_object(const MRConnectionInfo& info) {
     return nullptr;
   }
   const PyObjectPtr id = create_string(info.connection_id);
-  if (id == nullptr) {
-    return fail(PyExc_MemoryError, "Failed to create Python objects");
-  }
+  if (id == nullptr) return fail(PyExc_MemoryError, "Failed to create Python objects");
   const PyObjectPtr creation_time = create_local_time(info.creation_time);
-  if (creation_time == nullptr) {
-    return nullptr;
-  }
+  if (creation_time == nullptr) return nullptr;
   const PyObjectPtr data = create_string(info.data);
-  if (data == nullptr) {
-    return fail(PyExc_MemoryError, "Failed to create data string");
-  }
+  if (data == nullptr) return fail(PyExc_MemoryError, "Failed to create data string");
   return call_with_keywords(connection_class, {{names::kId, id.get()},
                                                {names::kCreationTime, creation_time.get()},
                                                {names::kData, data.get()}});

@@ -28,17 +28,13 @@ PyObjectPtr create_timedelta(int64_t milliseconds) {
     return nullptr;
   }
   PyObjectPtr duration = call_with_keywords(timedelta.get(), {{names::kMilliseconds, value.get()}});
-  if (duration == nullptr) {
-    LOG4CXX_ERROR(serializer_logger, "Failed to create timedelta object");
-  }
+  if (duration == nullptr) LOG4CXX_ERROR(serializer_logger, "Failed to create timedelta object");
   return duration;
 }
 
 PyObjectPtr create_buffer_stats_object(PyObject* stats_class, const BufferStats& stats) {
   const PyObjectPtr duration = create_timedelta(stats.duration_millis);
-  if (duration == nullptr) {
-    return nullptr;
-  }
+  if (duration == nullptr) return nullptr;
   return call_with_keywords(stats_class, {{names::kDuration, duration.get()}});
 }
 

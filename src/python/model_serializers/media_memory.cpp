@@ -31,15 +31,9 @@ int get_buffer(PyObject* self, Py_buffer* view, int flags) {
   auto* memory = reinterpret_cast<MediaMemory*>(self);
   *view = memory->description;
   view->obj = Py_NewRef(self);
-  if ((flags & PyBUF_FORMAT) == 0) {
-    view->format = nullptr;
-  }
-  if ((flags & PyBUF_ND) == PyBUF_ND) {
-    view->shape = &memory->length;
-  }
-  if ((flags & PyBUF_STRIDES) == PyBUF_STRIDES) {
-    view->strides = &memory->description.itemsize;
-  }
+  if ((flags & PyBUF_FORMAT) == 0) view->format = nullptr;
+  if ((flags & PyBUF_ND) == PyBUF_ND) view->shape = &memory->length;
+  if ((flags & PyBUF_STRIDES) == PyBUF_STRIDES) view->strides = &memory->description.itemsize;
   return 0;
 }
 
@@ -58,9 +52,7 @@ PyObjectPtr create_memory(Py_buffer description, const std::shared_ptr<const voi
   const bool copies = owner == nullptr;
   auto* memory =
       PyObject_NewVar(MediaMemory, media_memory_type, copies ? description.len : Py_ssize_t{0});
-  if (memory == nullptr) {
-    return nullptr;
-  }
+  if (memory == nullptr) return nullptr;
   if (copies) {
     void* copy = memory + 1;
     std::memcpy(copy, description.buf, static_cast<std::size_t>(description.len));

@@ -45,9 +45,7 @@ SubscriberCallbacks SubscriberCallables::remove(const std::string& stream_id) {
 SubscriberCallbacksMap SubscriberCallables::removeAll() {
   SubscriberCallbacksMap removed;
   removed.swap(entries_);
-  for (const auto& [stream_id, callbacks] : removed) {
-    countListeners(stream_id, callbacks, -1U);
-  }
+  for (const auto& [stream_id, callbacks] : removed) countListeners(stream_id, callbacks, -1U);
   return removed;
 }
 
@@ -59,8 +57,6 @@ void SubscriberCallables::countListeners(const std::string& stream_id,
                                          const SubscriberCallbacks& callbacks, uint32_t change) {
   Bucket& bucket = listeners_[bucketOf(stream_id)];
   for (std::size_t i = 0; i < kSubscriberEvents; ++i) {
-    if (callbacks[i] != nullptr) {
-      bucket[i].fetch_add(change, std::memory_order_release);
-    }
+    if (callbacks[i] != nullptr) bucket[i].fetch_add(change, std::memory_order_release);
   }
 }

@@ -89,16 +89,12 @@ template <std::size_t Count>
 [[nodiscard]] std::array<python_utils::PyObjectPtr, Count> exchange_callables(
     const std::array<CallableSlot*, Count>& slots, const std::array<PyObject*, Count>& given) {
   std::array<python_utils::PyObjectPtr, Count> replaced;
-  for (std::size_t i = 0; i < Count; ++i) {
-    replaced[i] = slots[i]->exchange(given[i]);
-  }
+  for (std::size_t i = 0; i < Count; ++i) replaced[i] = slots[i]->exchange(given[i]);
   return replaced;
 }
 
 // From the first to the last.
 template <std::size_t Count>
 void drop_in_order(std::array<python_utils::PyObjectPtr, Count>& references) {
-  for (python_utils::PyObjectPtr& reference : references) {
-    reference.reset();
-  }
+  for (python_utils::PyObjectPtr& reference : references) reference.reset();
 }

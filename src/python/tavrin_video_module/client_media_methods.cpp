@@ -19,9 +19,7 @@ PyObject* sdk_wrapper_add_audio(MRController& controller, PyObject* args, PyObje
   // The view keeps the samples where they are while other Python code runs.
   const bool added = call_unlocked(false, [&] { return controller.addAudio(audio); });
   python_utils::enter_python([&view] { PyBuffer_Release(&view); });
-  if (!added) {
-    LOG4CXX_WARN(logger, "Failed to inject audio data");
-  }
+  if (!added) LOG4CXX_WARN(logger, "Failed to inject audio data");
   return python_bool(added);
 }
 
@@ -31,9 +29,7 @@ PyObject* sdk_wrapper_add_video(MRController& controller, PyObject* args, PyObje
     return python_bool(false);
   }
   PyObject* video_frame = nullptr;
-  if (PyArg_ParseTuple(args, "O", &video_frame) == 0) {
-    return nullptr;
-  }
+  if (PyArg_ParseTuple(args, "O", &video_frame) == 0) return nullptr;
   std::unique_ptr<MRVideoFrame> frame;
   if (!models::convert_video_frame_from_python(video_frame, frame)) {
     python_utils::set_error_if_not_present(PyExc_RuntimeError,
@@ -41,18 +37,14 @@ PyObject* sdk_wrapper_add_video(MRController& controller, PyObject* args, PyObje
     return nullptr;
   }
   const bool added = call_unlocked(false, [&] { return controller.addVideo(std::move(frame)); });
-  if (!added) {
-    LOG4CXX_WARN(logger, "Failed to add video frame");
-  }
+  if (!added) LOG4CXX_WARN(logger, "Failed to add video frame");
   return python_bool(added);
 }
 
 PyObject* sdk_wrapper_clear_media_buffers(MRController& controller, PyObject* /*args*/,
                                           PyObject* /*kwargs*/) {
   const bool cleared = call_unlocked(false, [&] { return controller.clearMediaBuffers(); });
-  if (!cleared) {
-    LOG4CXX_ERROR(logger, "Failed to clear the media buffers");
-  }
+  if (!cleared) LOG4CXX_ERROR(logger, "Failed to clear the media buffers");
   return python_bool(cleared);
 }
 
@@ -68,8 +60,6 @@ PyObject* sdk_wrapper_get_media_buffer_stats(MRController& controller, PyObject*
   }
   python_utils::PyObjectPtr object =
       models::create_media_buffer_stats_object(stats.audio_stats, stats.video_stats);
-  if (object == nullptr) {
-    LOG4CXX_ERROR(logger, "Failed to create MediaBufferStats Python object");
-  }
+  if (object == nullptr) LOG4CXX_ERROR(logger, "Failed to create MediaBufferStats Python object");
   return object.release();
 }

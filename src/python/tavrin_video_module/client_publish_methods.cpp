@@ -91,9 +91,7 @@ PyObject* sdk_wrapper_subscribe(MRController& controller, PyObject* args, PyObje
                .on_render_frame = on_subscriber_render_frame_impl,
                .on_caption_text = on_subscriber_caption_text_impl}};
   SubscriberCallbacks callables;
-  for (std::size_t i = 0; i < kSubscriberEvents; ++i) {
-    callables[i] = take_callable(given[i]);
-  }
+  for (std::size_t i = 0; i < kSubscriberEvents; ++i) callables[i] = take_callable(given[i]);
   const std::string subscriber_id = call_unlocked(
       std::string(), [&] { return controller.subscribe(info.stream_id, callbacks, settings); });
   if (subscriber_id.empty()) {

@@ -47,16 +47,10 @@ MRVideoSettings to_native(const models::SessionVideoPublisherSettings& settings)
 }
 
 void apply(const models::SessionAVSettings& av, MRSessionSettings& settings) {
-  if (av.audio_publisher) {
-    settings.audio.publisher = to_native(*av.audio_publisher);
-  }
-  if (av.audio_subscribers_mix) {
-    settings.audio.subscriber = to_native(*av.audio_subscribers_mix);
-  }
+  if (av.audio_publisher) settings.audio.publisher = to_native(*av.audio_publisher);
+  if (av.audio_subscribers_mix) settings.audio.subscriber = to_native(*av.audio_subscribers_mix);
   LOG4CXX_INFO(logger, "Using custom audio settings: " << settings.audio);
-  if (av.video_publisher) {
-    settings.video_publisher = to_native(*av.video_publisher);
-  }
+  if (av.video_publisher) settings.video_publisher = to_native(*av.video_publisher);
   LOG4CXX_INFO(logger, "Using custom video settings: " << settings.video_publisher);
 }
 
@@ -66,9 +60,7 @@ void apply(const models::SessionSettings& given, MRController& controller,
     controller.setLogLevel(given.logging->level);
     LOG4CXX_INFO(logger, "Session logging level set to: " << given.logging->level);
   }
-  if (given.av) {
-    apply(*given.av, settings);
-  }
+  if (given.av) apply(*given.av, settings);
   LOG4CXX_INFO(logger, "Session migration " << (given.enable_migration ? "enabled" : "disabled"));
   settings.enable_migration = given.enable_migration;
 }
@@ -115,18 +107,14 @@ PyObject* sdk_wrapper_disconnect(MRController& controller, PyObject* /*args*/,
                                  PyObject* /*kwargs*/) {
   LOG4CXX_INFO(logger, "Disconnecting from session");
   const bool disconnected = call_unlocked(false, [&] { return controller.disconnect(); });
-  if (!disconnected) {
-    LOG4CXX_ERROR(logger, "Failed to disconnect from session");
-  }
+  if (!disconnected) LOG4CXX_ERROR(logger, "Failed to disconnect from session");
 
   // Everything is taken out before anything is dropped: a finaliser may come back here.
   auto session_callables = exchange_callables(kSessionSlots, {});
   SubscriberCallbacksMap subscriber_callables = g_subscriber_callbacks.removeAll();
   auto publisher_callables = exchange_callables(kPublisherSlots, {});
   drop_in_order(session_callables);
-  for (auto& [stream_id, callables] : subscriber_callables) {
-    drop_in_order(callables);
-  }
+  for (auto& [stream_id, callables] : subscriber_callables) drop_in_order(callables);
   drop_in_order(publisher_callables);
   return python_bool(disconnected);
 }
@@ -140,8 +128,6 @@ PyObject* sdk_wrapper_get_connection(MRController& controller, PyObject* /*args*
                                      PyObject* /*kwargs*/) {
   const MRConnectionInfo info =
       call_unlocked(MRConnectionInfo(), [&] { return controller.getSessionConnectionInfo(); });
-  if (info.connection_id.empty()) {
-    return Py_NewRef(Py_None);
-  }
+  if (info.connection_id.empty()) return Py_NewRef(Py_None);
   return models::create_connection_object(info).release();
 }

@@ -45,18 +45,14 @@ void EventArguments::call(PyObject* callable, std::string_view name) {
     }
     result = python_utils::call_python_object_with_gil(callable, args, name);
   }
-  if (result == nullptr) {
-    LOG4CXX_ERROR(logger, "Failed to call " << name << " callback");
-  }
+  if (result == nullptr) LOG4CXX_ERROR(logger, "Failed to call " << name << " callback");
   if (models::is_referenced_elsewhere(media_memory_)) {
     g_escaped_views.fetch_add(1, std::memory_order_relaxed);
   }
 }
 
 bool may_enter_python(const ExitGate::Pass& pass) {
-  if (pass.isOpen() && Py_IsInitialized() != 0) {
-    return true;
-  }
+  if (pass.isOpen() && Py_IsInitialized() != 0) return true;
   LOG4CXX_WARN(logger, "Python is finalizing, operation skipped");
   return false;
 }

@@ -71,18 +71,12 @@ bool may_enter_python(const ExitGate::Pass& pass);
 // lock, and returns whether they are complete.
 template <class Target, class Build>
 void deliver(const Target& target, std::string_view name, Build&& build) {
-  if (!target.mayListen()) {
-    return;
-  }
+  if (!target.mayListen()) return;
   const ExitGate::Pass pass = ExitGate::Pass::toPython(g_exit_gate);
-  if (!may_enter_python(pass)) {
-    return;
-  }
+  if (!may_enter_python(pass)) return;
   keep_thread_state();
   const python_utils::PyGILLock lock;
-  if (!target.isWanted()) {
-    return;
-  }
+  if (!target.isWanted()) return;
   EventArguments arguments;
   if (build(arguments)) {
     arguments.call(target.callable(), name);

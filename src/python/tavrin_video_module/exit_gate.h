@@ -26,9 +26,7 @@ class ExitGate {
 
     bool isOpen() const { return gate_ != nullptr; }
     void end() {
-      if (gate_ != nullptr) {
-        std::exchange(gate_, nullptr)->leave();
-      }
+      if (gate_ != nullptr) std::exchange(gate_, nullptr)->leave();
     }
 
    private:

@@ -14,9 +14,7 @@ class LastingThreadState {
   LastingThreadState& operator=(const LastingThreadState&) = delete;
 
   ~LastingThreadState() {
-    if (state_ == nullptr) {
-      return;
-    }
+    if (state_ == nullptr) return;
     const ExitGate::Pass pass = ExitGate::Pass::toPython(g_exit_gate);
     if (pass.isOpen() && Py_IsInitialized() != 0) {
       python_utils::enter_python([this] {

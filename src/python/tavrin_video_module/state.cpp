@@ -34,13 +34,9 @@ bool bridge_is_stuck = false;
 // Destroys the controller, or leaves it standing for the rest of the process.
 void end_controller() {
   MRController* controller = g_controller.release();
-  if (controller == nullptr || getpid() != g_controller_process) {
-    return;
-  }
+  if (controller == nullptr || getpid() != g_controller_process) return;
   g_exit_gate.close();
-  if (g_exit_gate.waitUntilEmpty(bridge_is_stuck ? 0s : kExitTimeout)) {
-    delete controller;
-  }
+  if (g_exit_gate.waitUntilEmpty(bridge_is_stuck ? 0s : kExitTimeout)) delete controller;
 }
 
 // Stands behind g_controller, and so is destroyed before it.
@@ -84,9 +80,7 @@ void register_exit_hooks() {
 }
 
 void close_bridge() {
-  if (g_controller != nullptr && getpid() != g_controller_process) {
-    return;
-  }
+  if (g_controller != nullptr && getpid() != g_controller_process) return;
   g_exit_gate.close();
   PyThreadState* state = PyEval_SaveThread();
   bridge_is_stuck = !g_exit_gate.waitUntilEmpty(kExitTimeout);

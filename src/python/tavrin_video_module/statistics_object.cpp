@@ -28,9 +28,7 @@ PyType_Spec spec = {"_tavrin_video._Statistics", 0, 0,
 
 python_utils::PyObjectPtr create_statistics_object() {
   const python_utils::PyObjectPtr type(PyType_FromSpec(&spec));
-  if (type == nullptr) {
-    return nullptr;
-  }
+  if (type == nullptr) return nullptr;
   return python_utils::PyObjectPtr(
       PyType_GenericAlloc(reinterpret_cast<PyTypeObject*>(type.get()), 0));
 }
