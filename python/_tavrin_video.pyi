@@ -10,7 +10,7 @@ What a callable raises (`SystemExit` too) is printed and logged, and stops nothi
 ignored. A callable that is not callable is ignored as well: its event goes unreported.
 """
 
-from typing import Any, Callable, Final, Literal, Optional, Protocol, Union, final
+from typing import Any, Callable, Final, Literal, Protocol, Union, final
 
 from tavrin_media_relay.models import (
     AudioData,
@@ -75,17 +75,17 @@ class TavrinVideoClient:
         session_id: str,
         token: str,
         *,
-        session_settings: Optional[SessionSettings] = None,
-        on_error_cb: Optional[_SessionErrorCallback] = None,
-        on_connected_cb: Optional[_SessionCallback] = None,
-        on_disconnected_cb: Optional[_SessionCallback] = None,
-        on_connection_created_cb: Optional[_ConnectionCallback] = None,
-        on_connection_dropped_cb: Optional[_ConnectionCallback] = None,
-        on_stream_received_cb: Optional[_StreamCallback] = None,
-        on_stream_dropped_cb: Optional[_StreamCallback] = None,
-        on_audio_data_cb: Optional[_SessionAudioCallback] = None,
-        on_ready_for_audio_cb: Optional[_SessionCallback] = None,
-        on_media_buffer_drained_cb: Optional[Callable[[MediaBufferStats], object]] = None,
+        session_settings: SessionSettings | None = None,
+        on_error_cb: _SessionErrorCallback | None = None,
+        on_connected_cb: _SessionCallback | None = None,
+        on_disconnected_cb: _SessionCallback | None = None,
+        on_connection_created_cb: _ConnectionCallback | None = None,
+        on_connection_dropped_cb: _ConnectionCallback | None = None,
+        on_stream_received_cb: _StreamCallback | None = None,
+        on_stream_dropped_cb: _StreamCallback | None = None,
+        on_audio_data_cb: _SessionAudioCallback | None = None,
+        on_ready_for_audio_cb: _SessionCallback | None = None,
+        on_media_buffer_drained_cb: Callable[[MediaBufferStats], object] | None = None,
     ) -> bool:
         """Starts to join a session.
 
@@ -126,13 +126,13 @@ class TavrinVideoClient:
         self,
         stream: Stream,
         *,
-        settings: Optional[SubscriberSettings] = None,
-        on_error_cb: Optional[_SubscriberErrorCallback] = None,
-        on_connected_cb: Optional[Callable[[Subscriber], object]] = None,
-        on_disconnected_cb: Optional[Callable[[Subscriber], object]] = None,
-        on_audio_data_cb: Optional[Callable[[Subscriber, AudioData], object]] = None,
-        on_render_frame_cb: Optional[Callable[[Subscriber, VideoFrame], object]] = None,
-        on_caption_text_cb: Optional[Callable[[Subscriber, CaptionsData], object]] = None,
+        settings: SubscriberSettings | None = None,
+        on_error_cb: _SubscriberErrorCallback | None = None,
+        on_connected_cb: Callable[[Subscriber], object] | None = None,
+        on_disconnected_cb: Callable[[Subscriber], object] | None = None,
+        on_audio_data_cb: Callable[[Subscriber, AudioData], object] | None = None,
+        on_render_frame_cb: Callable[[Subscriber, VideoFrame], object] | None = None,
+        on_caption_text_cb: Callable[[Subscriber, CaptionsData], object] | None = None,
     ) -> bool:
         """Subscribes to a stream of the session: audio and video, unless `settings` say otherwise.
 
@@ -153,9 +153,9 @@ class TavrinVideoClient:
         self,
         settings: PublisherSettings,
         *,
-        on_error_cb: Optional[_PublisherErrorCallback] = None,
-        on_stream_created_cb: Optional[Callable[[Publisher], object]] = None,
-        on_stream_destroyed_cb: Optional[Callable[[Publisher], object]] = None,
+        on_error_cb: _PublisherErrorCallback | None = None,
+        on_stream_created_cb: Callable[[Publisher], object] | None = None,
+        on_stream_destroyed_cb: Callable[[Publisher], object] | None = None,
     ) -> bool:
         """Publishes our one stream, fed by `add_audio` and `add_video`.
 

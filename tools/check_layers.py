@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Checks that includes and imports go one way: a subsystem sees itself and those below it, and the module's
 core and the open library see nothing of each other but the contract's header. Each room of the open library
-includes those alone that are written down here. The rooms of the Python package import downwards, and the modules of each room do not import each other in a circle.
+includes those alone that are written down here. The rooms of the Python package import downwards, and the
+modules of each room do not import each other in a circle.
 
 Run from anywhere; prints each include or import that runs the wrong way, and exits 1 if there is one.
 """

@@ -5,10 +5,10 @@ from __future__ import annotations
 import contextlib
 import wave
 from pathlib import Path
-from typing import Optional, Sequence
+from typing import Sequence
 
 
-def open_wave(path: Path) -> Optional[wave.Wave_read]:
+def open_wave(path: Path) -> wave.Wave_read | None:
     """A WAV file of 16 bits and 8 to 48 kHz, for the caller to close; None for any other file."""
     with contextlib.suppress(wave.Error, EOFError):
         file = wave.open(str(path), "rb")

@@ -16,7 +16,7 @@ from __future__ import annotations
 
 from dataclasses import dataclass, field
 from datetime import datetime, timedelta
-from typing import TYPE_CHECKING, Any, Final, Literal, Optional, Union
+from typing import TYPE_CHECKING, Any, Final, Literal, Union
 
 from ._checks import Fields, integer, of_type
 
@@ -187,8 +187,8 @@ class MediaBufferStats:
     """State of the publishing buffers. A side is None where it is not measured; in the drained event a
     side of zero duration is the one that has just run dry."""
 
-    audio: Optional[AudioBufferStats] = None
-    video: Optional[VideoBufferStats] = None
+    audio: AudioBufferStats | None = None
+    video: VideoBufferStats | None = None
 
 
 # ---- what a program fills in ----------------------------------------------------------------------------
@@ -264,11 +264,11 @@ class SessionVideoPublisherSettings:
 class SessionAVSettings:
     """Forms of the media of a session; a part that is None has its defaults."""
 
-    audio_publisher: Optional[SessionAudioSettings] = None
+    audio_publisher: SessionAudioSettings | None = None
     """What `add_audio` is given. Default: 48 kHz stereo."""
-    audio_subscribers_mix: Optional[SessionAudioSettings] = None
+    audio_subscribers_mix: SessionAudioSettings | None = None
     """What `on_audio_data_cb` receives. Default: 48 kHz stereo."""
-    video_publisher: Optional[SessionVideoPublisherSettings] = None
+    video_publisher: SessionVideoPublisherSettings | None = None
     """What `add_video` is given. Default: 640x480 YUV420P at 30 pictures a second."""
 
     def __post_init__(self) -> None:
@@ -284,9 +284,9 @@ class SessionSettings:
 
     enable_migration: bool = False
     """Let the server move the session to another server while it runs."""
-    av: Optional[SessionAVSettings] = None
+    av: SessionAVSettings | None = None
     """Forms of the media; None for the defaults."""
-    logging: Optional[LoggingSettings] = None
+    logging: LoggingSettings | None = None
     """Log level; None leaves it as it is (at the start of the process: warn)."""
 
     def __post_init__(self) -> None:
@@ -319,7 +319,7 @@ class PublisherSettings:
     has_video: bool = True
     enable_captions: bool = False
     """Let the server make captions of the published audio."""
-    audio_settings: Optional[PublisherAudioSettings] = None
+    audio_settings: PublisherAudioSettings | None = None
     """How the audio is coded; None for stereo without DTX."""
 
     def __post_init__(self) -> None:
@@ -335,9 +335,9 @@ class PublisherSettings:
 class SubscriberVideoSettings:
     """What we would like to receive, where a stream is offered in several sizes and rates."""
 
-    preferred_resolution: Optional[VideoResolution] = None
+    preferred_resolution: VideoResolution | None = None
     """Pixels, both sides positive; None: the stream's own."""
-    preferred_framerate: Optional[int] = None
+    preferred_framerate: int | None = None
     """Whole pictures per second, at least 1; None: the stream's own."""
 
     def __post_init__(self) -> None:
@@ -356,7 +356,7 @@ class SubscriberSettings:
     subscribe_to_audio: bool = True
     subscribe_to_video: bool = True
     subscribe_to_captions: bool = False
-    video_settings: Optional[SubscriberVideoSettings] = None
+    video_settings: SubscriberVideoSettings | None = None
     """None: no preference."""
 
     def __post_init__(self) -> None:

@@ -9,7 +9,7 @@ from __future__ import annotations
 
 import ctypes
 import threading
-from typing import Any, Final, Literal, Optional
+from typing import Any, Final, Literal
 
 from ..models import VideoResolution, frame_buffer_size
 from . import libraries
@@ -42,7 +42,7 @@ def size_of(width: int, height: int, layout: str) -> int:
     return width * height * _PIXEL[layout] if layout in _PIXEL else frame_buffer_size(width, height, layout)
 
 
-def layout_of(view: memoryview, size: VideoResolution, wanted: str, layout: Optional[str]) -> str:
+def layout_of(view: memoryview, size: VideoResolution, wanted: str, layout: str | None) -> str:
     """The layout of a buffer, from its shape unless it is told. Raises ValueError for another size."""
     width, height = size.width, size.height
     if layout is not None:

@@ -12,7 +12,7 @@ from __future__ import annotations
 import asyncio
 import time
 from collections import deque
-from typing import Generic, Literal, Optional, Self, TypeVar, get_args
+from typing import Generic, Literal, Self, TypeVar, get_args
 
 from ._wakeups import Waker
 from .statistics import Totals
@@ -27,7 +27,7 @@ Policy = Literal["drop_oldest", "latest"]
 _TURN = 0.005
 
 
-def bounded(capacity: Optional[int], policy: Policy, default: int) -> int:
+def bounded(capacity: int | None, policy: Policy, default: int) -> int:
     """The capacity that a pair of arguments asks for."""
     if policy not in get_args(Policy):
         raise ValueError(f"policy must be 'drop_oldest' or 'latest', not {policy!r}")
@@ -45,16 +45,16 @@ def bounded(capacity: Optional[int], policy: Policy, default: int) -> int:
 class ChannelWriter(Generic[T]):
     """The producer's end, with the queue itself. What has no docstring is the reader's."""
 
-    def __init__(self, waker: Waker, capacity: int, what: str, totals: Optional[Totals] = None) -> None:
+    def __init__(self, waker: Waker, capacity: int, what: str, totals: Totals | None = None) -> None:
         self.capacity = capacity
         self.what = what
         self.waker = waker
         self.totals = totals or Totals()
         self.dropped = 0
         self.items: deque[tuple[T, float]] = deque()
-        self.waiter: Optional[asyncio.Future[None]] = None
+        self.waiter: asyncio.Future[None] | None = None
         self.closed = False
-        self.error: Optional[Exception] = None
+        self.error: Exception | None = None
 
     @property
     def waiting(self) -> int:
@@ -77,7 +77,7 @@ class ChannelWriter(Generic[T]):
         self._wake()
         return True
 
-    def close(self, error: Optional[Exception] = None) -> None:
+    def close(self, error: Exception | None = None) -> None:
         """Ends the iteration after what is queued, with an error (raised once) or without. Any thread."""
         if not self.closed:
             self.error = error

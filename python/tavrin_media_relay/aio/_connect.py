@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-from typing import Optional
 
 from .._checks import number, of_type
 from ..models import SessionSettings
@@ -15,7 +14,7 @@ def connect(
     session_id: str,
     token: str,
     *,
-    settings: Optional[SessionSettings] = None,
+    settings: SessionSettings | None = None,
     timeout: float = 30.0,
 ) -> Opening[Session]:
     """Joins a session: `async with connect(...) as session:`, or `session = await connect(...)` and, in the

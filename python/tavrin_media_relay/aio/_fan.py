@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import time
 import weakref
-from typing import Generic, Iterator, Optional, TypeVar
+from typing import Generic, Iterator, TypeVar
 
 from ._channel import ChannelWriter
 from ._wakeups import Waker
@@ -41,7 +41,7 @@ class Listeners(Generic[T]):
         """Items in the queues of all of them now."""
         return sum(writer.waiting for writer in self._living())
 
-    def close(self, error: Optional[Exception] = None) -> None:
+    def close(self, error: Exception | None = None) -> None:
         """Ends each, after what it has queued."""
         self._closed = True
         for writer in self._living():

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import time
-from typing import Optional, TypeVar
+from typing import TypeVar
 
 from .._checks import integer
 from .._native.resample import Converter
@@ -23,7 +23,7 @@ CAPTIONS_CAPACITY = 100
 class MediaIterator(Channel[T]):
     """An async iterator over media, with a bounded queue. One task at a time may wait on it."""
 
-    def __init__(self, fan: Fan[T], capacity: Optional[int], policy: Policy, default: int) -> None:
+    def __init__(self, fan: Fan[T], capacity: int | None, policy: Policy, default: int) -> None:
         super().__init__(fan.open(bounded(capacity, policy, default)))
 
 
@@ -33,15 +33,15 @@ class AudioIterator(MediaIterator[AudioFrame]):
     def __init__(
         self,
         fan: Fan[AudioFrame],
-        capacity: Optional[int],
+        capacity: int | None,
         policy: Policy,
-        sample_rate: Optional[int],
-        channels: Optional[int],
+        sample_rate: int | None,
+        channels: int | None,
     ) -> None:
         self._wanted_rate = None if sample_rate is None else integer("sample_rate", sample_rate, 8000, 48000)
         self._wanted_channels = None if channels is None else integer("channels", channels, 1, 2)
         super().__init__(fan, capacity, policy, AUDIO_CAPACITY)
-        self._converter: Optional[Converter] = None
+        self._converter: Converter | None = None
 
     async def __anext__(self) -> AudioFrame:
         while True:

@@ -10,7 +10,7 @@ from __future__ import annotations
 import asyncio
 import os
 from concurrent.futures import ThreadPoolExecutor
-from typing import TYPE_CHECKING, Any, Callable, Optional, TypeVar
+from typing import TYPE_CHECKING, Any, Callable, TypeVar
 
 if TYPE_CHECKING:
     from _tavrin_video import TavrinVideoClient
@@ -21,11 +21,11 @@ T = TypeVar("T")
 class _Process:
     """State that exists once per process and must not be used in a forked child."""
 
-    client: Optional[TavrinVideoClient] = None
-    executor: Optional[ThreadPoolExecutor] = None
+    client: TavrinVideoClient | None = None
+    executor: ThreadPoolExecutor | None = None
     pid = 0
-    holder: Optional[object] = None  # the session that is joined, being joined or being left
-    loop: Optional[asyncio.AbstractEventLoop] = None  # the holder's
+    holder: object | None = None  # the session that is joined, being joined or being left
+    loop: asyncio.AbstractEventLoop | None = None  # the holder's
 
 
 def check_process() -> None:
@@ -84,7 +84,7 @@ def start(function: Callable[..., T], *arguments: Any) -> asyncio.Future[T]:
 async def finish(future: asyncio.Future[T]) -> T:
     """Waits for a call. A native call cannot be cancelled, so a cancellation is raised once the call has
     ended."""
-    cancelled: Optional[asyncio.CancelledError] = None
+    cancelled: asyncio.CancelledError | None = None
     while not future.done():
         try:
             await asyncio.wait([future])

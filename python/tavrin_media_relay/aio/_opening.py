@@ -5,7 +5,7 @@ from __future__ import annotations
 import asyncio
 import contextlib
 from types import TracebackType
-from typing import Any, AsyncIterator, Awaitable, Callable, Generator, Generic, Optional, Protocol, TypeVar
+from typing import Any, AsyncIterator, Awaitable, Callable, Generator, Generic, Protocol, TypeVar
 
 
 class _Closable(Protocol):
@@ -43,7 +43,7 @@ class Opening(Generic[T]):
 
     def __init__(self, begin: Callable[[], Awaitable[T]]) -> None:
         self._begin = begin
-        self._opened: Optional[T] = None
+        self._opened: T | None = None
 
     def __await__(self) -> Generator[Any, None, T]:
         return self._begin().__await__()
@@ -56,9 +56,9 @@ class Opening(Generic[T]):
 
     async def __aexit__(
         self,
-        kind: Optional[type[BaseException]],
-        error: Optional[BaseException],
-        traceback: Optional[TracebackType],
+        kind: type[BaseException] | None,
+        error: BaseException | None,
+        traceback: TracebackType | None,
     ) -> None:
         if self._opened is not None:
             await self._opened.close()

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-from typing import Optional
 
 from ..models import Connection, Stream
 from . import events
@@ -21,9 +20,9 @@ class Presence:
         self.streams: dict[str, Stream] = {}
         self._waker = waker
         self._listeners: Listeners[events.Event] = Listeners()
-        self._last: Optional[events.Event] = None
+        self._last: events.Event | None = None
 
-    def listen(self, capacity: Optional[int]) -> Channel[events.Event]:
+    def listen(self, capacity: int | None) -> Channel[events.Event]:
         """An iterator over events that begins with the present connections and streams."""
         present: list[events.Event] = [events.ConnectionCreated(each) for each in self.connections.values()]
         present += [events.StreamReceived(each) for each in self.streams.values()]
@@ -39,7 +38,7 @@ class Presence:
     def notify(self, event: events.Event) -> None:
         self._listeners.put(event, self._waker.loop.time())
 
-    def close(self, last: Optional[events.Event]) -> None:
+    def close(self, last: events.Event | None) -> None:
         """Ends every iterator, after a last event if there is one."""
         if last is not None:
             self._last = last

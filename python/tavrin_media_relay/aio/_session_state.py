@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import asyncio
 import contextlib
-from typing import Callable, Optional
+from typing import Callable
 
 from . import _module, events
 from ._presence import Presence
@@ -21,15 +21,15 @@ class SessionState:
         self.loop = asyncio.get_running_loop()
         self.waker = Waker(self.loop)
         self.presence = Presence(self.waker)
-        self.ended: Optional[str] = None  # how
-        self.failure: Optional[SessionError] = None
+        self.ended: str | None = None  # how
+        self.failure: SessionError | None = None
         self.changed = Signal()
         self._audio_ready = False
 
     def check_place(self) -> None:
         """Raises if this is not the session's process and loop; ClosedError if the session is over."""
         _module.check_process()
-        here: Optional[asyncio.AbstractEventLoop] = None
+        here: asyncio.AbstractEventLoop | None = None
         with contextlib.suppress(RuntimeError):
             here = asyncio.get_running_loop()
         if here is not self.loop:

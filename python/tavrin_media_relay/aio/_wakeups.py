@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import asyncio
 from collections import deque
-from typing import Callable, Optional
+from typing import Callable
 
 
 def post(loop: asyncio.AbstractEventLoop, function: Callable[..., object], *arguments: object) -> None:
@@ -16,7 +16,7 @@ def post(loop: asyncio.AbstractEventLoop, function: Callable[..., object], *argu
             raise
 
 
-def settle(future: asyncio.Future[None], error: Optional[Exception] = None) -> None:
+def settle(future: asyncio.Future[None], error: Exception | None = None) -> None:
     """Settles a future unless it is done. An error that nobody retrieves is not reported."""
     if future.done():
         return
@@ -55,7 +55,7 @@ class Signal:
 
     def __init__(self) -> None:
         self._waiters: set[asyncio.Future[None]] = set()
-        self._ended: Optional[Callable[[], Exception]] = None
+        self._ended: Callable[[], Exception] | None = None
 
     def notify(self) -> None:
         for waiter in self._waiters:
@@ -71,7 +71,7 @@ class Signal:
         if self._ended is not None:
             raise self._ended()
 
-    async def wait(self, seconds: Optional[float] = None) -> bool:
+    async def wait(self, seconds: float | None = None) -> bool:
         """Until the next `notify`; False if the time ran out first."""
         self.check()
         waiter: asyncio.Future[None] = asyncio.get_running_loop().create_future()

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import asyncio
 from array import array
-from typing import Any, Awaitable, Callable, Optional
+from typing import Any, Awaitable, Callable
 
 from .._checks import integer
 from .._native.resample import Converter, Samples
@@ -18,7 +18,7 @@ _PIECE = 100
 _PERIODS_A_SECOND = 100
 
 
-def as_samples(samples: Any, channels: Optional[int], default: int) -> tuple[memoryview, int]:
+def as_samples(samples: Any, channels: int | None, default: int) -> tuple[memoryview, int]:
     """A flat view on 16-bit samples, and how many channels they have."""
     if channels is not None:
         channels = integer("channels", channels, 1, 2)
@@ -73,7 +73,7 @@ class AudioOutput:
         self._output = output
         self._ready, self._clear = ready, clear
         self._rate, self._channels = form.sample_rate, form.number_of_channels
-        self._converter: Optional[Converter] = None
+        self._converter: Converter | None = None
         self._begun = 0  # frames since silence last began: the module starts with a full period only
 
     @property
@@ -87,7 +87,7 @@ class AudioOutput:
         return self._channels
 
     async def write(
-        self, samples: Any, *, sample_rate: Optional[int] = None, channels: Optional[int] = None
+        self, samples: Any, *, sample_rate: int | None = None, channels: int | None = None
     ) -> bool:
         """Queues samples to be heard: 16-bit, native byte order, any contiguous buffer of any length; or an
         `AudioFrame`, which knows its own form.

@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import asyncio
-from typing import Callable, Optional
+from typing import Callable
 
 from ..models import Publisher as NativePublisher
 from ..models import PublisherSettings, SessionAudioSettings, SessionVideoPublisherSettings, Stream
@@ -41,11 +41,11 @@ class Publisher:
         self._state = state
         self._forget = forget
         self._settings = settings
-        self.stream: Optional[Stream] = None
+        self.stream: Stream | None = None
         """Our stream as the session knows it; None until the session has announced it."""
         self._outputs: list[Output] = []
-        self._audio: Optional[AudioOutput] = None
-        self._video: Optional[VideoOutput] = None
+        self._audio: AudioOutput | None = None
+        self._video: VideoOutput | None = None
         if settings.has_audio:
             output = Output(0, audio_queue * 1000, self.check)
             self._outputs.append(output)
@@ -55,8 +55,8 @@ class Publisher:
             self._outputs.append(output)
             self._video = VideoOutput(output, video)
         self._outcome: asyncio.Future[None] = asyncio.get_running_loop().create_future()
-        self._closing: Optional[asyncio.Future[bool]] = None
-        self._ended: Optional[str] = None
+        self._closing: asyncio.Future[bool] | None = None
+        self._ended: str | None = None
 
     @property
     def name(self) -> str:

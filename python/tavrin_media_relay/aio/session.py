@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import asyncio
 import functools
-from typing import Callable, Optional
+from typing import Callable
 
 from .._checks import number, of_type
 from ..models import (
@@ -37,7 +37,7 @@ from .statistics import Statistics, library_statistics
 from .subscriber import Subscriber
 
 
-def _connection() -> Optional[Connection]:
+def _connection() -> Connection | None:
     return _module.client().get_connection() or None
 
 
@@ -48,13 +48,13 @@ class Session:
         self._id = session_id
         self._settings = settings
         self._state = SessionState()
-        self._connection: Optional[Connection] = None
-        self._publisher: Optional[Publisher] = None
+        self._connection: Connection | None = None
+        self._publisher: Publisher | None = None
         self._subscribers: dict[str, Subscriber] = {}
         self._mix: Fan[AudioFrame] = Fan(self._state.waker, "audio frames")
         self._outcome: asyncio.Future[None] = self._state.loop.create_future()
         self._started = False  # the module has begun to join: there is something to leave
-        self._closing: Optional[asyncio.Future[bool]] = None
+        self._closing: asyncio.Future[bool] | None = None
 
     @property
     def id(self) -> str:
@@ -62,7 +62,7 @@ class Session:
         return self._id
 
     @property
-    def connection(self) -> Optional[Connection]:
+    def connection(self) -> Connection | None:
         """Our own connection, as the session knows it."""
         return self._connection
 
@@ -77,7 +77,7 @@ class Session:
         return tuple(self._state.presence.streams.values())
 
     @property
-    def publisher(self) -> Optional[Publisher]:
+    def publisher(self) -> Publisher | None:
         """What we publish now, if anything."""
         return self._publisher
 
@@ -91,7 +91,7 @@ class Session:
         """True once the session has been left, has failed or was ended by the server."""
         return self._state.ended is not None
 
-    def events(self, *, capacity: Optional[int] = None) -> Channel[Event]:
+    def events(self, *, capacity: int | None = None) -> Channel[Event]:
         """An async iterator over what happens, which begins with the connections and streams that are there
         now.
 
@@ -104,16 +104,16 @@ class Session:
     def audio_frames(
         self,
         *,
-        capacity: Optional[int] = None,
+        capacity: int | None = None,
         policy: Policy = "drop_oldest",
-        sample_rate: Optional[int] = None,
-        channels: Optional[int] = None,
+        sample_rate: int | None = None,
+        channels: int | None = None,
     ) -> AudioIterator:
         """The mix of all subscribed streams, 10 ms at a time, silence too; see `Subscriber.audio_frames`."""
         self._state.check()
         return AudioIterator(self._mix, capacity, policy, sample_rate, channels)
 
-    async def wait_for_stream(self, suits: Optional[Callable[[Stream], bool]] = None) -> Stream:
+    async def wait_for_stream(self, suits: Callable[[Stream], bool] | None = None) -> Stream:
         """The first stream that is there or comes, of those that suit; ClosedError if the session ends
         first."""
         async for event in self.events():
@@ -182,8 +182,8 @@ class Session:
         audio: bool = True,
         video: bool = True,
         captions: bool = False,
-        resolution: Optional[VideoResolution] = None,
-        framerate: Optional[int] = None,
+        resolution: VideoResolution | None = None,
+        framerate: int | None = None,
     ) -> Opening[Subscriber]:
         """Receives a stream: `async with session.subscribe(stream) as subscriber:`, or `await` and `close`.
 
@@ -316,7 +316,7 @@ class Session:
         settle(self._outcome, SessionError(SessionError.NOT_STARTED, "the server ended the session"))
         self._end(f"session {self.id!r} was ended by the server", events.SessionDisconnected())
 
-    def _end(self, reason: str, event: Optional[Event] = None) -> None:
+    def _end(self, reason: str, event: Event | None = None) -> None:
         if self._state.ended is not None:
             return
         self._state.ended = reason

@@ -5,7 +5,7 @@ from __future__ import annotations
 import ctypes
 import json
 from dataclasses import dataclass, field
-from typing import Any, Optional
+from typing import Any
 
 from .._native import libraries
 
@@ -51,7 +51,7 @@ class StreamFigures:
 class Statistics:
     """What `Session.statistics()` gives; `dataclasses.asdict` makes plain data of it."""
 
-    library: Optional[dict[str, Any]]
+    library: dict[str, Any] | None
     """Pacing, gaps, repeated and dropped pictures, and under "callbacks" how long each kind of media waited
     for the module and how long each call took, to our callable and back: counters of our real-time library
     since it was loaded, in the words of its header sarnet_statistics.h. None with a library that keeps
@@ -127,7 +127,7 @@ class Totals:
         )
 
 
-def library_statistics() -> Optional[dict[str, Any]]:
+def library_statistics() -> dict[str, Any] | None:
     """The counters of the real-time library in this process; None if there is none that keeps any."""
     library = libraries.find_sarnet()
     function = getattr(library, "srn_statistics_json", None) if library is not None else None

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import asyncio
 import time
-from typing import Any, Callable, Mapping, Optional
+from typing import Any, Callable, Mapping
 
 from ..models import AudioData, CaptionsData, Stream, SubscriberSettings
 from ..models import Subscriber as NativeSubscriber
@@ -47,8 +47,8 @@ class Subscriber:
         self._caption_fan: Fan[Caption] = Fan(state.waker, "captions")
         self._outcome: asyncio.Future[None] = asyncio.get_running_loop().create_future()
         self._media_seen = False
-        self._closing: Optional[asyncio.Future[bool]] = None
-        self._ended: Optional[str] = None
+        self._closing: asyncio.Future[bool] | None = None
+        self._ended: str | None = None
         self._closed = False
         self._started = False
 
@@ -60,10 +60,10 @@ class Subscriber:
     def audio_frames(
         self,
         *,
-        capacity: Optional[int] = None,
+        capacity: int | None = None,
         policy: Policy = "drop_oldest",
-        sample_rate: Optional[int] = None,
-        channels: Optional[int] = None,
+        sample_rate: int | None = None,
+        channels: int | None = None,
     ) -> AudioIterator:
         """The stream's sound, about 10 ms at a time, from its first sound on.
 
@@ -74,14 +74,14 @@ class Subscriber:
         return AudioIterator(self._audio_fan, capacity, policy, sample_rate, channels)
 
     def video_frames(
-        self, *, capacity: Optional[int] = None, policy: Policy = "drop_oldest"
+        self, *, capacity: int | None = None, policy: Policy = "drop_oldest"
     ) -> MediaIterator[VideoFrame]:
         """The stream's pictures. capacity: pictures, 6 if left out; each that waits holds its pixels."""
         self._check("video", self._settings.subscribe_to_video)
         return MediaIterator(self._video_fan, capacity, policy, VIDEO_CAPACITY)
 
     def captions(
-        self, *, capacity: Optional[int] = None, policy: Policy = "drop_oldest"
+        self, *, capacity: int | None = None, policy: Policy = "drop_oldest"
     ) -> MediaIterator[Caption]:
         """The stream's captions. capacity: 100 if left out."""
         self._check("captions", self._settings.subscribe_to_captions)
@@ -111,7 +111,7 @@ class Subscriber:
             await settled_or_assumed(self._outcome)
         return self
 
-    def end(self, how: str, error: Optional[SubscriberError] = None) -> None:
+    def end(self, how: str, error: SubscriberError | None = None) -> None:
         """Ends all iterators, with an error if there was one."""
         if self._ended is not None:
             return

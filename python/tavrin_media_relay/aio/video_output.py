@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import asyncio
 from concurrent.futures import ThreadPoolExecutor
-from typing import Any, Optional
+from typing import Any
 
 from .._native import pictures
 from ..models import SessionVideoPublisherSettings, VideoFormat, VideoResolution
@@ -16,7 +16,7 @@ from ._output import Output
 #: long.
 _SMALL = 1280 * 720
 
-_worker: Optional[ThreadPoolExecutor] = None
+_worker: ThreadPoolExecutor | None = None
 
 
 async def convert_aside(pixels: memoryview, width: int, height: int, layout: str, wanted: str) -> bytearray:
@@ -59,7 +59,7 @@ class VideoOutput:
         """The layout that needs no conversion."""
         return self._format
 
-    async def write(self, frame: Any, *, layout: Optional[pictures.Layout] = None) -> bool:
+    async def write(self, frame: Any, *, layout: pictures.Layout | None = None) -> bool:
         """Shows a picture: a contiguous buffer of bytes, or a received `VideoFrame`.
 
         layout: "YUV420P", "RGB24", "ARGB32", "RGBA32" (as picture libraries give it) or "GRAY8". None: by its
@@ -87,7 +87,7 @@ class VideoOutput:
         """Waits until all that was written has been shown, as the module tells."""
         await self._output.wait_dry()
 
-    def _pixels(self, frame: Any, layout: Optional[str]) -> tuple[Any, str]:
+    def _pixels(self, frame: Any, layout: str | None) -> tuple[Any, str]:
         """What is in the buffer, and in which layout."""
         if isinstance(frame, frames.VideoFrame):
             if (frame.width, frame.height) != (self.width, self.height):

@@ -9,7 +9,7 @@ from __future__ import annotations
 
 import argparse
 import sys
-from typing import Optional, Sequence
+from typing import Sequence
 
 from . import doctor, echo, play, record, report, scenario, server
 from ._failure import Failure
@@ -46,7 +46,7 @@ def _parser() -> argparse.ArgumentParser:
     return parser
 
 
-def main(arguments: Optional[Sequence[str]] = None) -> int:
+def main(arguments: Sequence[str] | None = None) -> int:
     """Runs one command. Takes over standard output, so that the process can only exit afterwards."""
     options = _parser().parse_args(arguments)
     terminal = Terminal(as_json=getattr(options, "json", False))

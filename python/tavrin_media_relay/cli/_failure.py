@@ -2,12 +2,10 @@
 
 from __future__ import annotations
 
-from typing import Optional
-
 
 class Failure(Exception):
     """The text says what failed, in words for a person; the code is the session's, if it has one."""
 
-    def __init__(self, text: str, code: Optional[int] = None) -> None:
+    def __init__(self, text: str, code: int | None = None) -> None:
         super().__init__(text)
         self.code = code

@@ -9,7 +9,7 @@ import time
 from datetime import datetime, timezone
 from pathlib import Path
 from types import TracebackType
-from typing import IO, Any, Optional
+from typing import IO, Any
 
 from .._native.libraries import find_sarnet
 from ..aio import Session, library_statistics
@@ -29,9 +29,9 @@ def reset_library() -> None:
 class Figures:
     """A context manager around a visit. Used from the event loop alone."""
 
-    def __init__(self, path: Optional[Path]) -> None:
+    def __init__(self, path: Path | None) -> None:
         self._begin = time.monotonic()
-        self._file: Optional[IO[str]] = None
+        self._file: IO[str] | None = None
         self.totals: dict[str, dict[str, int]] = {}
         """The library's counters since the beginning."""
         self.fault = ""
@@ -50,9 +50,9 @@ class Figures:
 
     def __exit__(
         self,
-        kind: Optional[type[BaseException]],
-        error: Optional[BaseException],
-        trace: Optional[TracebackType],
+        kind: type[BaseException] | None,
+        error: BaseException | None,
+        trace: TracebackType | None,
     ) -> None:
         self._close()
 

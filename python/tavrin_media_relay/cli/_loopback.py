@@ -11,7 +11,7 @@ import time
 import wave
 from dataclasses import asdict, dataclass
 from pathlib import Path
-from typing import Any, Optional
+from typing import Any
 
 from .. import aio
 from .._recording import has_told
@@ -48,10 +48,10 @@ class LoopbackFigures:
     """Milliseconds that the library's thread was in our callable."""
     escaped_views: int
     """Received blocks of audio that outlived the module's call."""
-    pacing: Optional[dict[str, Any]]
+    pacing: dict[str, Any] | None
     """The library's counters of what we sent while we spoke: once speech has ended, three periods are left
     out."""
-    library: Optional[dict[str, Any]]
+    library: dict[str, Any] | None
     """The library's counters at the end."""
 
     def as_dict(self) -> dict[str, Any]:
@@ -89,7 +89,7 @@ async def _listen(session: aio.Session) -> tuple[int, int, aio.Received]:
     return loudest, pictures, received
 
 
-async def _pacing(session: aio.Session) -> Optional[dict[str, Any]]:
+async def _pacing(session: aio.Session) -> dict[str, Any] | None:
     await asyncio.sleep(0.9 * _SPOKEN_S)
     library = session.statistics().library
     return library["capture"] if library is not None else None

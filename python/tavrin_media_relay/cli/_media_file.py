@@ -11,7 +11,7 @@ import subprocess
 import tempfile
 from dataclasses import dataclass
 from pathlib import Path
-from typing import AsyncGenerator, AsyncIterator, Optional
+from typing import AsyncGenerator, AsyncIterator
 
 from .._media_files import decoding, open_wave, sound_options
 from ..models import frame_buffer_size
@@ -35,16 +35,16 @@ class Form:
 @dataclass(frozen=True)
 class MediaFile:
     path: Path
-    seconds: Optional[float]
+    seconds: float | None
     """Length, if the file tells."""
     audio: bool
-    video: Optional[Form]
+    video: Form | None
     still: bool = False
     wave: bool = False
     """Read without ffmpeg."""
 
 
-def _probe_wave(path: Path) -> Optional[MediaFile]:
+def _probe_wave(path: Path) -> MediaFile | None:
     file = open_wave(path)
     if file is None:
         return None
@@ -83,7 +83,7 @@ def probe(path: Path) -> MediaFile:
     told = json.loads(done.stdout)
     streams = told.get("streams", [])
     audio = any(each.get("codec_type") == "audio" for each in streams)
-    video: Optional[Form] = None
+    video: Form | None = None
     for each in streams:
         cover = each.get("disposition", {}).get("attached_pic")
         if video is None and each.get("codec_type") == "video" and not cover:

@@ -12,7 +12,7 @@ import os
 import sys
 import time
 from dataclasses import asdict, dataclass
-from typing import Any, Iterator, Optional
+from typing import Any, Iterator
 
 _PLAIN_SECONDS = 5.0  # between the lines that stand in for live bars
 
@@ -22,7 +22,7 @@ class Bar:
     """One line of a live display."""
 
     label: str
-    fraction: Optional[float]
+    fraction: float | None
     """0 to 1; None for no bar."""
     text: str
 
@@ -60,7 +60,7 @@ class Terminal:
         if self.as_json:
             print(json.dumps(fields, ensure_ascii=False, default=str), file=self._out, flush=True)
 
-    def fail(self, text: str, code: Optional[int] = None) -> None:
+    def fail(self, text: str, code: int | None = None) -> None:
         if self.as_json:
             print(
                 json.dumps({"event": "failed", "text": text, "code": code}, ensure_ascii=False),

@@ -8,7 +8,7 @@ import asyncio
 import os
 import signal
 from pathlib import Path
-from typing import Any, Awaitable, Callable, Coroutine, Optional
+from typing import Any, Awaitable, Callable, Coroutine
 
 from .. import _tasks, aio
 from ..models import LoggingSettings, SessionAVSettings, SessionSettings
@@ -26,7 +26,7 @@ class Visit:
         self.session = session
         self.terminal = terminal
         self.figures = figures
-        self.stopped: Optional[int] = None
+        self.stopped: int | None = None
         """The signal that asked us to end, if one did."""
         self.waiting: Callable[[], int] = lambda: 0
         """Tells how much waits in the command's iterators; for the figures."""
@@ -61,7 +61,7 @@ class Visit:
         async for event in self.session.events():
             name = type(event).__name__
             about: Any = getattr(event, "stream", None) or getattr(event, "connection", None)
-            error: Optional[aio.MediaError] = getattr(event, "error", None)
+            error: aio.MediaError | None = getattr(event, "error", None)
             fields = {} if about is None else {"id": about.id}
             if error is not None:
                 fields |= {"code": str(error.code), "text": error.message}
@@ -94,8 +94,8 @@ async def _visit(
     options: argparse.Namespace,
     terminal: Terminal,
     body: Callable[[Visit], Coroutine[Any, Any, int]],
-    av: Optional[SessionAVSettings],
-    figures: Optional[Path],
+    av: SessionAVSettings | None,
+    figures: Path | None,
 ) -> int:
     loop = asyncio.get_running_loop()
     joining = asyncio.current_task()
@@ -127,8 +127,8 @@ def run(
     options: argparse.Namespace,
     terminal: Terminal,
     body: Callable[[Visit], Coroutine[Any, Any, int]],
-    av: Optional[SessionAVSettings] = None,
-    figures: Optional[Path] = None,
+    av: SessionAVSettings | None = None,
+    figures: Path | None = None,
 ) -> int:
     """Joins as the options say, runs the body, and leaves. Gives the body's exit code."""
     if options.host:

@@ -6,7 +6,7 @@ import shutil
 import subprocess
 import wave
 from pathlib import Path
-from typing import IO, Optional
+from typing import IO
 
 from ..aio import AudioFrame, VideoFrame
 from ._failure import Failure
@@ -25,7 +25,7 @@ class SoundFile:
         self._file.setnchannels(CHANNELS)
         self._file.setsampwidth(2)
         self._file.setframerate(RATE)
-        self._begin: Optional[float] = None
+        self._begin: float | None = None
         self.frames = 0
 
     def add(self, frame: AudioFrame) -> None:
@@ -54,9 +54,9 @@ class PictureFile:
         self.path = path
         self.size = (width, height)
         self.count = 0
-        self._begin: Optional[float] = None
-        self._last: Optional[memoryview] = None
-        self._encoder: Optional[subprocess.Popen[bytes]] = None
+        self._begin: float | None = None
+        self._last: memoryview | None = None
+        self._encoder: subprocess.Popen[bytes] | None = None
         self._sink: IO[bytes]
         if encode:
             self._encoder = subprocess.Popen(

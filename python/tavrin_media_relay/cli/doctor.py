@@ -14,7 +14,7 @@ import shutil
 import sys
 import tempfile
 from pathlib import Path
-from typing import Any, Iterator, Literal, Optional
+from typing import Any, Iterator, Literal
 
 from ..models import LoggingSettings
 from ._failure import Failure
@@ -106,7 +106,7 @@ def _look_at_library(findings: _Findings) -> bool:
 
 
 def _look_at_engines(findings: _Findings, library: Path) -> None:
-    found: dict[str, Optional[Path]] = {}
+    found: dict[str, Path | None] = {}
     for part in ("files", "relay"):
         found[part] = next(iter(sorted(library.parent.glob(f"libsarnet_{part}*.so"))), None)
     if found["files"] is None:
@@ -170,7 +170,7 @@ def _quiet_host() -> Iterator[None]:
             os.environ["API_HOSTNAME"] = before
 
 
-def _try_out(findings: _Findings) -> Optional[LoopbackFigures]:
+def _try_out(findings: _Findings) -> LoopbackFigures | None:
     with _quiet_host(), tempfile.TemporaryDirectory(prefix="tavrin-doctor-") as folder:
         try:
             figures = asyncio.run(loopback(Path(folder), LoggingSettings("error")))

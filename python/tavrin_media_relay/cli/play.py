@@ -7,7 +7,7 @@ import asyncio
 import contextlib
 import time
 from pathlib import Path
-from typing import Any, Optional
+from typing import Any
 
 from ..aio import Publisher
 from ..models import SessionAudioSettings, SessionAVSettings, SessionVideoPublisherSettings, VideoResolution
@@ -51,7 +51,7 @@ def add(commands: Any) -> None:
     add_session_options(parser, name="player")
 
 
-def _form(files: list[MediaFile], options: argparse.Namespace) -> Optional[Form]:
+def _form(files: list[MediaFile], options: argparse.Namespace) -> Form | None:
     first = next((each.video for each in files if each.video is not None), None)
     if first is None:
         return None
@@ -66,7 +66,7 @@ def _clock(seconds: float) -> str:
 class _Player:
     """One file at a time."""
 
-    def __init__(self, publisher: Publisher, form: Optional[Form], live: Live) -> None:
+    def __init__(self, publisher: Publisher, form: Form | None, live: Live) -> None:
         self._publisher = publisher
         self._form = form
         self._live = live

@@ -8,7 +8,7 @@ import contextlib
 import re
 import time
 from pathlib import Path
-from typing import Any, Optional
+from typing import Any
 
 from .. import _tasks, aio
 from . import _writers
@@ -92,7 +92,7 @@ class _Recording:
 
     async def _write_sound(self, frames: aio.AudioIterator) -> None:
         self._iterators.append(frames)
-        file: Optional[SoundFile] = None
+        file: SoundFile | None = None
         try:
             async for frame in frames:
                 file = file or SoundFile(self._folder / f"{self.name}.wav")
@@ -105,7 +105,7 @@ class _Recording:
 
     async def _write_pictures(self, frames: aio.MediaIterator[aio.VideoFrame]) -> None:
         self._iterators.append(frames)
-        file: Optional[PictureFile] = None
+        file: PictureFile | None = None
         number = 0
         try:
             async for frame in frames:

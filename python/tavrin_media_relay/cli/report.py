@@ -7,7 +7,7 @@ import importlib
 import json
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Any, Optional
+from typing import Any
 
 from ._failure import Failure
 from ._options import command
@@ -40,11 +40,9 @@ class Course:
 
     times: list[float] = field(default_factory=list)
     """Seconds since its beginning, of the figures that follow."""
-    lateness: dict[str, list[Optional[float]]] = field(
-        default_factory=lambda: {each: [] for each in _LATENESS}
-    )
+    lateness: dict[str, list[float | None]] = field(default_factory=lambda: {each: [] for each in _LATENESS})
     """Milliseconds; None for a second in which nothing was written."""
-    callbacks: dict[str, list[Optional[float]]] = field(default_factory=lambda: {each: [] for each in _KINDS})
+    callbacks: dict[str, list[float | None]] = field(default_factory=lambda: {each: [] for each in _KINDS})
     """Milliseconds from the library to our callable and back, p99; None for a second without any."""
     queues: dict[str, list[float]] = field(default_factory=dict)
     events: list[tuple[float, str]] = field(default_factory=list)
@@ -92,7 +90,7 @@ def read(path: Path) -> Course:
     return course
 
 
-def _with_gaps(values: list[Optional[float]]) -> list[float]:
+def _with_gaps(values: list[float | None]) -> list[float]:
     return [float("nan") if each is None else each for each in values]
 
 

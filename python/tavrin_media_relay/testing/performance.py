@@ -5,7 +5,7 @@ from __future__ import annotations
 import json
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Any, Optional
+from typing import Any
 
 from .. import aio
 from .._recording import log_of
@@ -35,8 +35,8 @@ class Publication:
     begin: float
     end: float
     """When it was published, and when it ended."""
-    sound: Optional[Sound]
-    film: Optional[Film]
+    sound: Sound | None
+    film: Film | None
     """None where nothing of the kind was sent."""
 
 
@@ -51,9 +51,9 @@ class Performance:
     """What the agent returned."""
     told: list[tuple[float, aio.Event]] = field(default_factory=list)
     """What the session told, and when: where the rehearsal had joined for the agent."""
-    statistics: Optional[aio.Statistics] = None
+    statistics: aio.Statistics | None = None
     """Of the session at its end: where the rehearsal had joined for the agent."""
-    exit_code: Optional[int] = None
+    exit_code: int | None = None
     output: str = ""
     """What a program printed, on both of its outputs."""
 

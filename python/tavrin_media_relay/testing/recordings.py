@@ -5,7 +5,7 @@ from __future__ import annotations
 import wave
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any, Iterator, Optional, Sequence
+from typing import Any, Iterator, Sequence
 
 import numpy as np
 import numpy.typing as npt
@@ -102,7 +102,7 @@ class Sound:
         begins, ends = times[np.append(0, breaks + 1)], times[np.append(breaks, -1)] + 1 / self.rate
         return tuple(Utterance(float(begin), float(end)) for begin, end in zip(begins, ends))
 
-    def position_of(self, samples: Any) -> Optional[float]:
+    def position_of(self, samples: Any) -> float | None:
         """When exactly these samples were sent, in the session's own form; None if they were not, or not
         whole."""
         wanted = np.ascontiguousarray(np.asarray(samples, np.int16)).tobytes()

@@ -11,7 +11,7 @@ import subprocess
 import sys
 import time
 from pathlib import Path
-from typing import Any, Awaitable, Callable, Coroutine, Iterator, Optional, Sequence
+from typing import Any, Awaitable, Callable, Coroutine, Iterator, Sequence
 
 from .. import _tasks, aio
 from .._recording import has_told, log_of
@@ -36,7 +36,7 @@ class Rehearsal:
     def __init__(self, folder: Path) -> None:
         self.folder = folder
         """Holds the scenario and the recording."""
-        self.performance: Optional[Performance] = None
+        self.performance: Performance | None = None
         """What `run` gave; also where it raised what the agent raised."""
         self._recording = folder / "recording"
         self._script = Script()
@@ -51,7 +51,7 @@ class Rehearsal:
         name: str = "",
         data: str = "",
         join_at: float = 0.0,
-        leave_at: Optional[float] = None,
+        leave_at: float | None = None,
     ) -> Participant:
         """Somebody who comes at a time, and stays or leaves at another.
 
@@ -105,9 +105,9 @@ class Rehearsal:
         self,
         agent: Agent,
         *,
-        until: Optional[float] = None,
+        until: float | None = None,
         timeout: float = 30.0,
-        settings: Optional[SessionSettings] = None,
+        settings: SessionSettings | None = None,
     ) -> Performance:
         """Joins, awaits `agent(session)`, leaves, and tells what was done.
 
@@ -121,9 +121,9 @@ class Rehearsal:
         self,
         agent: Agent,
         *,
-        until: Optional[float] = None,
+        until: float | None = None,
         timeout: float = 30.0,
-        settings: Optional[SessionSettings] = None,
+        settings: SessionSettings | None = None,
     ) -> Performance:
         """`run`, in the event loop of an async test."""
         told: list[tuple[float, aio.Event]] = []
@@ -143,7 +143,7 @@ class Rehearsal:
         return await self._perform(joined, until, timeout, told, statistics)
 
     def run_alone(
-        self, agent: Callable[[], Awaitable[Any]], *, until: Optional[float] = None, timeout: float = 30.0
+        self, agent: Callable[[], Awaitable[Any]], *, until: float | None = None, timeout: float = 30.0
     ) -> Performance:
         """Awaits `agent()`, which joins by itself: API_HOSTNAME is set, and so are APPLICATION_ID, SESSION_ID
         and TOKEN, which it may read. until: counted from its start."""
@@ -154,7 +154,7 @@ class Rehearsal:
         return asyncio.run(self._perform(alone, until, timeout, [], []))
 
     def run_program(
-        self, arguments: Sequence[object], *, until: Optional[float] = None, timeout: float = 30.0
+        self, arguments: Sequence[object], *, until: float | None = None, timeout: float = 30.0
     ) -> Performance:
         """Runs a program: `[path of a Python file, arguments...]`, in a process of its own with the same
         environment. until: seconds after it has joined, when Ctrl-C is sent to it."""
@@ -178,7 +178,7 @@ class Rehearsal:
             raise AssertionError(f"the program was still running after {timeout:g} s:\n{performance.output}")
         return performance
 
-    def _wait_for(self, program: subprocess.Popen[bytes], until: Optional[float], timeout: float) -> bool:
+    def _wait_for(self, program: subprocess.Popen[bytes], until: float | None, timeout: float) -> bool:
         """True if it hung."""
         end = time.monotonic() + timeout
         if until is not None:
@@ -198,7 +198,7 @@ class Rehearsal:
     async def _perform(
         self,
         work: Callable[[], Coroutine[Any, Any, Any]],
-        until: Optional[float],
+        until: float | None,
         timeout: float,
         told: list[tuple[float, aio.Event]],
         statistics: list[aio.Statistics],
@@ -267,7 +267,7 @@ async def _watch(session: aio.Session, told: list[tuple[float, aio.Event]]) -> N
         told.append((time.monotonic(), event))
 
 
-async def _for_a_while(work: Awaitable[Any], until: Optional[float]) -> Any:
+async def _for_a_while(work: Awaitable[Any], until: float | None) -> Any:
     task = asyncio.ensure_future(work)
     try:
         done, _ = await asyncio.wait([task], timeout=until)

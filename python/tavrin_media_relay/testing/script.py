@@ -7,7 +7,7 @@ import math
 import os
 import wave
 from pathlib import Path
-from typing import Any, Optional, Union
+from typing import Any, Union
 
 import numpy as np
 
@@ -24,7 +24,7 @@ def milliseconds(name: str, seconds: float) -> int:
 class Participant:
     """Somebody on the other side. Made by `Rehearsal.participant`."""
 
-    def __init__(self, id: str, name: str, data: str, join_at: float, leave_at: Optional[float]) -> None:
+    def __init__(self, id: str, name: str, data: str, join_at: float, leave_at: float | None) -> None:
         self.id = id
         self._keys: dict[str, Any] = {"id": id, "name": name, "data": data}
         self._join_ms = milliseconds("join_at", join_at)
@@ -61,9 +61,9 @@ class Participant:
         self,
         file: Union[str, "os.PathLike[str]", None] = None,
         *,
-        width: Optional[int] = None,
-        height: Optional[int] = None,
-        fps: Optional[int] = None,
+        width: int | None = None,
+        height: int | None = None,
+        fps: int | None = None,
     ) -> None:
         """Shows a video or a still picture from joining on, or without a file a moving test card."""
         source: dict[str, Any] = {"testcard": True} if file is None else {"file": str(Path(file).resolve())}
