@@ -11,7 +11,7 @@
 namespace sarnet {
 namespace {
 
-// Stands in for an engine that there is not.
+// Stands in for an engine that does not exist.
 class RefusingEngine : public Engine {
  public:
   RefusingEngine(int code, std::string text) : code_(code), text_(std::move(text)) {}

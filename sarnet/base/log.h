@@ -16,8 +16,7 @@ void write_log(LogLevel level, const std::string& text);
 
 }  // namespace sarnet
 
-// Evaluates the stream only when the level is enabled: SARNET_LOG(kWarn, "lost " << n << "
-// frames").
+// Evaluates the stream only when the level is enabled: SARNET_LOG(kWarn, "lost " << n).
 #define SARNET_LOG(level, stream)                                            \
   do {                                                                       \
     if (::sarnet::log_enabled(::sarnet::LogLevel::level)) {                  \

@@ -116,8 +116,7 @@ void Room::record(const char* event,
   recorder_->log(event, std::move(values));
 }
 
-// ---- Members
-// --------------------------------------------------------------------------------------
+// ---- Members ----
 
 bool Room::closed() const {
   const common::LockGuard lock(mutex_);
@@ -179,7 +178,7 @@ void Room::admit(const void* key) {
   for (const auto& other : members_) {
     if (other->key == key || !other->joined) continue;
     sink.participant_joined(other->connection);
-    for (const Publication& publication : other->publications) {
+    for (const Published& publication : other->publications) {
       if (publication.announced) sink.stream_added(publication.stream->info());
     }
     other->sink->participant_joined(member->connection);
@@ -194,12 +193,12 @@ void Room::leave(const void* key) {
   if (found == members_.end()) return;
   const auto member = std::move(*found);
   members_.erase(found);
-  std::erase_if(subscriptions_, [&](const Subscription& each) REQUIRES(mutex_) {
+  std::erase_if(subscriptions_, [&](const Subscribed& each) REQUIRES(mutex_) {
     if (each.member != key) return false;
     if (const auto stream = find_stream(each.stream_id, key)) stream->remove(each.sink.get());
     return true;
   });
-  for (const Publication& publication : member->publications) {
+  for (const Published& publication : member->publications) {
     remove_publication(*member, publication);
   }
   if (member->joined) {
@@ -229,8 +228,7 @@ void Room::notify_others(const void* key, const std::function<void(SessionSink&)
   }
 }
 
-// ---- Streams of members
-// ---------------------------------------------------------------------------
+// ---- Streams of members ----
 
 std::shared_ptr<PublishedStream> Room::publish(const void* key, const PublishRequest& request,
                                                std::shared_ptr<PublicationSink> sink) {
@@ -252,7 +250,7 @@ std::shared_ptr<PublishedStream> Room::publish(const void* key, const PublishReq
 void Room::announce(const void* key, const RoomStream* stream) {
   Member* const member = find_member(key);
   if (member == nullptr) return;
-  for (Publication& publication : member->publications) {
+  for (Published& publication : member->publications) {
     if (publication.stream.get() != stream) continue;
     publication.announced = true;
     publication.sink->published(stream->info());
@@ -266,14 +264,14 @@ void Room::unpublish(const void* key, const PublishedStream* stream) {
   if (member == nullptr) return;
   const auto found =
       std::find_if(member->publications.begin(), member->publications.end(),
-                   [&](const Publication& each) { return each.stream.get() == stream; });
+                   [&](const Published& each) { return each.stream.get() == stream; });
   if (found == member->publications.end()) return;
-  const Publication publication = std::move(*found);
+  const Published publication = std::move(*found);
   member->publications.erase(found);
   remove_publication(*member, publication);
 }
 
-void Room::remove_publication(Member& member, const Publication& publication) {
+void Room::remove_publication(Member& member, const Published& publication) {
   publication.stream->close();
   end_subscriptions(publication.stream->info().id);
   if (!publication.announced) return;
@@ -281,8 +279,7 @@ void Room::remove_publication(Member& member, const Publication& publication) {
                 [&](SessionSink& sink) { sink.stream_removed(publication.stream->info()); });
 }
 
-// ---- Subscriptions
-// --------------------------------------------------------------------------------
+// ---- Subscriptions ----
 
 std::shared_ptr<RoomStream> Room::find_stream(const std::string& id, const void* key) {
   for (const auto& actor : actors_) {
@@ -290,7 +287,7 @@ std::shared_ptr<RoomStream> Room::find_stream(const std::string& id, const void*
   }
   for (const auto& member : members_) {
     if (member->key == key) continue;
-    for (const Publication& publication : member->publications) {
+    for (const Published& publication : member->publications) {
       if (publication.announced && publication.stream->info().id == id) return publication.stream;
     }
   }
@@ -332,7 +329,7 @@ void Room::unsubscribe(const SubscriptionSink* sink) {
 }
 
 void Room::end_subscriptions(const std::string& stream_id) {
-  std::erase_if(subscriptions_, [&](const Subscription& each) {
+  std::erase_if(subscriptions_, [&](const Subscribed& each) {
     if (each.stream_id != stream_id) return false;
     each.sink->subscription_ended();
     return true;

@@ -46,7 +46,7 @@ class Room : public std::enable_shared_from_this<Room> {
  private:
   using Clock = std::chrono::steady_clock;
 
-  struct Publication {
+  struct Published {
     std::shared_ptr<RoomStream> stream;
     std::shared_ptr<PublicationSink> sink;
     bool announced = false;
@@ -57,7 +57,7 @@ class Room : public std::enable_shared_from_this<Room> {
     std::shared_ptr<SessionSink> sink;
     ConnectionInfo connection;
     bool joined = false;
-    std::vector<Publication> publications;
+    std::vector<Published> publications;
   };
   struct Actor {
     ScenarioParticipant script;
@@ -66,7 +66,7 @@ class Room : public std::enable_shared_from_this<Room> {
     std::shared_ptr<Player> player;  // until it has played
     std::shared_ptr<RoomStream> stream;
   };
-  struct Subscription {
+  struct Subscribed {
     const void* member = nullptr;
     std::string stream_id;
     std::shared_ptr<SubscriptionSink> sink;
@@ -98,7 +98,7 @@ class Room : public std::enable_shared_from_this<Room> {
   void fail_subscriptions(const ScenarioEvent& event) REQUIRES(mutex_);
   void announce(const void* key, const RoomStream* stream) REQUIRES(mutex_);
   void answer_subscription(const SubscriptionSink* sink) REQUIRES(mutex_);
-  void remove_publication(Member& member, const Publication& publication) REQUIRES(mutex_);
+  void remove_publication(Member& member, const Published& publication) REQUIRES(mutex_);
   void end_subscriptions(const std::string& stream_id) REQUIRES(mutex_);
   void notify_others(const void* key, const std::function<void(SessionSink&)>& tell)
       REQUIRES(mutex_);
@@ -126,7 +126,7 @@ class Room : public std::enable_shared_from_this<Room> {
   std::shared_ptr<Recorder> recorder_ GUARDED_BY(mutex_);
   std::vector<std::unique_ptr<Actor>> actors_ GUARDED_BY(mutex_);
   std::vector<std::unique_ptr<Member>> members_ GUARDED_BY(mutex_);
-  std::vector<Subscription> subscriptions_ GUARDED_BY(mutex_);
+  std::vector<Subscribed> subscriptions_ GUARDED_BY(mutex_);
 };
 
 }  // namespace sarnet

@@ -90,7 +90,7 @@ void Room::perform(const ScenarioEvent& event) {
 void Room::end_for_all(const std::function<void(SessionSink&)>& tell) {
   notify_others(nullptr, tell);
   for (const auto& member : members_) {
-    for (const Publication& publication : member->publications) publication.stream->close();
+    for (const Published& publication : member->publications) publication.stream->close();
   }
   for (const auto& actor : actors_) {
     if (actor->stream) actor->stream->close();
@@ -103,7 +103,7 @@ void Room::end_for_all(const std::function<void(SessionSink&)>& tell) {
 void Room::fail_publications(const ScenarioEvent& event) {
   for (const auto& member : members_) {
     const auto publications = std::exchange(member->publications, {});
-    for (const Publication& publication : publications) {
+    for (const Published& publication : publications) {
       publication.sink->publication_failed(event.code, event.text);
       remove_publication(*member, publication);
     }
@@ -111,7 +111,7 @@ void Room::fail_publications(const ScenarioEvent& event) {
 }
 
 void Room::fail_subscriptions(const ScenarioEvent& event) {
-  std::erase_if(subscriptions_, [&](const Subscription& each) REQUIRES(mutex_) {
+  std::erase_if(subscriptions_, [&](const Subscribed& each) REQUIRES(mutex_) {
     const bool meant = event.participant.empty() ||
                        std::any_of(actors_.begin(), actors_.end(), [&](const auto& actor) {
                          return actor->script.id == event.participant && actor->stream &&

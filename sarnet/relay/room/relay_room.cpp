@@ -4,20 +4,11 @@
 #include <set>
 #include <utility>
 
+#include "base/epoch.h"
 #include "base/log.h"
 #include "relay/signalling/wire_limits.h"
 
 namespace sarnet::relay {
-namespace {
-
-std::int64_t epoch_ms() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
-
-}  // namespace
-
 RelayRoom::RelayRoom(std::string session_id, std::string own_id, RoomObserver& observer)
     : session_id_(std::move(session_id)), own_id_(std::move(own_id)), observer_(observer) {}
 

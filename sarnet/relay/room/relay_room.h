@@ -8,8 +8,8 @@
 
 namespace sarnet::relay {
 
-// Told of the others, each change once: a participant before its streams, and its streams' end
-// before its own.
+// Is told of each change among the other participants once: a participant before its streams, and
+// the end of its streams before its own.
 class RoomObserver {
  public:
   virtual ~RoomObserver() = default;

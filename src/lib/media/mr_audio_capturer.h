@@ -23,13 +23,12 @@ using MRAudioCapturerBuffersDrainedCallback = std::function<void()>;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
-/// The way of injected audio: bursts of any size in, one period of samples at a time out to the
-/// library.
+/// Buffers injected audio: accepts blocks of any size and gives the library one period at a time.
 ///
 /// While samples wait, each period goes out as it is. When they run out, the rest goes out padded
-/// with silence, three periods pass without a word (the second raises the drained callback, once a
-/// dry spell), and explicit silence follows. Before the first full period, and after a clear, it is
-/// silence at once and no drained callback.
+/// with silence; then three periods pass without any sample (the second raises the drained
+/// callback, once for each time the buffer runs dry), and explicit silence follows. Before the
+/// first full period, and after a clear, silence starts at once, without a drained callback.
 ///
 /// `addAudio`, `clearAudioBuffers` and the getters may be called from any thread; the life-cycle
 /// calls too, one at a time. `stop` and the destructor wait for the period under way.

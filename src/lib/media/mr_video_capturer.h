@@ -31,7 +31,8 @@ struct MRVideoSettings {
 
 std::ostream& operator<<(std::ostream& out, const MRVideoSettings& settings);
 
-/// Called on the capturer's thread with no lock held. Quick, please: a frame waits.
+/// Called on the capturer's thread with no lock held. Must return quickly: it delays the next
+/// frame.
 using MRVideoBufferDrainedCallback = std::function<void()>;
 
 /// The way of injected video: frames in at the program's pace, one frame a period out to the

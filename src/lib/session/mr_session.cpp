@@ -13,7 +13,7 @@ namespace {
 
 const log4cxx::LoggerPtr& logger = lastingLogger("MRSession");
 
-// The service is reached in the one way.
+// Path and port of the service are fixed.
 constexpr const char* kPath = "";
 constexpr uint32_t kPort = 443;
 

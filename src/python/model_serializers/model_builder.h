@@ -23,7 +23,7 @@ python_utils::PyObjectPtr call_with_keywords(PyObject* factory,
 // A `str`; null with the exception pending when the text is not UTF-8.
 python_utils::PyObjectPtr create_string(const std::string& text);
 
-// An attribute of the module `datetime`. Null with the exception pending.
+// The module `datetime`; null with the exception pending.
 python_utils::PyObjectPtr import_datetime();
 
 }  // namespace models

@@ -13,7 +13,8 @@
 // process, never destroyed; any thread, with or without the interpreter lock.
 class ExitGate {
  public:
-  // A stay on the way into Python or inside the controller. Ends without any lock of Python's.
+  // Counts a thread as inside (on its way into Python, or in the controller) until it is destroyed.
+  // Needs no lock of Python's to end.
   class Pass {
    public:
     // Into the controller: always let in.
