@@ -87,6 +87,13 @@ bool DataChannel::start() {
     close();
     return false;
   }
+  // The stack is one for the process. Set up by another library of the program, it tells that one
+  // what to send.
+  if (outbox_->empty()) {
+    SARNET_LOG(kWarn, "relay: the SCTP stack of this process belongs to another library");
+    close();
+    return false;
+  }
   return true;
 }
 

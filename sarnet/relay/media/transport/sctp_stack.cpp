@@ -65,6 +65,11 @@ std::vector<std::vector<std::uint8_t>> SctpOutbox::take() {
   return std::exchange(packets_, {});
 }
 
+bool SctpOutbox::empty() {
+  const std::lock_guard lock(mutex_);
+  return packets_.empty();
+}
+
 void SctpOutbox::attend(bool attended) {
   const std::lock_guard lock(mutex_);
   attended_ = attended;

@@ -24,6 +24,7 @@ class SctpOutbox {
   void add(const void* packet, std::size_t size);
   // The loop's thread: what is to be sent, in order.
   std::vector<std::vector<std::uint8_t>> take();
+  bool empty();
   // The loop's thread: between the two, add() leaves it to the owner to take what came.
   void attend(bool attended);
 
