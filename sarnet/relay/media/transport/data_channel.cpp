@@ -27,6 +27,11 @@ constexpr std::uint16_t kStreams = 64;
 // A packet and what DTLS adds fit into what DtlsLink sends.
 constexpr std::uint32_t kPacket = 1150;
 constexpr int kBuffer = 2 * 1024 * 1024;
+// Text is soon there again after a break, milliseconds; who gives up is ICE.
+constexpr std::uint32_t kFirstRetry = 500;
+constexpr std::uint32_t kLeastRetry = 200;
+constexpr std::uint32_t kLastRetry = 1000;
+constexpr std::uint16_t kRetries = 120;
 
 template <class Value>
 bool set(struct socket* socket, int level, int option, const Value& value) {
@@ -107,9 +112,18 @@ bool DataChannel::configure() {
   sctp_initmsg streams{};
   streams.sinit_num_ostreams = kStreams;
   streams.sinit_max_instreams = kStreams;
+  streams.sinit_max_attempts = kRetries;
+  streams.sinit_max_init_timeo = kLastRetry;
   sctp_paddrparams path{};
   path.spp_flags = SPP_PMTUD_DISABLE;
   path.spp_pathmtu = kPacket;
+  path.spp_pathmaxrxt = kRetries;
+  sctp_rtoinfo pace{};
+  pace.srto_initial = kFirstRetry;
+  pace.srto_min = kLeastRetry;
+  pace.srto_max = kLastRetry;
+  sctp_assocparams patience{};
+  patience.sasoc_asocmaxrxt = kRetries;
   const int on = 1;
   return usrsctp_set_non_blocking(socket_, 1) == 0 &&
          set(socket_, SOL_SOCKET, SO_LINGER, at_once) &&
@@ -118,6 +132,8 @@ bool DataChannel::configure() {
          set(socket_, IPPROTO_SCTP, SCTP_RECVRCVINFO, on) &&
          set(socket_, IPPROTO_SCTP, SCTP_EVENT, changes) &&
          set(socket_, IPPROTO_SCTP, SCTP_INITMSG, streams) &&
+         set(socket_, IPPROTO_SCTP, SCTP_RTOINFO, pace) &&
+         set(socket_, IPPROTO_SCTP, SCTP_ASSOCINFO, patience) &&
          set(socket_, IPPROTO_SCTP, SCTP_PEER_ADDR_PARAMS, path);
 }
 

@@ -80,13 +80,15 @@ IceAgent::~IceAgent() { close(); }
 bool IceAgent::build(const MainLoop& loop, const Settings& settings, std::string& error) {
   loop_ = &loop;
   const auto options = static_cast<NiceAgentOption>(NICE_AGENT_OPTION_ICE_TRICKLE |
-                                                    NICE_AGENT_OPTION_REGULAR_NOMINATION |
-                                                    NICE_AGENT_OPTION_CONSENT_FRESHNESS);
+                                                    NICE_AGENT_OPTION_REGULAR_NOMINATION);
   agent_ = nice_agent_new_full(loop.context(), NICE_COMPATIBILITY_RFC5245, options);
   if (agent_ == nullptr) {
     error = "ICE: it cannot be set up";
     return false;
   }
+  // Checks of the way go on while it is used. Consent freshness proper would be given up after ten
+  // seconds without an answer, which a change of networks takes.
+  g_object_set(agent_, "keepalive-conncheck", TRUE, nullptr);
   // It would ask the network's routers, by multicast, to open ports. Media over TCP go through TURN
   // if at all.
   g_object_set(agent_, "upnp", FALSE, "ice-tcp", FALSE, "controlling-mode",

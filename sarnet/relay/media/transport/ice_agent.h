@@ -27,15 +27,15 @@ class IceObserver {
   virtual void on_ice_candidate(const std::string& candidate) = 0;
   // Whether packets get through; told when it changes.
   virtual void on_ice_way(bool open) = 0;
-  // All ways were tried, or the one there was is lost for half a minute.
+  // All ways were tried, or the one there was does not answer any more.
   virtual void on_ice_failed() = 0;
   // May be changed in place; valid during the call, which may let go of the agent.
   virtual void on_ice_packet(std::span<std::uint8_t> packet) = 0;
 };
 
-// A way for packets through the network: ICE (RFC 8445) with candidates that trickle both ways and
-// consent freshness (RFC 7675), one component. Everything runs on the loop's thread, the agent has
-// none of its own. A break of less than half a minute heals by itself: checks go on.
+// A way for packets through the network: ICE (RFC 8445) with candidates that trickle both ways, one
+// component. Everything runs on the loop's thread, the agent has none of its own. The way is checked
+// every 20 seconds; a break of half a minute heals by itself, a longer one may be its end.
 class IceAgent : public std::enable_shared_from_this<IceAgent> {
  public:
   struct Settings {
