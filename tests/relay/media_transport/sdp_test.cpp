@@ -57,7 +57,8 @@ TransportInfo own_info() {
 }
 
 TEST(Descriptions, AreReadAsTheServerWritesThem) {
-  const Description offer = read(kOffer);
+  const Description offer =
+      read(kOffer + "a=candidate:1 1 udp 2015363583 127.0.0.1 22583 typ host\r\n");
   EXPECT_EQ(offer.transport.ufrag, "UBEu");
   EXPECT_EQ(offer.transport.pwd, "RUgPx+bQVQ4+/pZ05dBDob");
   EXPECT_EQ(offer.transport.fingerprint.hash.size(), 32U);

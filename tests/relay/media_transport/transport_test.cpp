@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -73,11 +74,15 @@ class End : public TransportObserver {
 class Call {
  public:
   Call() {
-    set_services(
-        {.start_thread = nullptr,
-         .log_enabled = [](LogLevel level) { return level <= LogLevel::kWarn; },
-         .write_log = [](LogLevel,
-                         const std::string& text) { std::fprintf(stderr, "%s\n", text.c_str()); }});
+    static std::once_flag lent;
+    std::call_once(lent, [] {
+      set_services({.start_thread = nullptr,
+                    .log_enabled = [](LogLevel level) { return level <= LogLevel::kWarn; },
+                    .write_log =
+                        [](LogLevel, const std::string& text) {
+                          std::fprintf(stderr, "%s\n", text.c_str());
+                        }});
+    });
     g_main_context_push_thread_default(loop->context());
     for (int i = 0; i < 2; ++i) {
       ends[i].number = i;

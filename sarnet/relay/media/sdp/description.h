@@ -70,8 +70,9 @@ struct Section {
 struct Description {
   TransportInfo transport;
   std::vector<Section> sections;
-  std::vector<std::string> candidates;  // "candidate:..."
+  std::vector<std::string> candidates;  // "candidate:...", each once
   bool end_of_candidates = false;
+  bool ice_lite = false;  // only answers checks: we lead the choice of a way
 };
 
 // Reads a description; on a fault false, and `error` says which. What is read is usable as it

@@ -194,6 +194,10 @@ class Reader {
       result_.end_of_candidates = true;
       return true;
     }
+    if (name == "ice-lite") {
+      result_.ice_lite = true;
+      return true;
+    }
     if (name == "sendrecv") return take_direction(Direction::kBoth);
     if (name == "sendonly") return take_direction(Direction::kSend);
     if (name == "recvonly") return take_direction(Direction::kReceive);
@@ -215,6 +219,8 @@ class Reader {
   }
 
   bool take_candidate(std::string_view line) {
+    // Each section names the bundle's again.
+    if (std::ranges::find(result_.candidates, line) != result_.candidates.end()) return true;
     if (result_.candidates.size() == static_cast<std::size_t>(kMaxCandidates) ||
         line.size() > kMaxCandidate) {
       return refuse("it has too many or too long candidates");

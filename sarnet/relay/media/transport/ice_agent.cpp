@@ -178,6 +178,10 @@ bool IceAgent::start_gathering() {
   return std::exchange(gathering_, true) || nice_agent_gather_candidates(agent_, stream_) != FALSE;
 }
 
+void IceAgent::lead() {
+  if (agent_ != nullptr) g_object_set(agent_, "controlling-mode", TRUE, nullptr);
+}
+
 bool IceAgent::set_remote(const std::string& ufrag, const std::string& pwd) {
   if (agent_ == nullptr) return false;
   if (ufrag == remote_ufrag_) return true;

@@ -34,8 +34,8 @@ class IceObserver {
 };
 
 // A way for packets through the network: ICE (RFC 8445) with candidates that trickle both ways, one
-// component. Everything runs on the loop's thread, the agent has none of its own. The way is checked
-// every 20 seconds; a break of half a minute heals by itself, a longer one may be its end.
+// component. Everything runs on the loop's thread, the agent has none of its own. The way is
+// checked every 20 seconds; a break of half a minute heals by itself, a longer one may be its end.
 class IceAgent : public std::enable_shared_from_this<IceAgent> {
  public:
   struct Settings {
@@ -57,6 +57,8 @@ class IceAgent : public std::enable_shared_from_this<IceAgent> {
 
   // Looks for candidates. False when there is not one address to be had.
   bool gather();
+  // Leads the choice of a way although the other side offered, as one that is lite cannot.
+  void lead();
   // New ones later than the first restart the search, with new ones of our own.
   bool set_remote(const std::string& ufrag, const std::string& pwd);
   // An empty text: no more. What is not understood is passed over.

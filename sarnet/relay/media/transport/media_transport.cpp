@@ -66,6 +66,7 @@ void MediaTransport::set_remote(const sdp::Description& remote, bool active) {
                          .max_text = most == 0 || most > sdp::kMaxText ? sdp::kMaxText : most};
     open_channel();
   }
+  if (remote.ice_lite) ice_->lead();
   if (!ice_->set_remote(info.ufrag, info.pwd)) {
     fail("ICE: the other side's names are not taken");
     return;
