@@ -56,10 +56,16 @@ struct IceAgent::Callbacks {
     const ErrorPtr owned(error);
     if (const auto self = lookup->agent.lock(); self && self->agent_ != nullptr) {
       guarded("ICE", [&] {
-        if (found != nullptr) {
-          const TextPtr text(g_inet_address_to_string(G_INET_ADDRESS(found->data)));
-          self->add_server(lookup->server, text.get());
-        } else {
+        // Of each family one, the way to the other may be closed; the last is what STUN goes by.
+        for (const GSocketFamily family : {G_SOCKET_FAMILY_IPV6, G_SOCKET_FAMILY_IPV4}) {
+          for (GList* each = found; each != nullptr; each = each->next) {
+            if (g_inet_address_get_family(G_INET_ADDRESS(each->data)) != family) continue;
+            const TextPtr text(g_inet_address_to_string(G_INET_ADDRESS(each->data)));
+            self->add_server(lookup->server, text.get());
+            break;
+          }
+        }
+        if (found == nullptr) {
           SARNET_LOG(kWarn, "relay: an ICE server is left out, its name is not known");
         }
         self->lookup_done();
