@@ -1,0 +1,22 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace sarnet::relay {
+
+// A STUN or TURN server in parts.
+struct IceEndpoint {
+  bool is_relay = false;
+  bool over_tcp = false;
+  std::string host;  // a name or an address, IPv6 without brackets
+  unsigned port = 3478;
+  std::string user;  // of a relay
+  std::string password;
+};
+
+// Reads what parse_ice_server() reads.
+std::optional<IceEndpoint> parse_ice_endpoint(std::string_view text);
+
+}  // namespace sarnet::relay
