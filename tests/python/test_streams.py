@@ -7,27 +7,6 @@ import re
 import pytest
 
 
-def test_publisher_states(world):
-    world.connect()
-    settings = world.models.PublisherSettings("p")
-    world.publish(on_stream_created_cb=world.rec("created"), on_stream_destroyed_cb=world.rec("destroyed"))
-    world.rec.wait("created")
-    assert world.client.is_publishing() is True
-    assert world.client.publish(settings, on_stream_destroyed_cb=world.rec("second")) is False
-    world.lib.publisher_stream_destroyed("published-1")
-    world.lib.publisher_error(-1, "after")
-    world.rec.wait("destroyed")
-    world.settle()
-    assert not world.rec.named("second")
-    # The publisher is lost: it stands in the way until it is given up.
-    assert world.client.is_publishing() is False and world.client.publish(settings) is False
-    assert world.client.unpublish() is True
-    world.publish(on_stream_destroyed_cb=world.rec("asked for"))
-    assert world.client.unpublish() is True
-    world.settle()
-    assert world.client.is_publishing() is False and not world.rec.named("asked for")
-
-
 def test_subscriber_asks_for_what_its_settings_and_callables_want(world):
     m = world.models
     world.connect()
