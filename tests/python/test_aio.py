@@ -13,7 +13,7 @@ from pathlib import Path
 import aio_cases
 import numpy as np
 import pytest
-from programs import BUILD, COMPLAINTS, environment
+from programs import BUILD, COMPLAINTS, end, launch
 
 from tavrin_media_relay import frame_buffer_size
 from tavrin_media_relay._native.pictures import convert
@@ -24,30 +24,14 @@ from tavrin_media_relay.aio.video_output import convert_aside
 
 
 def start(case: str, folder: Path, **variables: object) -> subprocess.Popen[str]:
-    return subprocess.Popen(
-        [sys.executable, "-X", "dev", "-W", "ignore::DeprecationWarning", aio_cases.__file__, case],
-        env=environment(**variables),
-        cwd=folder,
-        text=True,
-        errors="replace",
-        stdout=subprocess.PIPE,
-        stderr=subprocess.PIPE,
-        preexec_fn=lambda: signal.signal(
-            signal.SIGINT, signal.SIG_DFL
-        ),  # ignored where tests run in the background
-    )
+    options = ["-X", "dev", "-W", "ignore::DeprecationWarning"]
+    return launch(*options, aio_cases.__file__, case, cwd=folder, **variables)
 
 
 @pytest.mark.parametrize("case", [*(case.__name__ for case in aio_cases.CASES), "lost_outcomes"])
 def test_case(case, tmp_path):
     scripted = {"LD_LIBRARY_PATH": BUILD / "scripted"} if case == "lost_outcomes" else {}
-    program = start(case, tmp_path, **scripted)
-    try:
-        out, err = program.communicate(timeout=60)
-    finally:
-        program.kill()
-    assert program.returncode == 0, f"exit code {program.returncode}\n{out[-3000:]}\n{err[-6000:]}"
-    assert not [each for each in COMPLAINTS if each in err], err
+    end(start(case, tmp_path, **scripted), 0)
 
 
 def test_a_queue_found_dry_during_a_write_is_not_dry_after_it():
@@ -109,9 +93,7 @@ def test_ctrl_c(tmp_path):
         while "running" not in program.stdout.readline():
             assert program.poll() is None, program.stderr.read()
         program.send_signal(signal.SIGINT)
-        out, err = program.communicate(timeout=30)
+        out, err = end(program, -signal.SIGINT, COMPLAINTS[1:])
     finally:
         program.kill()
-    assert program.returncode == -signal.SIGINT and "left" in out, out + err
-    assert err.strip().endswith("KeyboardInterrupt")
-    assert not [each for each in COMPLAINTS[1:] if each in err], err
+    assert "left" in out and err.strip().endswith("KeyboardInterrupt"), out + err

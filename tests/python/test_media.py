@@ -146,19 +146,11 @@ def test_pictures_arrive_byte_for_byte(world, format, code):
 def test_pictures_whose_sizes_lie(world, change, exception):
     assert connect_with_video(world)
     world.publish()
-    for other in (
-        frame(world, bytes(64 * 50 * 2), height=50),
-        frame(world, bytes(SIZES["RGB24"]), format="RGB24"),
-    ):
-        assert world.client.add_video(other) is False  # sound, but not what was agreed on
-    values = {
-        "width": 64,
-        "height": 48,
-        "format": "YUV420P",
-        "frame_buffer": bytes(SIZES["YUV420P"]),
-        **change,
-    }
-    size = SimpleNamespace(width=values.pop("width"), height=values.pop("height"))
+    # Sound, but not what was agreed on.
+    assert world.client.add_video(frame(world, bytes(64 * 50 * 2), height=50)) is False
+    assert world.client.add_video(frame(world, bytes(SIZES["RGB24"]), format="RGB24")) is False
+    values = {"format": "YUV420P", "frame_buffer": bytes(SIZES["YUV420P"]), **change}
+    size = SimpleNamespace(width=values.pop("width", 64), height=values.pop("height", 48))
     with pytest.raises(exception):
         world.client.add_video(SimpleNamespace(resolution=size, **values))
     assert world.client.add_video(frame(world, bytes(SIZES["YUV420P"]))) is True
@@ -166,11 +158,7 @@ def test_pictures_whose_sizes_lie(world, change, exception):
 
 def test_impossible_and_extreme_picture_settings(world):
     for picture in [{"width": 0}, {"height": -1}, {"fps": 0}, {"fps": -(2**31)}, {"width": 2**31}]:
-        world.log.clear()
         assert connect_with_video(world, **picture) is False, picture
-        assert any(
-            "MRSession::connect: Invalid video publisher settings" in text for _, text in world.log.texts()
-        )
     for picture in [{"fps": 2**31 - 1}, {"width": 2**20, "height": 2**20}]:
         assert connect_with_video(world, **picture) is True, picture
         world.publish()
@@ -221,11 +209,6 @@ def test_drained_report(world, sound, picture):
     world.rec.wait("drained", before + (2 if picture else 1))
     reports = [event.args[0] for event in world.rec.named("drained")[before:]]
     zero = timedelta(0)
-    assert any(
-        each.audio and each.audio.duration == zero and (each.video is not None) == picture for each in reports
-    )
-    if picture:
-        assert any(
-            each.video and each.video.duration == zero and (each.audio is not None) == sound
-            for each in reports
-        )
+    dry = [(each.audio and each.audio.duration, each.video and each.video.duration) for each in reports]
+    assert any(audio == zero and (video is not None) == picture for audio, video in dry), dry
+    assert not picture or any(video == zero and (audio is not None) == sound for audio, video in dry), dry

@@ -145,14 +145,12 @@ def test_session_that_ends_by_itself(world, events, disconnected, errors):
 
 def test_reconnect_from_inside_on_error_survives_the_old_sessions_end(world):
     def again(*_):
-        world.rec("again")(
-            world.client.connect("key", "second", "token", on_connected_cb=world.rec("second"))
-        )
+        second = world.rec("second")
+        world.rec("again")(world.client.connect("key", "second", "token", on_connected_cb=second))
 
     queued = threading.Event()
-    world.connect(
-        on_error_cb=again, on_connection_created_cb=world.rec("held", then=lambda *_: queued.wait(20))
-    )
+    held = world.rec("held", then=lambda *_: queued.wait(20))
+    world.connect(on_error_cb=again, on_connection_created_cb=held)
     world.lib.connection_created("c", "", 0)
     world.rec.wait("held")  # while the worker is held up, both events of the first session queue up
     world.lib.session_error(1, "gone"), world.lib.session_disconnected()
