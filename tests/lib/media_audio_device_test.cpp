@@ -61,17 +61,7 @@ TEST_F(AudioDevice, AnswersEverySlotByTheStateOfItsSide) {
   EXPECT_EQ(scripted_device_slot_with("is_renderer_started", nullptr), 0);
 }
 
-TEST_F(AudioDevice, TellsOfAStartedCapturerAndOnlyOfThat) {
-  int told = 0;
-  device_.setOnCapturerStartedCallback([&] { ++told; });
-  EXPECT_EQ(scripted_device_slot("start_capturer"), 0);
-  EXPECT_EQ(told, 0);
-  EXPECT_EQ(scripted_device_slot("init_capturer"), 1);
-  EXPECT_EQ(scripted_device_slot("start_capturer"), 1);
-  EXPECT_EQ(told, 1);
-
-  // The callable is foreign to the library's C code, which no exception may reach.
-  device_.stop();
+TEST_F(AudioDevice, LetsNoExceptionIntoTheLibrary) {
   device_.setOnCapturerStartedCallback([] { throw std::runtime_error("no memory"); });
   EXPECT_EQ(scripted_device_slot("init_capturer"), 1);
   EXPECT_EQ(scripted_device_slot("start_capturer"), 0);

@@ -48,16 +48,11 @@ TEST_F(VideoFrame, SizesAreThoseOfPackedPictures) {
         Row{32'768, 65'535, YUV420P, 0}, Row{32'768, 16'383, ARGB32, 2'147'352'576}}) {
     EXPECT_EQ(MRVideoFrame::bufferSize(row.width, row.height, row.format), row.size)
         << row.width << "x" << row.height << " " << row.format;
+    const std::uint8_t byte = 0;
+    if (row.size != 0) continue;
+    EXPECT_EQ(MRVideoFrame::create(row.width, row.height, row.format), nullptr);
+    EXPECT_EQ(MRVideoFrame::create(row.width, row.height, &byte, row.format), nullptr);
   }
-}
-
-TEST_F(VideoFrame, CreateNeedsSizeFormatAndMemory) {
-  const std::uint8_t byte = 0;
-  EXPECT_EQ(MRVideoFrame::create(0, 2, YUV420P), nullptr);
-  EXPECT_EQ(MRVideoFrame::create(2, -2, YUV420P), nullptr);
-  EXPECT_EQ(MRVideoFrame::create(2, 2, UNKNOWN), nullptr);
-  EXPECT_EQ(MRVideoFrame::create(100'000, 100'000, RGB24), nullptr);
-  EXPECT_EQ(MRVideoFrame::create(65536, 16385, &byte, ARGB32), nullptr);
   EXPECT_EQ(MRVideoFrame::create(2, 2, nullptr, RGB24), nullptr);
 }
 

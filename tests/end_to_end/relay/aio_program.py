@@ -48,11 +48,8 @@ async def hear(frames: aio.AudioIterator) -> float:
         if len(loud) == ENOUGH:
             break
     samples = np.concatenate(loud)
-    return (
-        float(np.abs(np.fft.rfft(samples * np.hanning(len(samples)))).argmax())
-        * frame.sample_rate
-        / len(samples)
-    )
+    strongest = np.abs(np.fft.rfft(samples * np.hanning(len(samples)))).argmax()
+    return float(strongest) * frame.sample_rate / len(samples)
 
 
 async def see(frames: aio.MediaIterator[aio.VideoFrame]) -> list[tuple[int, int]]:
