@@ -8,6 +8,7 @@ import subprocess
 import sys
 import wave
 from pathlib import Path
+from typing import Any
 
 import pytest
 from PIL import Image
@@ -19,7 +20,7 @@ EXAMPLES = ROOT / "examples"
 
 #: The program, its arguments, its scenario, and what its output must match; a group is a number of that
 #: range.
-EXAMPLE_RUNS = {
+EXAMPLE_RUNS: dict[str, Any] = {
     # Three seconds at 30 pictures, of which a busy machine may lose some; the companion's tone is quiet.
     "hello.py": ([], None, r"Caption: (?s:.*)Saw (\d+) pictures of VideoResolution\(width=640, height=480\), "
                  r"heard sound up to [1-7]\d\d\d\n", (45, 200)),

@@ -14,6 +14,7 @@ import threading
 import time
 import wave
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import pytest
@@ -28,7 +29,11 @@ from tavrin_media_relay import (
 )
 
 PATIENCE = 15
-TALKER = {"id": "talker", "audio": {"tone_hz": 440}, "video": {"testcard": True, "width": 320, "height": 240}}
+TALKER: dict[str, Any] = {
+    "id": "talker",
+    "audio": {"tone_hz": 440},
+    "video": {"testcard": True, "width": 320, "height": 240},
+}
 FOLDER = Path.cwd()  # the test's own
 
 
@@ -39,7 +44,7 @@ def scenario(**keys: object) -> None:
     os.environ["API_HOSTNAME"] = f"embedded:{path}"
 
 
-def connect(token: str = "t", **keys: object):
+def connect(token: str = "t", **keys: Any):
     return aio.connect("app-id", "a-session", token, **keys)
 
 
@@ -223,9 +228,9 @@ async def video_out() -> None:
 
 
 async def media_in() -> None:
-    captions = [{"at_ms": 300, "text": "Hel", "final": False}, {"at_ms": 350, "text": "Hello"}]
+    spoken = [{"at_ms": 300, "text": "Hel", "final": False}, {"at_ms": 350, "text": "Hello"}]
     scenario(
-        participants=[{**TALKER, "captions": captions}],
+        participants=[{**TALKER, "captions": spoken}],
         events=[{"at_ms": 2500, "kind": "drop_stream", "participant": "talker"}],
     )
     async with connect() as session:

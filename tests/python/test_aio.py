@@ -9,6 +9,7 @@ import signal
 import subprocess
 import sys
 from pathlib import Path
+from typing import Any
 
 import aio_cases
 import numpy as np
@@ -23,7 +24,7 @@ from tavrin_media_relay.aio._output import Output
 from tavrin_media_relay.aio.video_output import convert_aside
 
 
-def start(case: str, folder: Path, **variables: object) -> subprocess.Popen[str]:
+def start(case: str, folder: Path, **variables: Any) -> subprocess.Popen[str]:
     options = ["-X", "dev", "-W", "ignore::DeprecationWarning"]
     return launch(*options, aio_cases.__file__, case, cwd=folder, **variables)
 
@@ -36,7 +37,7 @@ def test_case(case, tmp_path):
 
 def test_a_queue_found_dry_during_a_write_is_not_dry_after_it():
     async def write() -> Output:
-        output, found = Output(0, 1000, lambda: None), []
+        output, found = Output(0, 1000, lambda: None), list[int]()
         await output.hand_over(lambda: found.append(output.added) or True, 20)
         output.ran_dry(*found)
         return output
@@ -57,7 +58,7 @@ def test_resampling_neither_drifts_nor_distorts(rate_in, channels_in, rate_out, 
     converter, parts, position = Converter(rate_in, channels_in, rate_out, channels_out), [], 0
     while position < len(samples):
         size = dice.randrange(1, 9000) * channels_in
-        parts.append(np.array(converter.convert(memoryview(samples[position : position + size]))))
+        parts.append(np.array(converter.convert(samples[position : position + size].data)))
         position += size
     result = np.concatenate([*parts, np.array(converter.flush())]).reshape(-1, channels_out)
     assert abs(len(result) - seconds * rate_out) <= 1
@@ -71,11 +72,12 @@ def test_resampling_neither_drifts_nor_distorts(rate_in, channels_in, rate_out, 
 def test_pictures_keep_their_colours(size, layout):
     """By way of the session's formats and back to RGB; odd sizes have chroma planes of rounded-up halves."""
     colour = {"R": 200, "G": 90, "B": 40, "A": 255}
-    pixels = bytes(colour[letter] for letter in layout.rstrip("0123456789")) * (size[0] * size[1])
+    width, height = size
+    pixels = bytes(colour[letter] for letter in layout.rstrip("0123456789")) * (width * height)
     for wanted in ("YUV420P", "RGB24", "ARGB32"):
-        there = asyncio.run(convert_aside(memoryview(pixels), *size, layout, wanted))
-        assert len(there) == frame_buffer_size(*size, wanted)
-        back = np.frombuffer(convert(bytes(there), *size, wanted, "RGB24"), np.uint8).reshape(-1, 3)
+        there = asyncio.run(convert_aside(memoryview(pixels), width, height, layout, wanted))
+        assert len(there) == frame_buffer_size(width, height, wanted)
+        back = np.frombuffer(convert(bytes(there), width, height, wanted, "RGB24"), np.uint8).reshape(-1, 3)
         assert np.abs(back.astype(int) - [200, 90, 40]).max() <= 3, (wanted, back[0])
 
 
@@ -89,6 +91,7 @@ def test_numpy_is_asked_for_by_name(monkeypatch):
 
 def test_ctrl_c(tmp_path):
     program = start("interrupted", tmp_path)
+    assert program.stdout and program.stderr
     try:
         while "running" not in program.stdout.readline():
             assert program.poll() is None, program.stderr.read()

@@ -124,7 +124,8 @@ def plain(argument):
 @all_rows
 def test_event_reaches_its_callable_which_may_raise(world, row):
     def raising(*_):
-        raise (SystemExit(3) if row.name.startswith("subscriber") else ValueError)("no such luck")
+        kind: type[BaseException] = SystemExit if row.name.startswith("subscriber") else ValueError
+        raise kind("no such luck")
 
     before = set_up(world, row, world.rec(row.name, then=raising))
     row.raise_event(world)

@@ -11,6 +11,7 @@ import socket
 import subprocess
 import wave
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import pytest
@@ -18,17 +19,17 @@ from programs import BUILD, end, launch
 
 
 def start(
-    *arguments: object, python: tuple[str, ...] = ("-X", "dev"), **variables: object
+    *arguments: object, python: tuple[str, ...] = ("-X", "dev"), **variables: Any
 ) -> subprocess.Popen[str]:
     return launch(*python, "-m", "tavrin_media_relay", *arguments, **variables)
 
 
-def run(*arguments: object, code: int = 0, **variables: object) -> str:
+def run(*arguments: object, code: int = 0, **variables: Any) -> str:
     out, err = end(start(*arguments, **variables), code)
     return out + err if code else out
 
 
-def told(*arguments: object, code: int = 0, **variables: object) -> dict[str, dict]:
+def told(*arguments: object, code: int = 0, **variables: Any) -> dict[str, dict]:
     """The last of each kind of what was told in JSON, which is all that standard output may hold."""
     out, _ = end(start(*arguments, "--json", **variables), code)
     return {each.get("event"): each for each in map(json.loads, out.splitlines())}
@@ -229,7 +230,7 @@ def test_doctor_finds_all_well():
 
 def test_extras_may_be_missing(tmp_path):
     """Without the system's packages there is no rich, no numpy and no matplotlib; without PATH no ffmpeg."""
-    bare = {"python": ("-S",), "PATH": "/nowhere"}
+    bare: dict[str, Any] = {"python": ("-S",), "PATH": "/nowhere"}
     assert "apt-get install python3-rich" in run("doctor", **bare)
     run("record", "--session", "s", "--out", tmp_path, "--seconds", 0.5, "--video", "y4m", **bare)
     assert "report needs matplotlib" in run("report", tmp_path, code=1, **bare)

@@ -30,13 +30,15 @@ def sound(rate):
 
 
 def publisher(**change):
-    values = {"name": "p", "has_audio": True, "has_video": False, "enable_captions": False}
-    return Namespace(**{**values, "audio_settings": None, **change})
+    settings = Namespace(
+        name="p", has_audio=True, has_video=False, enable_captions=False, audio_settings=None
+    )
+    vars(settings).update(change)
+    return settings
 
 
 def stream(time, **change):
-    connection = {"id": "c", "creation_time": time, "data": "", **change}
-    return Namespace(id="s", connection=Namespace(**connection))
+    return Namespace(id="s", connection=Namespace(creation_time=time, **{"id": "c", "data": "", **change}))
 
 
 def calling(timestamp):

@@ -6,6 +6,7 @@ import array
 import zlib
 from datetime import timedelta
 from types import SimpleNamespace
+from typing import Any
 
 import pytest
 
@@ -35,7 +36,12 @@ def wait_captured(world, periods: int) -> bytes:
 
 def test_audio_arrives_sample_for_sample(world):
     world.ready()
-    makers = [bytes, bytearray, lambda data: array.array("h", data), lambda data: memoryview(data).cast("h")]
+    makers: list[Any] = [
+        bytes,
+        bytearray,
+        lambda data: array.array("h", data),
+        lambda data: memoryview(data).cast("h"),
+    ]
     sent = [samples(PERIOD * 3, seed=seed) for seed in range(len(makers))]
     for make, data in zip(makers, sent):
         given = make(data)
@@ -117,7 +123,7 @@ def test_pictures_arrive_byte_for_byte(world, format, code):
     want = [zlib.crc32(picture) for picture in pictures]
 
     def seen():
-        distinct = []
+        distinct: list[int] = []
         for each in world.lib.provided_frames():
             if not distinct or distinct[-1] != each.checksum:
                 distinct.append(each.checksum)

@@ -6,6 +6,7 @@ import subprocess
 import sys
 from datetime import datetime, timedelta
 from pathlib import Path
+from typing import Any
 
 import numpy
 import pytest
@@ -17,7 +18,7 @@ PACKAGE_FOLDER = Path(m.__file__).resolve().parent.parent
 SOUND, VIDEO, VIEW = m.SessionAudioSettings, m.SessionVideoPublisherSettings, m.SubscriberVideoSettings
 LARGEST, TOO_LARGE = m.VideoResolution(32767, 16384), m.VideoResolution(32768, 16384)
 #: (what is built, its keywords, the exception, words of its message)
-REFUSED = [
+REFUSED: list[tuple[Any, dict[str, Any], type[Exception], str]] = [
     (SOUND, {"sample_rate": 7999}, ValueError, "sample_rate .*8000 to 48000 Hz, not 7999"),
     (SOUND, {"number_of_channels": True}, TypeError, "number_of_channels .*not True"),
     (m.LoggingSettings, {"level": "loud"}, ValueError, "level must be one of off, .*not 'loud'"),
@@ -39,13 +40,14 @@ def test_settings_refuse_and_name_the_field(kind, keywords, error, words):
 
 
 def test_settings_take_their_limits():
-    for kind, keywords in [
+    limits: list[tuple[Any, dict[str, Any]]] = [
         (SOUND, {"sample_rate": 8000, "number_of_channels": 1}),
         (SOUND, {"sample_rate": numpy.int32(44100)}),
         (m.LoggingSettings, {"level": "TraCE"}),
         (VIDEO, {"resolution": m.VideoResolution(1, 1), "fps": 1000}),
         (VIDEO, {"resolution": LARGEST, "format": "ARGB32"}),
-    ]:
+    ]
+    for kind, keywords in limits:
         made = kind(**keywords)
         assert {name: getattr(made, name) for name in keywords} == keywords
 
@@ -63,15 +65,15 @@ def test_what_the_module_builds_takes_its_keywords_and_nothing_else():
     frame = m.VideoFrame.model_construct(resolution=size, format="YUV420P", frame_buffer=view)
     assert frame.frame_buffer is view and isinstance(frame, m.VideoFrame)
     stats = m.MediaBufferStats(audio=m.AudioBufferStats(duration=timedelta(milliseconds=20.0)))
-    assert stats.audio.duration.microseconds == 20000 and stats.video is None
+    assert stats.audio and stats.audio.duration.microseconds == 20000 and stats.video is None
     # A misspelled attribute is an error, not a new attribute that nobody reads.
     with pytest.raises(AttributeError):
-        m.SessionSettings().loging = None
+        m.SessionSettings().loging = None  # type: ignore[attr-defined]
     # Each object has a resolution of its own.
     VIDEO().resolution.width = 1
     assert VIDEO().resolution == m.VideoResolution(640, 480)
     with pytest.raises(TypeError):
-        m.Session(id="s", name="x")
+        m.Session(id="s", name="x")  # type: ignore[call-arg]
 
 
 def test_models_import_without_the_extension():

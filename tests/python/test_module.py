@@ -8,8 +8,9 @@ import subprocess
 
 import pytest
 import scripted
+from programs import BUILD, ROOT
 
-MODULE = scripted.BUILD / "python" / "_tavrin_video.abi3.so"
+MODULE = BUILD / "python" / "_tavrin_video.abi3.so"
 METHODS = """
 connect disconnect subscribe unsubscribe publish unpublish is_publishing is_connected
 get_connection add_audio add_video clear_media_buffers get_media_buffer_stats
@@ -106,7 +107,7 @@ print(open("/proc/self/maps").read())
     assert {line.level for line in program.lines} <= {"WARN", "ERROR"}
 
 
-MODELS = (scripted.ROOT / "python/tavrin_media_relay/models.py").read_text()
+MODELS = (ROOT / "python/tavrin_media_relay/models.py").read_text()
 
 
 @pytest.mark.parametrize(
@@ -123,7 +124,7 @@ def test_models_that_will_not_do(run, tmp_path, models, exception, line):
     package = tmp_path / "tavrin_media_relay"
     package.mkdir()
     (package / "__init__.py").write_text("")
-    (package / "_checks.py").write_text((scripted.ROOT / "python/tavrin_media_relay/_checks.py").read_text())
+    (package / "_checks.py").write_text((ROOT / "python/tavrin_media_relay/_checks.py").read_text())
     if models:
         (package / "models.py").write_text(models)
     program = run(
