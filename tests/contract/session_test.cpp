@@ -95,19 +95,27 @@ TEST(EmbeddedSession, EndsInOneErrorThatSaysWhatTheScenarioDoes) {
   }
 }
 
+// Publishes, and subscribes to what comes.
+struct Exchange {
+  explicit Exchange(const Place& place) : program(place) {
+    program.on_stream_received = [this](const srn_stream* stream) {
+      receiver = std::make_unique<Receiver>(stream);
+      srn_session_subscribe(program.handle, receiver->handle);
+      srn_session_publish(program.handle, sender.handle);
+    };
+  }
+  Participant program;
+  std::unique_ptr<Receiver> receiver;
+  Sender sender{{}};
+};
+
 TEST(EmbeddedSession, IsEndedByTheServerAfterAllThatItCarried) {
   LibraryUse library;
   ScenarioFile scenario(R"({
     "participants": [{"id": "peer", "leave_at_ms": 200, "audio": {"tone_hz": 500}}],
     "events": [{"at_ms": 300, "kind": "disconnect"}]})");
-  Participant program(scenario.place());
-  std::unique_ptr<Receiver> receiver;
-  Sender sender({});
-  program.on_stream_received = [&](const srn_stream* stream) {
-    receiver = std::make_unique<Receiver>(stream);
-    srn_session_subscribe(program.handle, receiver->handle);
-    srn_session_publish(program.handle, sender.handle);
-  };
+  Exchange exchange(scenario.place());
+  auto& [program, receiver, sender] = exchange;
   ASSERT_TRUE(program.join());
   ASSERT_TRUE(program.log.await("disconnected"));
   EXPECT_THAT(program.log.lines(),
@@ -191,14 +199,8 @@ TEST(EmbeddedSession, PublisherAndSubscriberFailAtTheScenariosWish) {
     "participants": [{"id": "peer", "audio": {"tone_hz": 500}}],
     "events": [{"at_ms": 300, "kind": "publisher_error", "code": 1610, "text": "no route"},
                {"at_ms": 301, "kind": "subscriber_error", "code": 1600, "text": "no ice"}]})");
-  Participant program(scenario.place());
-  std::unique_ptr<Receiver> receiver;
-  Sender sender({});
-  program.on_stream_received = [&](const srn_stream* stream) {
-    receiver = std::make_unique<Receiver>(stream);
-    srn_session_subscribe(program.handle, receiver->handle);
-    srn_session_publish(program.handle, sender.handle);
-  };
+  Exchange exchange(scenario.place());
+  auto& [program, receiver, sender] = exchange;
   ASSERT_TRUE(program.join());
   ASSERT_TRUE(sender.log.await("error 1610 no route"));
   ASSERT_TRUE(receiver->log.await("error 1600 no ice"));

@@ -56,25 +56,6 @@ TEST_F(VideoFrame, SizesAreThoseOfPackedPictures) {
   EXPECT_EQ(MRVideoFrame::create(2, 2, nullptr, RGB24), nullptr);
 }
 
-TEST_F(VideoFrame, BlackIsBlackInEachFormat) {
-  const std::vector<std::uint8_t> noise(64, 0xAB);
-  const struct {
-    MRVideoFrameFormat format;
-    std::vector<std::uint8_t> black;
-  } kRows[] = {
-      {YUV420P, {16, 16, 16, 16, 128, 128}},
-      {RGB24, std::vector<std::uint8_t>(12, 0)},
-      {ARGB32, std::vector<std::uint8_t>(16, 0)},
-  };
-  for (const auto& row : kRows) {
-    const auto frame = MRVideoFrame::create(2, 2, noise.data(), row.format);
-    ASSERT_NE(frame, nullptr);
-    EXPECT_THAT(pixels(frame->getFrameData()), testing::Each(0xAB));
-    frame->fillBlackColor();
-    EXPECT_EQ(pixels(frame->getFrameData()), row.black) << row.format;
-  }
-}
-
 TEST_F(VideoFrame, IsWrappedOnceForTheLibraryWithoutACopy) {
   auto frame = MRVideoFrame::create(4, 2, RGB24);
   scripted_fail("srn_video_frame_new_contiguous_memory_wrapper", 1, 1);

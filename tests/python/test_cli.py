@@ -9,6 +9,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import time
 import wave
 from pathlib import Path
 from typing import Any
@@ -252,7 +253,8 @@ def test_commands_meet_on_a_relay_of_ours(tmp_path):
     try:
         assert server.stdout is not None
         serving = json.loads(server.stdout.readline() or "{}")
-        token = told("token", "hall", "--dir", tmp_path / "server")["token"]["token"]
+        token = told("token", "hall", "--dir", tmp_path / "server", "--lifetime", "2m")["token"]["token"]
+        assert 60 < int(token.partition(",")[0]) - time.time() <= 120
         there = {**serving["environment"], "SESSION_ID": "hall", "TOKEN": token}
         assert told("echo", **{**there, "TOKEN": "wrong"}, code=1)["failed"]["code"] == 1004
         recorder = start("record", "--out", tmp_path / "heard", "--json", **there)

@@ -184,17 +184,6 @@ def test_whoever_may_not_or_cannot_join_is_told_why(server):
         assert ("pin" in told["text"]) == ("pin" in name and bool(told["code"])), (name, told)
 
 
-def test_the_token_command_finds_the_secret_of_the_running_server(server):
-    made = server.network.start(
-        "-m", "tavrin_media_relay.server", "token", "marks", "--dir", server.folder, "--lifetime", "2m",
-        SARNET_RELAY_TOKEN_SECRET="",
-    )  # fmt: skip
-    token = made.wait_for_line(lambda line: line.count(":") == 2)
-    expiry = int(token.partition(",")[0])
-    assert 60 < expiry - time.time() <= 120
-    assert token == join_token("marks", SECRET, expiry - time.time() + 0.5)
-
-
 def test_the_example_talks_back(server):
     """The agent that `./dev room` starts says back the tones of a program, and answers its captions."""
     program = server.program(1, "--captions", 1, "--loud", 75)

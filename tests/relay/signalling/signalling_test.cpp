@@ -85,19 +85,6 @@ INSTANTIATE_TEST_SUITE_P(
                   {{"publishers", {{{"id", 4}}}}}},
                  {}}));
 
-TEST(Requests, SayNoMoreThanWhatChanged) {
-  const std::vector<FeedMedium> plain{{"0", "audio", false}, {"1", "video", false}};
-  const std::vector<FeedMedium> layered{{"0", "video", true}};
-  const auto request = [](const auto& media, const MediaWishes& wishes) {
-    return wishes_request(media, stream_wishes(wishes, {}), {});
-  };
-  EXPECT_THAT(request(plain, {.max_width = 100, .max_framerate = 5}), IsEmpty());
-  EXPECT_EQ(request(plain, {.audio = false}).dump(),
-            R"({"request":"configure","streams":[{"mid":"0","send":false}]})");
-  EXPECT_EQ(request(layered, {.max_width = 640, .max_framerate = 5})["streams"].dump(),
-            R"([{"mid":"0","substream":1,"temporal":0}])");
-}
-
 TEST(Requests, AskForTheSmallestLayerThatIsNotTooSmall) {
   struct Row {
     int wish;
