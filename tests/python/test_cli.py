@@ -50,6 +50,19 @@ def tone(path: Path, hertz: float, seconds: float, rate: int = 16000) -> Path:
     return path
 
 
+def film(path: Path, seconds: float) -> Path:
+    """White, with a tone of 500 Hz."""
+    picture, sound = (
+        f"color=white:size=64x32:rate=20:duration={seconds}",
+        f"sine=frequency=500:duration={seconds}",
+    )
+    subprocess.run(
+        ["ffmpeg", "-v", "error", "-f", "lavfi", "-i", picture, "-f", "lavfi", "-i", sound, "-c:v", "ffv1",
+         "-c:a", "pcm_s16le", path], check=True,
+    )  # fmt: skip
+    return path
+
+
 def heard(path: Path) -> tuple[np.ndarray, float]:
     with wave.open(str(path)) as file:
         samples = np.frombuffer(file.readframes(file.getnframes()), "<i2").reshape(-1, file.getnchannels())
@@ -113,13 +126,7 @@ def test_failures_of_the_session_are_told(keys, options, code, message, tmp_path
 
 
 def test_play_sends_what_the_files_hold(tmp_path):
-    film = tmp_path / "film.mkv"
-    subprocess.run(
-        ["ffmpeg", "-v", "error", "-f", "lavfi", "-i", "color=white:size=64x32:rate=20:duration=1.5",
-         "-f", "lavfi", "-i", "sine=frequency=500:duration=1.5", "-c:v", "ffv1", "-c:a", "pcm_s16le", film],
-        check=True,
-    )  # fmt: skip
-    files = [film, tone(tmp_path / "tone.wav", 900, 1)]
+    files = [film(tmp_path / "film.mkv", 1.5), tone(tmp_path / "tone.wav", 900, 1)]
     host = f"embedded:{scenario(tmp_path, record='out')}"
     figures = tmp_path / "deep" / "figures.jsonl"
     run("play", *files, "--session", "s", "--size", "64x64", "--host", host, "--figures", figures)
@@ -257,16 +264,19 @@ def test_commands_meet_on_a_relay_of_ours(tmp_path):
         assert 60 < int(token.partition(",")[0]) - time.time() <= 120
         there = {**serving["environment"], "SESSION_ID": "hall", "TOKEN": token}
         assert told("echo", **{**there, "TOKEN": "wrong"}, code=1)["failed"]["code"] == 1004
-        recorder = start("record", "--out", tmp_path / "heard", "--json", **there)
+        recorder = start("record", "--out", tmp_path / "heard", "--video", "y4m", "--json", **there)
         assert recorder.stdout is not None and "joined" in recorder.stdout.readline()
-        run("play", tone(tmp_path / "tone.wav", 800, 6), **there)
+        run("play", film(tmp_path / "film.mkv", 6), "--size", "64x32", **there)
         assert any('"StreamDropped"' in line for line in iter(recorder.stdout.readline, ""))
         recorder.send_signal(signal.SIGINT)
         end(recorder, 0)
         (sound,) = (tmp_path / "heard").glob("*.wav")
         samples, rate = heard(sound)
         begin = int(np.flatnonzero(np.abs(samples) > 1000)[0])  # the rest came before it was subscribed to
-        assert frequency(samples[begin : begin + int(rate)], rate) == pytest.approx(800, rel=0.03)
+        assert frequency(samples[begin : begin + int(rate)], rate) == pytest.approx(500, rel=0.03)
+        (shown,) = (tmp_path / "heard").glob("*.y4m")
+        pictures = shown.read_bytes().split(b"FRAME\n")[1:]
+        assert sum(min(each[: 64 * 32]) > 200 for each in pictures) > 40, len(pictures)
         server.send_signal(signal.SIGINT)
         end(server, 0)
     finally:
