@@ -14,7 +14,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 json person(const std::string& id, const std::string& display) {
   return {{"id", id}, {"display", display}};
