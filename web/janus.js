@@ -45,32 +45,43 @@ export function splitToken(text) {
   return {realm, room, pin};
 }
 
+// Of what others write, in characters and in bytes.
+const MAX_DISPLAY = 8192;
+const MAX_CAPTION = 65_536;
+
+/** The object that a JSON text holds, or null. */
+function objectIn(text) {
+  try {
+    const value = JSON.parse(text);
+    return value && typeof value === 'object' && !Array.isArray(value) ? value : null;
+  } catch {
+    return null;
+  }
+}
+
 /**
  * What a participant shows to others: a plain name, or JSON with a program's stream and data. `owner` is set
  * for a further stream of a program: it comes as a participant, but is nobody.
  */
 export function readDisplay(display, id) {
-  let owner;
-  try {
-    const value = JSON.parse(display);
-    if (value && typeof value === 'object') {
-      display = value.stream || value.data || '';
-      owner = value.owner;
-    }
-  } catch { /* a plain name */ }
-  return {name: (typeof display === 'string' && display.trim()) || `Guest ${String(id).slice(0, 4)}`, owner};
+  const text = typeof display === 'string' && display.length <= MAX_DISPLAY ? display : '';
+  const {stream, data, owner} = objectIn(text) ?? {stream: text};
+  const name = [stream, data].find((each) => typeof each === 'string' && each.trim()) ?? '';
+  const guest = `Guest ${String(id).slice(0, 4)}`;
+  return {name: name.trim() || guest, owner: typeof owner === 'string' ? owner : ''};
 }
 
-/** A text from a data channel as a caption: {text, final}. Plain text counts as final. */
+export const writeCaption = (text, final) => JSON.stringify({type: 'caption', text, final});
+
+/**
+ * A text from a data channel as a caption: {text, final}. Plain text counts as final; null for what is none.
+ */
 export function parseCaption(data) {
-  try {
-    const value = JSON.parse(data);
-    if (value && typeof value === 'object') {
-      if (value.type !== 'caption' || typeof value.text !== 'string') return null;
-      return {text: value.text, final: value.final !== false};
-    }
-  } catch { /* plain text */ }
-  return {text: data, final: true};
+  if (!data || new TextEncoder().encode(data).length > MAX_CAPTION) return null;
+  const value = objectIn(data);
+  if (!value) return {text: data, final: true};
+  if (value.type !== 'caption' || typeof value.text !== 'string') return null;
+  return {text: value.text, final: value.final !== false};
 }
 
 /** Requests and their replies over one WebSocket, which may break and be made anew. */
@@ -471,7 +482,7 @@ export class RoomVisit extends EventTarget {
   /** Sends a caption to everyone; false if the way is not open (yet). */
   caption(text, final) {
     if (this.#channel?.readyState !== 'open') return false;
-    this.#channel.send(JSON.stringify({type: 'caption', text, final}));
+    this.#channel.send(writeCaption(text, final));
     return true;
   }
 

@@ -10,12 +10,8 @@ namespace contract {
 namespace {
 
 TEST(Captions, ReachSubscribersOfAStreamThatHasThem) {
-  LibraryUse library;
-  const Place place = empty_place();
-  Participant speaker(place);
-  Participant reader(place);
-  ASSERT_TRUE(speaker.join());
-  ASSERT_TRUE(reader.join());
+  Meeting meeting;
+  auto& [library, place, speaker, reader] = meeting;
   Sender silent({.video = false});
   Sender sender({.video = false, .captions = true});
   EXPECT_EQ(srn_publisher_send_caption(sender.handle, "too early", SRN_TRUE), 1015);
@@ -24,10 +20,8 @@ TEST(Captions, ReachSubscribersOfAStreamThatHasThem) {
   ASSERT_TRUE(reader.wait_for_stream());
   ASSERT_EQ(srn_session_publish(speaker.handle, sender.handle), SRN_SUCCESS);
   const auto stream = reader.wait_for_stream(2);
-  ASSERT_TRUE(stream);
   Receiver receiver(stream->get());
-  ASSERT_EQ(srn_session_subscribe(reader.handle, receiver.handle), SRN_SUCCESS);
-  ASSERT_TRUE(receiver.log.await("connected"));
+  ASSERT_TRUE(subscribe(reader, receiver));
 
   EXPECT_EQ(srn_publisher_send_caption(sender.handle, "", SRN_TRUE), 1011);
   const std::string longest(SRN_CAPTION_MAX_BYTES, 'x');

@@ -20,7 +20,6 @@ TEST(Delivery, ASlowCallbackLosesTheOldestAndDelaysNobody) {
   Participant program;
   ASSERT_TRUE(program.join());
   const auto stream = program.wait_for_stream();
-  ASSERT_TRUE(stream);
   Latch release;
   Receiver slow(stream->get());
   Receiver quick(stream->get());
@@ -63,7 +62,6 @@ TEST(Delivery, HonoursTheWishesOfASubscriber) {
   Participant program;
   ASSERT_TRUE(program.join());
   const auto stream = program.wait_for_stream();
-  ASSERT_TRUE(stream);
   Receiver full(stream->get());
   Receiver small(stream->get(), {.audio = false});
   EXPECT_EQ(srn_subscriber_set_preferred_resolution(small.handle, 0, 240), 1011);
@@ -126,20 +124,14 @@ TEST(Frame, WrapsPixelsThatFit) {
 }
 
 TEST(Capturer, TakesFramesOfItsFormatsAndCountsThem) {
-  LibraryUse library;
+  Meeting meeting;
+  auto& [library, place, first, second] = meeting;
   srn_statistics_reset();
-  const Place place = empty_place();
-  Participant first(place);
-  Participant second(place);
-  ASSERT_TRUE(first.join());
-  ASSERT_TRUE(second.join());
   Sender sender({.audio = false, .fps = 1});
   ASSERT_EQ(srn_session_publish(first.handle, sender.handle), SRN_SUCCESS);
   const auto stream = second.wait_for_stream();
-  ASSERT_TRUE(stream);
   Receiver receiver(stream->get());
-  ASSERT_EQ(srn_session_subscribe(second.handle, receiver.handle), SRN_SUCCESS);
-  ASSERT_TRUE(receiver.log.await("connected"));
+  ASSERT_TRUE(subscribe(second, receiver));
 
   std::vector<std::uint8_t> black(64 * 48 * 3 / 2, 128);
   std::fill_n(black.begin(), 64 * 48, std::uint8_t{16});

@@ -126,10 +126,8 @@ TEST_P(EmbeddedAudio, IsMixedCarriedAndRecordedInTheDevicesFormat) {
     Receiver peer(program.wait_for_stream()->get());
     ASSERT_EQ(srn_session_subscribe(program.handle, peer.handle), SRN_SUCCESS);
     Sender sender({.video = false});
-    ASSERT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SUCCESS);
-    ASSERT_TRUE(sender.log.await("created"));
+    ASSERT_TRUE(publish(program, sender));
     const auto stream = listener.wait_for_stream(2);
-    ASSERT_TRUE(stream);
     Receiver receiver(stream->get());
     ASSERT_EQ(srn_session_subscribe(listener.handle, receiver.handle), SRN_SUCCESS);
 
@@ -184,8 +182,7 @@ TEST(EmbeddedDevice, RecordsPicturesInOrderWithRepeats) {
     Participant program(scenario.place());
     ASSERT_TRUE(program.join());
     Sender sender({.audio = false, .fps = 25});
-    ASSERT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SUCCESS);
-    ASSERT_TRUE(sender.log.await("created"));
+    ASSERT_TRUE(publish(program, sender));
     for (const int shade : {30, 40, 40, 50}) {
       const std::vector<std::uint8_t> bytes(64 * 48 * 3 / 2, static_cast<std::uint8_t>(shade));
       ASSERT_EQ(sender.provide(64, 48, bytes), SRN_SUCCESS);

@@ -166,8 +166,7 @@ TEST(EmbeddedFiles, EndWithTheirSessionWhereverItIsRecorded) {
     } else {
       ASSERT_TRUE(program.log.await("connected"));
       Sender sender({.video = false});
-      ASSERT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SUCCESS);
-      ASSERT_TRUE(sender.log.await("created"));
+      ASSERT_TRUE(publish(program, sender));
       const std::vector<std::int16_t> block(960);
       const Periodic periodic(std::chrono::milliseconds(10),
                               [&] { srn_audio_device_write_capture_data(block.data(), 480); });

@@ -11,6 +11,7 @@
 #include <deque>
 #include <fstream>
 #include <numbers>
+#include <stdexcept>
 
 namespace {
 
@@ -145,7 +146,7 @@ Participant::Participant(Place place) : place_(std::move(place)) {
 }
 
 std::shared_ptr<StreamCopy> Participant::wait_for_stream(std::size_t number) {
-  if (!log.await("stream+", static_cast<long>(number))) return nullptr;
+  if (!log.await("stream+", static_cast<long>(number))) throw std::runtime_error("no stream");
   const std::lock_guard lock(mutex_);
   return streams_[number - 1];
 }

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -63,7 +64,7 @@ class Participant {
   // Connects and waits; false when there was no on_connected.
   bool join() { return connect() == SRN_SUCCESS && log.await("connected"); }
   srn_status remove() { return srn_session_delete(std::exchange(handle, nullptr)); }
-  // The stream that came as the `number`th, once it has.
+  // The stream that came as the `number`th, once it has; throws when it does not come.
   std::shared_ptr<StreamCopy> wait_for_stream(std::size_t number = 1);
 
   srn_session* handle = nullptr;
@@ -234,6 +235,16 @@ class Sine {
   std::uint64_t position_ = 0;
 };
 
+// Both wait until it has come about.
+inline bool publish(Participant& program, Sender& sender) {
+  return srn_session_publish(program.handle, sender.handle) == SRN_SUCCESS &&
+         sender.log.await("created");
+}
+inline bool subscribe(Participant& program, Receiver& receiver) {
+  return srn_session_subscribe(program.handle, receiver.handle) == SRN_SUCCESS &&
+         receiver.log.await("connected");
+}
+
 // How often the library asked this program for its device information.
 int device_info_requests();
 
@@ -244,6 +255,17 @@ class LibraryUse {
   ~LibraryUse() { srn_destroy(); }
   LibraryUse(const LibraryUse&) = delete;
   LibraryUse& operator=(const LibraryUse&) = delete;
+};
+
+// Two who have joined a place of their own.
+struct Meeting {
+  Meeting() {
+    if (!first.join() || !second.join()) throw std::runtime_error("not joined");
+  }
+  LibraryUse library;
+  const Place place = empty_place();
+  Participant first{place};
+  Participant second{place};
 };
 
 }  // namespace contract

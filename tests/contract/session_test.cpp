@@ -95,19 +95,27 @@ TEST(EmbeddedSession, EndsInOneErrorThatSaysWhatTheScenarioDoes) {
   }
 }
 
+// Publishes, and subscribes to what comes.
+struct Exchange {
+  explicit Exchange(const Place& place) : program(place) {
+    program.on_stream_received = [this](const srn_stream* stream) {
+      receiver = std::make_unique<Receiver>(stream);
+      srn_session_subscribe(program.handle, receiver->handle);
+      srn_session_publish(program.handle, sender.handle);
+    };
+  }
+  Participant program;
+  std::unique_ptr<Receiver> receiver;
+  Sender sender{{}};
+};
+
 TEST(EmbeddedSession, IsEndedByTheServerAfterAllThatItCarried) {
   LibraryUse library;
   ScenarioFile scenario(R"({
     "participants": [{"id": "peer", "leave_at_ms": 200, "audio": {"tone_hz": 500}}],
     "events": [{"at_ms": 300, "kind": "disconnect"}]})");
-  Participant program(scenario.place());
-  std::unique_ptr<Receiver> receiver;
-  Sender sender({});
-  program.on_stream_received = [&](const srn_stream* stream) {
-    receiver = std::make_unique<Receiver>(stream);
-    srn_session_subscribe(program.handle, receiver->handle);
-    srn_session_publish(program.handle, sender.handle);
-  };
+  Exchange exchange(scenario.place());
+  auto& [program, receiver, sender] = exchange;
   ASSERT_TRUE(program.join());
   ASSERT_TRUE(program.log.await("disconnected"));
   EXPECT_THAT(program.log.lines(),
@@ -148,13 +156,9 @@ TEST(Session, RaisesNothingButTheAnswerOnceItLeaves) {
 }
 
 TEST(Session, MeetsAnotherOfTheSameProcess) {
-  LibraryUse library;
-  const Place place = empty_place();
-  Participant first(place);
-  Participant second(place);
+  Meeting meeting;
+  auto& [library, place, first, second] = meeting;
   Participant elsewhere(empty_place());
-  ASSERT_TRUE(first.join());
-  ASSERT_TRUE(second.join());
   ASSERT_TRUE(elsewhere.join());
   ASSERT_TRUE(first.log.await("connection+"));
   ASSERT_TRUE(second.log.await("connection+"));
@@ -164,10 +168,8 @@ TEST(Session, MeetsAnotherOfTheSameProcess) {
   EXPECT_EQ(srn_session_publish(first.handle, sender.handle), SRN_SESSION_ILLEGAL_STATE);
   ASSERT_TRUE(sender.log.await("created"));
   const auto stream = second.wait_for_stream();
-  ASSERT_TRUE(stream);
   Receiver receiver(stream->get());
-  ASSERT_EQ(srn_session_subscribe(second.handle, receiver.handle), SRN_SUCCESS);
-  ASSERT_TRUE(receiver.log.await("connected"));
+  ASSERT_TRUE(subscribe(second, receiver));
   const std::vector<std::uint8_t> bytes(64 * 48 * 3 / 2, 77);
   ASSERT_TRUE(eventually([&] {
     EXPECT_EQ(sender.provide(64, 48, bytes), SRN_SUCCESS);
@@ -197,14 +199,8 @@ TEST(EmbeddedSession, PublisherAndSubscriberFailAtTheScenariosWish) {
     "participants": [{"id": "peer", "audio": {"tone_hz": 500}}],
     "events": [{"at_ms": 300, "kind": "publisher_error", "code": 1610, "text": "no route"},
                {"at_ms": 301, "kind": "subscriber_error", "code": 1600, "text": "no ice"}]})");
-  Participant program(scenario.place());
-  std::unique_ptr<Receiver> receiver;
-  Sender sender({});
-  program.on_stream_received = [&](const srn_stream* stream) {
-    receiver = std::make_unique<Receiver>(stream);
-    srn_session_subscribe(program.handle, receiver->handle);
-    srn_session_publish(program.handle, sender.handle);
-  };
+  Exchange exchange(scenario.place());
+  auto& [program, receiver, sender] = exchange;
   ASSERT_TRUE(program.join());
   ASSERT_TRUE(sender.log.await("error 1610 no route"));
   ASSERT_TRUE(receiver->log.await("error 1600 no ice"));
@@ -217,12 +213,8 @@ TEST(EmbeddedSession, PublisherAndSubscriberFailAtTheScenariosWish) {
 }
 
 TEST(Session, SeesStreamsComeAndGoTwiceAndTwoAtOnce) {
-  LibraryUse library;
-  const Place place = empty_place();
-  Participant speaker(place);
-  Participant listener(place);
-  ASSERT_TRUE(speaker.join());
-  ASSERT_TRUE(listener.join());
+  Meeting meeting;
+  auto& [library, place, speaker, listener] = meeting;
   Sender sender({.audio = false});
   Sender second({.audio = false});
   for (long round = 1; round <= 2; ++round) {
@@ -264,7 +256,6 @@ TEST(Library, WorksAgainAfterItsEnd) {
     Participant program;
     ASSERT_TRUE(program.join());
     const auto stream = program.wait_for_stream();
-    ASSERT_TRUE(stream);
     Receiver receiver(stream->get());
     ASSERT_EQ(srn_session_subscribe(program.handle, receiver.handle), SRN_SUCCESS);
     ASSERT_TRUE(eventually([&] { return receiver.audio_blocks() > 0; }));
@@ -306,10 +297,8 @@ TEST(Library, LeavesNothingBehind) {
     Sender sender({});
     ASSERT_EQ(srn_session_publish(program.handle, sender.handle), SRN_SUCCESS);
     const auto stream = program.wait_for_stream();
-    ASSERT_TRUE(stream);
     Receiver receiver(stream->get());
-    ASSERT_EQ(srn_session_subscribe(program.handle, receiver.handle), SRN_SUCCESS);
-    ASSERT_TRUE(receiver.log.await("connected"));
+    ASSERT_TRUE(subscribe(program, receiver));
     const auto leaving = std::chrono::steady_clock::now();
     srn_session_disconnect(program.handle);
     ASSERT_EQ(srn_destroy(), SRN_SUCCESS);

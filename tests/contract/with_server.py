@@ -44,6 +44,7 @@ def main() -> int:
             companion = subprocess.Popen(
                 sys.argv[1:2], env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE
             )
+            assert companion.stdout is not None
             try:
                 status = companion.stdout.readline() != b"ready\n" or (
                     subprocess.run(sys.argv[2:], env=environment).returncode

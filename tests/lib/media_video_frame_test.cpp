@@ -48,36 +48,12 @@ TEST_F(VideoFrame, SizesAreThoseOfPackedPictures) {
         Row{32'768, 65'535, YUV420P, 0}, Row{32'768, 16'383, ARGB32, 2'147'352'576}}) {
     EXPECT_EQ(MRVideoFrame::bufferSize(row.width, row.height, row.format), row.size)
         << row.width << "x" << row.height << " " << row.format;
+    const std::uint8_t byte = 0;
+    if (row.size != 0) continue;
+    EXPECT_EQ(MRVideoFrame::create(row.width, row.height, row.format), nullptr);
+    EXPECT_EQ(MRVideoFrame::create(row.width, row.height, &byte, row.format), nullptr);
   }
-}
-
-TEST_F(VideoFrame, CreateNeedsSizeFormatAndMemory) {
-  const std::uint8_t byte = 0;
-  EXPECT_EQ(MRVideoFrame::create(0, 2, YUV420P), nullptr);
-  EXPECT_EQ(MRVideoFrame::create(2, -2, YUV420P), nullptr);
-  EXPECT_EQ(MRVideoFrame::create(2, 2, UNKNOWN), nullptr);
-  EXPECT_EQ(MRVideoFrame::create(100'000, 100'000, RGB24), nullptr);
-  EXPECT_EQ(MRVideoFrame::create(65536, 16385, &byte, ARGB32), nullptr);
   EXPECT_EQ(MRVideoFrame::create(2, 2, nullptr, RGB24), nullptr);
-}
-
-TEST_F(VideoFrame, BlackIsBlackInEachFormat) {
-  const std::vector<std::uint8_t> noise(64, 0xAB);
-  const struct {
-    MRVideoFrameFormat format;
-    std::vector<std::uint8_t> black;
-  } kRows[] = {
-      {YUV420P, {16, 16, 16, 16, 128, 128}},
-      {RGB24, std::vector<std::uint8_t>(12, 0)},
-      {ARGB32, std::vector<std::uint8_t>(16, 0)},
-  };
-  for (const auto& row : kRows) {
-    const auto frame = MRVideoFrame::create(2, 2, noise.data(), row.format);
-    ASSERT_NE(frame, nullptr);
-    EXPECT_THAT(pixels(frame->getFrameData()), testing::Each(0xAB));
-    frame->fillBlackColor();
-    EXPECT_EQ(pixels(frame->getFrameData()), row.black) << row.format;
-  }
 }
 
 TEST_F(VideoFrame, IsWrappedOnceForTheLibraryWithoutACopy) {

@@ -5,7 +5,6 @@
 #include <thread>
 
 #include "lib_test.h"
-#include "media/buffer_stats.h"
 
 using namespace lib_test;
 using testing::ElementsAre;
@@ -103,10 +102,6 @@ TEST(EventQueue, StoppedQueueTakesNothingAndGivesDefaults) {
     EXPECT_TRUE(task);  // NOLINT(bugprone-use-after-move): a refused callable stays the caller's
     EXPECT_FALSE(queue.postAndWait<bool>([&] { return ran = true; }));
     EXPECT_EQ(queue.postAndWait<std::string>([] { return std::string("x"); }), "");
-    EXPECT_EQ(queue.postAndWait<MediaBufferStats>([] {
-      return MediaBufferStats{AudioBufferStats{1}, VideoBufferStats{2}};
-    }),
-              MediaBufferStats());
     queue.flush();
     EXPECT_FALSE(ran);
   }
@@ -155,21 +150,6 @@ TEST(EventQueue, ExceptionsEndNoWorker) {
   stopper.wait();
   EXPECT_TRUE(ran);
   EXPECT_EQ(logs.count("ERROR EventQueue::processLoop: "), 5);
-}
-
-TEST(EventQueue, StartsAndStopsOnceAndAgain) {
-  EventQueue queue("q");
-  queue.start();
-  std::thread::id first;
-  queue.postAndWait([&] { first = std::this_thread::get_id(); });
-  queue.start();
-  std::thread::id still;
-  queue.postAndWait([&] { still = std::this_thread::get_id(); });
-  EXPECT_EQ(first, still);
-  queue.stop();
-  queue.stop();
-  queue.start();
-  EXPECT_TRUE(queue.postAndWait<bool>([] { return true; }));
 }
 
 TEST(EventQueue, ReleasesWhatATaskHoldsBeforeTheWaiterGoesOn) {

@@ -1,35 +1,10 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <log4cxx/logger.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <sstream>
-#include <string>
 
-#include "support/logs_initializer.h"
 #include "support/mr_device_info.h"
 
 namespace {
-
-TEST(LogsInitializer, WritesEachLineOnceToStandardOutputFromWarnOn) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        dup2(STDERR_FILENO, STDOUT_FILENO);  // standard error is what the assertion sees
-        LogsInitializer::init();
-        LogsInitializer::init();
-        const auto logger = log4cxx::Logger::getLogger("some.Name");
-        LOG4CXX_INFO(logger, "below");
-        LOG4CXX_WARN(logger, "a line");
-        std::fflush(nullptr);
-        std::_Exit(0);
-      },
-      testing::ExitedWithCode(0),
-      "^(Running main[^\n]*\n)?[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}[.][0-9]{3} "
-      "WARN  "
-      "\\[[^]]+\\] Name - a line\n$");
-}
 
 TEST(DeviceInfo, ReadsOnlyUsableAddresses) {
   const struct {

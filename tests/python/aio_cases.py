@@ -14,6 +14,7 @@ import threading
 import time
 import wave
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import pytest
@@ -28,7 +29,11 @@ from tavrin_media_relay import (
 )
 
 PATIENCE = 15
-TALKER = {"id": "talker", "audio": {"tone_hz": 440}, "video": {"testcard": True, "width": 320, "height": 240}}
+TALKER: dict[str, Any] = {
+    "id": "talker",
+    "audio": {"tone_hz": 440},
+    "video": {"testcard": True, "width": 320, "height": 240},
+}
 FOLDER = Path.cwd()  # the test's own
 
 
@@ -39,7 +44,7 @@ def scenario(**keys: object) -> None:
     os.environ["API_HOSTNAME"] = f"embedded:{path}"
 
 
-def connect(token: str = "t", **keys: object):
+def connect(token: str = "t", **keys: Any):
     return aio.connect("app-id", "a-session", token, **keys)
 
 
@@ -148,7 +153,6 @@ async def audio_out() -> None:
         for part in np.array_split(at_44k, 37):
             assert await audio.write(part, sample_rate=44100)
         await asyncio.wait_for(audio.drained(), PATIENCE)
-        begin = time.monotonic()
         await asyncio.wait_for(audio.drained(), 1)  # it is dry already
         await audio.write(bytes(4))  # less than a period
         await asyncio.wait_for(audio.drained(), PATIENCE)
@@ -224,9 +228,9 @@ async def video_out() -> None:
 
 
 async def media_in() -> None:
-    captions = [{"at_ms": 300, "text": "Hel", "final": False}, {"at_ms": 350, "text": "Hello"}]
+    spoken = [{"at_ms": 300, "text": "Hel", "final": False}, {"at_ms": 350, "text": "Hello"}]
     scenario(
-        participants=[{**TALKER, "captions": captions}],
+        participants=[{**TALKER, "captions": spoken}],
         events=[{"at_ms": 2500, "kind": "drop_stream", "participant": "talker"}],
     )
     async with connect() as session:
@@ -249,18 +253,14 @@ async def media_in() -> None:
             assert rgb.shape == (240, 320, 3) and rgb.std() > 20
             kept = picture.pixels.tobytes()
             frame = await anext(mix)
-            assert frame.numpy().shape == (480, 2) and np.shares_memory(
-                frame.numpy(), np.asarray(frame.samples)
-            )
+            assert frame.numpy().shape == (480, 2)
+            assert np.shares_memory(frame.numpy(), np.asarray(frame.samples))
             nobody = asyncio.create_task(anext(captions))
             await asyncio.sleep(0)
             with pytest.raises(RuntimeError, match="another task"):
                 await anext(captions)
             first, second = await nobody, await anext(captions)
-            assert [(each.text, each.is_final) for each in (first, second)] == [
-                ("Hel", False),
-                ("Hello", True),
-            ]
+            assert (first.text, first.is_final, second.text, second.is_final) == ("Hel", False, "Hello", True)
             del abandoned
             gc.collect()
             sound = [each async for each in speech]  # ends with the stream
@@ -358,12 +358,8 @@ async def misuse() -> None:
         subscriber = await session.subscribe(await session.wait_for_stream())
         child = os.fork()
         if child == 0:
-            code = 1
-            try:
-                session.statistics()
-            except RuntimeError as error:
-                code = 0 if "forked" in str(error) and "spawn" in str(error) else 2
-            os._exit(code)
+            use(session.statistics)
+            os._exit(0 if "forked" in str(outcome[-1]) and "spawn" in str(outcome[-1]) else 1)
         assert os.waitpid(child, 0)[1] == 0
         listening = session.audio_frames()
     for call in (session.audio_frames, session.events, subscriber.video_frames, subscriber.captions):
@@ -392,11 +388,7 @@ async def bad_values() -> None:
                 (TypeError, "format 'd'", lambda: show(np.zeros((480, 640)))),
                 (ValueError, "policy.*'oldest'", lambda: subscriber.audio_frames(policy="oldest")),
                 (RuntimeError, "without captions", lambda: subscriber.captions()),
-                (
-                    ValueError,
-                    "must not both be False",
-                    lambda: session.publish("x", audio=False, video=False),
-                ),
+                (ValueError, "not both be False", lambda: session.publish("x", audio=False, video=False)),
                 (ValueError, "timeout must be from 0", lambda: connect(timeout=-1)),
             ]:
                 with pytest.raises(error, match=words):
@@ -416,12 +408,11 @@ async def statistics() -> None:
                 figures = told.streams[stream.id].audio
                 if figures.delivered >= 20:
                     break
-    assert [each["stream"] for each in told.library["subscribers"].values()] == [
-        stream.id
-    ] and figures.lost == 0
+    (subscribed,) = told.library["subscribers"].values()
+    assert subscribed["stream"] == stream.id and figures.lost == 0
     taken = figures.delivered + figures.dropped + figures.waiting
     assert (
-        abs(figures.escaped_views - taken) <= 2 and figures.received >= 20
+        abs(figures.escaped_views - taken) <= 2 <= figures.received - 18
     ), figures  # counted while more came
     assert told.escaped_views >= figures.escaped_views - 2, told
     assert session.statistics().mix.escaped_views == 0  # nobody listens to the mix
@@ -430,10 +421,8 @@ async def statistics() -> None:
     library = session.statistics().library
     assert library["delivery"]["audio_blocks_delivered"] >= 20
     # To our callable and back is more than our callable alone.
-    assert (
-        library["callbacks"]["audio_took_p50_us"] > figures.callable_p50 * 1e6 / 2
-        and library["callbacks"]["picture_took_max_us"]
-    )
+    assert library["callbacks"]["audio_took_p50_us"] > figures.callable_p50 * 1e6 / 2
+    assert library["callbacks"]["picture_took_max_us"]
 
 
 async def ends_while_nobody_leaves() -> None:
@@ -448,9 +437,8 @@ async def interrupted() -> None:
     scenario(participants=[TALKER])
     try:
         async with connect() as session, session.publish("me") as publisher:
-            async with session.subscribe(
-                await session.wait_for_stream()
-            ) as subscriber, asyncio.TaskGroup() as tasks:
+            stream = await session.wait_for_stream()
+            async with session.subscribe(stream) as subscriber, asyncio.TaskGroup() as tasks:
                 tasks.create_task(anext(session.events()))
                 tasks.create_task(publisher.audio.write(bytes(48000 * 4 * 60)))
                 async for _ in subscriber.audio_frames():

@@ -14,6 +14,7 @@ from collections import namedtuple
 from datetime import datetime
 from pathlib import Path
 from types import SimpleNamespace
+from typing import Any
 
 import pytest
 
@@ -59,7 +60,7 @@ class Log:
 
     def _read(self, which: int) -> str:
         ctypes.CDLL(None).fflush(None)
-        return Path(self._files[which].name).read_bytes()[self._begin[which] :].decode(errors="replace")
+        return Path(str(self._files[which].name)).read_bytes()[self._begin[which] :].decode(errors="replace")
 
     def lines(self) -> list[Line]:
         return [Line(*match) for match in _LINE.findall(self._read(0))]
@@ -77,7 +78,7 @@ class Log:
         return self._read(1)
 
     def clear(self) -> None:
-        self._begin = [Path(file.name).stat().st_size for file in self._files]
+        self._begin = [Path(str(file.name)).stat().st_size for file in self._files]
 
     def wait(self, level: str, text: str, count: int = 1) -> None:
         until(lambda: self.texts().count((level, text)) >= count, f"{level} {text}")
@@ -134,7 +135,9 @@ class World:
 
     def connect(self, level="debug", av=None, **callables) -> None:
         """Joined, with the log at `level`; `av` may be anything with the attributes."""
-        settings = SimpleNamespace(enable_migration=False, av=av, logging=self.models.LoggingSettings(level))
+        settings: Any = SimpleNamespace(
+            enable_migration=False, av=av, logging=self.models.LoggingSettings(level)
+        )
         assert self.client.connect("key", "session", "token", session_settings=settings, **callables) is True
         self.settle()
 

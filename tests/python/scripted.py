@@ -9,6 +9,7 @@ from __future__ import annotations
 import ctypes
 import re
 import time
+from typing import TYPE_CHECKING, Any
 
 from programs import BUILD, ROOT
 
@@ -77,6 +78,11 @@ def _argument_type(declaration: str) -> object:
 
 class Library:
     """The control functions, without their prefix; results that are texts are `str`."""
+
+    if TYPE_CHECKING:
+
+        def __getattr__(self, name: str) -> Any:
+            ...
 
     def __init__(self) -> None:
         self._library = ctypes.CDLL(str(SUPPORT / "libsarnet.so"))

@@ -12,6 +12,7 @@ import random
 import sys
 import threading
 import time
+from typing import Any
 
 from _tavrin_video import TavrinVideoClient
 from scripted import lib
@@ -58,7 +59,7 @@ def callable_of(own: random.Random):
     return call
 
 
-def some_callables(own: random.Random, names: str) -> dict[str, object]:
+def some_callables(own: random.Random, names: str) -> dict[str, Any]:
     return {f"on_{name}_cb": callable_of(own) for name in names.split() if own.random() < 0.7}
 
 

@@ -9,11 +9,12 @@ import signal
 import subprocess
 import sys
 from pathlib import Path
+from typing import Any
 
 import aio_cases
 import numpy as np
 import pytest
-from programs import BUILD, COMPLAINTS, environment
+from programs import BUILD, COMPLAINTS, end, launch
 
 from tavrin_media_relay import frame_buffer_size
 from tavrin_media_relay._native.pictures import convert
@@ -23,36 +24,20 @@ from tavrin_media_relay.aio._output import Output
 from tavrin_media_relay.aio.video_output import convert_aside
 
 
-def start(case: str, folder: Path, **variables: object) -> subprocess.Popen[str]:
-    return subprocess.Popen(
-        [sys.executable, "-X", "dev", "-W", "ignore::DeprecationWarning", aio_cases.__file__, case],
-        env=environment(**variables),
-        cwd=folder,
-        text=True,
-        errors="replace",
-        stdout=subprocess.PIPE,
-        stderr=subprocess.PIPE,
-        preexec_fn=lambda: signal.signal(
-            signal.SIGINT, signal.SIG_DFL
-        ),  # ignored where tests run in the background
-    )
+def start(case: str, folder: Path, **variables: Any) -> subprocess.Popen[str]:
+    options = ["-X", "dev", "-W", "ignore::DeprecationWarning"]
+    return launch(*options, aio_cases.__file__, case, cwd=folder, **variables)
 
 
 @pytest.mark.parametrize("case", [*(case.__name__ for case in aio_cases.CASES), "lost_outcomes"])
 def test_case(case, tmp_path):
     scripted = {"LD_LIBRARY_PATH": BUILD / "scripted"} if case == "lost_outcomes" else {}
-    program = start(case, tmp_path, **scripted)
-    try:
-        out, err = program.communicate(timeout=60)
-    finally:
-        program.kill()
-    assert program.returncode == 0, f"exit code {program.returncode}\n{out[-3000:]}\n{err[-6000:]}"
-    assert not [each for each in COMPLAINTS if each in err], err
+    end(start(case, tmp_path, **scripted), 0)
 
 
 def test_a_queue_found_dry_during_a_write_is_not_dry_after_it():
     async def write() -> Output:
-        output, found = Output(0, 1000, lambda: None), []
+        output, found = Output(0, 1000, lambda: None), list[int]()
         await output.hand_over(lambda: found.append(output.added) or True, 20)
         output.ran_dry(*found)
         return output
@@ -73,7 +58,7 @@ def test_resampling_neither_drifts_nor_distorts(rate_in, channels_in, rate_out, 
     converter, parts, position = Converter(rate_in, channels_in, rate_out, channels_out), [], 0
     while position < len(samples):
         size = dice.randrange(1, 9000) * channels_in
-        parts.append(np.array(converter.convert(memoryview(samples[position : position + size]))))
+        parts.append(np.array(converter.convert(samples[position : position + size].data)))
         position += size
     result = np.concatenate([*parts, np.array(converter.flush())]).reshape(-1, channels_out)
     assert abs(len(result) - seconds * rate_out) <= 1
@@ -87,11 +72,12 @@ def test_resampling_neither_drifts_nor_distorts(rate_in, channels_in, rate_out, 
 def test_pictures_keep_their_colours(size, layout):
     """By way of the session's formats and back to RGB; odd sizes have chroma planes of rounded-up halves."""
     colour = {"R": 200, "G": 90, "B": 40, "A": 255}
-    pixels = bytes(colour[letter] for letter in layout.rstrip("0123456789")) * (size[0] * size[1])
+    width, height = size
+    pixels = bytes(colour[letter] for letter in layout.rstrip("0123456789")) * (width * height)
     for wanted in ("YUV420P", "RGB24", "ARGB32"):
-        there = asyncio.run(convert_aside(memoryview(pixels), *size, layout, wanted))
-        assert len(there) == frame_buffer_size(*size, wanted)
-        back = np.frombuffer(convert(bytes(there), *size, wanted, "RGB24"), np.uint8).reshape(-1, 3)
+        there = asyncio.run(convert_aside(memoryview(pixels), width, height, layout, wanted))
+        assert len(there) == frame_buffer_size(width, height, wanted)
+        back = np.frombuffer(convert(bytes(there), width, height, wanted, "RGB24"), np.uint8).reshape(-1, 3)
         assert np.abs(back.astype(int) - [200, 90, 40]).max() <= 3, (wanted, back[0])
 
 
@@ -105,13 +91,12 @@ def test_numpy_is_asked_for_by_name(monkeypatch):
 
 def test_ctrl_c(tmp_path):
     program = start("interrupted", tmp_path)
+    assert program.stdout and program.stderr
     try:
         while "running" not in program.stdout.readline():
             assert program.poll() is None, program.stderr.read()
         program.send_signal(signal.SIGINT)
-        out, err = program.communicate(timeout=30)
+        out, err = end(program, -signal.SIGINT, COMPLAINTS[1:])
     finally:
         program.kill()
-    assert program.returncode == -signal.SIGINT and "left" in out, out + err
-    assert err.strip().endswith("KeyboardInterrupt")
-    assert not [each for each in COMPLAINTS[1:] if each in err], err
+    assert "left" in out and err.strip().endswith("KeyboardInterrupt"), out + err

@@ -9,44 +9,28 @@ import shutil
 import signal
 import socket
 import subprocess
-import sys
+import time
 import wave
 from pathlib import Path
+from typing import Any
 
 import numpy as np
 import pytest
-from programs import BUILD, COMPLAINTS, environment
+from programs import BUILD, end, launch
 
 
 def start(
-    *arguments: object, python: tuple[str, ...] = ("-X", "dev"), **variables: object
+    *arguments: object, python: tuple[str, ...] = ("-X", "dev"), **variables: Any
 ) -> subprocess.Popen[str]:
-    return subprocess.Popen(
-        [sys.executable, *python, "-m", "tavrin_media_relay", *map(str, arguments)],
-        env=environment(**variables),
-        text=True,
-        errors="replace",
-        stdout=subprocess.PIPE,
-        stderr=subprocess.PIPE,
-    )
+    return launch(*python, "-m", "tavrin_media_relay", *arguments, **variables)
 
 
-def end(program: subprocess.Popen[str], code: int) -> tuple[str, str]:
-    try:
-        out, err = program.communicate(timeout=60)
-    finally:
-        program.kill()
-    assert program.returncode == code, f"exit code {program.returncode}\n{out[-3000:]}\n{err[-6000:]}"
-    assert not [each for each in COMPLAINTS if each in err], err
-    return out, err
-
-
-def run(*arguments: object, code: int = 0, **variables: object) -> str:
+def run(*arguments: object, code: int = 0, **variables: Any) -> str:
     out, err = end(start(*arguments, **variables), code)
     return out + err if code else out
 
 
-def told(*arguments: object, code: int = 0, **variables: object) -> dict[str, dict]:
+def told(*arguments: object, code: int = 0, **variables: Any) -> dict[str, dict]:
     """The last of each kind of what was told in JSON, which is all that standard output may hold."""
     out, _ = end(start(*arguments, "--json", **variables), code)
     return {each.get("event"): each for each in map(json.loads, out.splitlines())}
@@ -63,6 +47,19 @@ def tone(path: Path, hertz: float, seconds: float, rate: int = 16000) -> Path:
     with wave.open(str(path), "wb") as file:
         file.setnchannels(1), file.setsampwidth(2), file.setframerate(rate)
         file.writeframes(samples.tobytes())
+    return path
+
+
+def film(path: Path, seconds: float) -> Path:
+    """White, with a tone of 500 Hz."""
+    picture, sound = (
+        f"color=white:size=64x32:rate=20:duration={seconds}",
+        f"sine=frequency=500:duration={seconds}",
+    )
+    subprocess.run(
+        ["ffmpeg", "-v", "error", "-f", "lavfi", "-i", picture, "-f", "lavfi", "-i", sound, "-c:v", "ffv1",
+         "-c:a", "pcm_s16le", path], check=True,
+    )  # fmt: skip
     return path
 
 
@@ -86,11 +83,7 @@ def frequency(samples: np.ndarray, rate: float) -> float:
         (["echo", "--session", "s", "--delay", "nan"], 2, "must be 0.1 to 20 seconds"),
         (["play", "{here}/none.wav", "--session", "s"], 1, "none.wav: there is no such file"),
         (["play", "{text}", "--session", "s"], 1, "words.txt: Invalid data"),
-        (
-            ["play", "{wav}", "--session", "s", "--host", "embedded:{text}"],
-            1,
-            "scenario '.*words.txt': line 1",
-        ),
+        (["play", "{wav}", "--session", "s", "--host", "embedded:{text}"], 1, "'.*words.txt': line 1"),
         (["play", "{wav}", "--session", "s", "--host", "ws://192.0.2.1"], 1, "in the clear"),
         (["record", "--session", "s", "--out", "{text}"], 1, "cannot write to .*words.txt"),
         (["report", "{text}"], 1, "words.txt, line 1: not figures"),
@@ -133,13 +126,7 @@ def test_failures_of_the_session_are_told(keys, options, code, message, tmp_path
 
 
 def test_play_sends_what_the_files_hold(tmp_path):
-    film = tmp_path / "film.mkv"
-    subprocess.run(
-        ["ffmpeg", "-v", "error", "-f", "lavfi", "-i", "color=white:size=64x32:rate=20:duration=1.5",
-         "-f", "lavfi", "-i", "sine=frequency=500:duration=1.5", "-c:v", "ffv1", "-c:a", "pcm_s16le", film],
-        check=True,
-    )  # fmt: skip
-    files = [film, tone(tmp_path / "tone.wav", 900, 1)]
+    files = [film(tmp_path / "film.mkv", 1.5), tone(tmp_path / "tone.wav", 900, 1)]
     host = f"embedded:{scenario(tmp_path, record='out')}"
     figures = tmp_path / "deep" / "figures.jsonl"
     run("play", *files, "--session", "s", "--size", "64x64", "--host", host, "--figures", figures)
@@ -155,9 +142,8 @@ def test_play_sends_what_the_files_hold(tmp_path):
     places = range(y4m.index(b"FRAME"), len(y4m), stride)
     lumas = [np.frombuffer(y4m, "u1", 64 * 64, at + 6).reshape(64, 64) for at in places]
     white = [each for each in lumas if each[32].min() > 200]
-    assert len(white) >= 25 and all(
-        each[:15].max() < 40 and each[-15:].max() < 40 for each in white
-    )  # borders
+    borders = [max(each[:15].max(), each[-15:].max()) for each in white]
+    assert len(white) >= 25 and max(borders) < 40
     drawn = told("report", figures)["report"]
     assert Path(drawn["file"]).read_bytes().startswith(b"\x89PNG") and drawn["seconds"] > 2
     assert run("report", figures, "--out", tmp_path / "x.nokind", code=1).count("cannot write") == 1
@@ -165,12 +151,9 @@ def test_play_sends_what_the_files_hold(tmp_path):
 
 def test_record_writes_every_stream(tmp_path):
     captions = [{"at_ms": 500, "text": "Grüße"}]
+    card = {"testcard": True, "width": 64, "height": 48, "fps": 30}
     peers = [
-        {
-            "id": "a",
-            "audio": {"tone_hz": 700},
-            "video": {"testcard": True, "width": 64, "height": 48, "fps": 30},
-        },
+        {"id": "a", "audio": {"tone_hz": 700}, "video": card},
         {"id": "b/../c", "audio": {"tone_hz": 300}, "leave_at_ms": 1500, "captions": captions},
     ]
     out = tmp_path / "out"
@@ -189,11 +172,8 @@ def test_record_writes_every_stream(tmp_path):
 
 
 def test_echo_speaks_after_the_delay(tmp_path):
-    peer = {
-        "id": "a",
-        "audio": {"file": str(tone(tmp_path / "t.wav", 600, 0.7)), "loop": False},
-        "join_at_ms": 300,
-    }
+    voice = {"file": str(tone(tmp_path / "t.wav", 600, 0.7)), "loop": False}
+    peer = {"id": "a", "audio": voice, "join_at_ms": 300}
     host = f"embedded:{scenario(tmp_path, participants=[peer], record='out')}"
     run("echo", "--session", "s", "--delay", 1, "--seconds", 2.5, "--host", host)
     log = [json.loads(line) for line in (tmp_path / "out" / "events.jsonl").read_text().splitlines()]
@@ -242,11 +222,8 @@ def test_a_scenario_is_checked_without_a_trace(tmp_path):
     assert (tmp_path / "out" / "events.jsonl").read_text() == "of an earlier rehearsal"
     (tmp_path / "bad.wav").write_text("no sound")
     bad = tmp_path / "bad.json"
-    for keys, reason in (
-        ({"audio": {"file": "bad.wav"}}, "bad.wav"),
-        ({"audio": {"hertz": 1}}, "unknown key"),
-    ):
-        bad.write_text(json.dumps({"participants": [{"id": "a", **keys}]}))
+    for audio, reason in (({"file": "bad.wav"}, "bad.wav"), ({"hertz": 1}, "unknown key")):
+        bad.write_text(json.dumps({"participants": [{"id": "a", "audio": audio}]}))
         found = told("scenario", "check", good, bad, code=1)["scenario"]
         assert found["ok"] is False and reason in found["text"]
 
@@ -261,7 +238,7 @@ def test_doctor_finds_all_well():
 
 def test_extras_may_be_missing(tmp_path):
     """Without the system's packages there is no rich, no numpy and no matplotlib; without PATH no ffmpeg."""
-    bare = {"python": ("-S",), "PATH": "/nowhere"}
+    bare: dict[str, Any] = {"python": ("-S",), "PATH": "/nowhere"}
     assert "apt-get install python3-rich" in run("doctor", **bare)
     run("record", "--session", "s", "--out", tmp_path, "--seconds", 0.5, "--video", "y4m", **bare)
     assert "report needs matplotlib" in run("report", tmp_path, code=1, **bare)
@@ -277,31 +254,29 @@ def test_commands_meet_on_a_relay_of_ours(tmp_path):
     with socket.socket() as free:
         free.bind(("127.0.0.1", 0))
         port = free.getsockname()[1]
-    ports = [
-        "--port",
-        port,
-        "--tls-port",
-        port + 1 if port < 65535 else port - 1,
-        "--rtp-ports",
-        "31000-31099",
-    ]
+    other = port + 1 if port < 65535 else port - 1
+    ports = ["--port", port, "--tls-port", other, "--rtp-ports", "31000-31099"]
     server = start("relay", "--room", "hall", *ports, "--dir", tmp_path / "server", "--json")
     try:
         assert server.stdout is not None
         serving = json.loads(server.stdout.readline() or "{}")
-        token = told("token", "hall", "--dir", tmp_path / "server")["token"]["token"]
+        token = told("token", "hall", "--dir", tmp_path / "server", "--lifetime", "2m")["token"]["token"]
+        assert 60 < int(token.partition(",")[0]) - time.time() <= 120
         there = {**serving["environment"], "SESSION_ID": "hall", "TOKEN": token}
         assert told("echo", **{**there, "TOKEN": "wrong"}, code=1)["failed"]["code"] == 1004
-        recorder = start("record", "--out", tmp_path / "heard", "--json", **there)
+        recorder = start("record", "--out", tmp_path / "heard", "--video", "y4m", "--json", **there)
         assert recorder.stdout is not None and "joined" in recorder.stdout.readline()
-        run("play", tone(tmp_path / "tone.wav", 800, 6), **there)
+        run("play", film(tmp_path / "film.mkv", 6), "--size", "64x32", **there)
         assert any('"StreamDropped"' in line for line in iter(recorder.stdout.readline, ""))
         recorder.send_signal(signal.SIGINT)
         end(recorder, 0)
         (sound,) = (tmp_path / "heard").glob("*.wav")
         samples, rate = heard(sound)
         begin = int(np.flatnonzero(np.abs(samples) > 1000)[0])  # the rest came before it was subscribed to
-        assert frequency(samples[begin : begin + int(rate)], rate) == pytest.approx(800, rel=0.03)
+        assert frequency(samples[begin : begin + int(rate)], rate) == pytest.approx(500, rel=0.03)
+        (shown,) = (tmp_path / "heard").glob("*.y4m")
+        pictures = shown.read_bytes().split(b"FRAME\n")[1:]
+        assert sum(min(each[: 64 * 32]) > 200 for each in pictures) > 40, len(pictures)
         server.send_signal(signal.SIGINT)
         end(server, 0)
     finally:

@@ -5,7 +5,7 @@ from __future__ import annotations
 import pytest
 
 #: What a program has put in the place of a hook or a stream, and what standard error shows nevertheless.
-REPLACEMENTS = {
+REPLACEMENTS: dict[str, tuple[str, list[str]]] = {
     "a hook that exits": (
         "sys.excepthook = lambda *_: sys.exit(9)",
         ["Error in sys.excepthook", "SystemExit: 9", "no luck"],

@@ -6,6 +6,7 @@ import array
 import zlib
 from datetime import timedelta
 from types import SimpleNamespace
+from typing import Any
 
 import pytest
 
@@ -35,27 +36,19 @@ def wait_captured(world, periods: int) -> bytes:
 
 def test_audio_arrives_sample_for_sample(world):
     world.ready()
-    makers = [
+    makers: list[Any] = [
         bytes,
         bytearray,
-        memoryview,
         lambda data: array.array("h", data),
         lambda data: memoryview(data).cast("h"),
     ]
     sent = [samples(PERIOD * 3, seed=seed) for seed in range(len(makers))]
     for make, data in zip(makers, sent):
-        assert world.client.add_audio(audio_data=audio(world, make(data), PERIOD * 3)) is True
+        given = make(data)
+        assert world.client.add_audio(audio_data=audio(world, given, PERIOD * 3)) is True
+        if make is bytearray:
+            given.clear()  # it was copied, and is not held any more
     assert b"".join(sent) in wait_captured(world, 3 * len(sent) + 2)
-
-
-def test_audio_is_copied_before_the_call_returns(world):
-    world.ready()
-    data = bytearray(samples(PERIOD))
-    expected = bytes(data)
-    assert world.client.add_audio(audio(world, data)) is True
-    data[:] = bytes(len(data))
-    data.clear()  # a buffer that is still exported refuses to be resized
-    assert expected in wait_captured(world, 3)
 
 
 def test_buffer_of_a_property_that_gives_a_fresh_object(world):
@@ -130,7 +123,7 @@ def test_pictures_arrive_byte_for_byte(world, format, code):
     want = [zlib.crc32(picture) for picture in pictures]
 
     def seen():
-        distinct = []
+        distinct: list[int] = []
         for each in world.lib.provided_frames():
             if not distinct or distinct[-1] != each.checksum:
                 distinct.append(each.checksum)
@@ -159,19 +152,11 @@ def test_pictures_arrive_byte_for_byte(world, format, code):
 def test_pictures_whose_sizes_lie(world, change, exception):
     assert connect_with_video(world)
     world.publish()
-    for other in (
-        frame(world, bytes(64 * 50 * 2), height=50),
-        frame(world, bytes(SIZES["RGB24"]), format="RGB24"),
-    ):
-        assert world.client.add_video(other) is False  # sound, but not what was agreed on
-    values = {
-        "width": 64,
-        "height": 48,
-        "format": "YUV420P",
-        "frame_buffer": bytes(SIZES["YUV420P"]),
-        **change,
-    }
-    size = SimpleNamespace(width=values.pop("width"), height=values.pop("height"))
+    # Sound, but not what was agreed on.
+    assert world.client.add_video(frame(world, bytes(64 * 50 * 2), height=50)) is False
+    assert world.client.add_video(frame(world, bytes(SIZES["RGB24"]), format="RGB24")) is False
+    values = {"format": "YUV420P", "frame_buffer": bytes(SIZES["YUV420P"]), **change}
+    size = SimpleNamespace(width=values.pop("width", 64), height=values.pop("height", 48))
     with pytest.raises(exception):
         world.client.add_video(SimpleNamespace(resolution=size, **values))
     assert world.client.add_video(frame(world, bytes(SIZES["YUV420P"]))) is True
@@ -179,11 +164,7 @@ def test_pictures_whose_sizes_lie(world, change, exception):
 
 def test_impossible_and_extreme_picture_settings(world):
     for picture in [{"width": 0}, {"height": -1}, {"fps": 0}, {"fps": -(2**31)}, {"width": 2**31}]:
-        world.log.clear()
         assert connect_with_video(world, **picture) is False, picture
-        assert any(
-            "MRSession::connect: Invalid video publisher settings" in text for _, text in world.log.texts()
-        )
     for picture in [{"fps": 2**31 - 1}, {"width": 2**20, "height": 2**20}]:
         assert connect_with_video(world, **picture) is True, picture
         world.publish()
@@ -234,45 +215,6 @@ def test_drained_report(world, sound, picture):
     world.rec.wait("drained", before + (2 if picture else 1))
     reports = [event.args[0] for event in world.rec.named("drained")[before:]]
     zero = timedelta(0)
-    assert any(
-        each.audio and each.audio.duration == zero and (each.video is not None) == picture for each in reports
-    )
-    if picture:
-        assert any(
-            each.video and each.video.duration == zero and (each.audio is not None) == sound
-            for each in reports
-        )
-
-
-def test_mixed_audio_while_the_session_runs(world):
-    world.ready(on_audio_data_cb=world.rec("mix"))
-    blocks = [world.rec.wait("mix", number).args[1] for number in (1, 2, 3)]
-    numbers = [value for block in blocks for value in block.sample_buffer.tolist()]
-    assert len(numbers) == 3 * 960 and numbers == [(numbers[0] + i) % 32768 for i in range(len(numbers))]
-    assert {block.sample_rate for block in blocks} == {48000}
-    assert world.client.disconnect() is True
-    world.client.connect("key", "second", "token")  # without a callable
-    count = len(world.rec.named("mix"))
-    world.settle()
-    assert len(world.rec.named("mix")) == count
-
-
-def test_mixed_audio_ends_with_a_short_read(world):
-    world.ready(on_audio_data_cb=world.rec("mix"))
-    world.rec.wait("mix")
-    world.lib.render_answer(479)
-    world.log.wait("DEBUG", "MRAudioRenderer::loopFn: Thread finishes.")
-    assert world.lib.device_slot("is_renderer_started") == 1
-    assert world.client.disconnect() is True  # and nothing waits for it
-
-
-def test_ready_once_for_each_start(world):
-    world.ready()
-    assert world.lib.device_slot("stop_capturer") == 1
-    world.settle()
-    assert len(world.rec.named("ready")) == 1
-    assert world.lib.device_slot("start_capturer") == 1
-    world.rec.wait("ready", 2)
-    world.client.disconnect()
-    world.ready()
-    world.rec.wait("ready", 3)
+    dry = [(each.audio and each.audio.duration, each.video and each.video.duration) for each in reports]
+    assert any(audio == zero and (video is not None) == picture for audio, video in dry), dry
+    assert not picture or any(video == zero and (audio is not None) == sound for audio, video in dry), dry

@@ -8,8 +8,9 @@ import subprocess
 
 import pytest
 import scripted
+from programs import BUILD, ROOT
 
-MODULE = scripted.BUILD / "python" / "_tavrin_video.abi3.so"
+MODULE = BUILD / "python" / "_tavrin_video.abi3.so"
 METHODS = """
 connect disconnect subscribe unsubscribe publish unpublish is_publishing is_connected
 get_connection add_audio add_video clear_media_buffers get_media_buffer_stats
@@ -53,16 +54,12 @@ def test_clients_are_handles_on_one_controller(world):
 
 
 def test_exports_and_imports():
-    defined = {
-        line.split()[-1].split("@")[0] for line in tool("nm", "-D", "--defined-only", MODULE).splitlines()
-    }
-    assert defined == {"PyInit__tavrin_video", "srn_get_device_info"}
-    library = [
-        line.split()[-1]
-        for line in tool("nm", "-D", "--undefined-only", MODULE).splitlines()
-        if " srn_" in line
-    ]
-    assert len(library) > 40 and [name for name in library if not name.endswith("@sarnet")] == []
+    defined = tool("nm", "-D", "--defined-only", MODULE)
+    assert {line.split()[-1].split("@")[0] for line in defined.splitlines()} == {
+        "PyInit__tavrin_video", "srn_get_device_info",
+    }  # fmt: skip
+    asked = re.findall(r" (srn_\S+)", tool("nm", "-D", "--undefined-only", MODULE))
+    assert len(asked) > 40 and all(name.endswith("@sarnet") for name in asked)
     dynamic = tool("readelf", "-d", MODULE)
     assert "[libsarnet.so]" in dynamic and "(RUNPATH)" in dynamic and "(RPATH)" not in dynamic
     assert not re.search(r"NEEDED.*libpython", dynamic)
@@ -82,21 +79,9 @@ def test_device_info(world):
     first, second = give(), give()
     assert ctypes.addressof(first.contents) != ctypes.addressof(second.contents)
     for info in (first.contents, second.contents):
-        assert (
-            info.bundle,
-            info.system,
-            info.model,
-            info.network,
-            info.stats_callback,
-            info.no_simulcast,
-        ) == (
-            b"1.0.3",
-            b"tavrin-media-relay-python-1.0.3",
-            b"tavrin-media-relay",
-            b"Unknown",
-            None,
-            b"n",
-        )
+        told = [getattr(info, name) for name, _ in info._fields_[1:]]
+        system = b"tavrin-media-relay-python-1.0.3"
+        assert told == [b"1.0.3", system, b"tavrin-media-relay", b"Unknown", None, b"n"]
         assert re.fullmatch(rb"00000000-0000-0000-0000-[0-9a-fA-F]{12}", info.uuid)
 
 
@@ -122,58 +107,42 @@ print(open("/proc/self/maps").read())
     assert {line.level for line in program.lines} <= {"WARN", "ERROR"}
 
 
-MODELS = (scripted.ROOT / "python/tavrin_media_relay/models.py").read_text()
+MODELS = (ROOT / "python/tavrin_media_relay/models.py").read_text()
 
 
 @pytest.mark.parametrize(
     ("models", "exception", "line"),
     [
-        (
-            None,
-            "ModuleNotFoundError: No module named 'tavrin_media_relay.models'",
-            "Failed to load models module",
-        ),
+        ("", "ModuleNotFoundError: .*'tavrin_media_relay.models'", "Failed to load models module"),
         ("1 / 0", "ZeroDivisionError: division by zero", "Failed to load models module"),
-        (
-            MODELS + "\nSession = Session('instance')",
-            "ImportError: Model classes are not valid",
-            "Model classes are not valid",
-        ),
+        (MODELS + "\nSession = Session('x')", "ImportError: Model classes", "Model classes are not valid"),
         (MODELS + "\ndel CaptionsData", "AttributeError: .*CaptionsData", "Model classes are not valid"),
     ],
     ids=["missing", "broken", "no class", "name missing"],
-)
+)  # fmt: skip
 def test_models_that_will_not_do(run, tmp_path, models, exception, line):
     package = tmp_path / "tavrin_media_relay"
     package.mkdir()
     (package / "__init__.py").write_text("")
-    (package / "_checks.py").write_text((scripted.ROOT / "python/tavrin_media_relay/_checks.py").read_text())
+    (package / "_checks.py").write_text((ROOT / "python/tavrin_media_relay/_checks.py").read_text())
     if models:
         (package / "models.py").write_text(models)
-    program = run("import _tavrin_video", prelude="", path=[tmp_path])
-    assert program.code == 1 and re.search(exception, program.err), program
-    assert "SystemError" not in program.err and [text for text in program.texts()] == [("ERROR", line)]
-
-
-def test_import_can_be_tried_again(run, tmp_path):
-    package = tmp_path / "tavrin_media_relay"
-    package.mkdir()
-    (package / "__init__.py").write_text("")
     program = run(
         f"""
-import sys
-for _ in range(3):
+import sys, traceback
+for _ in range(2):
     try:
         import _tavrin_video
-    except ModuleNotFoundError:
-        pass
+    except Exception:
+        traceback.print_exc()
 sys.path.remove({str(tmp_path)!r})
 for name in [name for name in sys.modules if "tavrin" in name]:
     del sys.modules[name]
-import _tavrin_video
+import _tavrin_video  # can be tried again
 _tavrin_video.TavrinVideoClient()
 """,
         prelude="",
         path=[tmp_path],
     )
-    assert program.code == 0, program
+    assert program.code == 0 and len(re.findall(exception, program.err)) == 2, program
+    assert "SystemError" not in program.err and program.texts()[:2] == [("ERROR", line)] * 2

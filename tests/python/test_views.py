@@ -2,8 +2,6 @@
 
 from __future__ import annotations
 
-import gc
-
 import pytest
 
 
@@ -30,59 +28,22 @@ def test_audio_view(world, channels):
     world.lib.send_audio("s", data, channels, rate=16000)
     block = world.rec.wait("audio").args[1]
     view = block.sample_buffer
-    assert (view.format, view.itemsize, view.ndim, view.readonly, view.shape) == (
-        "h",
-        2,
-        1,
-        True,
-        (480 * channels,),
-    )
+    assert (view.format, view.readonly, view.shape) == ("h", True, (480 * channels,))
     assert view.contiguous and view.nbytes == len(data) and bytes(view) == data and view[0] == 0x1234
     assert (block.sample_rate, block.number_of_channels, block.number_of_frames) == (16000, channels, 480)
     with pytest.raises(TypeError):
         view[0] = 1
 
 
-@pytest.mark.parametrize(
-    "frame",
-    [
-        {"width": 5, "height": 3},
-        {"width": 64, "height": 48, "stride": (80, 40, 32)},
-        {"width": 7, "height": 5, "apart": 1, "stride": (16, 16, 16)},
-        # Planes that claim more rows than the picture has, and a size that claims more than there is.
-        {"width": 64, "height": 48, "buffer_size": 99_999, "rows": (4800, 2400, 2400)},
-    ],
-    ids=str,
-)
-def test_frame_view_is_packed(world, frame):
+def test_frame_view_is_packed(world):
     subscribed(world, on_render_frame_cb=world.rec("frame"))
+    frame = {"width": 7, "height": 5, "apart": 1, "stride": (16, 16, 16)}
     assert world.lib.send_frame("s", **frame, fill=9) == 1
     picture = world.rec.wait("frame").args[1]
     view, size = picture.frame_buffer, picture.resolution
     assert (view.format, view.itemsize, view.ndim, view.readonly) == ("B", 1, 1, True)
     assert (size.width, size.height, picture.format) == (frame["width"], frame["height"], "YUV420P")
     assert bytes(view) == pattern(size.width, size.height, 9)
-
-
-def test_missing_rows_are_black_not_an_older_picture(world):
-    """The memory is recycled: what another participant showed must not shine through."""
-    subscribed(world, on_render_frame_cb=world.rec("frame"))
-    world.lib.send_frame("s", 64, 48, fill=200)
-    world.rec.wait("frame")
-    world.rec.events.clear()  # gives the memory back
-    gc.collect()
-    assert (
-        world.lib.send_frame(
-            "s", 64, 48, fill=9, apart=1, rows=(8, 4, 4), plane_rows=(8, 4, 4), buffer_size=4608
-        )
-        == 1
-    )
-    view = bytes(world.rec.wait("frame").args[1].frame_buffer)
-    whole = pattern(64, 48, 9)
-    assert view[: 64 * 8] == whole[: 64 * 8]
-    assert view[64 * 8 : 64 * 48] == b"\x10" * (64 * 40)
-    chroma = view[64 * 48 :]
-    assert chroma[32 * 4 : 32 * 24] == b"\x80" * (32 * 20)
 
 
 @pytest.mark.parametrize(

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstdint>
+#include <fstream>
 #include <limits>
 #include <memory>
 #include <span>
@@ -19,6 +20,7 @@
 #include "relay/peer/rtcp_order.h"
 #include "relay/peer/sdp_text.h"
 #include "relay/peer/stamp_clock.h"
+#include "relay/room/room_member.h"
 
 namespace sarnet::relay {
 namespace {
@@ -125,28 +127,37 @@ TEST(SessionDescription, TellsWhatWasAccepted) {
   }
 }
 
-TEST(Captions, SurviveTheirEncoding) {
-  for (const std::string text :
-       {"plain", "\"quotes\", {braces} and\nlines", "héllo \xF0\x9F\x91\x8B", ""}) {
-    for (const bool is_final : {true, false}) {
-      const auto caption = decode_caption(encode_caption(text, is_final));
-      ASSERT_TRUE(caption) << text;
-      EXPECT_EQ(caption->text, text);
-      EXPECT_EQ(caption->is_final, is_final);
-    }
-  }
-  EXPECT_EQ(decode_caption(encode_caption("a\xFF", true))->text, "a\xEF\xBF\xBD");
+// The rows that the room page is tested with, too.
+json room_texts(const char* kind) { return json::parse(std::ifstream(ROOM_TEXTS_PATH))[kind]; }
+
+std::string repeated(const json& row, const char* name) {
+  std::string text;
+  for (int i = row.value("times", 1); i > 0; --i) text += row.value(name, "");
+  return text;
 }
 
-TEST(Captions, AreTakenFromOtherPrograms) {
-  EXPECT_EQ(decode_caption("just text")->text, "just text");
-  EXPECT_EQ(decode_caption("42")->text, "42");
-  EXPECT_TRUE(decode_caption(R"({"type":"caption","text":"x"})")->is_final);
-  for (const std::string& message :
-       {std::string(), std::string(65537, 'a'), std::string("a\xFF"),
-        std::string(R"({"type":"chat"})"), std::string(R"({"type":"caption"})"),
-        std::string(R"({"type":"caption","text":1})")}) {
-    EXPECT_FALSE(decode_caption(message)) << message.substr(0, 40);
+TEST(RoomTexts, CaptionsAreReadAndWritten) {
+  for (const json& row : room_texts("captions")) {
+    const std::string message = repeated(row, "message");
+    const auto caption = decode_caption(message);
+    ASSERT_EQ(caption.has_value(), row.contains("text")) << message.substr(0, 40);
+    if (!caption) continue;
+    EXPECT_EQ(caption->text, repeated(row, "text"));
+    EXPECT_EQ(caption->is_final, row.value("final", true));
+    const std::string written = encode_caption(caption->text, caption->is_final);
+    EXPECT_TRUE(!row.contains("ours") || json::parse(written) == json::parse(message)) << written;
+  }
+  EXPECT_EQ(decode_caption(encode_caption("a\xFF", true))->text, "a\xEF\xBF\xBD");
+  EXPECT_FALSE(decode_caption("a\xFF"));
+}
+
+TEST(RoomTexts, DisplaysAreRead) {
+  for (const json& row : room_texts("displays")) {
+    const Display display = parse_display(repeated(row, "display"));
+    EXPECT_EQ(display.data, row.value("data", "")) << row;
+    EXPECT_EQ(display.joined_ms, row.value("joined", 0)) << row;
+    EXPECT_EQ(display.stream, row.value("stream", "")) << row;
+    EXPECT_EQ(display.owner, row.value("owner", "")) << row;
   }
 }
 

@@ -69,8 +69,10 @@ def check_that_nobody_manages(stranger: Stranger, room: str, feed: str) -> None:
         "destroy": {},
     }
     handle = stranger.handle()
+    guesses: list[dict[str, Any]] = [{}]
+    guesses += [{"secret": guess, "admin_key": guess} for guess in ("guess", "")]
     for request, body in requests.items():
-        for guess in ({}, {"secret": "guess", "admin_key": "guess"}, {"secret": "", "admin_key": ""}):
+        for guess in guesses:
             answer = stranger.request(handle, request, room=room, **body, **guess)
             is_unknown = request == "list_remotes" and answer["error_code"] == 423  # later servers have it
             assert is_unknown or is_refused(answer), (request, room, guess, answer)

@@ -36,8 +36,10 @@ def test_a_token_for_one_room_opens_no_other(server: Server) -> None:
     for room in ("marks", "made"):
         feed = [{"feed": feeds[room], "mid": "0", "sub_mid": "0"}]
         check_that_nobody_manages(stranger, room, feeds[room])
-        for credentials in ({}, token, {"token": realm_token(SECRET)}, {"token": room_token(room, "guess")}):
-            for ptype in ({"ptype": "publisher"}, {"ptype": "subscriber", "streams": feed}):
+        tokens: list[Any] = [{}, token, {"token": realm_token(SECRET)}, {"token": room_token(room, "guess")}]
+        ptypes: list[Any] = [{"ptype": "publisher"}, {"ptype": "subscriber", "streams": feed}]
+        for credentials in tokens:
+            for ptype in ptypes:
                 for request in ("join", "joinandconfigure"):
                     answer = stranger.request(other, request, room=room, **ptype, **credentials)
                     assert is_refused(answer), (request, room, ptype, credentials, answer)
@@ -55,7 +57,8 @@ def test_a_token_for_one_room_opens_no_other(server: Server) -> None:
         assert stranger.request(other, "exists", room=room)["exists"]
         told = stranger.request(other, "listparticipants", room=room)["participants"]
         assert [each["id"] for each in told] == [feeds[room]]
-    for guess in ({}, {"admin_key": ""}, {"admin_key": "guess"}):
+    guesses: list[dict[str, Any]] = [{}, {"admin_key": ""}, {"admin_key": "guess"}]
+    for guess in guesses:
         assert is_refused(stranger.request(other, "create", room="new", **guess)), guess
         assert not stranger.request(other, "list", **guess).get("list"), guess
 

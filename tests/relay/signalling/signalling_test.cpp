@@ -14,7 +14,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 json person(const std::string& id, const std::string& display) {
   return {{"id", id}, {"display", display}};
@@ -84,19 +83,6 @@ INSTANTIATE_TEST_SUITE_P(
                   {{"unpublished", 7}},
                   {{"publishers", {{{"id", 4}}}}}},
                  {}}));
-
-TEST(Requests, SayNoMoreThanWhatChanged) {
-  const std::vector<FeedMedium> plain{{"0", "audio", false}, {"1", "video", false}};
-  const std::vector<FeedMedium> layered{{"0", "video", true}};
-  const auto request = [](const auto& media, const MediaPreferences& preferences) {
-    return preferences_request(media, stream_preferences(preferences, {}), {});
-  };
-  EXPECT_THAT(request(plain, {.max_width = 100, .max_framerate = 5}), IsEmpty());
-  EXPECT_EQ(request(plain, {.audio = false}).dump(),
-            R"({"request":"configure","streams":[{"mid":"0","send":false}]})");
-  EXPECT_EQ(request(layered, {.max_width = 640, .max_framerate = 5})["streams"].dump(),
-            R"([{"mid":"0","substream":1,"temporal":0}])");
-}
 
 TEST(Requests, AskForTheSmallestLayerThatIsNotTooSmall) {
   struct Row {
