@@ -14,7 +14,7 @@
 
 #include "relay/peer/caption_text.h"
 #include "relay/peer/ice_server.h"
-#include "relay/peer/opus_stream.h"
+#include "relay/media/codecs/opus_stream.h"
 #include "relay/peer/peer_connection.h"
 #include "relay/peer/rtcp_feedback.h"
 #include "relay/peer/rtcp_order.h"

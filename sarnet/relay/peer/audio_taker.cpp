@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <utility>
 
-#include "relay/peer/opus_stream.h"
+#include "relay/media/codecs/opus_stream.h"
 #include "relay/peer/stream_decoder.h"
 
 namespace sarnet::relay {

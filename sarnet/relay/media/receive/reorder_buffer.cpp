@@ -9,13 +9,16 @@ namespace {
 // appendix A.1). Ten seconds of sound, one to two of a large picture.
 constexpr std::int64_t kMaxStep = 500;
 
+// Twice the longest step.
+constexpr std::size_t kMaxMissing = 1000;
+
 }  // namespace
 
 ReorderBuffer::ReorderBuffer(Settings settings, OrderedSink& sink)
     : settings_(settings), sink_(sink) {
   held_.reserve(settings_.capacity);
   spare_.reserve(settings_.capacity);
-  missing_.reserve(static_cast<std::size_t>(kMaxStep));
+  missing_.reserve(kMaxMissing + static_cast<std::size_t>(kMaxStep));
 }
 
 ReorderBuffer::Outcome ReorderBuffer::insert(const RtpPacket& packet, Micros now) {
@@ -70,6 +73,10 @@ void ReorderBuffer::restart(std::uint16_t sequence) {
 void ReorderBuffer::note_gap(std::int64_t until, Micros now) {
   for (std::int64_t sequence = std::max(*highest_ + 1, *next_); sequence < until; ++sequence) {
     missing_.push_back({sequence, now, Micros{0}, 0});
+  }
+  // A sender that leaps ahead again and again must not make this grow.
+  if (missing_.size() > kMaxMissing) {
+    give_up_until(missing_[missing_.size() - kMaxMissing / 2].sequence);
   }
 }
 

@@ -1,4 +1,4 @@
-#include "relay/peer/opus_stream.h"
+#include "relay/media/codecs/opus_stream.h"
 
 #include <algorithm>
 #include <utility>
