@@ -64,13 +64,14 @@ class MediaTransport : public std::enable_shared_from_this<MediaTransport>,
   MediaTransport(const MediaTransport&) = delete;
   MediaTransport& operator=(const MediaTransport&) = delete;
 
-  // For the own description; anew after each set_remote(), as a restart changes it.
+  // For the own description. An answer asks after set_remote(), which may have restarted ICE.
   sdp::TransportInfo local_info() const;
   // Looks for candidates, which the observer is told. After the own description was sent.
   void gather();
   // What the other side said last, with the candidates in it. `active`: we begin the DTLS
-  // handshake, as the first two descriptions agreed; later ones cannot change that. New ICE names
-  // restart ICE, another certificate fails the transport.
+  // handshake; when we answer, if the other side says kPassive (make_answer() has it so), and when
+  // we offered, if the answer does. Of later descriptions that is not heeded. New ICE names restart
+  // ICE, another certificate fails the transport.
   void set_remote(const sdp::Description& remote, bool active);
   // An empty text: no more. What is not understood is passed over.
   void add_remote_candidate(const std::string& candidate);
