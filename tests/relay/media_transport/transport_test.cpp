@@ -145,6 +145,34 @@ class Call {
   End ends[2];
 };
 
+TEST(IceEndpoints, AreReadInTheirParts) {
+  struct Row {
+    const char* text;
+    const char* parts;  // user, password, host, port, how; empty: not understood
+  };
+  const std::vector<Row> rows{
+      {"stun:stun.example.org", "|||stun.example.org|3478|udp"},
+      {"stun:[2001:db8::1]:99", "|||2001:db8::1|99|udp"},
+      {"turn:anna:pa@s:s%25@10.0.0.1:99?transport=tcp", "relay|anna|pa@s:s%|10.0.0.1|99|tcp"},
+      {"turn:an%3Ana:secret@turn.example.org", "relay|an:na|secret|turn.example.org|3478|udp"},
+      {"turn:anna:secret@turn.example.org?transport=tls", ""},
+      {"turn:anna@turn.example.org", ""},
+      {"turns:anna:secret@turn.example.org", ""},
+      {"stun:stun.example.org:0", ""},
+      {"stun:stun.example.org:65536", ""},
+      {"stun:[2001:db8::1", ""},
+      {"", ""}};
+  for (const Row& row : rows) {
+    std::string parts;
+    if (const auto found = parse_ice_endpoint(row.text)) {
+      parts = std::string(found->is_relay ? "relay" : "") + "|" + found->user + "|" +
+              found->password + "|" + found->host + "|" + std::to_string(found->port) + "|" +
+              (found->over_tcp ? "tcp" : "udp");
+    }
+    EXPECT_EQ(parts, row.parts) << row.text;
+  }
+}
+
 TEST(Transport, CarriesMediaReportsAndText) {
   Call call;
   call.start();
