@@ -123,7 +123,8 @@ def _look_at_engines(findings: _Findings, library: Path) -> None:
     try:
         ctypes.CDLL(str(found["relay"]))
     except OSError as error:
-        advice = "Install what it needs (Debian: gstreamer1.0-plugins-bad, gstreamer1.0-nice, libsoup-3.0-0)."
+        packages = "gstreamer1.0-plugins-bad, gstreamer1.0-nice, libsoup-3.0-0, libusrsctp2"
+        advice = f"Install what it needs (Debian: {packages})."
         findings.add("note", "engine relay", f"can't be loaded: {error}", advice)
     else:
         findings.add("ok", "engine relay", str(found["relay"]))

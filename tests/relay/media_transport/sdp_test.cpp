@@ -148,6 +148,7 @@ TEST(Answers, TakeWhatWeCanReceive) {
   EXPECT_EQ(answer.transport.setup, Setup::kPassive);
   EXPECT_EQ(answer.transport.fingerprint, own_info().fingerprint);
   EXPECT_EQ(answer.sections[0].direction, Direction::kReceive);
+  EXPECT_FALSE(answer.sections[0].reduced_size);  // was not offered
   EXPECT_EQ(answer.sections[0].codecs[0].fmtp, "useinbandfec=1;stereo=1");
   ASSERT_EQ(answer.sections[0].extensions.size(), 1U);
   EXPECT_EQ(answer.sections[0].extensions[0].id, 4);
@@ -184,6 +185,7 @@ TEST(Offers, SayWhatIsPublishedAndJudgeTheAnswer) {
   EXPECT_EQ(offer.sections[1].codecs[0].name, "VP8");
   EXPECT_EQ(offer.sections[1].codecs[1].name, "H264");
   EXPECT_EQ(offer.sections[1].direction, Direction::kSend);
+  EXPECT_TRUE(offer.sections[1].reduced_size);
   EXPECT_EQ(offer.sections[2].mid, "application2");
   Description answer = make_answer(offer, own_info());
   EXPECT_EQ(fault_of_answer(offer, answer), "");

@@ -116,8 +116,8 @@ class Call {
     const sdp::Description offer =
         sdp::make_offer({.data = true, .audio_ssrc = 1, .video_ssrc = 2, .cname = "test"},
                         ends[0].transport->local_info());
+    ends[1].transport->set_remote(offer, offer.transport.setup == sdp::Setup::kPassive);
     sdp::Description answer = sdp::make_answer(offer, ends[1].transport->local_info());
-    ends[1].transport->set_remote(offer, answer.transport.setup == sdp::Setup::kActive);
     if (edit) edit(answer);
     ends[0].transport->set_remote(answer, answer.transport.setup == sdp::Setup::kPassive);
     for (End& end : ends) end.transport->gather();
@@ -144,6 +144,34 @@ class Call {
   std::shared_ptr<MainLoop> loop = std::make_shared<MainLoop>();
   End ends[2];
 };
+
+TEST(IceEndpoints, AreReadInTheirParts) {
+  struct Row {
+    const char* text;
+    const char* parts;  // user, password, host, port, how; empty: not understood
+  };
+  const std::vector<Row> rows{
+      {"stun:stun.example.org", "|||stun.example.org|3478|udp"},
+      {"stun:[2001:db8::1]:99", "|||2001:db8::1|99|udp"},
+      {"turn:anna:pa@s:s%25@10.0.0.1:99?transport=tcp", "relay|anna|pa@s:s%|10.0.0.1|99|tcp"},
+      {"turn:an%3Ana:secret@turn.example.org", "relay|an:na|secret|turn.example.org|3478|udp"},
+      {"turn:anna:secret@turn.example.org?transport=tls", ""},
+      {"turn:anna@turn.example.org", ""},
+      {"turns:anna:secret@turn.example.org", ""},
+      {"stun:stun.example.org:0", ""},
+      {"stun:stun.example.org:65536", ""},
+      {"stun:[2001:db8::1", ""},
+      {"", ""}};
+  for (const Row& row : rows) {
+    std::string parts;
+    if (const auto found = parse_ice_endpoint(row.text)) {
+      parts = std::string(found->is_relay ? "relay" : "") + "|" + found->user + "|" +
+              found->password + "|" + found->host + "|" + std::to_string(found->port) + "|" +
+              (found->over_tcp ? "tcp" : "udp");
+    }
+    EXPECT_EQ(parts, row.parts) << row.text;
+  }
+}
 
 TEST(Transport, CarriesMediaReportsAndText) {
   Call call;
@@ -301,7 +329,7 @@ TEST(Transport, LeavesNothingBehindAtAnyMoment) {
   std::mt19937 random(5);  // NOLINT: the same moments each time
   std::size_t files = 0;
   std::size_t threads = 0;
-  long memory = 0;
+  [[maybe_unused]] long memory = 0;
   for (int round = 0; round < 200; ++round) {
     call.start();
     if (round % 10 == 0) {

@@ -57,6 +57,7 @@ struct Section {
   std::string mid;
   bool accepted = true;  // port 0 and not of the bundle: refused
   Direction direction = Direction::kBoth;
+  bool reduced_size = false;  // RTCP may leave out the report (RFC 5506)
   std::vector<Codec> codecs;  // in the order of preference, those with an rtpmap
   std::vector<HeaderExtension> extensions;
   std::vector<std::uint32_t> ssrcs;

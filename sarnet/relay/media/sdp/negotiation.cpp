@@ -45,6 +45,7 @@ Section answer_section(const Section& offered) {
     return section;
   }
   const bool sends = offered.direction == Direction::kSend || offered.direction == Direction::kBoth;
+  section.reduced_size = offered.reduced_size;
   section.direction = sends ? Direction::kReceive : Direction::kInactive;
   for (const Codec& codec : offered.codecs) {
     if (!is_usable(offered.kind, codec)) continue;
@@ -78,6 +79,7 @@ Section media_section(const char* media, const char* mid, std::size_t index, std
   section.protocol = "UDP/TLS/RTP/SAVPF";
   section.mid = mid + std::to_string(index);
   section.direction = Direction::kSend;
+  section.reduced_size = true;
   section.ssrcs = {ssrc};
   section.cname = cname;
   section.msid = cname + " " + section.mid;
@@ -151,7 +153,7 @@ Description make_answer(const Description& offer, TransportInfo own) {
 
 std::string fault_of_answer(const Description& offer, const Description& answer) {
   if (answer.sections.size() != offer.sections.size()) return "it has another number of sections";
-  if (const std::string fault = fault_of_successor(offer, answer); !fault.empty()) return fault;
+  if (std::string fault = fault_of_successor(offer, answer); !fault.empty()) return fault;
   if (answer.transport.setup == Setup::kEither ||
       (offer.transport.setup != Setup::kEither &&
        offer.transport.setup == answer.transport.setup)) {

@@ -279,6 +279,8 @@ class Reader {
       section.mid = value;
     } else if (name == "bundle-only") {
       pending.bundle_only = true;
+    } else if (name == "rtcp-rsize") {
+      section.reduced_size = true;
     } else if (name == "msid") {
       section.msid = value;
     } else if (name == "rtpmap") {

@@ -100,7 +100,7 @@ void write_section(Writer& out, const Section& section, const TransportInfo& tra
     return;
   }
   out.line("a=rtcp-mux");
-  out.line("a=rtcp-rsize");
+  if (section.reduced_size) out.line("a=rtcp-rsize");
   out.line("a=", name_of(section.direction));
   for (const HeaderExtension& extension : section.extensions) {
     out.line("a=extmap:", extension.id, " ", extension.uri);

@@ -109,7 +109,7 @@ void* register_outbox(const std::shared_ptr<SctpOutbox>& outbox) {
     Outboxes& all = outboxes();
     const std::lock_guard lock(all.mutex);
     // A number that was never used before: the stack may still speak of one that has gone.
-    address = reinterpret_cast<void*>(++all.last);
+    address = reinterpret_cast<void*>(++all.last);  // NOLINT(performance-no-int-to-ptr)
     all.by_address.emplace(address, outbox);
   }
   usrsctp_register_address(address);

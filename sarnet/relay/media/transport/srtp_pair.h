@@ -13,7 +13,7 @@
 namespace sarnet::relay {
 
 // Encrypts what is sent and decrypts what is received, all streams of one connection. One thread.
-// Nothing is allocated but when a stream begins.
+// Nothing of ours is allocated but when a stream begins.
 class SrtpPair {
  public:
   // Longer packets are neither sent nor decrypted.
