@@ -138,7 +138,8 @@ Call::Call(const sarnet::relay::PublishSettings& settings)
 
 void Call::start() {
   run([this] {
-    const PeerSettings peer{.loop = loop_, .loopback = true, .jitter_ms = 200, .ice_servers = {}};
+    const PeerSettings peer{
+        .loop = loop_, .loopback = true, .jitter_ms = 200, .ice_servers = {}, .identity = nullptr};
     std::string error;
     receiver_ = ReceivingPeer::create(peer, listener_, *receiving_, error);
     publisher_ = PublishingPeer::create(peer, settings_, *publishing_, error);

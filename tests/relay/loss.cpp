@@ -1,17 +1,13 @@
 #include "relay/loss.h"
 
-#include <gst/gst.h>
-#define GST_USE_UNSTABLE_API
-#include <gst/gsttracer.h>
+#include <dlfcn.h>
+#include <srtp2/srtp.h>
 
-#include <array>
 #include <atomic>
 #include <mutex>
 #include <random>
-#include <string_view>
 
 namespace loopback {
-
 namespace {
 
 std::atomic<double> share{0};
@@ -25,36 +21,18 @@ bool is_lucky() {
   return std::uniform_real_distribution<>(0, 1)(random) >= share;
 }
 
-// RTP and RTCP start with version 2; the handshakes of the connection are left alone.
-GstPadProbeReturn lose(GstPad*, GstPadProbeInfo* info, gpointer) {
-  std::array<guint8, 1> first{};
-  GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
-  if (share <= 0 || gst_buffer_extract(buffer, 0, first.data(), 1) != 1 || first[0] >> 6 != 2) {
-    return GST_PAD_PROBE_OK;
-  }
-  const bool passes = is_lucky();
-  ++(passes ? passed_packets : lost_packets);
-  return passes ? GST_PAD_PROBE_OK : GST_PAD_PROBE_DROP;
-}
-
-// Called by the media stack for every element that is made.
-void on_element(GObject*, GstClockTime, GstElement* element) {
-  const GstElementFactory* factory = gst_element_get_factory(element);
-  if (factory == nullptr || std::string_view(GST_OBJECT_NAME(factory)) != "nicesrc") return;
-  GstPad* pad = gst_element_get_static_pad(element, "src");
-  gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, &lose, nullptr, nullptr);
-  gst_object_unref(pad);
+// What the library's function of that name does, or an error for a packet that is to be lost.
+template <class Function>
+srtp_err_status_t unprotect(const char* name, srtp_t context, void* packet, int* size) {
+  const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+  const bool passes = share <= 0 || is_lucky();
+  if (share > 0) ++(passes ? passed_packets : lost_packets);
+  return passes ? real(context, packet, size) : srtp_err_status_auth_fail;
 }
 
 }  // namespace
 
 PacketLoss::PacketLoss(double of_all) {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    gst_init(nullptr, nullptr);
-    gst_tracing_register_hook(reinterpret_cast<GstTracer*>(gst_registry_get()), "element-new",
-                              G_CALLBACK(&on_element));
-  });
   lost_packets = 0;
   passed_packets = 0;
   share = of_all;
@@ -63,6 +41,21 @@ PacketLoss::PacketLoss(double of_all) {
 PacketLoss::~PacketLoss() { share = 0; }
 
 int PacketLoss::lost() { return lost_packets; }
+
 int PacketLoss::passed() { return passed_packets; }
 
 }  // namespace loopback
+
+// In front of the library's own, for everything in the process.
+extern "C" {
+__attribute__((visibility("default"))) srtp_err_status_t srtp_unprotect(srtp_t context,
+                                                                        void* packet, int* size) {
+  return loopback::unprotect<decltype(&srtp_unprotect)>("srtp_unprotect", context, packet, size);
+}
+__attribute__((visibility("default"))) srtp_err_status_t srtp_unprotect_rtcp(srtp_t context,
+                                                                             void* packet,
+                                                                             int* size) {
+  return loopback::unprotect<decltype(&srtp_unprotect_rtcp)>("srtp_unprotect_rtcp", context, packet,
+                                                             size);
+}
+}

@@ -12,12 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "relay/media/codecs/opus_stream.h"
 #include "relay/peer/caption_text.h"
 #include "relay/peer/ice_server.h"
-#include "relay/media/codecs/opus_stream.h"
 #include "relay/peer/peer_connection.h"
-#include "relay/peer/rtcp_feedback.h"
-#include "relay/peer/rtcp_order.h"
 #include "relay/peer/sdp_text.h"
 #include "relay/peer/stamp_clock.h"
 #include "relay/room/room_member.h"
@@ -25,76 +23,7 @@
 namespace sarnet::relay {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-
-Bytes operator+(Bytes left, const Bytes& right) {
-  left.insert(left.end(), right.begin(), right.end());
-  return left;
-}
-
-// A report block about that stream, whose other bytes tell it from a made-up one.
-Bytes block(std::uint8_t ssrc, std::uint8_t rest = 7) {
-  Bytes bytes(24, rest);
-  bytes[0] = bytes[1] = bytes[2] = 0;
-  bytes[3] = ssrc;
-  return bytes;
-}
-
-// An RTCP header of `words` further words, and the sender's SSRC, 9.
-Bytes header(std::uint8_t count, std::uint8_t type, std::uint8_t words) {
-  return {static_cast<std::uint8_t>(0x80 | count), type, 0, words, 0, 0, 0, 9};
-}
-
-TEST(ReportOrder, PutsTheVideoFirst) {
-  const Bytes sender_info(20, 5);
-  const Bytes loss = header(1, 206, 2) + Bytes{0, 0, 0, 2};
-  Bytes full = header(31, 201, 187);
-  for (int i = 0; i < 31; ++i) full = full + block(1);
-  struct Row {
-    const char* name;
-    Bytes before;
-    Bytes after;  // empty: as before
-  };
-  const std::vector<Row> rows{
-      {"video second", header(2, 201, 13) + block(1) + block(2) + loss,
-       header(2, 201, 13) + block(2) + block(1) + loss},
-      {"video first already", header(2, 201, 13) + block(2) + block(1) + loss, {}},
-      {"no block about video", header(1, 201, 7) + block(1) + loss,
-       header(2, 201, 13) + block(2, 0) + block(1) + loss},
-      {"a sender's report", header(1, 200, 12) + sender_info + block(1),
-       header(2, 200, 18) + sender_info + block(2, 0) + block(1)},
-      {"no report at all", loss, header(1, 201, 7) + block(2, 0) + loss},
-      {"full", full, {}},
-      {"cut short", header(2, 201, 13) + block(1), {}},
-      {"blocks beyond the length", header(2, 201, 7) + block(1) + block(2), {}},
-      {"not RTCP", {0x16, 0xfe, 0xfd, 0, 0, 0, 0, 9}, {}},
-      {"empty", {}, {}}};
-  for (const Row& row : rows) {
-    Bytes packet = row.before;
-    EXPECT_EQ(put_report_first(packet, 2), !row.after.empty()) << row.name;
-    EXPECT_EQ(packet, row.after.empty() ? row.before : row.after) << row.name;
-  }
-}
-
-TEST(Feedback, LeavesAtOnceFromTheFirstReportOn) {
-  std::string error;
-  ASSERT_TRUE(media_stack_ready(error)) << error;
-  const ElementPtr webrtc(
-      GST_ELEMENT(gst_object_ref_sink(gst_element_factory_make("webrtcbin", nullptr))));
-  quicken_feedback(webrtc.get(), std::make_shared<std::atomic<std::uint32_t>>(0));
-  const ElementPtr bin(gst_bin_get_by_name(GST_BIN(webrtc.get()), "rtpbin"));
-  const PadPtr pad(gst_element_request_pad_simple(bin.get(), "recv_rtp_sink_0"));
-  GObject* session = nullptr;
-  g_signal_emit_by_name(bin.get(), "get-internal-session", 0U, &session);
-  const GObjectPtr held(session);
-  ASSERT_TRUE(held);
-  guint64 interval = 0;
-  gboolean reduced = FALSE;
-  g_object_get(session, "rtcp-min-interval", &interval, "rtcp-reduced-size", &reduced, nullptr);
-  EXPECT_LE(interval, 100 * GST_MSECOND);
-  EXPECT_GT(interval, 0U);
-  EXPECT_TRUE(reduced);
-}
+using Packet = std::vector<std::uint8_t>;
 
 TEST(SessionDescription, LosesOnlyFullIntraRequests) {
   const std::string kept = "m=video 9 UDP/TLS/RTP/SAVPF 96\r\na=rtcp-fb:96 nack pli\r\n";
@@ -111,19 +40,15 @@ TEST(SessionDescription, TellsWhatWasAccepted) {
   struct Row {
     std::string sdp;
     std::string codec;
-    bool channel;
   };
   const std::vector<Row> rows{
-      {"m=audio 9 X 97\r\na=rtpmap:97 OPUS/48000/2\r\nm=video 9 X 97 96\r\n" + codecs, "H264",
-       false},
+      {"m=audio 9 X 97\r\na=rtpmap:97 OPUS/48000/2\r\nm=video 9 X 97 96\r\n" + codecs, "H264"},
       {"m=video 9 X 96 97\r\n" + codecs + "m=application 9 UDP/DTLS/SCTP webrtc-datachannel\r\n",
-       "VP8", true},
-      {"m=video 0 X 96\r\n" + codecs + "m=application 0 Y webrtc-datachannel\r\n", "", false},
-      {"m=application 0 Y webrtc-datachannel\r\na=bundle-only\r\n", "", true},
-      {"v=0\r\nm=video", "", false}};
+       "VP8"},
+      {"m=video 0 X 96\r\n" + codecs + "m=application 0 Y webrtc-datachannel\r\n", ""},
+      {"v=0\r\nm=video", ""}};
   for (const Row& row : rows) {
     EXPECT_EQ(first_video_codec(row.sdp), row.codec) << row.sdp;
-    EXPECT_EQ(offers_data_channel(row.sdp), row.channel) << row.sdp;
   }
 }
 
@@ -222,14 +147,14 @@ TEST(StampClock, StaysNearTheClockAndNeverGoesBack) {
 
 // Twenty packets of a 440 Hz tone, 20 ms each, in mono as speech is sent. The tone of packet 14 is
 // an octave higher.
-std::vector<Bytes> tone_packets() {
+std::vector<Packet> tone_packets() {
   int error = OPUS_OK;
   OpusEncoder* encoder = opus_encoder_create(48000, 1, OPUS_APPLICATION_VOIP, &error);
   opus_encoder_ctl(encoder, OPUS_SET_BITRATE(32000));
   opus_encoder_ctl(encoder, OPUS_SET_INBAND_FEC(1));
   opus_encoder_ctl(encoder, OPUS_SET_PACKET_LOSS_PERC(20));
   opus_encoder_ctl(encoder, OPUS_SET_BANDWIDTH(OPUS_BANDWIDTH_WIDEBAND));
-  std::vector<Bytes> packets;
+  std::vector<Packet> packets;
   std::vector<std::int16_t> samples(960);
   for (int i = 0; i < 20; ++i) {
     const int pitch = i == 14 ? 880 : 440;
@@ -237,7 +162,7 @@ std::vector<Bytes> tone_packets() {
       samples[static_cast<std::size_t>(k)] =
           static_cast<std::int16_t>(10000 * std::sin(2 * M_PI * pitch * (i * 960 + k) / 48000));
     }
-    Bytes packet(1500);
+    Packet packet(1500);
     packet.resize(static_cast<std::size_t>(opus_encode(encoder, samples.data(), 960, packet.data(),
                                                        static_cast<opus_int32>(packet.size()))));
     packets.push_back(packet);
@@ -247,7 +172,7 @@ std::vector<Bytes> tone_packets() {
 }
 
 TEST(OpusStream, FillsLossesAndKeepsTheStreamInPlace) {
-  const std::vector<Bytes> packets = tone_packets();
+  const std::vector<Packet> packets = tone_packets();
   struct Row {
     const char* what;
     std::vector<int> order;
@@ -283,13 +208,13 @@ TEST(OpusStream, FillsLossesAndKeepsTheStreamInPlace) {
 }
 
 TEST(OpusStream, TakesNothingButOpusAndBeginsAnewWithTheSender) {
-  const std::vector<Bytes> packets = tone_packets();
+  const std::vector<Packet> packets = tone_packets();
   std::size_t frames = 0;
   OpusStream stream(2, [&](const AudioFormat& format, std::span<const std::int16_t> samples) {
     frames += samples.size() / static_cast<std::size_t>(format.channels);
   });
   stream.take(40000, 0, {});
-  stream.take(40000, 0, Bytes{0xff});
+  stream.take(40000, 0, Packet{0xff});
   EXPECT_EQ(frames, 0U);
   stream.take(40000, 0, packets[0]);
   stream.take(100, 77, packets[1]);                // a new beginning

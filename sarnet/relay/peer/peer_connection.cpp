@@ -158,13 +158,6 @@ void PeerConnection::watch_webrtc() {
                    }
                  }),
                  weak_from_this());
-  connect_weakly(webrtc_, "on-data-channel",
-                 G_CALLBACK(+[](GstElement*, GstWebRTCDataChannel* channel, gpointer data) {
-                   if (const auto peer = lock_weak<PeerConnection>(data)) {
-                     peer->watch_channel(channel);
-                   }
-                 }),
-                 weak_from_this());
 }
 
 void PeerConnection::check_state() {
@@ -260,14 +253,6 @@ void PeerConnection::set_remote_answer(const std::string& sdp) {
   set_remote("answer", sdp, [](auto&, const auto&) {});
 }
 
-void PeerConnection::answer(const std::string& offer, std::function<void()> before_answer) {
-  set_remote("offer", offer,
-             [before_answer = std::move(before_answer)](PeerConnection& self, const auto&) {
-               before_answer();
-               self.create_description("answer");
-             });
-}
-
 void PeerConnection::add_remote_candidate(unsigned mline, const std::string& candidate) {
   if (!stopped_ && !candidate.empty()) {
     g_signal_emit_by_name(webrtc_, "add-ice-candidate", mline, candidate.c_str());
@@ -292,26 +277,6 @@ void PeerConnection::open_data_channel(const char* label) {
                    if (const auto peer = lock_weak<PeerConnection>(data)) {
                      peer->channel_open_ = false;
                    }
-                 }),
-                 weak_from_this());
-  watch_channel(channel);
-}
-
-// Text comes as such from programs and browsers, and as bytes through some servers.
-void PeerConnection::watch_channel(GstWebRTCDataChannel* channel) {
-  connect_weakly(channel, "on-message-string",
-                 G_CALLBACK(+[](GstWebRTCDataChannel*, char* text, gpointer data) {
-                   const auto peer = lock_weak<PeerConnection>(data);
-                   if (peer && text != nullptr && peer->text_taker_) peer->text_taker_(text);
-                 }),
-                 weak_from_this());
-  connect_weakly(channel, "on-message-data",
-                 G_CALLBACK(+[](GstWebRTCDataChannel*, GBytes* bytes, gpointer data) {
-                   const auto peer = lock_weak<PeerConnection>(data);
-                   if (!peer || bytes == nullptr || !peer->text_taker_) return;
-                   gsize size = 0;
-                   const auto* text = static_cast<const char*>(g_bytes_get_data(bytes, &size));
-                   peer->text_taker_(std::string_view(text, size));
                  }),
                  weak_from_this());
 }

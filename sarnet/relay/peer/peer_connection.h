@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "relay/media/transport/dtls_identity.h"
 #include "relay/peer/gst_handles.h"
 #include "relay/signalling/main_loop.h"
 
@@ -27,6 +28,8 @@ struct PeerSettings {
   unsigned jitter_ms = 200;
   // "stun:host:port" and "turn:user:password@host:port", the latter also with "?transport=tcp".
   std::vector<std::string> ice_servers;
+  // What the peers of a session show of themselves; null: each has its own made.
+  std::shared_ptr<const DtlsIdentity> identity;
 };
 
 // Told by one peer on the main loop's thread, never from inside a call to that peer, never after
@@ -75,12 +78,8 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
 
   void create_offer();
   void set_remote_answer(const std::string& sdp);
-  // Creates the answer when the offer was taken. `before_answer` runs between the two.
-  void answer(const std::string& offer, std::function<void()> before_answer);
   void add_remote_candidate(unsigned mline, const std::string& candidate);
 
-  // Gets text of data channels on a thread of the media stack. Before make_ready().
-  void on_text(std::function<void(std::string_view)> taker) { text_taker_ = std::move(taker); }
   // Before the offer, or before the answer.
   void open_data_channel(const char* label);
   // Any thread. Lost, and false, while the channel is not open.
@@ -115,13 +114,11 @@ class PeerConnection : public std::enable_shared_from_this<PeerConnection> {
   // webrtcbin's promise, which carries a description of that type when there is a type.
   GstPromise* promise(const char* step, const char* type, Next next);
   static void on_promise(GstPromise* promise, gpointer data);
-  void watch_channel(_GstWebRTCDataChannel* channel);
   void post(std::function<void(PeerConnection&)> task);
   void check_state();
 
   const PeerSettings settings_;
   PeerObserver& observer_;
-  std::function<void(std::string_view)> text_taker_;
   ElementPtr pipeline_;
   GstElement* webrtc_ = nullptr;  // the pipeline's
   ChannelPtr channel_;            // set before the pipeline plays

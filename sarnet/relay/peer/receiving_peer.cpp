@@ -1,130 +1,193 @@
-#define GST_USE_UNSTABLE_API
 #include "relay/peer/receiving_peer.h"
 
-#include <gst/webrtc/webrtc.h>
-
 #include <algorithm>
-#include <atomic>
-#include <cstdint>
-#include <map>
-#include <mutex>
+#include <charconv>
+#include <random>
 #include <utility>
 
+#include "base/log.h"
+#include "relay/media/sdp/negotiation.h"
 #include "relay/peer/caption_text.h"
-#include "relay/peer/rtcp_feedback.h"
-#include "relay/peer/sdp_text.h"
-#include "relay/peer/stream_decoder.h"
 
 namespace sarnet::relay {
-
 namespace {
 
 // The server passes text on only to those that opened a channel of that name themselves.
 constexpr const char* kChannel = "JanusDataChannel";
 
-// How long sound waits for packets that were overtaken or lost. Nobody sends a lost one again in
-// time, the decoder fills it in, and what waits behind it comes in a burst.
+// How long sound waits for packets that were overtaken or lost. Later than that the decoder fills
+// them in, and what waits behind them would come in a burst.
 constexpr unsigned kSoundWaitMs = 40;
 
-// The jitter buffers of one connection, by stream. Any thread.
-class JitterBuffers {
- public:
-  void add(std::uint32_t ssrc, GstElement* buffer) {
-    const std::lock_guard lock(mutex_);
-    buffers_[ssrc].reset(GST_ELEMENT(gst_object_ref(buffer)));
-  }
-  void set_wait(std::uint32_t ssrc, unsigned ms) {
-    const std::lock_guard lock(mutex_);
-    const auto found = buffers_.find(ssrc);
-    if (found != buffers_.end()) g_object_set(found->second.get(), "latency", ms, nullptr);
-  }
+using Format = SubscriptionReceiver::Format;
 
- private:
-  std::mutex mutex_;
-  std::map<std::uint32_t, ElementPtr> buffers_;
-};
+Micros now() {
+  return std::chrono::duration_cast<Micros>(std::chrono::steady_clock::now().time_since_epoch());
+}
 
-class PipelineReceiver final : public ReceivingPeer,
-                               public std::enable_shared_from_this<PipelineReceiver> {
- public:
-  explicit PipelineReceiver(std::shared_ptr<MediaSink> sink) : sink_(std::move(sink)) {}
+std::uint32_t random_ssrc() {
+  std::random_device random;
+  return random() | 1U;
+}
 
-  bool build(const PeerSettings& peer, PeerObserver& observer, std::string& error) {
-    sound_wait_ms_ = std::min(kSoundWaitMs, peer.jitter_ms);
-    connection_ = PeerConnection::create(peer, observer, error);
-    if (!connection_) return false;
-    connection_->on_text([sink = sink_](std::string_view text) {
-      if (const auto caption = decode_caption(text))
-        sink->on_caption(caption->text, caption->is_final);
-    });
-    quicken_feedback(connection_->webrtc(), video_ssrc_);
-    if (const ElementPtr bin(gst_bin_get_by_name(GST_BIN(connection_->webrtc()), "rtpbin")); bin) {
-      connect_weakly(
-          bin.get(), "new-jitterbuffer",
-          G_CALLBACK(+[](GstElement*, GstElement* buffer, guint, guint ssrc, gpointer data) {
-            const auto self = lock_weak<PipelineReceiver>(data);
-            if (self) self->jitter_buffers_.add(ssrc, buffer);
-          }),
-          weak_from_this());
+SubscriptionReceiver::Settings receiver_settings(const PeerSettings& peer) {
+  return {.own_ssrc = random_ssrc(),
+          .audio_patience = std::chrono::milliseconds(std::min(kSoundWaitMs, peer.jitter_ms)),
+          .video_patience = std::chrono::milliseconds(peer.jitter_ms)};
+}
+
+std::optional<Format> format_of(const sdp::Codec& codec) {
+  Format format;
+  format.payload_type = static_cast<std::uint8_t>(codec.payload);
+  if (sdp::is_codec(codec, "opus")) {
+    if (const auto stereo = sdp::fmtp_value(codec, "sprop-stereo")) {
+      format.channels = *stereo == "1" ? 2 : 1;
     }
-    connect_weakly(connection_->webrtc(), "pad-added",
-                   G_CALLBACK(+[](GstElement*, GstPad* pad, gpointer data) {
-                     const auto self = lock_weak<PipelineReceiver>(data);
-                     if (self && gst_pad_get_direction(pad) == GST_PAD_SRC) self->take_stream(pad);
-                   }),
-                   weak_from_this());
-    connect_weakly(connection_->webrtc(), "on-new-transceiver",
-                   G_CALLBACK(+[](GstElement*, GstWebRTCRTPTransceiver* transceiver, gpointer) {
-                     g_object_set(transceiver, "do-nack", TRUE, nullptr);
-                   }),
-                   weak_from_this());
-    connection_->play();
-    return true;
+  } else if (sdp::is_codec(codec, "VP8")) {
+    format.kind = Format::Kind::kVp8;
+  } else if (sdp::is_codec(codec, "H264")) {
+    format.kind = Format::Kind::kH264;
+  } else if (sdp::is_codec(codec, "rtx")) {
+    format.kind = Format::Kind::kRetransmission;
+    const std::string_view repairs = sdp::fmtp_value(codec, "apt").value_or("");
+    std::from_chars(repairs.data(), repairs.data() + repairs.size(), format.repairs);
+  } else {
+    return std::nullopt;
   }
+  return format;
+}
 
-  void set_remote_offer(const std::string& sdp) override {
-    if (connection_->stopped()) return;
-    const bool wants_channel = offers_data_channel(sdp) && !std::exchange(has_channel_, true);
-    connection_->answer(without_full_intra_requests(sdp), [weak = weak_from_this(), wants_channel] {
-      const auto self = weak.lock();
-      if (self && wants_channel) self->connection_->open_data_channel(kChannel);
-    });
-  }
-
-  void add_remote_candidate(unsigned mline, const std::string& candidate) override {
-    connection_->add_remote_candidate(mline, candidate);
-  }
-
-  void stop() override { connection_->stop(); }
-
- private:
-  // On a thread of the media stack.
-  void take_stream(GstPad* pad) {
-    const StreamCaps caps = stream_caps(pad);
-    if (caps.is_video) {
-      *video_ssrc_ = caps.ssrc;
-    } else {
-      jitter_buffers_.set_wait(caps.ssrc, sound_wait_ms_);
+std::vector<Format> formats_of(const sdp::Description& description) {
+  std::vector<Format> formats;
+  for (const sdp::Section& section : description.sections) {
+    if (!section.accepted) continue;
+    for (const sdp::Codec& codec : section.codecs) {
+      if (const auto format = format_of(codec)) formats.push_back(*format);
     }
-    StreamDecoder::attach(connection_->pipeline(), pad, sink_);
   }
-
-  const std::shared_ptr<MediaSink> sink_;
-  std::shared_ptr<PeerConnection> connection_;
-  const std::shared_ptr<std::atomic<std::uint32_t>> video_ssrc_ =
-      std::make_shared<std::atomic<std::uint32_t>>(0);
-  bool has_channel_ = false;
-  unsigned sound_wait_ms_ = kSoundWaitMs;
-  JitterBuffers jitter_buffers_;
-};
+  return formats;
+}
 
 }  // namespace
 
 std::shared_ptr<ReceivingPeer> ReceivingPeer::create(const PeerSettings& peer,
                                                      std::shared_ptr<MediaSink> sink,
                                                      PeerObserver& observer, std::string& error) {
-  auto receiver = std::make_shared<PipelineReceiver>(std::move(sink));
-  return receiver->build(peer, observer, error) ? receiver : nullptr;
+  const auto identity = peer.identity ? peer.identity : DtlsIdentity::create(error);
+  if (!identity) return nullptr;
+  auto self = std::make_shared<ReceivingPeer>(peer, std::move(sink), observer);
+  self->transport_ = MediaTransport::create({.loop = peer.loop,
+                                             .identity = identity,
+                                             .offers = false,
+                                             .loopback = peer.loopback,
+                                             .ice_servers = peer.ice_servers,
+                                             .channel_label = kChannel},
+                                            *self, error);
+  return self->transport_ ? self : nullptr;
+}
+
+ReceivingPeer::ReceivingPeer(const PeerSettings& peer, std::shared_ptr<MediaSink> sink,
+                             PeerObserver& observer)
+    : settings_(peer),
+      sink_(std::move(sink)),
+      observer_(observer),
+      receiver_(receiver_settings(peer), *sink_, *this) {}
+
+ReceivingPeer::~ReceivingPeer() { stop(); }
+
+void ReceivingPeer::set_remote_offer(const std::string& text) {
+  if (stopped_ || failed_) return;
+  sdp::Description offer;
+  std::string fault;
+  if (sdp::read_description(text, offer, fault) && offer_) {
+    fault = sdp::fault_of_successor(*offer_, offer);
+  }
+  if (!fault.empty()) {
+    fail("the server's offer cannot be used: " + fault);
+    return;
+  }
+  const bool is_first = !offer_.has_value();
+  // First the other side's: it may restart ICE, and then our own names change.
+  transport_->set_remote(offer, offer.transport.setup == sdp::Setup::kPassive);
+  const sdp::Description answer = sdp::make_answer(offer, transport_->local_info());
+  receiver_.set_formats(formats_of(offer));
+  offer_ = std::move(offer);
+  static const std::uint64_t session = random_ssrc();
+  const std::string sdp = sdp::write_description(answer, session, ++answers_);
+  settings_.loop->post([weak = weak_from_this(), sdp, is_first] {
+    const auto self = weak.lock();
+    if (!self || self->stopped_) return;
+    self->observer_.on_local_description("answer", sdp);
+    if (is_first && !self->stopped_) self->transport_->gather();
+  });
+  for (const std::string& candidate : std::exchange(early_candidates_, {})) {
+    transport_->add_remote_candidate(candidate);
+  }
+}
+
+void ReceivingPeer::add_remote_candidate(unsigned, const std::string& candidate) {
+  if (stopped_) return;
+  if (offer_) {
+    transport_->add_remote_candidate(candidate);
+  } else {
+    early_candidates_.push_back(candidate);
+  }
+}
+
+void ReceivingPeer::stop() {
+  if (std::exchange(stopped_, true)) return;
+  timer_.stop();
+  if (transport_) transport_->stop();
+}
+
+void ReceivingPeer::fail(const std::string& reason) {
+  if (std::exchange(failed_, true)) return;
+  settings_.loop->post([weak = weak_from_this(), reason] {
+    const auto self = weak.lock();
+    if (self && !self->stopped_) self->observer_.on_peer_failed(reason);
+  });
+}
+
+void ReceivingPeer::on_local_candidate(const std::string& candidate) {
+  observer_.on_local_candidate(0, candidate);
+}
+
+void ReceivingPeer::on_transport_connected() { observer_.on_peer_connected(); }
+
+void ReceivingPeer::on_transport_failed(const std::string& reason) {
+  if (!std::exchange(failed_, true)) observer_.on_peer_failed(reason);
+}
+
+void ReceivingPeer::on_rtp(std::span<const std::uint8_t> packet) {
+  const bool knew = receiver_.counters().unknown != 0;
+  receiver_.take_rtp(packet, now());
+  if (!knew && receiver_.counters().unknown != 0) {
+    SARNET_LOG(kWarn, "relay: the server sends media of a kind that was not negotiated");
+  }
+  schedule();
+}
+
+void ReceivingPeer::on_rtcp(std::span<const std::uint8_t> packet) {
+  receiver_.take_rtcp(packet, now());
+}
+
+void ReceivingPeer::on_text(std::string_view text) {
+  if (const auto caption = decode_caption(text))
+    sink_->on_caption(caption->text, caption->is_final);
+}
+
+void ReceivingPeer::send_rtcp(Bytes packet) { transport_->send_rtcp(packet); }
+
+void ReceivingPeer::schedule() {
+  const std::optional<Micros> due = receiver_.deadline();
+  if (stopped_ || !due || (timer_due_ && *timer_due_ <= *due)) return;
+  timer_due_ = due;
+  const auto delay = std::chrono::ceil<std::chrono::milliseconds>(*due - now());
+  timer_ = MainLoop::Timer(*settings_.loop, std::max(delay, std::chrono::milliseconds(0)), [this] {
+    timer_due_.reset();
+    receiver_.advance(now());
+    schedule();
+  });
 }
 
 }  // namespace sarnet::relay

@@ -1,32 +1,70 @@
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "base/engine.h"
+#include "relay/media/receive/subscription_receiver.h"
+#include "relay/media/sdp/description.h"
+#include "relay/media/transport/media_transport.h"
 #include "relay/peer/peer_connection.h"
 
 namespace sarnet::relay {
 
-// One subscribed stream on its way from the server. All calls on the main loop's thread. The sink
-// gets blocks of exactly 10 ms of 48 kHz audio, I420 pictures and captions, each kind from one
-// streaming thread of this peer, until stop() has returned; its state events (subscribed() and the
-// like) are left to the caller.
-class ReceivingPeer {
+// One subscribed stream on its way from the server: its connection, and what makes sound and
+// pictures of its packets. Everything runs on the main loop's thread, decoding too; no thread of
+// its own. The sink gets blocks of exactly 10 ms of 48 kHz audio, I420 pictures and captions until
+// stop() has returned; its state events (subscribed() and the like) are left to the caller.
+class ReceivingPeer : public std::enable_shared_from_this<ReceivingPeer>,
+                      private TransportObserver,
+                      private SubscriptionReceiver::Output {
  public:
-  // Null, and `error` set, when a part of the media stack is not installed.
+  // Null, and `error` set, when it cannot be set up.
   static std::shared_ptr<ReceivingPeer> create(const PeerSettings& peer,
                                                std::shared_ptr<MediaSink> sink,
                                                PeerObserver& observer, std::string& error);
-  virtual ~ReceivingPeer() = default;
+  ReceivingPeer(const PeerSettings& peer, std::shared_ptr<MediaSink> sink, PeerObserver& observer);
+  ~ReceivingPeer() override;
+  ReceivingPeer(const ReceivingPeer&) = delete;
+  ReceivingPeer& operator=(const ReceivingPeer&) = delete;
 
-  // Makes the answer, for which the observer is told. Again with a new offer to renegotiate.
-  virtual void set_remote_offer(const std::string& sdp) = 0;
+  // Makes the answer, for which the observer is told. Again with a new offer to renegotiate; one
+  // that contradicts the last fails the peer.
+  void set_remote_offer(const std::string& sdp);
   // May come before the offer. An empty text: no more candidates.
-  virtual void add_remote_candidate(unsigned mline, const std::string& candidate) = 0;
-  // Takes some milliseconds, and waits for calls of the sink under way. May be repeated; must
-  // precede the last release.
-  virtual void stop() = 0;
+  void add_remote_candidate(unsigned mline, const std::string& candidate);
+  // Frees the sockets at once. May be repeated; must precede the last release.
+  void stop();
+
+ private:
+  void on_local_candidate(const std::string& candidate) override;
+  void on_transport_connected() override;
+  void on_transport_failed(const std::string& reason) override;
+  void on_rtp(std::span<const std::uint8_t> packet) override;
+  void on_rtcp(std::span<const std::uint8_t> packet) override;
+  void on_text(std::string_view text) override;
+  void send_rtcp(Bytes packet) override;
+
+  void fail(const std::string& reason);
+  void schedule();
+
+  const PeerSettings settings_;
+  const std::shared_ptr<MediaSink> sink_;
+  PeerObserver& observer_;
+  std::shared_ptr<MediaTransport> transport_;
+  SubscriptionReceiver receiver_;
+  std::optional<sdp::Description> offer_;  // the last that was answered
+  std::vector<std::string> early_candidates_;
+  unsigned answers_ = 0;
+  MainLoop::Timer timer_;  // of the receiver's next deadline
+  std::optional<Micros> timer_due_;
+  bool failed_ = false;
+  bool stopped_ = false;
 };
 
 }  // namespace sarnet::relay

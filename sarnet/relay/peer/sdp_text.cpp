@@ -43,21 +43,6 @@ std::string without_full_intra_requests(std::string_view sdp) {
   return kept;
 }
 
-bool offers_data_channel(std::string_view sdp) {
-  bool in_section = false;
-  bool found = false;
-  for_each_line(sdp, [&](std::string_view line, std::string_view) {
-    if (line.starts_with("m=")) {
-      in_section = line.starts_with("m=application ");
-      found = in_section && is_accepted(line);
-    } else if (in_section && line == "a=bundle-only") {
-      found = true;  // such a section has port 0 until it is accepted
-    }
-    return !found;
-  });
-  return found;
-}
-
 std::string first_video_codec(std::string_view sdp) {
   std::string_view payload;
   std::string codec;

@@ -10,9 +10,6 @@ namespace sarnet::relay {
 // about.
 std::string without_full_intra_requests(std::string_view sdp);
 
-// Whether a data channel is offered, alone or as a part of the bundle.
-bool offers_data_channel(std::string_view sdp);
-
 // The encoding name ("VP8", "H264") that stands first in the accepted video section; empty when
 // there is none.
 std::string first_video_codec(std::string_view sdp);

@@ -37,9 +37,14 @@ RelaySession::RelaySession(std::shared_ptr<MainLoop> loop,
       request_(std::move(request)),
       sink_(std::move(sink)),
       client_(*loop_, client_settings(std::move(client), settings_, request_.token), *this),
-      access_{loop_,     std::move(left),     client_,
-              settings_, request_.session_id, parse_credentials(request_.token),
-              {}} {}
+      access_{loop_,
+              std::move(left),
+              client_,
+              settings_,
+              request_.session_id,
+              parse_credentials(request_.token),
+              {},
+              nullptr} {}
 
 RelaySession::~RelaySession() = default;
 
@@ -111,6 +116,8 @@ void RelaySession::create_room() {
 void RelaySession::entered(const json& data) {
   auto* const to = sink();
   if (to == nullptr) return;
+  std::string error;
+  access_.identity = DtlsIdentity::create(error);  // a peer without one says why
   to->joined(access_.own);
   room_.emplace(request_.session_id, access_.own.id, *this);
   room_->take(data);

@@ -20,17 +20,6 @@ int expected_width(int layer, const LayerWidths& widths) {
   return 320 << layer;
 }
 
-// Has the server begin the DTLS handshake. When we begin it, our first packet often comes before
-// the server is ready for it, and goes out again only a second later.
-std::string with_active_server(std::string sdp) {
-  constexpr std::string_view kEither = "a=setup:actpass";
-  constexpr std::string_view kActive = "a=setup:active";
-  for (auto at = sdp.find(kEither); at != std::string::npos; at = sdp.find(kEither, at)) {
-    sdp.replace(at, kEither.size(), kActive);
-  }
-  return sdp;
-}
-
 }  // namespace
 
 StreamPreferences stream_preferences(const MediaPreferences& preferences,
@@ -116,7 +105,7 @@ void RelaySubscription::take_offer(const json& data, const std::string& sdp) {
     on_peer_failed(error);
     return;
   }
-  peer_->set_remote_offer(with_active_server(sdp));
+  peer_->set_remote_offer(sdp);
 }
 
 void RelaySubscription::on_local_description(const std::string& type, const std::string& sdp) {

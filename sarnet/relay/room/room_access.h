@@ -25,6 +25,8 @@ struct RoomAccess {
   std::string room;
   Credentials credentials;
   ConnectionInfo own;  // once joined
+  // Made anew for each session; null: the peers have their own made.
+  std::shared_ptr<const DtlsIdentity> identity;
 
   // A request of that name about the room, with what lets us in.
   json request(const char* name) const {
@@ -39,6 +41,7 @@ struct RoomAccess {
     peer.loopback = settings.loopback;
     peer.jitter_ms = settings.jitter_ms;
     peer.ice_servers = settings.ice_servers;
+    peer.identity = identity;
     return peer;
   }
 };

@@ -73,6 +73,8 @@ class Unwrapper {
     }
     return *last_;
   }
+  // Between a value and what the wire says of it.
+  std::int64_t shift() const { return shift_; }
   // Where `number` lies, without going there.
   std::int64_t peek(Number number) const {
     Unwrapper copy = *this;
@@ -81,7 +83,7 @@ class Unwrapper {
 
  private:
   std::optional<std::int64_t> last_;
-  std::int64_t shift_ = 0;  // between a value and what the wire says
+  std::int64_t shift_ = 0;
 };
 using SequenceUnwrapper = Unwrapper<std::uint16_t>;
 using TimestampUnwrapper = Unwrapper<std::uint32_t>;

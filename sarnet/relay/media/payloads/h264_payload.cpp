@@ -19,8 +19,8 @@ void H264Assembler::reset() {
 
 void H264Assembler::begin_unit(std::uint8_t header, std::vector<std::uint8_t>& frame) {
   if ((header & kTypeBits) == kKeyPicture) is_key_ = true;
-  for (const std::uint8_t byte : {std::uint8_t{0}, std::uint8_t{0}, std::uint8_t{0},
-                                  std::uint8_t{1}, header}) {
+  for (const std::uint8_t byte :
+       {std::uint8_t{0}, std::uint8_t{0}, std::uint8_t{0}, std::uint8_t{1}, header}) {
     frame.push_back(byte);
   }
 }

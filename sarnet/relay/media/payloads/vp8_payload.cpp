@@ -8,8 +8,8 @@ std::optional<Vp8Payload> parse_vp8_payload(Bytes payload) {
   if ((head & 0x80U) != 0) {
     const std::uint8_t extensions = reader.u8();
     if ((extensions & 0x80U) != 0 && (reader.u8() & 0x80U) != 0) reader.skip(1);  // picture id
-    if ((extensions & 0x40U) != 0) reader.skip(1);                               // TL0PICIDX
-    if ((extensions & 0x30U) != 0) reader.skip(1);                               // TID, KEYIDX
+    if ((extensions & 0x40U) != 0) reader.skip(1);                                // TL0PICIDX
+    if ((extensions & 0x30U) != 0) reader.skip(1);                                // TID, KEYIDX
   }
   if (!reader.ok() || reader.left() == 0) return std::nullopt;
   const bool begins_partition = (head & 0x10U) != 0;

@@ -24,6 +24,8 @@ class AudioReceiver : private OrderedSink {
   void advance(Micros now) { order_.advance(now); }
   std::optional<Micros> deadline() const { return order_.deadline(); }
   std::span<ReorderBuffer::Missing> missing() { return order_.missing(); }
+  std::span<const ReorderBuffer::Missing> missing() const { return order_.missing(); }
+  std::int64_t on_wire(std::int64_t sequence) const { return order_.on_wire(sequence); }
   const ReorderBuffer::Counters& counters() const { return order_.counters(); }
 
  private:

@@ -27,7 +27,7 @@ class Reception {
   ReportBlock peek(Micros now) const;
 
  private:
-  const unsigned clock_rate_;
+  unsigned clock_rate_;
   std::optional<std::uint32_t> ssrc_;
   SequenceUnwrapper sequences_;
   std::int64_t base_ = 0;

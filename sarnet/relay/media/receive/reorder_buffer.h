@@ -12,8 +12,8 @@
 
 namespace sarnet::relay {
 
-// Moments and spans of the plane: microseconds on a clock that only goes forward. Whoever drives the
-// plane says what time it is.
+// Moments and spans of the plane: microseconds on a clock that only goes forward. Whoever drives
+// the plane says what time it is.
 using Micros = std::chrono::microseconds;
 
 // Takes what a ReorderBuffer lets go, in order of the sequence, each number once.
@@ -30,8 +30,8 @@ class OrderedSink {
 // one that overtook others is kept until they came, or for `patience`, whichever is first. A sender
 // that starts its numbers anew is followed after two packets.
 //
-// No clock and no thread of its own: one thread at a time. Memory: as many packets as were ever held
-// at once, at most `capacity`; nothing is allocated while no more than that are held.
+// No clock and no thread of its own: one thread at a time. Memory: as many packets as were ever
+// held at once, at most `capacity`; nothing is allocated while no more than that are held.
 class ReorderBuffer {
  public:
   struct Settings {
@@ -40,16 +40,16 @@ class ReorderBuffer {
   };
   struct Counters {
     std::uint64_t received = 0;
-    std::uint64_t lost = 0;       // given up
-    std::uint64_t late = 0;       // came after they had been given up
+    std::uint64_t lost = 0;  // given up
+    std::uint64_t late = 0;  // came after they had been given up
     std::uint64_t duplicates = 0;
-    std::uint64_t restarts = 0;   // the sender's numbers began anew
+    std::uint64_t restarts = 0;  // the sender's numbers began anew
   };
   // A number that is missing while later ones are here.
   struct Missing {
     std::int64_t sequence = 0;
-    Micros since{0};   // when the gap was seen
-    Micros asked{0};   // last; for whoever asks for it again
+    Micros since{0};  // when the gap was seen
+    Micros asked{0};  // last; for whoever asks for it again
     unsigned times = 0;
   };
 
@@ -68,9 +68,12 @@ class ReorderBuffer {
   // Whether all from `first` to `last` are held.
   bool holds(std::int64_t first, std::int64_t last) const;
   std::int64_t unwrap(std::uint16_t sequence) const { return unwrapper_.peek(sequence); }
+  // The number that the sender knows it by, modulo 65536.
+  std::int64_t on_wire(std::int64_t sequence) const { return sequence - unwrapper_.shift(); }
 
   // In order of the sequence.
   std::span<Missing> missing() { return missing_; }
+  std::span<const Missing> missing() const { return missing_; }
   const Counters& counters() const { return counters_; }
   // The highest number so far.
   std::optional<std::int64_t> highest() const { return highest_; }
@@ -93,7 +96,7 @@ class ReorderBuffer {
   const Settings settings_;
   OrderedSink& sink_;
   SequenceUnwrapper unwrapper_;
-  std::optional<std::int64_t> next_;     // the first that was not yet let go
+  std::optional<std::int64_t> next_;  // the first that was not yet let go
   std::optional<std::int64_t> highest_;
   std::vector<std::unique_ptr<Held>> held_;  // by sequence
   std::vector<std::unique_ptr<Held>> spare_;

@@ -24,6 +24,8 @@ class VideoReceiver : private OrderedSink {
   void advance(Micros now);
   std::optional<Micros> deadline() const { return order_.deadline(); }
   std::span<ReorderBuffer::Missing> missing() { return order_.missing(); }
+  std::span<const ReorderBuffer::Missing> missing() const { return order_.missing(); }
+  std::int64_t on_wire(std::int64_t sequence) const { return order_.on_wire(sequence); }
 
   // Whether the sender should be asked for a key frame, since nothing can be shown without.
   bool wants_key_frame() const { return key_wanted_; }

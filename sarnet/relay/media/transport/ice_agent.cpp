@@ -7,7 +7,7 @@
 
 #include "relay/peer/gst_handles.h"
 #include "relay/peer/services.h"
-#include "relay/signalling/guarded.h"
+#include "base/guard.h"
 #include "relay/signalling/wire_limits.h"
 
 namespace sarnet::relay {

@@ -50,8 +50,9 @@ struct TransportSettings {
 
 // The way of one peer's media to and from the server: ICE, DTLS 1.2, SRTP and a data channel, over
 // one pair of addresses (rtcp-mux, BUNDLE). All calls on the loop's thread; no thread of its own.
-// Sending and receiving allocate nothing but for a new stream and for text, apart from what libsrtp2
-// takes in its crypto library (Debian's, NSS: 5 small blocks a packet with GCM, 14 without).
+// Sending and receiving allocate nothing but for a new stream and for text, apart from what
+// libsrtp2 takes in its crypto library (Debian's, NSS: 5 small blocks a packet with GCM, 14
+// without).
 class MediaTransport : public std::enable_shared_from_this<MediaTransport>,
                        private IceObserver,
                        private DtlsObserver,

@@ -18,9 +18,11 @@ constexpr std::size_t kRtcpHeader = 8;
 // Packets that come later than so many others are taken for repeated.
 constexpr unsigned long kReplayWindow = 1024;
 
-bool library_ready() {
-  static const bool ready = srtp_init() == srtp_err_status_ok;
-  return ready;
+// Another user of the library in the process may have done so already, which counts as an error;
+// if nobody did, no context can be made.
+void prepare_library() {
+  static const bool once = (srtp_init(), true);
+  static_cast<void>(once);
 }
 
 std::uint32_t ssrc_at(std::span<const std::uint8_t> packet, std::size_t at) {
@@ -33,9 +35,8 @@ std::uint32_t ssrc_at(std::span<const std::uint8_t> packet, std::size_t at) {
 
 bool SrtpPair::start(const DtlsLink& link) {
   const unsigned long profile = link.srtp_profile();
-  if (!library_ready() || (profile != SRTP_AEAD_AES_128_GCM && profile != SRTP_AES128_CM_SHA1_80)) {
-    return false;
-  }
+  if (profile != SRTP_AEAD_AES_128_GCM && profile != SRTP_AES128_CM_SHA1_80) return false;
+  prepare_library();
   const std::size_t salt = profile == SRTP_AEAD_AES_128_GCM ? kGcmSalt : kCounterSalt;
   std::array<std::uint8_t, 2 * (kKey + kCounterSalt)> material{};
   const std::span<std::uint8_t> used = std::span(material).first(2 * (kKey + salt));
