@@ -18,13 +18,6 @@ constexpr std::size_t kRtcpHeader = 8;
 // Packets that come later than so many others are taken for repeated.
 constexpr unsigned long kReplayWindow = 1024;
 
-// Another user of the library in the process may have done so already, which counts as an error;
-// if nobody did, no context can be made.
-void prepare_library() {
-  static const bool once = (srtp_init(), true);
-  static_cast<void>(once);
-}
-
 std::uint32_t ssrc_at(std::span<const std::uint8_t> packet, std::size_t at) {
   return static_cast<std::uint32_t>(packet[at]) << 24 |
          static_cast<std::uint32_t>(packet[at + 1]) << 16 |
@@ -33,10 +26,16 @@ std::uint32_t ssrc_at(std::span<const std::uint8_t> packet, std::size_t at) {
 
 }  // namespace
 
+void prepare_srtp() {
+  // An error means that somebody else did so before; if nobody did, no context can be made.
+  static const bool once = (srtp_init(), true);
+  static_cast<void>(once);
+}
+
 bool SrtpPair::start(const DtlsLink& link) {
   const unsigned long profile = link.srtp_profile();
   if (profile != SRTP_AEAD_AES_128_GCM && profile != SRTP_AES128_CM_SHA1_80) return false;
-  prepare_library();
+  prepare_srtp();
   const std::size_t salt = profile == SRTP_AEAD_AES_128_GCM ? kGcmSalt : kCounterSalt;
   std::array<std::uint8_t, 2 * (kKey + kCounterSalt)> material{};
   const std::span<std::uint8_t> used = std::span(material).first(2 * (kKey + salt));
