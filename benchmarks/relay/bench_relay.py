@@ -79,7 +79,7 @@ class Bench:
             "source": source, "source_token": tokens.join_token(source, settings.token_secret),
             "source_secret": secrets[source],
             "target": target, "target_token": tokens.join_token(target, settings.token_secret),
-            "target_secret": secrets[target],
+            "target_secret": secrets[target], "admin_key": settings.admin_key,
         }  # fmt: skip
         arguments = [sys.executable, str(HERE / "copies.py")]
         process = subprocess.Popen(arguments, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)

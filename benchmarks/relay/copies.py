@@ -37,7 +37,7 @@ async def copy(source: Janus, target: Janus, order: dict[str, Any]) -> None:
         ports = added["plugindata"]["data"]
         await source.message(
             handle, request="publish_remotely", room=order["source"], secret=order["source_secret"],
-            publisher_id=publisher["id"],
+            admin_key=order["admin_key"], publisher_id=publisher["id"],
             remote_id=f"copy-{number}", host="127.0.0.1", port=ports["port"], rtcp_port=ports["rtcp_port"],
         )  # fmt: skip
     print(json.dumps({"event": "ready"}), flush=True)
