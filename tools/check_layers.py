@@ -30,8 +30,16 @@ LIBRARY_ROOMS: dict[str, set[str]] = {
     "embedded": {"base", "plugins"},
     "session": {"base", "audio", "pictures"},
     "relay/signalling": {"base"},
-    "relay/peer": {"base", "plugins", "relay/signalling"},
-    "relay/room": {"base", "relay/signalling", "relay/peer"},
+    "relay/media/packets": set(),
+    "relay/media/payloads": {"relay/media/packets"},
+    "relay/media/codecs": {"base"},
+    "relay/media/receive": {"base", "relay/media/packets", "relay/media/payloads", "relay/media/codecs"},
+    "relay/media/sdp": {"base", "relay/signalling"},
+    "relay/media/transport": {"base", "relay/signalling", "relay/media/sdp"},
+    "relay/peer": {
+        "base", "plugins", "relay/signalling", "relay/media/receive", "relay/media/sdp", "relay/media/transport"
+    },  # fmt: skip
+    "relay/room": {"base", "relay/signalling", "relay/media/transport", "relay/peer"},
     "relay": {"plugins", "relay/peer", "relay/room"},
     "api": {"base", "audio", "pictures", "plugins", "embedded", "session"},
 }

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "base/host_address.h"
-#include "relay/peer/ice_server.h"
+#include "relay/media/transport/ice_server.h"
 #include "relay/room/relay_settings.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -14,7 +14,7 @@
 
 #include "relay/media/codecs/opus_stream.h"
 #include "relay/peer/caption_text.h"
-#include "relay/peer/ice_server.h"
+#include "relay/media/transport/ice_server.h"
 #include "relay/peer/peer_connection.h"
 #include "relay/peer/sdp_text.h"
 #include "relay/peer/stamp_clock.h"

@@ -6,25 +6,16 @@
 #include <string_view>
 #include <utility>
 
+#include "relay/signalling/glib_handles.h"
+
 namespace sarnet::relay {
 
-// Owners for what the C libraries count or allocate. `release` is called once, never with null.
-template <auto release>
-struct Release {
-  template <class T>
-  void operator()(T* object) const {
-    release(object);
-  }
-};
-
+// Owners for what the media stack counts.
 using ElementPtr = std::unique_ptr<GstElement, Release<gst_object_unref>>;
 using PadPtr = std::unique_ptr<GstPad, Release<gst_object_unref>>;
 using BusPtr = std::unique_ptr<GstBus, Release<gst_object_unref>>;
 using CapsPtr = std::unique_ptr<GstCaps, Release<gst_caps_unref>>;
 using SamplePtr = std::unique_ptr<GstSample, Release<gst_sample_unref>>;
-using GObjectPtr = std::unique_ptr<GObject, Release<g_object_unref>>;
-using TextPtr = std::unique_ptr<char, Release<g_free>>;
-using ErrorPtr = std::unique_ptr<GError, Release<g_error_free>>;
 
 // Connects a signal to a static function whose last argument is a `std::weak_ptr<T>*`, which lives
 // as long as the connection.

@@ -17,19 +17,15 @@ struct Part {
 constexpr const char* kBase = "gstreamer1.0-plugins-base";
 constexpr const char* kGood = "gstreamer1.0-plugins-good";
 constexpr const char* kBad = "gstreamer1.0-plugins-bad";
-constexpr std::array<Part, 16> kParts{{{"appsrc", kBase},
+constexpr std::array<Part, 12> kParts{{{"appsrc", kBase},
                                        {"appsink", kBase},
                                        {"opusenc", kBase},
                                        {"rtpbin", kGood},
                                        {"rtpopuspay", kGood},
                                        {"rtpvp8pay", kGood},
-                                       {"rtpvp8depay", kGood},
                                        {"vp8enc", kGood},
-                                       {"vp8dec", kGood},
                                        {"rtph264pay", kGood},
-                                       {"rtph264depay", kGood},
                                        {"openh264enc", kBad},
-                                       {"openh264dec", kBad},
                                        {"webrtcbin", kBad},
                                        {"dtlsdec", kBad},
                                        {"nicesrc", "gstreamer1.0-nice"}}};

@@ -6,7 +6,7 @@
 
 #include <utility>
 
-#include "relay/peer/ice_server.h"
+#include "relay/media/transport/ice_server.h"
 #include "relay/peer/services.h"
 
 namespace sarnet::relay {

@@ -10,11 +10,6 @@
 namespace sarnet::relay {
 namespace {
 
-struct ErrorDeleter {
-  void operator()(GError* error) const { g_error_free(error); }
-};
-using ErrorHandle = std::unique_ptr<GError, ErrorDeleter>;
-
 // A connection that ends is let go later: libsoup may be in the midst of using it.
 void unref_later(GObject* object) {
   GSource* const source = g_idle_source_new();
@@ -39,7 +34,7 @@ bool JanusSocket::open(const std::string& url, const std::string& ca_file, std::
     GError* raw = nullptr;
     const GObjectHandle<GTlsDatabase> database(g_tls_file_database_new(ca_file.c_str(), &raw));
     if (!database) {
-      const ErrorHandle owned(raw);
+      const ErrorPtr owned(raw);
       error = "cannot read the certificate authorities in '" + ca_file + "': " + owned->message;
       return false;
     }
@@ -69,7 +64,7 @@ void JanusSocket::on_connected(GObject*, GAsyncResult* result, gpointer data) {
 void JanusSocket::connected(GAsyncResult* result) {
   GError* raw = nullptr;
   connection_.reset(soup_session_websocket_connect_finish(session_.get(), result, &raw));
-  const ErrorHandle error(raw);
+  const ErrorPtr error(raw);
   if (closed_) {
     close();
     return;

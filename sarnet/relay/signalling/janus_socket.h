@@ -7,13 +7,9 @@
 #include <string>
 #include <string_view>
 
-namespace sarnet::relay {
+#include "relay/signalling/glib_handles.h"
 
-struct GObjectDeleter {
-  void operator()(void* object) const { g_object_unref(object); }
-};
-template <class Object>
-using GObjectHandle = std::unique_ptr<Object, GObjectDeleter>;
+namespace sarnet::relay {
 
 // One WebSocket to the server, opened once. The main loop's thread alone; the callbacks come from
 // the loop, never from inside a call, and none after close().

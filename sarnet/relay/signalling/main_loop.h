@@ -10,16 +10,9 @@
 
 #include "common/mutex.h"
 #include "common/thread_role.h"
+#include "relay/signalling/glib_handles.h"
 
 namespace sarnet::relay {
-
-struct SourceDeleter {
-  void operator()(GSource* source) const {
-    g_source_destroy(source);
-    g_source_unref(source);
-  }
-};
-using SourceHandle = std::unique_ptr<GSource, SourceDeleter>;
 
 // The loop on which everything of one engine runs that is not media: signalling, negotiation, bus
 // messages. Its thread is whichever calls run(); the engine has it started and joined by the

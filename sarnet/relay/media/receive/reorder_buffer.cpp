@@ -162,7 +162,7 @@ bool ReorderBuffer::holds(std::int64_t first, std::int64_t last) const {
       held_.begin(), held_.end(), first,
       [](const auto& each, std::int64_t number) { return each->sequence < number; });
   const std::int64_t count = last - first + 1;
-  return held_.end() - at >= count && (*at)->sequence == first &&
+  return count > 0 && held_.end() - at >= count && (*at)->sequence == first &&
          (*(at + (count - 1)))->sequence == last;
 }
 

@@ -36,7 +36,7 @@ void VideoReceiver::look_for_shortcut(const RtpPacket& packet) {
     shortcut_ = Shortcut{sequence, packet.timestamp, std::nullopt};
   }
   if (!shortcut_ || shortcut_->timestamp != packet.timestamp) return;
-  if (packet.marker) shortcut_->last = sequence;
+  if (packet.marker && sequence >= shortcut_->first) shortcut_->last = sequence;
   if (shortcut_->last && order_.holds(shortcut_->first, *shortcut_->last)) {
     // What is missing before it is not needed any more.
     order_.skip_to(shortcut_->first);

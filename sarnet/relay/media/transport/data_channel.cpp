@@ -7,8 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/log.h"
 #include "relay/media/sdp/negotiation.h"
-#include "relay/peer/services.h"
 
 namespace sarnet::relay {
 namespace {

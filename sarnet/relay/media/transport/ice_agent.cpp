@@ -5,9 +5,9 @@
 
 #include <utility>
 
-#include "relay/peer/gst_handles.h"
-#include "relay/peer/services.h"
 #include "base/guard.h"
+#include "base/log.h"
+#include "relay/signalling/glib_handles.h"
 #include "relay/signalling/wire_limits.h"
 
 namespace sarnet::relay {

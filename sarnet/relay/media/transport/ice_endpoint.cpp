@@ -5,8 +5,8 @@
 #include <charconv>
 #include <memory>
 
-#include "relay/peer/gst_handles.h"
-#include "relay/peer/ice_server.h"
+#include "relay/media/transport/ice_server.h"
+#include "relay/signalling/glib_handles.h"
 
 namespace sarnet::relay {
 namespace {

@@ -3,8 +3,8 @@
 #include <chrono>
 #include <utility>
 
+#include "base/log.h"
 #include "relay/media/sdp/negotiation.h"
-#include "relay/peer/services.h"
 
 namespace sarnet::relay {
 namespace {

@@ -1,4 +1,4 @@
-#include "relay/peer/ice_server.h"
+#include "relay/media/transport/ice_server.h"
 
 #include <array>
 
