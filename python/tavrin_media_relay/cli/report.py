@@ -70,7 +70,7 @@ class Course:
 
 
 def read(path: Path) -> Course:
-    """Raises Failure, with the line, if it is no file of figures."""
+    """Raises Failure, with the line, if it is not a file of figures."""
     if path.is_dir():
         path /= LOG
     course = Course()

@@ -12,9 +12,9 @@ namespace sarnet::relay {
 // The engine's environment variables, read anew for each session:
 //   SARNET_RELAY_CA_FILE      certificate authorities (PEM) to trust instead of the system's
 //   SARNET_RELAY_ADMIN_KEY    the server's key for making rooms
-//   SARNET_RELAY_LOOPBACK 1: media may use 127.0.0.1, as with a server at that address
-//   SARNET_RELAY_JITTER_MS how long received packets may wait for missing earlier ones
-//   SARNET_RELAY_ICE_SERVERS STUN and TURN servers, with commas between
+//   SARNET_RELAY_LOOPBACK     1: media may use 127.0.0.1, as with a server at that address
+//   SARNET_RELAY_JITTER_MS    how long received packets may wait for missing earlier ones
+//   SARNET_RELAY_ICE_SERVERS  STUN and TURN servers, with commas between
 struct RelaySettings {
   std::string url;
   std::string ca_file;

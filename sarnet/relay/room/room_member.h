@@ -10,8 +10,8 @@ namespace sarnet::relay {
 // The display field of our participants, a JSON object:
 //   "data"    the connection's data
 //   "joined"  when it joined, in milliseconds since the Unix epoch
-//   "stream" the name of its stream "owner" for a further stream of a connection, which takes a
-//   participation of its own at the
+//   "stream"  the name of its stream
+//   "owner"   for a further stream of a connection, which takes a participation of its own at the
 //             server: that connection's id. It is no connection itself.
 // Any other text is the data of a connection, and the name of its stream.
 struct Display {
