@@ -139,7 +139,7 @@ class Session:
         deliveries = {each["stream"]: each for each in (library or {}).get("subscribers", {}).values()}
         streams = {name: each.figures(deliveries.get(name, {})) for name, each in self._subscribers.items()}
         written = self._publisher.written_ms if self._publisher is not None else (0.0, 0.0)
-        import _tavrin_video  # here: the command line imports this face where nothing is built
+        import _tavrin_video  # here: the command line imports this package where nothing is built
 
         escaped = _tavrin_video.__statistics__.escaped_views
         return Statistics(library, self._mix.figures(), streams, *written, escaped)
