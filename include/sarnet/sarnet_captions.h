@@ -1,6 +1,6 @@
 /*
- * Captions that the program itself sends with what it publishes, an addition of our libsarnet.so beside
- * the contract. Another library of the contract need not have these functions, so a program that must run
+ * Captions that the program itself sends with what it publishes: an addition of our libsarnet.so to the
+ * contract. Another library of the contract need not have these functions, so a program that must run
  * with any library looks them up at run time.
  *
  * The text reaches all current subscribers to the stream with captions at once, and none that subscribe

@@ -1,4 +1,4 @@
-"""Reads media files: 16-bit WAV by Python itself, all else by the program ffmpeg."""
+"""Reads media files: 16-bit WAV by Python itself, others by the program ffmpeg."""
 
 from __future__ import annotations
 

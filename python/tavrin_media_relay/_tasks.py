@@ -1,4 +1,4 @@
-"""Tasks that run beside others, and end with them."""
+"""Background tasks that end with a block."""
 
 from __future__ import annotations
 

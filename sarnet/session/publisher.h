@@ -25,7 +25,7 @@ struct PublisherSettings {
   bool audio_track = true;
   bool video_track = true;
   bool stereo = false;
-  // The next three are accepted and read by nobody: nothing here processes sound.
+  // The next three are accepted and ignored: nothing here processes sound.
   bool noise_suppression = false;
   bool echo_cancellation = false;
   bool disable_audio_processing = false;

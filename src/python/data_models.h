@@ -10,7 +10,7 @@
 // The Python classes of the records that cross the boundary, defined in
 // `tavrin_media_relay.models`. Looked up once, at import, and referenced until the process ends.
 //
-// The caller holds the interpreter lock, but for `load_models_module`, which takes it itself.
+// The caller holds the interpreter lock, except for `load_models_module`, which takes it itself.
 namespace models {
 
 // Each member holds a strong reference that is never given back, or is null.

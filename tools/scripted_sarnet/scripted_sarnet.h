@@ -78,7 +78,7 @@ SCRIPTED_API void scripted_own_connection(const char* id, const char* data, cons
  *       inside srn_publisher_delete
  * An unknown event or answer gives 0. */
 SCRIPTED_API int scripted_answer(const char* event, const char* how);
-/* Delay before an answer; 0 but for "audio_device", which is 100. "media_gap" delays each audio
+/* Delay before an answer; 0 except for "audio_device", which is 100. "media_gap" delays each audio
  * block, picture and caption between the moment it counts as begun and the call of the slot. */
 SCRIPTED_API int scripted_delay(const char* event, int milliseconds);
 /* A misbehaving library: while on, session and subscriber callbacks come for deleted handles too.

@@ -30,7 +30,7 @@ class Listeners(Generic[T]):
             self._writers = (*(weakref.ref(each) for each in self._living()), weakref.ref(writer))
 
     def put(self, item: T, now: float) -> bool:
-        """False if nobody took it."""
+        """False if there was no taker."""
         taken = False
         for writer in self._living():
             taken = writer.put(item, now) or taken

@@ -67,7 +67,7 @@ class Output:
         return self._dry == self.added
 
     def emptied(self) -> None:
-        """After a clear, while nobody writes."""
+        """After a clear, while no write is under way."""
         self.ran_dry(self.added)
 
     def cut(self) -> None:

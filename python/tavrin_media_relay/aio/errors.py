@@ -1,4 +1,4 @@
-"""The exceptions of the asyncio API, beside TypeError and ValueError for bad arguments."""
+"""The exceptions of the asyncio API, in addition to TypeError and ValueError for bad arguments."""
 
 from __future__ import annotations
 

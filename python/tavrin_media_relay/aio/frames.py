@@ -37,7 +37,7 @@ class AudioFrame:
     samples: Samples
     """All samples, left and right in turn if there are two channels."""
     arrived: float
-    """`time.monotonic()` when the module told of it."""
+    """`time.monotonic()` when the module delivered it."""
 
     @property
     def frame_count(self) -> int:
@@ -68,7 +68,7 @@ class VideoFrame:
     pixels: memoryview
     """All three planes, without padding."""
     arrived: float
-    """`time.monotonic()` when the module told of it."""
+    """`time.monotonic()` when the module delivered it."""
 
     def planes(self) -> tuple[memoryview, memoryview, memoryview]:
         """Y, U and V: the same memory, each of shape (height, width)."""
@@ -105,4 +105,4 @@ class Caption:
     is_final: bool
     """False while the words may still change: the next text replaces this one."""
     arrived: float
-    """`time.monotonic()` when the module told of it."""
+    """`time.monotonic()` when the module delivered it."""

@@ -56,7 +56,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
         terminal.fail(str(failure), failure.code)
     except KeyboardInterrupt:
         return 130
-    except BrokenPipeError:  # whoever read our output has gone
+    except BrokenPipeError:  # the reader of our output has gone
         terminal.forget_output()
     except OSError as error:
         terminal.fail(f"{error.filename}: {error.strerror}" if error.filename else str(error))

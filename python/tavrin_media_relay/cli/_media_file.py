@@ -1,4 +1,4 @@
-"""Media files as streams of samples and pictures: plain WAV by Python itself, all else by the program
+"""Media files as streams of samples and pictures: plain WAV by Python itself, others by the program
 ffmpeg."""
 
 from __future__ import annotations

@@ -80,7 +80,7 @@ class Terminal:
         try:
             self._out.close()
         except OSError:
-            pass  # told when it was written, or nobody reads it any more
+            pass  # reported at the write, or there is no reader left
 
     @contextlib.contextmanager
     def live(self) -> Iterator[Live]:

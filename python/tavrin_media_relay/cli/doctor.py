@@ -174,7 +174,7 @@ def _try_out(findings: _Findings) -> LoopbackFigures | None:
     with _quiet_host(), tempfile.TemporaryDirectory(prefix="tavrin-doctor-") as folder:
         try:
             figures = asyncio.run(loopback(Path(folder), LoggingSettings("error")))
-        except Exception as error:  # whatever it is: that a session does not work is what we were asked
+        except Exception as error:  # any failure: whether a session works is the question
             advice = "See what happens: record --log-level info --session try --out /tmp/try"
             findings.add("bad", "loopback", f"{type(error).__name__}: {error}", advice)
             return None

@@ -217,4 +217,4 @@ class RelayServer:
             try:
                 self.folder.rmdir()
             except OSError:
-                pass  # somebody else's files are in it
+                pass  # others' files are in it

@@ -8,8 +8,8 @@
 
 namespace sarnet::relay {
 
-// Is told of each change among the other participants once: a participant before its streams, and
-// the end of its streams before its own.
+// Notified once of each change among the other participants: of a participant before its streams,
+// and of the end of its streams before its own.
 class RoomObserver {
  public:
   virtual ~RoomObserver() = default;

@@ -13,7 +13,7 @@
 
 namespace sarnet::relay {
 
-// Passes media on to the program's sink until it is closed, from any thread.
+// Forwards media to the program's sink until closed, from any thread.
 class SwitchableSink : public MediaSink {
  public:
   // `left` closes all those of a session at once.

@@ -26,7 +26,7 @@ struct JanusReply {
   enum class Outcome {
     kOk,
     kRefused,    // `error` and `text` are the server's
-    kMalformed,  // `text` tells what the answer lacks
+    kMalformed,  // `text` says what the reply lacks
     kTimedOut,   // no answer within the limit
   };
   Outcome outcome = Outcome::kOk;

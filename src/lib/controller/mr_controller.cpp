@@ -143,8 +143,8 @@ MediaBufferStats MRController::getCurrentBufferStats() {
 MediaBufferStats MRController::getCurrentBufferStatsInternal() const {
   const MRPublisherSettings settings = publisher_manager_.getSettings();
   MediaBufferStats stats;
-  // The audio buffer is the device's and stays when the publisher goes; the video buffer goes with
-  // it.
+  // The audio buffer is the device's and outlives the publisher; the video buffer is the
+  // publisher's.
   if (audio_device_wrapper_ != nullptr && settings.has_audio) {
     stats.audio_stats = AudioBufferStats{audio_device_wrapper_->getAudioBufferDuration().count()};
   }

@@ -78,7 +78,7 @@ class CallbackGate {
     const bool entered_;
   };
 
-  /// From here on nobody enters. Returns when the last callback has left. May be repeated.
+  /// Admits no more callbacks. Returns when the last one has left. May be repeated.
   void close() {
     common::UniqueLock lock(mutex_);
     closed_ = true;

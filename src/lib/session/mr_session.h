@@ -47,8 +47,9 @@ class MRSession {
  public:
   static constexpr std::chrono::seconds kDefaultDisconnectTimeout{5};
 
-  /// Starts joining. The outcome comes to `controller`, which must outlive the session. Empty when
-  /// the information is incomplete or the library refuses; the log says why, and nothing is left.
+  /// Starts joining. Reports the outcome to `controller`, which must outlive the session. Empty
+  /// when the information is incomplete or the library refuses; the log says why, and nothing is
+  /// left.
   static std::shared_ptr<MRSession> connect(const MRSessionInfo& info,
                                             const MRSessionSettings& settings,
                                             MRSessionObserver* controller);

@@ -62,7 +62,7 @@ class SubscriberCallables {
   // Any thread, with no lock. False: nothing listens to that event of that stream. True may be due
   // to another stream's listener.
   bool mayListen(const std::string& stream_id, SubscriberEvent event) const;
-  // Borrowed; null when nobody listens.
+  // Borrowed; null without a listener.
   PyObject* find(const std::string& stream_id, SubscriberEvent event) const;
 
   [[nodiscard]] SubscriberCallbacks exchange(const std::string& stream_id,
