@@ -10,7 +10,7 @@
 namespace sarnet::relay {
 namespace {
 
-// Each size is twice the one below it, and so is each rate; the smallest is by custom 320 wide.
+// Each size is twice the one below it, and so is each rate; the smallest is usually 320 wide.
 int expected_width(int layer, const LayerWidths& widths) {
   const auto of = [&](int each) { return widths.at(static_cast<std::size_t>(each)); };
   for (const int known : {layer, layer - 1, layer + 1, layer - 2, layer + 2}) {
@@ -20,8 +20,8 @@ int expected_width(int layer, const LayerWidths& widths) {
   return 320 << layer;
 }
 
-// Has the server begin the DTLS handshake. When we begin it, our first packet often comes before
-// the server is ready for it, and goes out again only a second later.
+// Has the server begin the DTLS handshake. If we begin it, our first packet often arrives before
+// the server is ready, and is resent only a second later.
 std::string with_active_server(std::string sdp) {
   constexpr std::string_view kEither = "a=setup:actpass";
   constexpr std::string_view kActive = "a=setup:active";
