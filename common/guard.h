@@ -7,9 +7,9 @@
 
 namespace common {
 
-// Runs `body` where no exception may leave: at the border to C code, and at a thread's beginning.
-// One that comes is told to `report`, by its text or null; true when none came. The unwinding of a
-// thread that is ended passes through, as it must (the interpreter ends threads so at its exit).
+// Runs `body` where no exception may leave: at the border to C code, and at the start of a thread.
+// An exception goes to `report` as its text or null; true when there was none. Forced unwinding of
+// a thread passes through, as it must (the interpreter ends threads so at its exit).
 template <class Body, class Report>
 bool guard(Body&& body, Report&& report) {
   try {

@@ -2,21 +2,20 @@
 
 #include <mutex>
 
-// Mutexes that say what they guard, so that clang's -Wthread-safety finds what is touched without
-// its lock (`./dev lint`); for other compilers the words mean nothing. What they cost is
-// std::mutex's.
+// Annotated mutexes, so that clang's -Wthread-safety (`./dev lint`) finds accesses without the
+// lock; other compilers ignore the annotations. They cost as much as std::mutex.
 #if defined(__clang__)
 #define TAVRIN_THREAD_SAFETY(attribute) __attribute__((attribute))
 #else
 #define TAVRIN_THREAD_SAFETY(attribute)
 #endif
 
-// Behind a member: touched only with `mutex` held.
+// After a member: accessed only with `mutex` held.
 #define GUARDED_BY(mutex) TAVRIN_THREAD_SAFETY(guarded_by(mutex))
-// Behind a function's head: called only with `mutex` held; only without it. Lambdas take it, too.
+// After a function's declarator: called only with `mutex` held; only without it. Also on lambdas.
 #define REQUIRES(mutex) TAVRIN_THREAD_SAFETY(requires_capability(mutex))
 #define EXCLUDES(mutex) TAVRIN_THREAD_SAFETY(locks_excluded(mutex))
-// Behind the head of a function that the analysis does not understand; the place says why.
+// After the declarator of a function that the analysis cannot follow; a comment there says why.
 #define NO_THREAD_SAFETY_ANALYSIS TAVRIN_THREAD_SAFETY(no_thread_safety_analysis)
 
 namespace common {
@@ -46,7 +45,7 @@ class TAVRIN_THREAD_SAFETY(scoped_lockable) LockGuard {
   Mutex& mutex_;
 };
 
-// The same, to be given back in between, or waited with:
+// The same, for unlocking in between, or waiting:
 //   condition.wait(lock.native(), [this]() REQUIRES(mutex_) { return done_; });
 class TAVRIN_THREAD_SAFETY(scoped_lockable) UniqueLock {
  public:

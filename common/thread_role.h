@@ -7,9 +7,9 @@
 
 namespace common {
 
-// The thread that a piece of code belongs to, held against the thread that it runs on: builds with
-// TAVRIN_CHECK_THREADS (debug, asan) end the program where they differ, others check nothing.
-// Nobody's until a thread takes it, and again when that thread leaves it.
+// Checks that code runs on the thread it belongs to: builds with TAVRIN_CHECK_THREADS (debug, asan)
+// end the program if not, others check nothing. Unowned until a thread takes it, and after that
+// thread leaves it.
 class ThreadRole {
  public:
   explicit constexpr ThreadRole([[maybe_unused]] const char* name)

@@ -18,7 +18,7 @@ RATE = 16000
 
 
 def speech(seconds: int) -> "array.array[int]":
-    """Stands for a speech synthesiser, which is faster than anybody listens."""
+    """Stands in for a speech synthesiser, which is faster than real time."""
     return array.array("h", (int(6000 * math.sin(i * i / 4e7)) for i in range(seconds * RATE)))
 
 

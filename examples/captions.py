@@ -1,4 +1,4 @@
-"""Shows everybody's captions on the terminal; text that may still change is written over.
+"""Shows everybody's captions on the terminal; interim text is overwritten.
 
 Usage: ./dev python examples/captions.py [SECONDS]
 """

@@ -16,7 +16,7 @@ DELAY = 1.0
 
 
 async def echo(session: aio.Session, publisher: aio.Publisher) -> None:
-    # What is queued is the delay: silence first, then each piece as it comes.
+    # The queue makes the delay: silence first, then each frame as it arrives.
     await publisher.audio.write(bytes(int(DELAY * 16000) * 2), sample_rate=16000, channels=1)
     async for frame in session.audio_frames():
         await publisher.audio.write(frame)
@@ -24,7 +24,7 @@ async def echo(session: aio.Session, publisher: aio.Publisher) -> None:
 
 async def main(seconds: float) -> None:
     async with aio.connect(*WHERE, settings=QUIET) as session:
-        # Room for the delay, and some more.
+        # Room for the delay and a little more.
         async with session.publish("Echo", video=False, audio_queue=DELAY + 0.5) as publisher:
             talking = asyncio.create_task(echo(session, publisher))
             try:

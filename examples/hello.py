@@ -1,4 +1,4 @@
-"""Joins a session, publishes a second of sound, and tells what it hears and sees."""
+"""Joins a session, publishes a second of sound, and prints what it hears and sees."""
 
 import array
 import math
@@ -12,7 +12,7 @@ ready = threading.Event()
 seen, heard = [], []
 
 
-def on_stream(session, stream):  # another participant publishes: listen, look and read along
+def on_stream(session, stream):  # another participant publishes: receive sound, pictures and captions
     client.subscribe(
         stream,
         settings=tavrin.SubscriberSettings(subscribe_to_captions=True),

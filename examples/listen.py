@@ -1,4 +1,4 @@
-"""Writes what the first stream says to a WAV file: 16 kHz, one channel, as speech recognisers like it.
+"""Writes the first stream's sound to a WAV file: 16 kHz, one channel, as speech recognisers expect.
 
 Usage: ./dev python examples/listen.py OUT.wav [SECONDS]
 """

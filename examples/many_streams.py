@@ -1,4 +1,4 @@
-"""Receives every stream of a full session, and tells every two seconds what comes and what is lost.
+"""Receives every stream of a full session, and prints every two seconds what arrives and what is lost.
 
 Usage: API_HOSTNAME=embedded:examples/scenarios/full_room.json ./dev python examples/many_streams.py [SECONDS]
 """

@@ -1,4 +1,4 @@
-"""Sends back what it sees and hears, worked on with numpy: negative pictures, and sound with a tremolo.
+"""Sends back what it sees and hears, processed with numpy: negative pictures, and sound with a tremolo.
 
 Usage: ./dev python examples/process.py [SECONDS]        (needs numpy: python3-numpy)
 """
@@ -17,7 +17,7 @@ QUIET = SessionSettings(logging=LoggingSettings("error"))
 
 
 async def pictures(subscriber: aio.Subscriber, out: aio.VideoOutput) -> None:
-    # "latest": a picture that can't be worked on in time is not worth being late for.
+    # "latest": drop a picture that can't be processed in time, rather than fall behind.
     async for frame in subscriber.video_frames(policy="latest"):
         rgb = np.asarray(frame.to_rgb())
         if rgb.shape[:2] == (out.height, out.width):

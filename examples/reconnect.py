@@ -1,4 +1,4 @@
-"""Stays in a session: comes back, after longer and longer waits, when it fails or can't be joined.
+"""Stays in a session: rejoins, after longer and longer waits, when it fails or can't be joined.
 
 Usage: API_HOSTNAME=embedded:examples/scenarios/failure.json ./dev python examples/reconnect.py [VISITS]
 """

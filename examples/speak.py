@@ -1,4 +1,4 @@
-"""Says a WAV file to the session, whatever its rate.
+"""Plays a WAV file of any rate to the session.
 
 Usage: ./dev python examples/speak.py FILE.wav
 """

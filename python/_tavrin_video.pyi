@@ -6,8 +6,8 @@ session audio from the audio thread; a stream's audio, frames and captions from 
 While a callable runs on the worker no other such event is delivered, so keep it short. Methods may be
 called from any thread, and from within callables.
 
-What a callable raises (`SystemExit` too) is printed and logged, and stops nothing. What it returns is
-ignored. A callable that is not callable is ignored as well: its event goes unreported.
+An exception of a callable (`SystemExit` too) is printed and logged, and stops nothing. Its return value is
+ignored. An argument that is not callable is ignored as well: its event goes unreported.
 """
 
 from typing import Any, Callable, Final, Literal, Protocol, Union, final
@@ -50,7 +50,7 @@ class _PublisherErrorCallback(Protocol):
 
 @final
 class _Statistics:
-    """Counters of the process, each as it stands when it is read."""
+    """Counters of the process, each current when it is read."""
 
     @property
     def escaped_views(self) -> int:
@@ -87,22 +87,22 @@ class TavrinVideoClient:
         on_ready_for_audio_cb: _SessionCallback | None = None,
         on_media_buffer_drained_cb: Callable[[MediaBufferStats], object] | None = None,
     ) -> bool:
-        """Starts to join a session.
+        """Starts joining a session.
 
         An `application_id` with a hyphen is an Application ID, one without is an API key; each kind has its
         own endpoint. The environment variable API_HOSTNAME, read at each call, names another host (no
         `https://` in front).
 
-        Gives True when the attempt has been started: its outcome comes as `on_connected_cb` or
-        `on_error_cb`. Gives False, with a line in the log, when it could not be started, and when a session
-        is up or being set up already.
+        Returns True when the attempt was started: its outcome comes as `on_connected_cb` or `on_error_cb`.
+        Returns False, with a line in the log, when it could not be started, and when there already is a
+        session, up or being set up.
 
-        Raises what is wrong with the arguments: TypeError (kind or number), ValueError (a NUL in a text),
-        UnicodeEncodeError (a text with lone surrogates); and with `session_settings`: AttributeError (a
-        field is missing), TypeError (of another type), OverflowError (a number beyond 64 bits).
+        Raises for bad arguments: TypeError (kind or number), ValueError (a NUL in a text), UnicodeEncodeError
+        (a text with lone surrogates); and with `session_settings`: AttributeError (a field is missing),
+        TypeError (of another type), OverflowError (a number beyond 64 bits).
 
-        on_connected_cb(session): we are in.
-        on_disconnected_cb(session): the session ended without being asked to. Not called for `disconnect`.
+        on_connected_cb(session): the session is joined.
+        on_disconnected_cb(session): the session has ended, other than by `disconnect`.
         on_error_cb(session, message, code): the session failed; it has ended, and `connect` may be called
             again, from within this callable too.
         on_connection_created_cb(session, connection), on_connection_dropped_cb(session, connection): another
@@ -112,15 +112,15 @@ class TavrinVideoClient:
         on_audio_data_cb(session, audio): the mix of all subscribed audio, 10 ms at a time, in the form of
             `SessionAVSettings.audio_subscribers_mix`; silence when nobody speaks.
         on_ready_for_audio_cb(session): audio given to `add_audio` is consumed from now on.
-        on_media_buffer_drained_cb(stats): published audio or video has run dry; the side that has is there
-            with a zero duration. Called once each time, after two empty periods.
+        on_media_buffer_drained_cb(stats): the queue of published audio or video has run dry; that side has a
+            zero duration. Called once each time, after two empty periods.
         """
     def disconnect(self) -> bool:
-        """Leaves the session and lets go of every callable.
+        """Leaves the session and releases every callable.
 
-        Blocks until the library has confirmed, at most 5 seconds. Gives True also when there was nothing to
-        leave, and False, with a line in the log, when the session could not be left; the callables are gone
-        in any case. Raises no `on_disconnected_cb`.
+        Blocks until the library has confirmed, at most 5 seconds. Returns True also when there was nothing to
+        leave, and False, with a line in the log, when the session could not be left; the callables are
+        released in any case. Raises no `on_disconnected_cb`.
         """
     def subscribe(
         self,
@@ -136,19 +136,19 @@ class TavrinVideoClient:
     ) -> bool:
         """Subscribes to a stream of the session: audio and video, unless `settings` say otherwise.
 
-        Gives True when the subscription was started; `on_connected_cb` or `on_error_cb` follows. Events
-        from before the return of this call are not delivered.
+        Returns True when the subscription was started; `on_connected_cb` or `on_error_cb` follows. Events
+        before this call returns are not delivered.
 
         on_audio_data_cb(subscriber, audio): 10 ms of this stream's audio at a time. Starts with the first
             sound; for a mix of all streams use `connect`'s callable.
         on_render_frame_cb(subscriber, frame): a YUV420P picture. Its view stays valid for as long as it is
-            kept, and keeps one frame of the native pool in use until it goes.
+            kept, and keeps one frame of the native pool in use.
         on_caption_text_cb(subscriber, captions): needs `subscribe_to_captions`.
 
-        A callable that is slow makes the library drop the oldest media of this stream, of no other.
+        A slow callable makes the library drop the oldest media of this stream only.
         """
     def unsubscribe(self, stream: Stream) -> bool:
-        """Ends the subscription to a stream and lets go of its callables, also when it gives False."""
+        """Ends the subscription to a stream and releases its callables, also when it returns False."""
     def publish(
         self,
         settings: PublisherSettings,
@@ -159,11 +159,11 @@ class TavrinVideoClient:
     ) -> bool:
         """Publishes our one stream, fed by `add_audio` and `add_video`.
 
-        Gives True when publishing was started; `on_stream_created_cb` or `on_error_cb` follows. A stream
+        Returns True when publishing was started; `on_stream_created_cb` or `on_error_cb` follows. A stream
         that the library ended blocks the next `publish` until `unpublish` is called.
         """
     def unpublish(self) -> bool:
-        """Ends our stream. Raises no `on_stream_destroyed_cb`: that one tells of an end not asked for."""
+        """Ends our stream. Raises no `on_stream_destroyed_cb`, which reports only an end by the library."""
     def is_publishing(self) -> bool:
         """True from a successful `publish` to `unpublish`, the end of the stream or of the session."""
     def is_connected(self) -> bool:
@@ -174,14 +174,14 @@ class TavrinVideoClient:
         """Appends audio to what is published, in the form of `SessionAVSettings.audio_publisher`.
 
         Copies the samples before it returns; never waits. 28,800,000 samples fit: 300 s at 48 kHz stereo.
-        Gives False, with a warning in the log, when nothing was taken: no room, or audio is not consumed
+        Returns False, with a warning in the log, when nothing was taken: no room, or audio is not consumed
         yet (wait for `on_ready_for_audio_cb`).
 
         Raises AttributeError (a field is missing), TypeError (of another type, or `sample_buffer` is no
         bytes-like object), BufferError (its memory is not contiguous or cannot be lent), OverflowError (a
         number beyond 64 bits), ValueError "sample_buffer is too small" (it holds less than it claims).
 
-        The samples are taken to have the session's form: the rate in the object is not looked at.
+        The samples are assumed to have the session's form: the rate in the object is ignored.
 
         The library is fed 10 ms at a time. A gap is filled with silence.
         """
@@ -189,8 +189,8 @@ class TavrinVideoClient:
         """Queues a picture to be published, in the form of `SessionAVSettings.video_publisher`.
 
         Copies the pixels before it returns; never waits. 150 pictures fit: 5 s at 30 a second, 69 MB at
-        640x480 YUV420P. Gives False, with a warning in the log, when it was not taken: no
-        session, another form, or a full queue.
+        640x480 YUV420P. Returns False, with a warning in the log, when it was not taken: no session, another
+        form, or a full queue.
 
         Raises AttributeError, TypeError, BufferError and OverflowError as `add_audio` does,
         UnicodeEncodeError (`format` with lone surrogates), ValueError (None, or "frame_buffer is too
@@ -199,9 +199,9 @@ class TavrinVideoClient:
         When the queue is empty the last picture is repeated for two seconds; then pictures are black.
         """
     def clear_media_buffers(self) -> bool:
-        """Throws away all audio and video that wait to be published, as for barge-in."""
+        """Drops all audio and video queued to be published, as for barge-in."""
     def get_media_buffer_stats(self) -> Union[MediaBufferStats, Literal[False]]:
-        """How much audio and video wait to be published. Writes a line at level info for each side.
+        """How much audio and video is queued to be published. Logs a line at level info for each side.
 
         A side that is not measured is None. (False once the module has shut down.)
         """

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Checks that includes and imports go one way: a subsystem sees itself and those below it, and the module's
 core and the open library see nothing of each other but the contract's header. Each room of the open library
-includes those alone that are written down here. The rooms of the Python package import downwards, and the
-modules of each room do not import each other in a circle.
+includes only those listed here. The rooms of the Python package import downwards, and the modules of each
+room do not import each other in a circle.
 
 Run from anywhere; prints each include or import that runs the wrong way, and exits 1 if there is one.
 """
@@ -17,7 +17,7 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
 
-#: Lowest first. The module's binding lies above them all.
+#: Lowest first. The module's binding is above them all.
 CORE_LAYERS = ("support", "runtime", "media", "session", "controller")
 
 #: Rooms of the open library, and which of those before it each may see.
@@ -45,7 +45,7 @@ LIBRARY_ROOMS: dict[str, set[str]] = {
 }
 
 PACKAGE = ROOT / "python/tavrin_media_relay"
-#: Rooms of the Python package, lowest first. Those of one height see nothing of each other.
+#: Rooms of the Python package, lowest first. Those on one level do not import each other.
 PYTHON_ROOMS = (
     {"_checks", "_media_files", "_recording", "_tasks"},
     {"models"},
@@ -67,7 +67,7 @@ def sources(folder: str) -> list[Path]:
 
 
 def resolve(source: Path, name: str, roots: list[Path]) -> Path | None:
-    """The project's file that an include names, as the compiler would find it; None for all others."""
+    """The project's file named by an include, as the compiler would find it; None for all others."""
     for folder in [source.parent, *roots]:
         path = (folder / name).resolve()
         if path.is_file() and path.is_relative_to(ROOT):
@@ -76,7 +76,7 @@ def resolve(source: Path, name: str, roots: list[Path]) -> Path | None:
 
 
 def rank(path: Path) -> int | None:
-    """Height of a file of src; None for a file of another folder."""
+    """Level of a file of src; None for a file of another folder."""
     parts = path.parts
     if parts[:2] == ("src", "python"):
         return len(CORE_LAYERS)
@@ -129,7 +129,7 @@ def python_modules() -> dict[str, Path]:
 
 
 def imports(name: str, path: Path, modules: dict[str, Path]) -> list[tuple[int, str]]:
-    """Lines and names of the package's modules that a module imports, for type checkers alone too."""
+    """Lines and names of the package's modules that a module imports, also those only for type checkers."""
     found = []
     package = name if path.name == "__init__.py" else name.rpartition(".")[0]
     for node in ast.walk(ast.parse(path.read_text(encoding="utf-8"))):
@@ -140,7 +140,7 @@ def imports(name: str, path: Path, modules: dict[str, Path]) -> list[tuple[int, 
             if node.level:
                 above = package.split(".")[: len(package.split(".")) - node.level + 1]
                 base = ".".join([*above, *([node.module] if node.module else [])])
-            # A name of a package is its module of that name, else what its __init__ holds.
+            # A package's name is its module of that name, else defined in its __init__.
             wanted = [full if (full := f"{base}.{each.name}") in modules else base for each in node.names]
         else:
             continue

@@ -1,4 +1,4 @@
-// Live figures: what the browser counts about every connection, and how loud every voice is.
+// Live figures: the browser's statistics of every connection, and the loudness of every voice.
 
 /** How loud a stream is: `level()` gives 0 to 1 on a scale of 60 dB, 0 for streams without sound. */
 export class Meter {

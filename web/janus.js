@@ -1,5 +1,5 @@
 // Speaks the server's protocol: one WebSocket, one peer connection for what we send, and one for each
-// participant that we see and hear. Knows nothing of the page; `RoomVisit` tells it by events.
+// participant that we see and hear. Independent of the page, which `RoomVisit` notifies by events.
 
 const KEEP_ALIVE_MS = 25_000; // the server forgets a session after 60 s of silence
 const REPLY_MS = 10_000;
@@ -61,7 +61,7 @@ function objectIn(text) {
 
 /**
  * What a participant shows to others: a plain name, or JSON with a program's stream and data. `owner` is set
- * for a further stream of a program: it comes as a participant, but is nobody.
+ * for a further stream of a program, which arrives as a participant but is none.
  */
 export function readDisplay(display, id) {
   const text = typeof display === 'string' && display.length <= MAX_DISPLAY ? display : '';
@@ -84,7 +84,7 @@ export function parseCaption(data) {
   return {text: value.text, final: value.final !== false};
 }
 
-/** Requests and their replies over one WebSocket, which may break and be made anew. */
+/** Requests and their replies over one WebSocket, which is reopened when it breaks. */
 class Signalling {
   #socket = null;
   #session = 0;
@@ -96,9 +96,9 @@ class Signalling {
   constructor(url, token) {
     this.url = url;
     this.token = token;
-    this.onmessage = () => {}; // what the server says unasked
+    this.onmessage = () => {}; // messages that are no replies
     this.onreturn = () => {}; // true: the socket broke and we try to come back; false: we are back
-    this.onlost = () => {}; // it is over
+    this.onlost = () => {}; // lost for good
   }
 
   async open() {
@@ -131,7 +131,7 @@ class Signalling {
   }
 
   #read(message) {
-    if (message.janus === 'ack') return; // the answer proper follows
+    if (message.janus === 'ack') return; // the actual reply follows
     const waiting = this.#waiting.get(message.transaction);
     if (!waiting) {
       this.onmessage(message);
@@ -163,7 +163,7 @@ class Signalling {
     });
   }
 
-  /** One request to the plug-in; gives its data and the description that came with it. */
+  /** One request to the plug-in; returns its data and the session description. */
   async ask(handle, body, jsep) {
     const reply = await this.request({janus: 'message', handle_id: handle, body, ...(jsep && {jsep})});
     return {data: reply.plugindata?.data ?? {}, jsep: reply.jsep};
@@ -184,7 +184,7 @@ class Signalling {
         this.onreturn(false);
         return;
       } catch (error) {
-        if (error.code) break; // the server is there, but has forgotten us
+        if (error.code) break; // the server is up, but has forgotten us
       }
     }
     if (!this.#closed) this.onlost();
@@ -209,7 +209,7 @@ class Signalling {
   }
 }
 
-/** One peer connection and its handle at the server. Candidates that come early wait. */
+/** One peer connection and its handle at the server. Early candidates are queued. */
 class Peer {
   #early = [];
 
@@ -236,7 +236,7 @@ class Peer {
 
   async #add(candidate) {
     if (!candidate.candidate) return;
-    await this.connection.addIceCandidate(candidate).catch(() => {}); // of a kind that we cannot use
+    await this.connection.addIceCandidate(candidate).catch(() => {}); // unsupported kind
   }
 
   close() {
@@ -246,7 +246,7 @@ class Peer {
 }
 
 /**
- * The sizes in which a camera's picture is sent, for those who do with less: each half the one before, down
+ * The sizes in which a camera's picture is sent, for receivers that need less: each half the one before, down
  * to 320 pixels or a little more. The server wants the largest first.
  */
 function sizesOf(track) {
@@ -297,7 +297,7 @@ export class RoomVisit extends EventTarget {
     if (!this.#over) this.dispatchEvent(new CustomEvent(type, {detail}));
   }
 
-  /** Enters the room, shows `stream` (or nothing but captions) to it, and starts to see the others. */
+  /** Enters the room, publishes `stream` (or captions only), and subscribes to the others. */
   async join(stream) {
     try {
       await this.#signalling.open();
@@ -327,12 +327,12 @@ export class RoomVisit extends EventTarget {
     const create = {
       request: 'create', room: this.room, notify_joining: true, publishers: 50, videocodec: 'vp8,h264',
       bitrate: 3_000_000, fir_freq: 10, signed_tokens: token !== realm, is_private: true,
-      // Who knows the secret may close, record and tap the room: nobody does. With a folder for recordings
-      // that is fixed nobody names one, which the server would make.
+      // The secret allows closing, recording and tapping the room, so nobody gets it. With a fixed recording
+      // folder nobody can have the server create another.
       secret: randomSecret(), lock_record: true, rec_dir: '/', ...(pin && {pin}),
     };
     await this.#signalling.ask(this.#handle, create).catch((error) => {
-      if (error.code !== ROOM_EXISTS) throw error; // somebody else was faster
+      if (error.code !== ROOM_EXISTS) throw error; // made by another participant meanwhile
     });
     return (await this.#signalling.ask(this.#handle, request)).data;
   }
@@ -380,7 +380,7 @@ export class RoomVisit extends EventTarget {
     }
     if (data.joining) this.#meet(data.joining.id, data.joining.display);
     if (data.publishers) this.#see(data.publishers);
-    // The server may say it more than once, and of somebody who has left already.
+    // The server may repeat it, even for a participant who has already left.
     if (data.unpublished && data.unpublished !== 'ok') this.#forget(data.unpublished);
     if (data.leaving === 'ok' || data.kicked === this.id) this.#end('You were removed from the room.');
     else if (data.leaving || data.kicked) this.#gone(data.leaving ?? data.kicked);
@@ -402,7 +402,7 @@ export class RoomVisit extends EventTarget {
       if (this.#feeds.get(id)?.shape === shape) continue;
       this.#forget(id, true);
       this.#subscribe(id, shape).catch((error) => {
-        if (this.#feeds.get(id)?.shape !== shape) return; // it went away meanwhile
+        if (this.#feeds.get(id)?.shape !== shape) return; // it left meanwhile
         this.#forget(id);
         this.#tell('trouble', {text: `Cannot show ${this.#known.get(id)}: ${error.message}`});
       });
@@ -439,7 +439,7 @@ export class RoomVisit extends EventTarget {
       request: 'join', ptype: 'subscriber', room: this.room, private_id: this.#privateId, token,
       streams: [{feed: id}], ...(pin && {pin}),
     });
-    if (this.#feeds.get(id) !== feed) { // it went away while we asked
+    if (this.#feeds.get(id) !== feed) { // it left during the request
       this.#drop(peer);
       return;
     }
@@ -479,7 +479,7 @@ export class RoomVisit extends EventTarget {
     if (this.#known.delete(id)) this.#tell('gone', {id});
   }
 
-  /** Sends a caption to everyone; false if the way is not open (yet). */
+  /** Sends a caption to everyone; false if the channel is not open (yet). */
   caption(text, final) {
     if (this.#channel?.readyState !== 'open') return false;
     this.#channel.send(writeCaption(text, final));

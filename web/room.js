@@ -1,4 +1,4 @@
-// The page: the lobby, the tiles, the bar. What is said to the server is janus.js's affair.
+// The page: the lobby, the tiles, the bar. janus.js talks to the server.
 
 import {RoomVisit} from './janus.js';
 import {FiguresPanel, Meter} from './figures.js';
@@ -40,7 +40,7 @@ function deviceTrouble(error, what) {
 
 const chosen = (id) => ($(id).value ? {deviceId: {exact: $(id).value}} : {});
 
-/** Our devices as far as they can be had; what could not is said in words, and does not stop anybody. */
+/** Our devices, as far as available; failures are shown as text, and stop nothing. */
 async function openDevices() {
   const wanted = {
     ...($('use-camera').checked && {
@@ -57,7 +57,7 @@ async function openDevices() {
   }
   try {
     return await navigator.mediaDevices.getUserMedia(wanted);
-  } catch { /* one of the two may still be there */ }
+  } catch { /* one of the two may still be available */ }
   const tracks = [];
   const troubles = [];
   for (const [kind, what] of [['audio', 'microphone'], ['video', 'camera']]) {
@@ -322,7 +322,7 @@ async function showFigures() {
   if (visit && !$('figures').hidden) await panel.show(allConnections());
 }
 
-// What a developer's console, and a test, ask for: {id: {name, sound, picture}}.
+// For the developer's console and tests: {id: {name, sound, picture}}.
 globalThis.roomFigures = () => panel.collect(allConnections());
 
 // ---- wiring ---------------------------------------------------------------------------------------
@@ -334,7 +334,7 @@ $('server').value = link.get('server') ?? '';
 $('server-details').open = !link.get('token');
 $('room-name').textContent = link.get('room') ?? '';
 $('join-form').addEventListener('submit', join);
-// A required field in the folded part would stop the form without a word.
+// A required field in the folded part would block the form silently.
 $('room').addEventListener('invalid', () => { $('server-details').open = true; });
 $('try-devices').addEventListener('click', tryDevices);
 for (const id of ['camera-choice', 'microphone-choice']) $(id).addEventListener('change', tryDevices);

@@ -26,7 +26,7 @@ class Check:
 
 
 def finished_recording(folder: Path, patience: float = 15.0) -> dict[str, Any]:
-    """The library's own account of the recording, once its last file is closed: a moment after we left."""
+    """The "recorded" entry of the log, once the recording is closed, soon after we left."""
     log, deadline = folder / "events.jsonl", time.monotonic() + patience
     while time.monotonic() < deadline:
         lines = [json.loads(line) for line in log.read_text().splitlines() if line.endswith("}")]
@@ -44,7 +44,7 @@ def read_wav(path: Path) -> np.ndarray:
 
 
 def check_speech(recording: np.ndarray, report: Report) -> list[Check]:
-    """Each piece must stand in the recording sample for sample, the interrupted one up to the clear."""
+    """Each piece must be in the recording sample for sample, the interrupted one up to the clear."""
     recorded, place, whole, exact, kept = recording.tobytes(), 0, 0, 0, 0
     for number, samples in enumerate(report.spoken):
         if number == report.interrupted:
@@ -90,7 +90,7 @@ def read_y4m(path: Path) -> list[bytes]:
 
 
 def check_pictures(recorded: list[bytes], report: Report) -> tuple[Check, dict[str, int]]:
-    """Pictures must come out as they went in, in order, none missing but those thrown away by us."""
+    """Pictures must arrive unchanged and in order, none missing but those we dropped."""
     numbers = {digest: number for number, digest in enumerate(report.pictures_sent)}
     shown = [numbers.get(digest, -1) for digest in recorded if digest != b"black"]
     strange = shown.count(-1)
@@ -98,7 +98,7 @@ def check_pictures(recorded: list[bytes], report: Report) -> tuple[Check, dict[s
     missing = sorted(set(numbers.values()) - set(shown))
     cleared = [number for number in missing if number < report.pictures_at_clear]
     unsent = [number for number in missing if number >= report.pictures_at_clear]
-    # What we threw away lay at the end of the queue, and so did what was queued when we left.
+    # The pictures we dropped were at the end of the queue, and so were those queued when we left.
     at_ends = cleared == list(range(report.pictures_at_clear - len(cleared), report.pictures_at_clear))
     at_ends = at_ends and unsent == list(range(len(numbers) - len(unsent), len(numbers)))
     allowed = report.before_clear[1] * FPS + 2
@@ -120,8 +120,8 @@ def check_pictures(recorded: list[bytes], report: Report) -> tuple[Check, dict[s
 def check_heard(name: str, heard: np.ndarray, channels: int, material: Material, least: float) -> Check:
     """Looks for the speech that was played; `least` is the share of its pieces that must be clear.
 
-    A single stream comes as it was played. The mix is read on a clock of its own, so that a busy machine
-    makes it skip here and there.
+    A single stream arrives as it was played. The mix is read on its own clock, so that on a busy machine it
+    may skip.
     """
     factor = RATE // COMPARED_RATE
     mono = heard.reshape(-1, channels).mean(axis=1) if channels else heard
@@ -138,7 +138,7 @@ def check_heard(name: str, heard: np.ndarray, channels: int, material: Material,
 
 
 def check_seen(report: Report, material: Material) -> Check:
-    """Every picture must be one of the file's, in the file's order, and few may be missing."""
+    """Every picture must be from the file, in the file's order, and few may be missing."""
     seen = np.array(report.thumbnails, np.float32).reshape(len(report.thumbnails), -1)
     played = material.their_thumbnails.astype(np.float32).reshape(len(material.their_thumbnails), -1)
     if not len(seen):
@@ -147,7 +147,7 @@ def check_seen(report: Report, material: Material) -> Check:
     nearest = distance.argmin(1)
     error = np.sqrt(np.maximum(distance.min(1), 0) / seen.shape[1])
     matched = float((error < 4).mean())
-    # Neighbouring pictures of a slow pan look alike: allow a step back by a few.
+    # Neighbouring pictures of a slow pan look alike: allow a few steps back.
     forward = float((np.diff(nearest) >= -3).mean()) if len(nearest) > 1 else 0.0
     rate = (len(seen) - 1) / report.watched if report.watched else 0.0
     return Check(
@@ -184,7 +184,7 @@ def check_conduct(report: Report, material: Material) -> list[Check]:
 
 
 def check_counters(counters: dict[str, Any], pictures: dict[str, int]) -> Check:
-    """The library's counters must agree with the recording, up to what came after they were read."""
+    """The library's counters must agree with the recording, except for media after they were read."""
     if not counters:
         return Check("the library's counters agree", True, "this library has none")
     video = counters["video"]

@@ -12,8 +12,8 @@ from typing import Any
 
 
 def read_counters() -> dict[str, Any]:
-    """The figures as the library gives them; empty if the library in use has none."""
-    # The module has loaded the library already: this finds that one, and loads no second.
+    """The library's figures; empty if the library in use has none."""
+    # The module has already loaded the library: this finds it, and loads no second one.
     library = ctypes.CDLL("libsarnet.so", mode=os.RTLD_NOW | os.RTLD_NOLOAD)
     try:
         write = library.srn_statistics_json

@@ -8,7 +8,7 @@ import time
 import numpy as np
 
 VOICE_LEVEL = -40.0  # dB of full scale, of a block of 10 ms
-VOICE_BLOCKS = 10  # so many loud blocks within a second are a voice
+VOICE_BLOCKS = 10  # this many loud blocks within a second are a voice
 QUIET_SECONDS = 0.8
 
 
@@ -19,7 +19,7 @@ def level(samples: np.ndarray) -> float:
 
 
 class Ear:
-    """Fed by the audio callable, asked by the program's own thread."""
+    """Fed by the audio callable, read by the program's own thread."""
 
     def __init__(self) -> None:
         self._changed = threading.Condition()

@@ -1,4 +1,4 @@
-"""Finds known speech in what was heard, although its speed may be a little off."""
+"""Finds known speech in received audio, even at a slightly different speed."""
 
 from __future__ import annotations
 
@@ -8,7 +8,7 @@ from ear import level
 
 RATE = 8000  # enough to compare speech
 WINDOW = 1600  # samples of each piece looked for: 0.2 s
-FIRST = 3000  # of the one that is looked for everywhere
+FIRST = 3000  # of the piece that is searched for everywhere
 STRETCHES = np.arange(-0.03, 0.0301, 0.0025)
 
 
@@ -19,7 +19,7 @@ def reduced(samples: np.ndarray, factor: int) -> np.ndarray:
 
 
 def correlation(piece: np.ndarray, signal: np.ndarray) -> np.ndarray:
-    """Normalised correlation (-1 to 1) of a piece with every place of a signal."""
+    """Normalised correlation (-1 to 1) of a piece with every position of a signal."""
     piece = piece - piece.mean()
     size = 1 << (len(signal) + len(piece)).bit_length()
     product = np.fft.irfft(np.fft.rfft(signal, size) * np.conj(np.fft.rfft(piece, size)), size)
@@ -37,9 +37,9 @@ def stretched(piece: np.ndarray, by: float) -> np.ndarray:
 
 
 def find_speech(reference: np.ndarray, heard: np.ndarray) -> tuple[list[float], list[float]]:
-    """Looks for each loud piece of the reference in what was heard; both at RATE.
+    """Looks for each loud piece of the reference in the received audio; both at RATE.
 
-    Gives the best correlation of each piece, and how much later (seconds) than in the reference it was.
+    Returns the best correlation of each piece, and its delay (seconds) against the reference.
     """
     pieces = [
         at for at in range(0, len(reference) - WINDOW, WINDOW) if level(reference[at : at + WINDOW]) > -30

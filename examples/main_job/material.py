@@ -1,4 +1,4 @@
-"""Real speech and pictures for the demo, from Debian packages, made ready with ffmpeg and Pillow."""
+"""Real speech and pictures for the demo, from Debian packages, prepared with ffmpeg and Pillow."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ VOICES = Path("/usr/share/asterisk/sounds/en_US_f_Allison")
 NATURE = Path("/usr/share/backgrounds/mate/nature")
 GNOME = Path("/usr/share/backgrounds/gnome")
 
-#: What we say: two short pieces, one that is meant to be interrupted, and a farewell.
+#: What we say: two short pieces, one to be interrupted, and a farewell.
 OUR_SPEECH = [
     ALSA / "Front_Center.wav",
     ALSA / "Side_Left.wav",
@@ -56,7 +56,7 @@ class Material:
 
 
 def ffmpeg(*arguments: object, data: bytes | None = None) -> bytes:
-    """Runs ffmpeg quietly and gives what it writes to standard output."""
+    """Runs ffmpeg quietly and returns its standard output."""
     command = ["ffmpeg", "-v", "error", "-y", "-nostdin", *map(str, arguments)]
     return subprocess.run(command, input=data, stdout=subprocess.PIPE, check=True).stdout
 
@@ -76,7 +76,7 @@ def moving_pictures(photos: list[Path], seconds: int, target: list[object]) -> N
     each = seconds * FPS // len(photos)
     for number, path in enumerate(photos):
         with Image.open(path) as opened:
-            # Twice the output's size leaves room to zoom, and makes each crop quick.
+            # Twice the output's size leaves room to zoom, and makes each crop fast.
             photo = opened.convert("RGB")
             scale = max(2 * WIDTH / photo.width, 2 * HEIGHT / photo.height)
             photo = photo.resize(
@@ -110,7 +110,7 @@ def thumbnail(frame: np.ndarray) -> np.ndarray:
 
 
 def scenario_of(companion: Path, recording: Path) -> dict[str, object]:
-    """One other participant who plays a file, and a folder that takes down all that we publish."""
+    """One other participant who plays a file, and a folder that records all that we publish."""
     captions = [
         {"at_ms": int(second * 1000), "text": text, "final": final} for second, text, final in THEIR_CAPTIONS
     ]

@@ -14,7 +14,7 @@ import tavrin_media_relay as tavrin
 from ear import Ear
 from material import CHANNELS, FPS, HEIGHT, RATE, WIDTH, Material, thumbnail
 
-PATIENCE = 30.0  # seconds that any single wait may last
+PATIENCE = 30.0  # seconds that a single wait may last
 
 
 @dataclass
@@ -56,7 +56,7 @@ class Participant:
         self._speaking = False
         self._leaving = threading.Event()
         self._feeding = threading.Event()
-        self._pictures = threading.Lock()  # held while pictures are added, and while we clear
+        self._pictures = threading.Lock()  # held while adding pictures and while clearing
 
     # ---- what the session tells us ----------------------------------------------------------------
 
@@ -101,7 +101,7 @@ class Participant:
         self._happened("caption", captions.text)
 
     def _on_drained(self, stats: tavrin.MediaBufferStats) -> None:
-        # A notice of the video's tells the audio's state too, also when there is nothing to be said.
+        # A notice for video has the audio's state too, even when there is nothing to say.
         if self._speaking and stats.audio is not None and not stats.audio.duration:
             self._speaking = False
             self.report.drained_audio += 1
@@ -125,7 +125,7 @@ class Participant:
             raise RuntimeError(f"waited {PATIENCE:.0f} s in vain for: {name}")
 
     def buffered(self) -> tuple[float, float]:
-        """Seconds of our audio and video that wait to be sent."""
+        """Seconds of our audio and video queued to be sent."""
         stats = self.client.get_media_buffer_stats()
         if not stats:
             return 0.0, 0.0
@@ -148,7 +148,7 @@ class Participant:
         self._happened("failed", reason)
 
     def _show_pictures(self) -> None:
-        """Keeps between half a second and one of pictures queued, but for the pause after a clear."""
+        """Keeps half a second to a second of pictures queued, except in the pause after a clear."""
         pictures = self._material.pictures
         size = tavrin.VideoResolution(WIDTH, HEIGHT)
         while not self._leaving.wait(0.05):
@@ -163,7 +163,7 @@ class Participant:
                     self.report.pictures_sent.append(hashlib.blake2b(picture, digest_size=16).digest())
 
     def _give_way(self) -> None:
-        """Barge-in: somebody speaks while we do, so we drop all that we have not said and shown yet."""
+        """Barge-in: somebody speaks while we do, so we drop everything not yet said and shown."""
         with self._pictures:
             self._feeding.clear()
             self._speaking = False
@@ -176,7 +176,7 @@ class Participant:
         self._happened("gave way", f"dropped {self.report.before_clear[0]:.1f} s of speech")
 
     def visit(self, session_id: str, before_leaving: Callable[[], None]) -> Report:
-        """Takes part in the session from joining to leaving; `before_leaving` runs with all still up."""
+        """Takes part in the session from joining to leaving; `before_leaving` runs while still joined."""
         joined = self.client.connect(
             "demo-application",
             session_id,
@@ -217,7 +217,7 @@ class Participant:
         self._wait("subscribed")
         self.ear.wait_for_voice(PATIENCE)
         self.ear.wait_for_quiet(PATIENCE)
-        for number in range(2):  # each piece follows when the one before has been said
+        for number in range(2):  # each piece follows once the one before has been said
             self._say(number)
             self._wait(f"said {number + 1}")
         self._say(2)

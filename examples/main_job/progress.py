@@ -1,4 +1,4 @@
-"""A line a second on how the visit goes."""
+"""A progress line every second of the visit."""
 
 from __future__ import annotations
 
@@ -9,7 +9,7 @@ from participant import Participant
 
 
 class Progress:
-    """Use as a context: prints events as they come and, once a second, how things stand."""
+    """A context manager: prints events as they come and, once a second, the state."""
 
     def __init__(self, participant: Participant) -> None:
         self._participant = participant

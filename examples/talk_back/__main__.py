@@ -1,4 +1,4 @@
-"""A program to talk to: it says back what it hears, shows what it is doing, and captions itself.
+"""A program to talk to: it repeats what it hears, shows what it is doing, and captions itself.
 
     API_HOSTNAME=ws://127.0.0.1:8188 SESSION_ID=lobby TOKEN=... ./dev python examples/talk_back
 
@@ -123,12 +123,12 @@ class TalkBack:
             self.painter.say("listening")
 
     def _show(self) -> None:
-        """Keeps a few pictures queued: few, so that what they show is true."""
+        """Keeps a few pictures queued: few, so that they show the current state."""
         size = tavrin.VideoResolution(WIDTH, HEIGHT)
         begin = time.monotonic()
         shown = 0
         while not self.leaving.wait(max(0.0, begin + (shown - 4) / FPS - time.monotonic())):
-            if time.monotonic() - begin - shown / FPS > 1:  # we were held up: no need to catch up
+            if time.monotonic() - begin - shown / FPS > 1:  # we were delayed: no need to catch up
                 begin = time.monotonic() - shown / FPS
             picture = self.painter.paint(shown, self.listener.level, len(self._streams))
             self.client.add_video(tavrin.VideoFrame(size, "RGB24", picture))

@@ -23,7 +23,7 @@ class Listener:
         self.level = 0.0  # 0 to 1 over 60 dB, falling slowly
         self._changed = threading.Condition()
         self._finished: collections.deque[np.ndarray] = collections.deque(maxlen=4)
-        self._deaf = 0  # periods not to listen to
+        self._deaf = 0  # periods to ignore
         self._before: collections.deque[np.ndarray] = collections.deque(maxlen=BEFORE)
         self._current: list[np.ndarray] = []
         self._loud = 0
@@ -56,14 +56,14 @@ class Listener:
             self._current = []
 
     def next_utterance(self, timeout: float) -> np.ndarray | None:
-        """Interleaved samples of the oldest one not asked for yet, or None after `timeout` seconds."""
+        """Interleaved samples of the oldest one not yet taken, or None after `timeout` seconds."""
         with self._changed:
             if not self._changed.wait_for(lambda: self._finished, timeout):
                 return None
             return self._finished.popleft()
 
     def deafen(self, seconds: float) -> None:
-        """Forgets what has been heard, and hears nothing for a while."""
+        """Drops what was heard, and ignores input for a while."""
         with self._changed:
             self._deaf = round(seconds * 100)
             self._finished.clear()

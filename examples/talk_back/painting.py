@@ -1,4 +1,4 @@
-"""What the program shows: what it is doing, in words and as a ring that breathes with what it hears."""
+"""What the program shows: its state in words, and a ring that moves with the sound it hears."""
 
 from __future__ import annotations
 

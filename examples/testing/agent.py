@@ -14,13 +14,13 @@ from tavrin_media_relay import LoggingSettings, SessionSettings, aio
 QUIET = SessionSettings(logging=LoggingSettings("error"))
 LOUD = 500  # of 32768: what counts as a voice
 BEGUN = 10  # frames of 10 ms with a voice before somebody counts as speaking
-ENDED = 40  # frames without one before they count as done
+ENDED = 40  # frames without one before they count as finished
 
 ANSWER = array.array("h", (int(9000 * math.sin(i / 17)) for i in range(2 * 24000)))  # two seconds of 24 kHz
 
 
 async def listen_to_all(session: aio.Session) -> None:
-    """What is subscribed to can be heard in the session's mix."""
+    """The session's mix contains the subscribed streams."""
     async for event in session.events():
         if isinstance(event, aio.StreamReceived):
             with contextlib.suppress(aio.SubscriberError):
@@ -28,7 +28,7 @@ async def listen_to_all(session: aio.Session) -> None:
 
 
 async def turns(session: aio.Session):
-    """Gives True when somebody begins to speak, and False when they are done."""
+    """Yields True when somebody begins to speak, and False when they have finished."""
     speaking, count = False, 0
     async for frame in session.audio_frames():
         loud = max(frame.samples) > LOUD

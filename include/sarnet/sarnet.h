@@ -239,12 +239,12 @@ struct srn_publisher_video_stats {
 struct srn_session_callbacks {
   /* The session is joined. Always the first event. */
   void (*on_connected)(srn_session* session, void* user_data);
-  /* The session has ended; the answer to srn_session_disconnect, or the server's own wish. */
+  /* The session has ended: the answer to srn_session_disconnect, or ended by the server. */
   void (*on_disconnected)(srn_session* session, void* user_data);
-  /* A participant came; before any of its streams. */
+  /* A participant joined; before any of its streams. */
   void (*on_connection_created)(srn_session* session, void* user_data,
                                 const srn_connection* connection);
-  /* A participant went; after all of its streams were dropped. */
+  /* A participant left; after all of its streams were dropped. */
   void (*on_connection_dropped)(srn_session* session, void* user_data,
                                 const srn_connection* connection);
   void (*on_stream_received)(srn_session* session, void* user_data, const srn_stream* stream);
@@ -334,8 +334,8 @@ struct srn_subscriber_callbacks {
   void* reserved; /* null */
 };
 
-/* The program's audio device: where the library takes microphone input from and gives the mix to. All
- * slots come on one library thread, never two at once; results are SRN_TRUE or SRN_FALSE. */
+/* The program's audio device: gives the library microphone input and receives the mix. All slots come on
+ * one library thread, never two at once; results are SRN_TRUE or SRN_FALSE. */
 struct srn_audio_device_callbacks {
   srn_bool (*init)(const srn_audio_device* device, void* user_data);
   srn_bool (*destroy)(const srn_audio_device* device, void* user_data);
@@ -394,8 +394,8 @@ SRN_API srn_status srn_set_audio_device(const struct srn_audio_device_callbacks*
 
 /* ---- Sessions ------------------------------------------------------------------------------------- */
 
-/* New settings, or null. They pass to the session in srn_session_new_with_settings, also if that fails;
- * there is no delete. */
+/* New settings, or null. There is no delete: srn_session_new_with_settings takes them over, even if it
+ * fails. */
 SRN_API srn_session_settings* srn_session_settings_new(void);
 
 /* Whether the session may move between servers. */

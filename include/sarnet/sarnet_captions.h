@@ -1,9 +1,9 @@
 /*
- * Captions that the program itself sends with what it publishes, an addition of our libsarnet.so beside
- * the contract. Another library of the contract need not have these functions, so a program that must run
+ * Captions that the program itself sends with what it publishes: an addition of our libsarnet.so to the
+ * contract. Another library of the contract need not have these functions, so a program that must run
  * with any library looks them up at run time.
  *
- * The text reaches everyone who subscribes to the stream with captions, at once, and nobody who comes
+ * The text reaches all current subscribers to the stream with captions at once, and none that subscribe
  * later. Text that is not final may be replaced by the next one. Both functions may be called from any
  * thread, within callbacks too; neither waits.
  */
@@ -25,8 +25,8 @@ extern "C" {
 SRN_API srn_status srn_publisher_send_caption(srn_publisher* publisher, const char* text,
                                               srn_bool is_final);
 
-/* The same with everything that the process publishes with captions, for programs that have no publisher
- * in their hands because a module holds it. 1015 when there is nothing of the kind. */
+/* The same with everything that the process publishes with captions, for programs whose publisher is
+ * held by a module. 1015 when there is nothing of the kind. */
 SRN_API srn_status srn_captions_send(const char* text, srn_bool is_final);
 
 #ifdef __cplusplus

@@ -1,6 +1,6 @@
 /*
- * Counters and pacing figures of our libsarnet.so, beside the contract: what it saw of the program's
- * audio and video, and what it had to drop. Another library of the contract need not have these
+ * Counters and pacing figures of our libsarnet.so, an addition to the contract: the program's audio and
+ * video as it saw them, and what it had to drop. Another library of the contract need not have these
  * functions, so a program that must run with any library looks them up at run time.
  *
  * The figures cover the time since the library was loaded or since srn_statistics_reset. Every function
@@ -17,8 +17,8 @@ extern "C" {
 #endif
 
 /* How punctual the program's writes of captured audio are: each one's lateness against an ideal grid of
- * its period (10 ms as a rule) that follows the program's earliest writes. Periods that it leaves out, and
- * does not make good, are gaps and make no write late. Microseconds. */
+ * its period (10 ms as a rule) that follows the program's earliest writes. Periods that it skips, and
+ * does not make up for, are gaps and make no write late. Microseconds. */
 struct srn_lateness_statistics {
   int64_t p50;
   int64_t p99;
@@ -92,9 +92,10 @@ SRN_API srn_status srn_statistics_get(struct srn_statistics* statistics);
 SRN_API srn_status srn_statistics_get_subscriber(const srn_subscriber* subscriber,
                                                  struct srn_subscriber_statistics* statistics);
 
-/* Writes the figures of the library and of each living subscriber, with the id of its stream, as one
- * JSON object, zero-terminated, into the caller's buffer, and returns the length that the whole text has without the zero. As with
- * snprintf, a result of `capacity` or more means that the text was cut; `buffer` may then be null. */
+/* Writes the figures of the library and of each living subscriber, with its stream's id, as one JSON
+ * object, zero-terminated, into the caller's buffer; returns the length of the whole text without the
+ * zero. As with snprintf, a result of `capacity` or more means that the text was cut; `buffer` may then
+ * be null. */
 SRN_API size_t srn_statistics_json(char* buffer, size_t capacity);
 
 /* Sets the counters of the library (not those of the subscribers) to zero. */

@@ -1,6 +1,6 @@
 """Take part in a real-time video session from Python: publish audio and pictures, hear and see others.
 
-`TavrinVideoClient` does the work; the other names are the records that it takes and gives.
+`TavrinVideoClient` does the work; the other names are its argument and result records.
 """
 
 from __future__ import annotations
@@ -69,8 +69,8 @@ __all__ = [
 
 
 def __getattr__(name: str) -> Any:
-    # The extension imports this package's models while it is itself being imported, so that the client
-    # can only be fetched when somebody asks for it.
+    # The extension imports this package's models while it is itself being imported, so the client is only
+    # loaded on first access.
     if name == "TavrinVideoClient":
         from _tavrin_video import TavrinVideoClient
 

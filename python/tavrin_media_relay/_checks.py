@@ -1,5 +1,5 @@
-"""Checks of arguments and settings: each names the one in question, shows what was given and tells what is
-wanted."""
+"""Checks of arguments and settings: each error names the argument, shows its value and says what is
+expected."""
 
 from __future__ import annotations
 
@@ -13,8 +13,8 @@ def of_type(name: str, value: object, kind: type) -> None:
 
 
 def integer(name: str, value: Any, low: int, high: int, unit: str = "") -> int:
-    """Gives `value` as an int within low..high. Whatever counts as an index (a numpy integer too) is
-    taken; a bool is not, since it is a slip wherever a count is asked for."""
+    """Returns `value` as an int within low..high. Accepts anything usable as an index (a numpy integer too)
+    but a bool, which is a mistake where a count is expected."""
     if isinstance(value, bool) or not hasattr(value, "__index__"):
         raise TypeError(f"{name} must be an int, not {value!r:.80}")
     whole = operator.index(value)
@@ -31,7 +31,7 @@ def number(name: str, value: Any, low: float, high: float, unit: str) -> None:
 
 
 class Fields:
-    """Checks of the fields of one record that a person fills in, which are already set."""
+    """Checks the fields, already set, of one record that a program fills in."""
 
     def __init__(self, record: object) -> None:
         self._record = record
@@ -40,7 +40,7 @@ class Fields:
         return f"{type(self._record).__name__}.{field}"
 
     def integer(self, field: str, low: int, high: int, unit: str = "") -> None:
-        """Replaces another kind of index by an int."""
+        """Converts any other index type to int."""
         whole = integer(self.name(field), getattr(self._record, field), low, high, unit)
         setattr(self._record, field, whole)
 

@@ -1,4 +1,4 @@
-"""How media files are read: 16-bit WAV by Python itself, all else by the program ffmpeg."""
+"""Reads media files: 16-bit WAV by Python itself, others by the program ffmpeg."""
 
 from __future__ import annotations
 
@@ -25,5 +25,5 @@ def decoding(path: Path, after: Sequence[str], before: Sequence[str] = ()) -> li
 
 
 def sound_options(rate: int, channels: int) -> list[str]:
-    """What `decoding` takes for interleaved 16-bit samples."""
+    """The arguments of `decoding` for interleaved 16-bit samples."""
     return ["-vn", "-f", "s16le", "-ac", str(channels), "-ar", str(rate)]

@@ -1,4 +1,4 @@
-"""The embedded engine's recordings, as far as no numpy is needed."""
+"""The parts of the embedded engine's recordings that need no numpy."""
 
 from __future__ import annotations
 
@@ -10,7 +10,6 @@ def log_of(folder: Path) -> Path:
 
 
 def has_told(folder: Path, event: str) -> bool:
-    """Whether the recording's log tells of an event; "closed" is the last one, when all files are
-    complete."""
+    """Whether the recording's log has an event; "closed" is the last one, when all files are complete."""
     log = log_of(folder)
     return log.exists() and f'"event":"{event}"' in log.read_text()

@@ -1,4 +1,4 @@
-"""Tasks that run beside others, and end with them."""
+"""Background tasks that end with a block."""
 
 from __future__ import annotations
 
@@ -8,7 +8,7 @@ from typing import Any, AsyncIterator, Awaitable
 
 
 async def end(*tasks: asyncio.Future[Any]) -> None:
-    """Cancels those that still run, and waits until all have ended, with or without an error."""
+    """Cancels the running ones, and waits until all have ended, with or without an error."""
     for task in tasks:
         task.cancel()
     await asyncio.gather(*tasks, return_exceptions=True)

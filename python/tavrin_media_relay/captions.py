@@ -1,8 +1,8 @@
-"""Captions of one's own: text that goes out with what the program publishes.
+"""Own captions: text sent with what the program publishes.
 
-The session's server, or whoever transcribes, may send captions as well; this is for a program that knows
-what it says. It needs `PublisherSettings(enable_captions=True)` and the open libsarnet.so: another library
-that carries the module need not be able to send any.
+The session's server, or a transcriber, may send captions as well; this is for a program that knows what it
+says. It needs `PublisherSettings(enable_captions=True)` and the open libsarnet.so: another library under the
+module may be unable to send any.
 """
 
 from __future__ import annotations
@@ -23,10 +23,10 @@ _send: Any = None
 
 
 def send(text: str, is_final: bool = True) -> bool:
-    """Shows `text` under our stream, at everyone who subscribes to it with captions.
+    """Shows `text` under our stream to everyone who subscribes to it with captions.
 
     At most 4096 bytes of UTF-8. `is_final=False` for words that may still change: the next text replaces
-    them. Never waits. Gives False when nothing went out: nothing is published with captions at the moment,
+    them. Never waits. Returns False when nothing was sent: nothing is published with captions at the moment,
     or the library cannot send any. Raises ValueError for a text that is empty or too long.
     """
     global _send

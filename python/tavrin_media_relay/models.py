@@ -2,10 +2,10 @@
 
 Two families live here, both plain dataclasses with slots:
 
-* What the module builds and hands to callables: `Session`, `Connection`, `Stream`, `Subscriber`,
-  `Publisher`, `AudioData`, `VideoFrame`, `CaptionsData` and the buffer statistics. Some of them are made
-  thousands of times a second, so they check nothing.
-* What a program fills in: the `...Settings` classes. They check their fields when they are made and raise
+* Records that the module builds for callables: `Session`, `Connection`, `Stream`, `Subscriber`, `Publisher`,
+  `AudioData`, `VideoFrame`, `CaptionsData` and the buffer statistics. Some of them are made thousands of
+  times a second, so they check nothing.
+* Records that a program fills in: the `...Settings` classes. They check their fields when made and raise
   `ValueError` (a value out of range) or `TypeError` (the wrong kind of value), naming field and value.
 
 A program also makes `AudioData` and `VideoFrame` objects itself, for `add_audio` and `add_video`; the
@@ -24,25 +24,25 @@ if TYPE_CHECKING:
     import array
     import mmap
 
-    #: What `add_audio` and `add_video` read: anything with a contiguous buffer (numpy arrays too).
+    #: The type that `add_audio` and `add_video` read: any contiguous buffer (numpy arrays too).
     Buffer = Union[bytes, bytearray, memoryview, "array.array[Any]", mmap.mmap, Any]
 else:
     Buffer = Any
 
-#: Colour formats, in the spelling that the module knows (upper case).
+#: Colour formats, in the module's spelling (upper case).
 VideoFormat = Literal["YUV420P", "RGB24", "ARGB32"]
 VIDEO_FORMATS: Final = ("YUV420P", "RGB24", "ARGB32")
 
-#: Log levels, from silent to chatty. Any letter case is accepted.
+#: Log levels, from silent to verbose. Case-insensitive.
 LogLevel = Literal["off", "error", "warn", "info", "debug", "trace"]
 LOG_LEVELS: Final = ("off", "error", "warn", "info", "debug", "trace")
 
-#: A frame is addressed with signed 32-bit sizes on the native side.
+#: The native side addresses a frame with signed 32-bit sizes.
 _MAX_FRAME_BYTES: Final = 2**31 - 1
 
 
 def frame_buffer_size(width: int, height: int, format: str) -> int:
-    """Bytes of one tightly packed frame: what `VideoFrame.frame_buffer` has to hold.
+    """Bytes of one tightly packed frame: the minimum size of `VideoFrame.frame_buffer`.
 
     YUV420P: w*h + 2 * ceil(w/2) * ceil(h/2); RGB24: 3*w*h; ARGB32: 4*w*h.
     Raises ValueError for an unknown format.
@@ -153,7 +153,7 @@ class VideoFrame:
     def model_construct(
         cls, *, resolution: VideoResolution, format: VideoFormat, frame_buffer: Buffer
     ) -> "VideoFrame":
-        """Builds a frame from its fields as they are. The module makes its frames with it."""
+        """Builds a frame from its fields, unchecked. Used by the module."""
         return cls(resolution, format, frame_buffer)
 
 
@@ -168,7 +168,7 @@ class CaptionsData:
 
 @dataclass(slots=True)
 class AudioBufferStats:
-    """How much published audio waits in the buffer."""
+    """How much published audio is buffered."""
 
     duration: timedelta = timedelta(0)
     """Playing time of the buffered audio, millisecond resolution."""
@@ -176,7 +176,7 @@ class AudioBufferStats:
 
 @dataclass(slots=True)
 class VideoBufferStats:
-    """How much published video waits in the buffer."""
+    """How much published video is buffered."""
 
     duration: timedelta = timedelta(0)
     """Playing time of the queued frames, millisecond resolution."""
@@ -184,8 +184,8 @@ class VideoBufferStats:
 
 @dataclass(slots=True)
 class MediaBufferStats:
-    """State of the publishing buffers. A side is None where it is not measured; in the drained event a
-    side of zero duration is the one that has just run dry."""
+    """State of the publishing buffers. A side that is not measured is None; in the drained event, zero
+    duration marks the side that has just run dry."""
 
     audio: AudioBufferStats | None = None
     video: VideoBufferStats | None = None
@@ -229,7 +229,7 @@ class LoggingSettings:
 
 
 def _check_resolution(name: str, resolution: VideoResolution) -> None:
-    """Both sides positive, and no frame of any format larger than the native side can address."""
+    """Checks that both sides are positive and that the native side can address a frame of any format."""
     for side in ("width", "height"):
         value = getattr(resolution, side)
         setattr(resolution, side, integer(f"{name}.{side}", value, 1, _MAX_FRAME_BYTES, " pixels"))
@@ -237,7 +237,7 @@ def _check_resolution(name: str, resolution: VideoResolution) -> None:
 
 @dataclass(slots=True)
 class SessionVideoPublisherSettings:
-    """Form of the pictures that the program publishes. Every frame given to `add_video` must have it."""
+    """Form of the published pictures. Every frame given to `add_video` must have it."""
 
     resolution: VideoResolution = field(default_factory=lambda: VideoResolution(640, 480))
     """Pixels, both sides positive."""
@@ -262,14 +262,14 @@ class SessionVideoPublisherSettings:
 
 @dataclass(slots=True)
 class SessionAVSettings:
-    """Forms of the media of a session; a part that is None has its defaults."""
+    """Forms of a session's media; None means the defaults."""
 
     audio_publisher: SessionAudioSettings | None = None
-    """What `add_audio` is given. Default: 48 kHz stereo."""
+    """The audio given to `add_audio`. Default: 48 kHz stereo."""
     audio_subscribers_mix: SessionAudioSettings | None = None
-    """What `on_audio_data_cb` receives. Default: 48 kHz stereo."""
+    """The audio that `on_audio_data_cb` receives. Default: 48 kHz stereo."""
     video_publisher: SessionVideoPublisherSettings | None = None
-    """What `add_video` is given. Default: 640x480 YUV420P at 30 pictures a second."""
+    """The pictures given to `add_video`. Default: 640x480 YUV420P at 30 pictures a second."""
 
     def __post_init__(self) -> None:
         fields = Fields(self)
@@ -283,7 +283,7 @@ class SessionSettings:
     """Settings of `connect`."""
 
     enable_migration: bool = False
-    """Let the server move the session to another server while it runs."""
+    """Let the server move the running session to another server."""
     av: SessionAVSettings | None = None
     """Forms of the media; None for the defaults."""
     logging: LoggingSettings | None = None
@@ -318,7 +318,7 @@ class PublisherSettings:
     has_audio: bool = True
     has_video: bool = True
     enable_captions: bool = False
-    """Let the server make captions of the published audio."""
+    """Let the server caption the published audio."""
     audio_settings: PublisherAudioSettings | None = None
     """How the audio is coded; None for stereo without DTX."""
 
@@ -333,7 +333,7 @@ class PublisherSettings:
 
 @dataclass(slots=True)
 class SubscriberVideoSettings:
-    """What we would like to receive, where a stream is offered in several sizes and rates."""
+    """The preferred size and rate, where a stream is offered in several."""
 
     preferred_resolution: VideoResolution | None = None
     """Pixels, both sides positive; None: the stream's own."""
@@ -351,7 +351,7 @@ class SubscriberVideoSettings:
 
 @dataclass(slots=True)
 class SubscriberSettings:
-    """Settings of `subscribe`. At least one of audio and video must be wanted, else it gives False."""
+    """Settings of `subscribe`. Without audio and video `subscribe` returns False."""
 
     subscribe_to_audio: bool = True
     subscribe_to_video: bool = True

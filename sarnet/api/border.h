@@ -6,7 +6,7 @@
 
 namespace sarnet {
 
-// Runs the body of one function of the contract; gives `on_failure` when it throws.
+// Runs the body of one function of the contract; returns `on_failure` when it throws.
 template <class Result, class Body>
 Result guarded_result(const char* function, Result on_failure, Body&& body) {
   Result result = on_failure;

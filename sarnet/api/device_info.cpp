@@ -17,7 +17,7 @@ struct snt_device_info {
   char device_cannot_do_simulcast;
 };
 
-// Weak, and without a version: a program need not have it.
+// Weak and unversioned: a program may lack it.
 __attribute__((weak, visibility("default"))) struct snt_device_info* srn_get_device_info(void);
 }
 

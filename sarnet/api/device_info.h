@@ -2,7 +2,7 @@
 
 namespace sarnet {
 
-// Asks the program who it is, by the srn_get_device_info that it may export, and logs the answer.
+// Identifies the program through the srn_get_device_info that it may export, and logs the answer.
 // Called once for each session that is connected.
 void report_device_info();
 

@@ -19,7 +19,7 @@ bool Library::destroy() {
   auto& keeper = ThreadKeeper::instance();
   if (keeper.on_own_thread()) return false;
   initialised_ = false;
-  // Subscribers and publishers first, so that a capturer is destroyed while its session stands.
+  // Subscribers and publishers first, so that a capturer is destroyed while its session exists.
   for (const auto& subscriber : subscribers.all()) subscriber->close();
   for (const auto& publisher : publishers.all()) publisher->close();
   for (const auto& session : sessions.all()) session->close();

@@ -17,7 +17,7 @@
 
 namespace sarnet {
 
-// What there is once in a process: the live handles, the audio device and the counters. Any thread.
+// The process-wide state: the live handles, the audio device and the counters. Any thread.
 class Library {
  public:
   // Made by the first call and never destroyed: handles may be deleted while the process exits.

@@ -31,7 +31,7 @@ std::string fault_of(const char* path) {
 extern "C" {
 
 size_t srn_scenario_check(const char* path, char* error, size_t capacity) {
-  static constexpr size_t kFailed = 1;  // of no use to look for a text: there was no memory for it
+  static constexpr size_t kFailed = 1;  // no error text: there was no memory for it
   return guarded_result<size_t>("srn_scenario_check", kFailed, [&] {
     if (error != nullptr && capacity > 0) *error = '\0';
     const std::string fault = fault_of(path);

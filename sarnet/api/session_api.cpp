@@ -33,7 +33,7 @@ srn_session* srn_session_new_with_settings(const char* api_key, const char* sess
   return guarded_result<srn_session*>(
       "srn_session_new_with_settings", nullptr, [&]() -> srn_session* {
         auto& library = Library::instance();
-        // Taken over first: they are the session's even if there will be none.
+        // Taken over first: the settings are consumed even if no session can be made.
         const auto taken = library.session_settings.remove(settings);
         if (settings != nullptr && !taken) return nullptr;
         if (empty(api_key) || empty(session_id) || callbacks == nullptr) return nullptr;

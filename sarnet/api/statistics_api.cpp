@@ -58,7 +58,7 @@ srn_subscriber_statistics collect(sarnet::Subscriber& subscriber) {
           counters.captions.dropped};
 }
 
-// Fills as much of the caller's record as it has room for, but for its size.
+// Fills the caller's record as far as its size reaches; leaves the size itself alone.
 template <class Record>
 void hand_over(Record figures, Record* target) {
   figures.size = target->size;

@@ -60,7 +60,7 @@ srn_status srn_subscriber_set_preferred_resolution(srn_subscriber* subscriber, u
 
 srn_status srn_subscriber_set_preferred_framerate(srn_subscriber* subscriber, float framerate) {
   const auto object = Library::instance().subscribers.find(subscriber);
-  // Below one picture in a hundred seconds the period leaves the clock's range.
+  // Below one picture per hundred seconds the period exceeds the clock's range.
   if (!object || !std::isfinite(framerate) || framerate < 0.01F) return kInvalid;
   object->max_framerate = framerate;
   object->preferences_changed();

@@ -9,7 +9,7 @@
 namespace sarnet {
 namespace {
 
-// The device has no state of its own: the handle is only a name in the slots' signatures.
+// The handle carries no state: it only fills a place in the slots' signatures.
 const srn_audio_device* device_handle() {
   static const char place = 0;
   return reinterpret_cast<const srn_audio_device*>(&place);
@@ -71,7 +71,7 @@ void AudioDevice::session_over(const void* session) {
     sessions_.erase(gone, sessions_.end());
     if (sessions_.empty()) {
       wind_down_ = true;
-      // At once, before the driver comes to it: the program's render thread must not go on.
+      // Here, not on the driver's thread later: the program's render thread must stop at once.
       render_.stop();
     }
   }
@@ -144,7 +144,7 @@ void AudioDevice::bring_up_renderer(Driven& driven) {
   const auto& table = driven.table;
   const bool initialized = call(table.is_renderer_initialized, table, driven.renderer);
   if (driven.renderer && initialized && call(table.is_renderer_started, table)) return;
-  // Left over from a session that the program ended on its side, or half way there.
+  // Left over from a session that the program ended, wholly or in part, on its side.
   if (driven.renderer || initialized) wind_down_renderer(driven);
   const auto format = ask_format(table.get_render_settings, table, "renderer");
   if (!format) return;
@@ -153,7 +153,7 @@ void AudioDevice::bring_up_renderer(Driven& driven) {
     SARNET_LOG(kWarn, "The audio device's init_renderer failed");
     return;
   }
-  render_.start(*format);  // first, since the program reads as soon as it is started
+  render_.start(*format);  // first: the program reads as soon as it is started
   if (!call(table.start_renderer, table)) {
     SARNET_LOG(kWarn, "The audio device's start_renderer failed");
   }
@@ -177,8 +177,8 @@ void AudioDevice::bring_up_capturer(Driven& driven) {
   }
 }
 
-// The program may have stopped a side itself, as it does when it leaves: it is asked first, and a
-// slot that answers SRN_FALSE all the same is no fault.
+// The program may have stopped a side itself, as it does when it leaves: so its state is queried
+// first, and a slot that still returns SRN_FALSE is no fault.
 void AudioDevice::wind_down_renderer(Driven& driven) {
   const auto& table = driven.table;
   render_.stop();

@@ -22,13 +22,13 @@ class AudioDevice {
  public:
   explicit AudioDevice(Counters& counters);
 
-  // Copies the table; null removes it. What runs is wound down with the old table first.
+  // Copies the table; null removes it. A running device is first wound down through the old table.
   void set_callbacks(const srn_audio_device_callbacks* callbacks);
 
   // The session's on_connected has returned: the device starts kSettleTime later, so that the
   // program has had time to set up its formats.
   void session_connected(const void* session);
-  // Winds the device down when it was the last one. May be repeated.
+  // Winds the device down when this was the last session. May be repeated.
   void session_over(const void* session);
   // Winds down and ends the thread. The next session starts a new one.
   void shut_down();

@@ -16,7 +16,7 @@ namespace sarnet {
 // One thread at a time. The constructor allocates and throws std::invalid_argument for an invalid
 // format and std::bad_alloc; everything else neither allocates, waits nor fails.
 //
-// With equal rates and no correction the samples pass bit-exact (but for the change of channels)
+// With equal rates and no correction the samples pass bit-exact (except for the channel conversion)
 // and without delay. From the first correction other than 1, or with different rates, a
 // band-limited interpolator works with up to 3 ms of input held back.
 class AudioResampler {
@@ -31,11 +31,11 @@ class AudioResampler {
   AudioResampler(const AudioResampler&) = delete;
   AudioResampler& operator=(const AudioResampler&) = delete;
 
-  // Multiplies the number of output frames made of the same input, 0.9 to 1.1, clamped: 1.01
+  // Multiplies the number of output frames made from the same input, clamped to 0.9 to 1.1: 1.01
   // stretches the sound by one per cent. Takes effect smoothly over the next call of process.
   void set_correction(double factor);
 
-  // Interpolates from now on even where samples could pass as they are, until reset().
+  // Interpolates even where samples could pass unchanged, until reset().
   void interpolate() { interpolating_ = true; }
 
   // Converts until the input is used up or the output is full. Both spans hold samples, a whole

@@ -14,12 +14,12 @@ using Clock = std::chrono::steady_clock;
 
 constexpr AudioFormat kSessionFormat{48000, 2};
 constexpr std::chrono::milliseconds kPeriod{10};
-// Queued beside the block that is under way, which makes 10 ms of the whole blocks that come: a
-// thread of the program may be that late.
+// Queued in addition to the current block. As blocks come whole this makes 10 ms: a thread of the
+// program may be that late.
 constexpr int kTargetMs = 5;
 // How far behind the program's writes the session's clock ticks.
 constexpr std::chrono::milliseconds kBehind{2};
-// A clock that was held up for longer starts anew instead of catching up.
+// A clock that was delayed by more restarts instead of catching up.
 constexpr std::chrono::milliseconds kPatience{100};
 
 bool is_silent(std::span<const std::int16_t> samples) {

@@ -15,7 +15,7 @@
 
 namespace sarnet {
 
-// Captured audio on its way from the program to everything that is published: as it is to
+// Passes captured audio from the program to all published streams: unchanged to
 // PublishedStream::on_captured_audio, and on the session's 10 ms clock, at 48 kHz, to on_audio. The
 // program's clock may differ from the session's by 2.5 %. Any thread; no lock is held while a slot
 // of the audio device runs; nothing allocates while audio flows.
@@ -27,8 +27,8 @@ class CapturePath {
  public:
   explicit CapturePath(Counters& counters);
 
-  // The device begins to capture, and ends. start() and add() throw std::system_error when no
-  // thread can be made, and then leave all as it was.
+  // The device starts and stops capturing. start() and add() throw std::system_error when no thread
+  // can be made, and then change nothing.
   void start(const AudioFormat& format);
   void stop();
 

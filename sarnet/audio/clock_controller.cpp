@@ -7,8 +7,8 @@ namespace sarnet {
 namespace {
 
 // The queue's length moves in steps of the writer's blocks even when the clocks agree, so small
-// errors are answered softly (a step of 10 ms bends the pitch by 0.3 %) and only what exceeds the
-// steps is answered firmly.
+// errors get a low gain (a step of 10 ms bends the pitch by 0.3 %) and only what exceeds the steps
+// gets a high one.
 constexpr double kMeanSeconds = 0.3;
 constexpr double kSoftGain = 0.3;  // speed-up for each second of error
 constexpr double kFirmGain = 1.5;  // the same for the part above kDeadBandMs

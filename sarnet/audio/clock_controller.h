@@ -2,19 +2,19 @@
 
 namespace sarnet {
 
-// Keeps the mean of a queue where it should be, by how much faster or slower its reader takes. Fed
-// with the queue's length at each read; what the two clocks differ by is learned on the way. Times
-// in milliseconds of sound; no clock and no thread of its own.
+// Holds a queue's mean length at a target by making its reader faster or slower. Fed with the
+// queue's length at each read; learns the difference of the two clocks. Times in milliseconds of
+// sound; no clock and no thread of its own.
 class ClockController {
  public:
-  // By which the mean may be off before it counts: what a writer's blocks of 10 ms make of it.
+  // The error of the mean that is tolerated: a writer's blocks of 10 ms cause as much.
   static constexpr double kDeadBandMs = 8;
 
-  // Where the mean is to be, from now on; it is brought there without a jump.
+  // The new target of the mean, which is reached without a jump.
   void aim_for(double ms) { aim_ms_ = ms; }
-  // Begins a new stretch of sound with the queue where it should be, and with what was learned.
+  // Begins a new stretch of sound with the queue at its target; keeps what was learned.
   void begin();
-  // The queue was cut to its aim.
+  // The queue was cut to its target.
   void settle() { mean_ms_ = aim_ms_; }
 
   // One read of `seconds`, after which `queued_ms` were left. `steering`: the reader follows.

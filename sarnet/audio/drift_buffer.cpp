@@ -12,10 +12,10 @@ namespace {
 constexpr int kFadeMs = 5;
 constexpr int kLeastMs = 5;    // of a target
 constexpr int kBlockMs = 100;  // largest block that is worked on at once
-// Playing starts with the target to the target and 10 ms left in the queue.
+// Playing starts with the target, or up to 10 ms more, left in the queue.
 constexpr double kHalfBlockMs = 5;
-constexpr int kLateMs = 10;           // what a writer that owes nothing may be behind: a block
-constexpr int kBurstMs = 300;         // what a writer may bring at once on top of a full queue
+constexpr int kLateMs = 10;           // how far a punctual writer may be behind: a block
+constexpr int kBurstMs = 300;         // the burst a writer may add to a full queue
 constexpr std::size_t kHistory = 64;  // frames that the interpolator needs to get going
 constexpr std::size_t kLookahead = 64;
 
@@ -67,7 +67,7 @@ std::size_t DriftBuffer::target_frames() const {
   return static_cast<std::size_t>(depth_.target_ms() * writer_.rate / 1000.0);
 }
 
-// Takes what fits and is there; gives the number of frames.
+// Takes the available frames that fit; returns their number.
 std::size_t DriftBuffer::pop(std::span<std::int16_t> frames) {
   const std::size_t count = ring_.pop(frames);
   joint_.apply(frames.first(count * ring_.channels()));
@@ -76,7 +76,7 @@ std::size_t DriftBuffer::pop(std::span<std::int16_t> frames) {
 
 void DriftBuffer::follow_target() { clock_.aim_for(depth_.target_ms() + kHalfBlockMs); }
 
-// Leaves out the oldest frames; the sound crosses over from what would have come to what comes.
+// Drops the oldest frames and cross-fades from them to the frames that follow.
 void DriftBuffer::drop_oldest(std::size_t frames) {
   ring_.peek(joint_.old_side());
   joint_.begin();
@@ -129,8 +129,8 @@ bool DriftBuffer::read_block(std::span<std::int16_t> samples) {
   return true;
 }
 
-// Whether to begin with the block to come: the target is queued beside it, or a short sound has
-// been waiting for the rest of it as long as the target says.
+// Whether to begin with the next block: the target is queued in addition to it, or a short sound
+// has waited for the target's length.
 bool DriftBuffer::primed(std::size_t frames) {
   const std::uint64_t written = ring_.written();
   idle_frames_ = written == written_seen_ ? idle_frames_ + frames : 0;
@@ -147,8 +147,8 @@ bool DriftBuffer::primed(std::size_t frames) {
   return true;
 }
 
-// Whether the writer wrote all the same what it owed since the queue ran dry. One that paused, as
-// at the end of an utterance, has no need of a longer queue.
+// Whether the writer wrote all that was due since the queue ran dry. One that paused, as at the end
+// of an utterance, needs no longer queue.
 bool DriftBuffer::only_late() const {
   const std::uint64_t written =
       ring_.written() - written_at_underrun_ + frames_of(kLateMs, writer_.rate);
@@ -172,7 +172,7 @@ void DriftBuffer::start_playing() {
     resampler_.set_correction(1.0 / (1.0 + clock_.correction()));
   }
   history_frames_ = 0;
-  // The very first sound begins as the writer made it.
+  // The very first sound is not faded in.
   if (played_before_) {
     fader_.begin_rise();
   } else {
@@ -209,9 +209,9 @@ std::size_t DriftBuffer::play_exact(std::span<std::int16_t> samples) {
   return count;
 }
 
-// Crosses over from the samples as they are, which stand in `samples` and in staging_, to the
-// interpolator's of the same place. It works without delay of its own once it has some past and
-// some future to look at.
+// Cross-fades from the unchanged samples, which are in `samples` and in staging_, to the
+// interpolator's at the same position. The interpolator adds no delay once it has some past and
+// future samples.
 void DriftBuffer::begin_stretching(std::span<std::int16_t> samples) {
   const auto in_channels = static_cast<std::size_t>(writer_.channels);
   const auto out_channels = static_cast<std::size_t>(reader_.channels);
@@ -258,7 +258,7 @@ std::size_t DriftBuffer::play_stretched(std::span<std::int16_t> samples) {
         std::clamp<std::size_t>(wanted, 1, staging_.size() / in_channels) * in_channels;
     const std::size_t count = pop(std::span(staging_).first(room));
     if (count == 0) {
-      // What the interpolator still holds, 3 ms at most, is left: flushed it would end in a step.
+      // The interpolator's rest, 3 ms at most, is not flushed: it would end in a step.
       break;
     }
     made += resampler_

@@ -29,9 +29,10 @@ namespace sarnet {
 //  - It gives silence until the target is queued ("priming"), then plays.
 //  - When the queue runs dry it fades what is left into silence, counts an underrun and primes
 //    anew. A writer that stops is no error: one underrun, then silence. A writer that was only late
-//    raises the target by as much, up to QueueDepth::kMaxMs; once it keeps time again the target
-//    comes back to `target_ms` within ten seconds.
-//  - When more than `max_ms` is queued, the oldest goes, is counted, and the joint is cross-faded.
+//    raises the target by its lateness, up to QueueDepth::kMaxMs; once it is punctual again the
+//    target returns to `target_ms` within ten seconds.
+//  - When more than `max_ms` is queued, the oldest frames are dropped and counted, and the joint is
+//    cross-faded.
 //  - As long as both clocks agree (the mean queue stays within ClockController::kDeadBandMs of the
 //    target) and the rates are equal, samples pass unchanged.
 class DriftBuffer {
@@ -44,7 +45,7 @@ class DriftBuffer {
     std::uint64_t frames_dropped = 0;  // writer's frames lost to overflow
     std::uint64_t frames_silent = 0;   // reader's frames that were silence
     double queued_ms = 0;              // audio queued after the last read
-    double correction = 1;             // present stretch, 1 = none
+    double correction = 1;             // current stretch, 1 = none
   };
 
   DriftBuffer(AudioFormat writer, AudioFormat reader, int target_ms = kDefaultTargetMs,
@@ -54,11 +55,11 @@ class DriftBuffer {
   const AudioFormat& reader_format() const { return reader_; }
 
   // Queues a whole number of frames in the writer's format. When the reader is gone and the queue
-  // is full, the frames are dropped and counted, and the reader starts afresh when it comes back.
+  // is full, the frames are dropped and counted, and the reader starts anew when it returns.
   void write(std::span<const std::int16_t> samples);
 
   // Fills `samples` (a whole number of frames in the reader's format, at most 100 ms) with audio or
-  // silence. Meant to be called once a period of 10 ms. Returns whether any of it is audio.
+  // silence. Meant to be called every 10 ms. Returns whether any of it is audio.
   bool read(std::span<std::int16_t> samples);
 
   Counters counters() const;
@@ -66,7 +67,7 @@ class DriftBuffer {
  private:
   enum class Mode { kPriming, kExact, kStretching };
 
-  // All below but the ring's writing side and the counters belongs to the reader.
+  // All below belongs to the reader, except the ring's writing side and the counters.
   std::size_t pop(std::span<std::int16_t> frames);
   bool read_block(std::span<std::int16_t> samples);
   bool primed(std::size_t frames);
@@ -95,7 +96,7 @@ class DriftBuffer {
   ClockController clock_;
   AudioResampler resampler_;
   Fader fader_;
-  CrossFade joint_;                    // where the oldest frames were left out
+  CrossFade joint_;                    // where the oldest frames were dropped
   std::vector<std::int16_t> staging_;  // writer's frames on their way to the reader
   std::vector<std::int16_t> history_;  // the last frames that passed unchanged
   std::vector<std::int16_t> scratch_;  // reader's frames while the interpolator starts

@@ -14,13 +14,13 @@ class Fader {
   Fader(std::size_t frames, int channels)
       : frames_(frames), channels_(static_cast<std::size_t>(channels)), risen_(frames) {}
 
-  // The sound to come rises from silence.
+  // The next sound fades in from silence.
   void begin_rise() { risen_ = 0; }
   void begin_whole() { risen_ = frames_; }
-  // Sound that goes out: fades in what is still to rise, and keeps its last frame.
+  // Sound to be played: applies the rest of the fade-in, and keeps its last frame.
   void pass(std::span<std::int16_t> samples);
 
-  // The sound has ended: its last frame dies away in the silence to come.
+  // The sound has ended: its last frame decays into the silence that follows.
   void begin_decay() { decay_left_ = frames_; }
   bool decaying() const { return decay_left_ > 0; }
   // Fills with the rest of the decay and with silence; how many frames are silent.
@@ -34,12 +34,12 @@ class Fader {
   std::array<std::int16_t, 2> last_frame_{};
 };
 
-// Crosses over from the frames that would have come to those that come instead. One thread.
+// Cross-fades from the frames that would have followed to those that replace them. One thread.
 class CrossFade {
  public:
   explicit CrossFade(std::size_t samples) : old_(samples), position_(samples) {}
 
-  // Where the frames that would have come are put, before begin().
+  // Takes the frames that would have followed; fill it before begin().
   std::span<std::int16_t> old_side() { return old_; }
   void begin() { position_ = 0; }
   void cancel() { position_ = old_.size(); }
@@ -50,7 +50,7 @@ class CrossFade {
   std::size_t position_;
 };
 
-// From `a` to `b` in `whole` steps, `done` of which are behind.
+// Interpolates from `a` to `b`: step `done` of `whole`.
 inline std::int16_t mixed(std::int16_t a, std::int16_t b, std::size_t done, std::size_t whole) {
   const int all = static_cast<int>(whole);
   const int passed = static_cast<int>(done);

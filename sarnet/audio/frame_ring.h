@@ -9,7 +9,7 @@
 namespace sarnet {
 
 // A ring of interleaved frames between two threads. write() on one thread, all else on the
-// reader's, but for the counts, which any thread may ask for. Neither side waits, locks or
+// reader's, except for the counts, which any thread may read. Neither side waits, locks or
 // allocates; the constructor allocates everything.
 class FrameRing {
  public:
@@ -21,15 +21,15 @@ class FrameRing {
   // Whole frames, all of them or none: false when they do not fit.
   bool write(std::span<const std::int16_t> samples);
 
-  // Frames that wait.
+  // Frames queued.
   std::size_t queued() const;
   // Frames ever written.
   std::uint64_t written() const { return written_.load(std::memory_order_acquire); }
-  // Takes what fits and is there; the number of frames.
+  // Takes the available frames that fit; returns their number.
   std::size_t pop(std::span<std::int16_t> samples);
-  // The oldest frames, without taking them; at most what waits. The number of frames.
+  // Copies the oldest frames without taking them; at most what is queued. Returns their number.
   std::size_t peek(std::span<std::int16_t> samples) const;
-  // Leaves out the oldest frames, at most what waits.
+  // Drops the oldest frames, at most what is queued.
   void skip(std::size_t frames);
 
  private:

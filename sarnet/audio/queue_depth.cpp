@@ -5,8 +5,8 @@
 namespace sarnet {
 namespace {
 
-constexpr double kStepMs = 10;       // by which a target grows at least
-constexpr double kWorthwhileMs = 5;  // by which it must be able to shrink
+constexpr double kStepMs = 10;       // smallest growth of a target
+constexpr double kWorthwhileMs = 5;  // smallest decrease that is made
 
 }  // namespace
 

@@ -14,7 +14,7 @@
 
 namespace sarnet {
 
-// One subscribed stream on its way into the mix: written by the engine, read by the program's
+// The buffer of one subscribed stream before the mix: written by the engine, read by the program's
 // render thread. Allocates when one of the two formats changes, not otherwise.
 class RenderSource {
  public:
@@ -39,7 +39,7 @@ class RenderPath {
   explicit RenderPath(Counters& counters);
 
   void start(const AudioFormat& format);
-  // Reads come back short from now on.
+  // From now on reads return short.
   void stop();
   // Of the device, while it renders.
   std::optional<AudioFormat> format() const;
@@ -47,7 +47,8 @@ class RenderPath {
   void add(std::shared_ptr<RenderSource> source);
   void remove(const RenderSource* source);
 
-  // Frames read: all of them, or none when nothing renders (fewer when stop() came in between).
+  // Returns the frames read: all of them, or none when nothing renders (fewer when stop()
+  // intervenes).
   std::size_t read(std::int16_t* buffer, std::size_t frames);
   // The longest queue in front of the mixer.
   std::int64_t delay_us() const;

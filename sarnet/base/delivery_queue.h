@@ -11,13 +11,13 @@
 
 namespace sarnet {
 
-// How much was delivered to the program and how much lost on the way. Any thread.
+// How much was delivered to the program and how much was dropped before. Any thread.
 struct DeliveryCounter {
   std::atomic<std::uint64_t> delivered{0};
   std::atomic<std::uint64_t> dropped{0};
 };
 
-// Media on their way to one callback. Any thread pushes, one pops. A full queue drops its oldest
+// A queue of media for one callback. Any thread pushes, one pops. A full queue drops its oldest
 // item. All items are made by the constructor and recycled, so that neither side allocates.
 template <class Item>
 class DeliveryQueue {
@@ -49,7 +49,7 @@ class DeliveryQueue {
     pushed_.notify_one();
   }
 
-  // Swaps the oldest item with `item`, waiting for one, and tells when it was pushed. False once
+  // Waits for an item, swaps the oldest with `item`, and gives the time it was pushed. False once
   // closed, even if some are left.
   bool pop(Item& item, Clock::time_point& ready) {
     common::UniqueLock lock(mutex_);

@@ -11,9 +11,9 @@
 
 namespace sarnet {
 
-// What stands between the sessions of the contract and whatever carries them: an engine joins one
-// session for its owner and moves events and media both ways. Everything else (handles, threads of
-// the program's callbacks, the audio device, the mix) is the core's.
+// The interface between the contract's sessions and their transport: an engine joins one session
+// for its owner and moves events and media both ways. Everything else (handles, threads of the
+// program's callbacks, the audio device, the mix) belongs to the core.
 
 struct ConnectionInfo {
   std::string id;
@@ -49,7 +49,7 @@ struct PublishRequest {
   bool captions = false;
 };
 
-// What a subscriber can do without; a size or rate of 0: any.
+// What a subscriber wants at most; a size or rate of 0: any.
 struct MediaPreferences {
   bool audio = true;
   bool video = true;
@@ -71,21 +71,22 @@ class MediaSink {
   virtual void on_caption(std::string_view text, bool is_final) = 0;
 };
 
-// What the program publishes enters the engine here, from the moment that publish() returns.
+// Takes what the program publishes, as soon as publish() has returned.
 class PublishedStream : public MediaSink {
  public:
-  // The captured audio just as the program handed it over, beside the 48 kHz blocks of on_audio.
+  // The captured audio in the program's own format, in addition to the 48 kHz blocks of on_audio.
   virtual void on_captured_audio(const AudioFormat& format,
                                  std::span<const std::int16_t> samples) = 0;
 };
 
-// The sinks below are called on threads of the engine, also with its locks held: they only post.
+// The sinks below are called on threads of the engine, sometimes with its locks held: they only
+// post.
 
 class PublicationSink {
  public:
   virtual ~PublicationSink() = default;
   virtual void published(const StreamInfo& stream) = 0;
-  // The publication is over, by the other side's wish.
+  // The publication was ended by the peer.
   virtual void unpublished() = 0;
   virtual void publication_failed(int code, const std::string& text) = 0;
 };
@@ -105,7 +106,7 @@ class SessionSink {
   // The last event of a session is one of these two.
   virtual void session_ended() = 0;
   virtual void session_failed(int code, const std::string& text) = 0;
-  // Others only, never the own connection and streams.
+  // The other participants' only, never the session's own connection and streams.
   virtual void participant_joined(const ConnectionInfo& participant) = 0;
   virtual void participant_left(const ConnectionInfo& participant) = 0;
   virtual void stream_added(const StreamInfo& stream) = 0;
@@ -119,8 +120,8 @@ class Engine {
 
   // Once. Answered by joined() or session_failed(). The engine keeps the sink until leave().
   virtual void join(const JoinRequest& request, std::shared_ptr<SessionSink> sink) = 0;
-  // Ends everything, in any state; nothing calls a sink that was given to this engine afterwards,
-  // but for calls already under way. May be repeated.
+  // Ends everything, in any state; afterwards no sink of this engine is called, except for calls
+  // already under way. May be repeated.
   virtual void leave() = 0;
 
   // Answered by published() or publication_failed(). Null when there is no session.
@@ -131,8 +132,8 @@ class Engine {
 
   // Answered by subscribed() or subscription_failed().
   virtual void subscribe(const std::string& stream_id, std::shared_ptr<SubscriptionSink> sink) = 0;
-  // Not answered. Spares the other side what is not wished for, as far as the engine can; the core
-  // leaves it out in any case.
+  // Not answered. Keeps the peer from sending more than preferred, as far as the engine can; the
+  // core drops the excess in any case.
   virtual void prefer(const std::shared_ptr<SubscriptionSink>& /*sink*/,
                       const MediaPreferences& /*preferences*/) {}
   // Not answered.

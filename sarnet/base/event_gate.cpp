@@ -7,7 +7,7 @@ namespace sarnet {
 bool EventGate::enter() {
   common::UniqueLock lock(mutex_);
   const auto me = std::this_thread::get_id();
-  // Two threads meet here only when a handle moves from one session to another.
+  // Two threads contend here only when a handle moves from one session to another.
   left_.wait(lock.native(),
              [&]() REQUIRES(mutex_) { return closed_ || inside_ == 0 || thread_ == me; });
   if (closed_) return false;

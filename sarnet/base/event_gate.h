@@ -8,12 +8,12 @@
 
 namespace sarnet {
 
-// Stands in front of the event callbacks of one handle. After close() no callback of the handle
-// starts, and the one that was under way on another thread has ended. Any thread; no lock is held
-// while the callback runs.
+// Guards the event callbacks of one handle. After close() no callback of the handle starts, and the
+// one that was under way on another thread has ended. Any thread; no lock is held while the
+// callback runs.
 class EventGate {
  public:
-  // A callback may run while this lives and is true. Leaves the gate when it goes, also when the
+  // A callback may run while this exists and is true. The destructor leaves the gate, also when the
   // thread is unwound.
   class Pass {
    public:
@@ -30,12 +30,12 @@ class EventGate {
     const bool entered_;
   };
 
-  // How long close() waits for a callback that does not return. The callback then goes on with data
+  // How long close() waits for a callback that does not return. The callback then continues on data
   // that the library keeps.
   static constexpr std::chrono::seconds kPatience{10};
 
-  // May be called inside a callback of the handle: does not wait for that one. False when the
-  // gate's patience ended.
+  // May be called inside a callback of the handle: does not wait for that one. False when the wait
+  // timed out.
   bool close();
   bool closed() const;
 

@@ -6,8 +6,7 @@
 
 namespace sarnet {
 
-// Runs `body`; an exception is logged with that name in front of it, and what was under way stays
-// where it was. True when none came.
+// Runs `body`; an exception is logged after `name` and dropped. True when there was none.
 template <class Body>
 bool guarded(const char* name, Body&& body) {
   return common::guard(std::forward<Body>(body), [name](const char* text) {

@@ -25,10 +25,10 @@ enum class HandleKind : std::uint8_t {
 enum class HandleOwner { kProgram, kLibrary };
 
 // The live handles of one kind. A handle is not an address but a slot's number, its generation and
-// the kind, dressed as a pointer: one that was deleted, never existed or is of another kind is
+// the kind, encoded as a pointer: one that was deleted, never existed or is of another kind is
 // recognised without touching memory, logged at error level and refused. Any thread; a leaf lock is
 // held for a few instructions, objects are released outside it. Allocates only when the number of
-// live handles reaches a new height.
+// live handles reaches a new maximum.
 class HandleSlots {
  public:
   HandleSlots(HandleKind kind, const char* name);
@@ -37,8 +37,8 @@ class HandleSlots {
   void* add(std::shared_ptr<void> object, HandleOwner owner);
   // Null for null; null with a log line for a handle that is not live.
   std::shared_ptr<void> find(const void* handle) const;
-  // Ends the handle. Null like find; also, with a log line, when `by` is the program and the handle
-  // is only lent to it.
+  // Ends the handle. Null as with find; also, with a log line, when `by` is the program and the
+  // handle is only lent to it.
   std::shared_ptr<void> remove(const void* handle, HandleOwner by);
   std::vector<std::shared_ptr<void>> all() const;
 

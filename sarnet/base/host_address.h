@@ -21,7 +21,7 @@ struct HostAddress {
   bool is_loopback() const;
 };
 
-// Nothing for a text that is none of the forms.
+// Empty for a text in none of these forms.
 std::optional<HostAddress> parse_host(const std::string& text);
 
 }  // namespace sarnet

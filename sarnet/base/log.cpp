@@ -53,10 +53,10 @@ void write_log(LogLevel level, const std::string& text) {
       std::snprintf(stamp, sizeof stamp, "%02d:%02d:%02d.%03d sarnet %s ", local.tm_hour,
                     local.tm_min, local.tm_sec, static_cast<int>(millis), name_of(level));
   std::string line(stamp, static_cast<std::size_t>(std::max(length, 0)));
-  // Whatever a text holds that came from elsewhere, it stays one line.
+  // Text from outside must not break the line.
   line += printable_text(text, kMaxLine);
   line += '\n';
-  // Nothing can be done about a closed standard error, so the result is not looked at.
+  // Nothing can be done about a closed standard error, so the result is ignored.
   [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
 }
 

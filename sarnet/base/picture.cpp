@@ -7,7 +7,7 @@
 
 namespace sarnet {
 
-// Shared by the pool and its pictures that are out.
+// Shared by the pool and the pictures in use.
 struct Picture::Shelf {
   common::Mutex mutex;
   std::size_t capacity = 0;
@@ -40,7 +40,7 @@ PictureRef::~PictureRef() {
     return;
   }
   std::unique_ptr<Picture> owned(picture_);
-  // Held until the lock is released: this may be the last to know the shelf.
+  // Held until the lock is released: this may be the last reference to the shelf.
   const std::shared_ptr<Picture::Shelf> home = std::move(owned->home_);
   const common::LockGuard lock(home->mutex);
   home->idle.push_back(std::move(owned));

@@ -36,7 +36,7 @@ using MutablePictureView = BasicPictureView<std::uint8_t>;
 class PicturePool;
 
 // One I420 picture in contiguous memory (i420_size bytes, strides equal to the plane widths).
-// Whoever acquired it writes it; once it is shared, everyone only reads.
+// Written by its acquirer only; read-only once it is shared.
 class Picture {
  public:
   int width() const { return width_; }
@@ -47,7 +47,7 @@ class Picture {
   PictureView view() const;
   MutablePictureView mutable_view();
 
-  // Free for the owner's use: when the picture was taken, in milliseconds of the owner's clock.
+  // For the owner's use: the capture time, in milliseconds of the owner's clock.
   std::int64_t timestamp_ms = 0;
 
  private:
@@ -62,8 +62,8 @@ class Picture {
   std::shared_ptr<Shelf> home_;  // set while referenced, so that a picture may outlive its pool
 };
 
-// A counted reference to a pooled picture, like shared_ptr without its allocation: the last one to
-// go gives the picture back to its pool, on whatever thread. Empty when default-constructed.
+// A counted reference to a pooled picture, like shared_ptr without its allocation: the last one
+// returns the picture to its pool, on any thread. Empty when default-constructed.
 class PictureRef {
  public:
   PictureRef() = default;

@@ -8,7 +8,7 @@ namespace {
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD
 constexpr std::string_view kEllipsis = "\xE2\x80\xA6";     // U+2026
 
-// The length of the character that the text begins with, and its code; 0 when it is not UTF-8.
+// The length and code of the text's first character; 0 when it is not UTF-8.
 std::size_t first_character(std::string_view text, std::uint32_t& code) {
   const auto byte = [&](std::size_t at) {
     return static_cast<std::uint32_t>(static_cast<unsigned char>(text[at]));
@@ -41,7 +41,7 @@ bool is_printable(std::uint32_t code) {
 template <class Keep>
 std::string replace(std::string_view text, std::size_t limit, Keep&& keep) {
   std::string kept;
-  std::size_t with_ellipsis = 0;  // as much of it as leaves room for an ellipsis
+  std::size_t with_ellipsis = 0;  // the length that leaves room for an ellipsis
   while (!text.empty()) {
     std::uint32_t code = 0;
     const std::size_t length = first_character(text, code);

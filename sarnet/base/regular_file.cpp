@@ -17,8 +17,8 @@ int fail(int fd, int status, std::string& reason) {
 }
 
 int open_checked(const std::string& path, int flags, std::string& reason) {
-  // Asked before it is opened, since to open a device may already do something, and afterwards,
-  // since it may have been replaced.
+  // Checked before opening, since opening a device may have effects, and again afterwards, since
+  // the file may have been replaced.
   struct stat about {};
   int fd = -1;
   const auto acceptable = [&] {

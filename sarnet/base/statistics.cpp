@@ -87,14 +87,15 @@ void PacingMeter::add(std::int64_t now_us, std::int64_t period_us) {
     expected_ = now_us;
     late = 0;
   } else if (late * 2 >= period_us * 5) {
-    // Too late to be the same call: the program let periods pass. If it was a stall, and it catches
-    // up, the early calls move the grid back.
+    // Too late to be the same call: the program skipped periods. If it only stalled and catches up,
+    // its early calls move the grid back.
     const std::int64_t missed = late / period_us;
     gaps_ += static_cast<std::uint64_t>(missed);
     expected_ += missed * period_us;
     late -= missed * period_us;
   } else if (late * 2 >= period_us * 3) {
-    // The next call tells: whoever was held up makes it good, whoever left periods out goes on.
+    // The next call decides: a program that was delayed catches up, one that skipped periods does
+    // not.
     doubtful_ = late;
     expected_ += period_us;
     return;

@@ -21,7 +21,7 @@ struct HistogramSteps {
 };
 
 // How long something took, as a histogram. Any thread adds and reads; nothing waits or allocates.
-// Figures that are read while others add may miss those.
+// A read may miss values that are being added.
 class TimeMeter {
  public:
   void add(std::chrono::steady_clock::duration time);
@@ -40,7 +40,7 @@ struct CallbackMeter {
 };
 
 // Around one callback: counts the time since its media were `ready` as waited, and the time until
-// its own end, which a thread that ends inside the callback reaches too, as taken.
+// its destructor, which also runs when the thread ends inside the callback, as taken.
 class CallbackTimer {
  public:
   CallbackTimer(CallbackMeter& meter, std::chrono::steady_clock::time_point ready)
@@ -58,9 +58,9 @@ class CallbackTimer {
 
 // Lateness of periodic calls against an ideal grid of their period. The grid starts with the first
 // call, moves forward to a call that comes early, and back when half a second of calls were all
-// late, so that a clock that is a little fast or slow, or a single stall, is not booked for ever.
-// Whole periods that are left out, and not made good by the next call, are gaps and make no call
-// late. Any thread; nothing allocates.
+// late, so that a slightly fast or slow clock, or a single stall, does not count for ever. Whole
+// periods that are skipped, and not made up by the next call, are gaps and make no call late. Any
+// thread; nothing allocates.
 class PacingMeter {
  public:
   // One call, `now_us` on any steady clock, carrying `period_us` worth of media.
@@ -68,7 +68,7 @@ class PacingMeter {
   srn_lateness_statistics lateness() const;
   // Periods of the grid without a call.
   std::uint64_t gaps() const;
-  // The next call starts a new grid; what was counted stays.
+  // The next call starts a new grid; the counts stay.
   void restart();
   void clear();
 

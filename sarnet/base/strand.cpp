@@ -50,8 +50,8 @@ void Strand::post(std::function<void()> task) {
 }
 
 void Strand::close() {
-  // What the tasks hold is released outside the lock: it may be the last reference to something
-  // that closes this strand again.
+  // The tasks' captures are released outside the lock: they may hold the last reference to an
+  // object that closes this strand again.
   std::deque<std::function<void()>> dropped;
   {
     const common::LockGuard lock(state_->mutex);

@@ -5,11 +5,11 @@
 
 namespace sarnet {
 
-// A thread that runs tasks one at a time, in the order of their posting. Any thread may call
-// anything. The thread belongs to the ThreadKeeper and ends after close().
+// A thread that runs tasks one at a time, in the order posted. Any thread may call anything. The
+// thread belongs to the ThreadKeeper and ends after close().
 class Strand {
  public:
-  // While one lives, no task starts, so that an event that a call sets off comes after the call. On
+  // While one exists no task starts, so that an event that a call triggers comes after the call. On
   // the strand's own thread it does nothing: no task can start there before the call returns.
   class Hold {
    public:

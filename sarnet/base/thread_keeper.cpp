@@ -25,8 +25,8 @@ std::thread::id ThreadKeeper::start(const char* name, std::function<void()> body
   Entry& entry = threads_.emplace_back();
   try {
     entry.thread = std::thread([this, &entry, name, body = std::move(body)]() mutable {
-      // A destructor, since the program may end the thread by pthread_exit inside a callback. What
-      // the body holds goes first, so that nothing of it is left once the thread counts as ended.
+      // A destructor, since the program may end the thread by pthread_exit inside a callback. The
+      // body's captures go first, so that none is left once the thread counts as ended.
       struct Farewell {
         ThreadKeeper& keeper;
         Entry& entry;

@@ -10,9 +10,9 @@
 
 namespace sarnet {
 
-// Starts and joins every thread of the library. A thread ends by itself once its object told it to;
-// it is joined here, by the next start() or by join_all(), so that nothing else ever waits for one.
-// Whoever starts a thread keeps what the thread uses alive through the function's captures.
+// Starts and joins every thread of the library. A thread ends by itself once its object tells it
+// to; it is joined here, by the next start() or by join_all(), so that nothing else ever waits for
+// one. The function's captures keep what the thread uses alive.
 class ThreadKeeper {
  public:
   static ThreadKeeper& instance();
@@ -21,8 +21,8 @@ class ThreadKeeper {
   // thread. Throws std::system_error when no thread can be made.
   std::thread::id start(const char* name, std::function<void()> body);
 
-  // Waits until all threads have ended, and joins them. False when some had not by the deadline:
-  // they are logged and stay here.
+  // Waits until all threads have ended, and joins them. False when some are left at the deadline:
+  // they are logged and kept.
   bool join_all(std::chrono::milliseconds timeout);
 
   // Whether the caller is one of the library's threads.

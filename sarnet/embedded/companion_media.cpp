@@ -25,8 +25,8 @@ constexpr std::uint8_t kBlack = 16;
 constexpr std::uint8_t kWhite = 235;
 constexpr std::uint8_t kNeutral = 128;
 
-// The marks: one white and one black to start with, 16 bits of the number, and an even parity bit,
-// so that a picture without marks is not taken for number 0.
+// The marks: one white, one black, 16 bits of the number, and an even parity bit, so that a picture
+// without marks is not taken for number 0.
 constexpr int kNumberBits = 16;
 constexpr int kMarks = 2 + kNumberBits + 1;
 
@@ -95,7 +95,7 @@ void TestCard::paint(std::uint32_t number, const MutablePictureView& target) con
   copy_plane(target.u, target.stride_u, chroma_size(width_), chroma_size(height_));
   copy_plane(target.v, target.stride_v, chroma_size(width_), chroma_size(height_));
 
-  // There and back along the middle, once in about eight seconds at 30 fps.
+  // Back and forth along the middle, once in about eight seconds at 30 fps.
   const int side = std::max(2, height_ / 6);
   const int way = std::max(1, width_ - side);
   const auto position = static_cast<int>(static_cast<std::uint64_t>(number % 240) *

@@ -13,8 +13,8 @@ namespace sarnet {
 
 // Paints a moving test card: colour bars above, a grey ramp below, a white box that crosses the
 // picture, and the picture's number as a row of black and white marks along the lower edge, which
-// read_number() reads back, also from a scaled copy. One thread at a time; the constructor
-// allocates, painting does not.
+// read_number() decodes, also from a scaled copy. One thread at a time; the constructor allocates,
+// painting does not.
 class TestCard {
  public:
   static constexpr int kMinSide = 32;  // a smaller card has no marks

@@ -20,7 +20,7 @@ class Rooms {
     return *rooms;
   }
 
-  // Null when the room that is there plays another scenario.
+  // Null when the existing room plays another scenario.
   std::shared_ptr<Room> join(const JoinRequest& request, const std::string& scenario_path,
                              const void* member, const std::shared_ptr<SessionSink>& sink) {
     const common::LockGuard lock(mutex_);

@@ -20,7 +20,7 @@ std::string list_of(std::initializer_list<std::string_view> keys) {
   return result;
 }
 
-// Follows the parser from value to value, and throws JsonError where it does not go on.
+// Receives the parser's events, and throws JsonError where parsing stops.
 class Guard {
  public:
   void operator()(json::parse_event_t event, const json& parsed) {
@@ -83,7 +83,7 @@ std::string reason_of(const json::exception& failure) {
       text.erase(0, found + end.size());
     }
   }
-  // It quotes the text as it is, however long, and also what is no text.
+  // It quotes the input unchanged, however long and even if it is not text.
   return text.substr(0, text.find("; last read: "));
 }
 
@@ -162,7 +162,7 @@ std::int64_t JsonNode::whole(const char* key, std::int64_t otherwise, std::int64
                              std::int64_t most) const {
   if (!has(key)) return otherwise;
   const JsonNode node = (*this)[key];
-  // 250.0 is one, too.
+  // 250.0 counts as whole.
   const double nearly = node.value_.is_number() ? node.value_.get<double>() : NAN;
   if (std::abs(nearly) > 9e18 || nearly != std::floor(nearly)) {
     throw JsonError(node.path_, "expected a whole number, found " + node.kind());

@@ -18,22 +18,21 @@ struct JsonError : std::runtime_error {
   JsonError(const std::string& where, const std::string& what);
 };
 
-// Reads strict JSON in UTF-8, but for comments. Throws JsonError with the line and column of the
-// first mistake, or the place of a key that is there twice and of nesting deeper than 32.
+// Reads strict JSON in UTF-8, comments allowed. Throws JsonError with the line and column of the
+// first mistake, or the path of a duplicate key or of nesting deeper than 32.
 nlohmann::json parse_json(const std::string& text);
 
-// A value together with its place in the text, e.g. participants[1].captions[0].at_ms. Borrows the
-// value. Readers give `otherwise` for a key that is not there, and throw JsonError for a value that
-// does not fit.
+// A value with its path in the text, e.g. participants[1].captions[0].at_ms. Borrows the value.
+// Readers give `otherwise` for a missing key, and throw JsonError for a value that does not fit.
 class JsonNode {
  public:
   JsonNode(const nlohmann::json& value, std::string path) : value_(value), path_(std::move(path)) {}
 
-  // The value must be an object without other keys than these. Comes before all below.
+  // The value must be an object with no keys but these. Call before all below.
   void expect_object(std::initializer_list<std::string_view> keys) const;
 
   bool has(const char* key) const { return value_.contains(key); }
-  JsonNode operator[](const std::string& key) const;  // must be there
+  JsonNode operator[](const std::string& key) const;  // must be present
 
   std::string text(const char* key, const std::string& otherwise) const;  // without zeros
   std::string required_text(const char* key) const;                       // nor empty
@@ -42,7 +41,7 @@ class JsonNode {
                      std::int64_t most) const;
   double number(const char* key, double otherwise, double least, double most) const;
 
-  // Visits the items of a list in order; none when the key is not there.
+  // Visits the items of a list in order; none when the key is missing.
   template <class Visit>
   void each(const char* key, Visit visit) const {
     if (!has(key)) return;
@@ -54,9 +53,9 @@ class JsonNode {
   }
 
   void require(const char* key) const;
-  // Two keys that exclude each other; one of them must be there.
+  // Two keys, exactly one of which must be present.
   void require_one_of(const char* first, const char* second) const;
-  // Throws for a key whose value the caller does not like.
+  // Throws for a key whose value the caller rejects.
   [[noreturn]] void refuse(const char* key, const std::string& reason) const;
   std::string place_of(const std::string& key) const;
 

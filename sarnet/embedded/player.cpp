@@ -12,7 +12,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds kPeriod{10};
-// A player that was held up for longer leaves out what it missed instead of catching up.
+// A player delayed by more skips what it missed instead of catching up.
 constexpr milliseconds kPatience{200};
 
 }  // namespace
@@ -102,7 +102,7 @@ void Player::run() {
   }
 }
 
-// A file that was left in the middle is no failure.
+// Leaving a file in the middle is no failure.
 void Player::report(const std::string& key, const std::string& error) const {
   if (!over()) SARNET_LOG(kError, key << ": " << error);
 }
@@ -126,7 +126,7 @@ void Player::play_audio() {
 
 void Player::play_picture() {
   const std::uint32_t number = pictures_++;
-  // A card that nobody watches need not be painted; a file has to keep its place.
+  // An unwatched card need not be painted; a file must keep its position.
   if (card_ && !stream_->watched()) return;
   const int width = card_ ? card_->width() : video_file_->width();
   const int height = card_ ? card_->height() : video_file_->height();

@@ -24,7 +24,7 @@ class Player : public std::enable_shared_from_this<Player> {
   using StopFlag = std::shared_ptr<const std::atomic<bool>>;
 
   // Opens the participant's files; blocks on the disk. Null and `error`, which names the scenario
-  // and its key, on failure. Once `all_over` is set, opening and playing end as by stop().
+  // and its key, on failure. Setting `all_over` ends opening and playing like stop().
   static std::shared_ptr<Player> create(const ScenarioParticipant& script, const StopFlag& all_over,
                                         std::string& error);
 
@@ -32,7 +32,7 @@ class Player : public std::enable_shared_from_this<Player> {
 
   // Once. Throws std::system_error when no thread can be made.
   void start(std::shared_ptr<RoomStream> stream);
-  // Does not wait; the block or picture under way is still given.
+  // Does not wait; the current block or picture is still delivered.
   void stop();
 
  private:
@@ -62,7 +62,7 @@ class Player : public std::enable_shared_from_this<Player> {
   std::vector<std::int16_t> block_ = std::vector<std::int16_t>(kBlock);
   std::uint32_t pictures_ = 0;
   std::size_t next_caption_ = 0;
-  Clock::duration caption_start_{};  // of the present turn through the list
+  Clock::duration caption_start_{};  // of the current pass through the list
 
   common::Mutex mutex_;
   std::condition_variable changed_;

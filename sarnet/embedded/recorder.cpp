@@ -100,7 +100,7 @@ std::string Recorder::line_of(const char* event, nlohmann::json fields, Clock::t
   return fields.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
 }
 
-// Says once what goes wrong.
+// Logs the first failure only.
 void Recorder::write_line(const std::string& line) {
   for (std::size_t done = 0; done < line.size() && !log_failed_;) {
     const ssize_t count = ::write(log_, line.data() + done, line.size() - done);
@@ -114,7 +114,7 @@ void Recorder::write_line(const std::string& line) {
   }
 }
 
-// What is written into a folder that was removed leaves no trace, not even an error.
+// Writes to a removed file succeed and leave nothing behind.
 void Recorder::look_after_log() {
   struct stat about {};
   if (::fstat(log_, &about) == 0 && about.st_nlink == 0) {
@@ -235,7 +235,7 @@ void Recorder::run() {
     write(item);
     item.picture = {};
   }
-  // Publications whose end found the queue full.
+  // Publications whose end did not fit into the queue.
   while (!files_.empty()) finish(files_.begin()->first);
   nlohmann::json fields;
   {
@@ -246,7 +246,7 @@ void Recorder::run() {
   look_after_log();
 }
 
-// False for what is no media.
+// False for anything but media.
 bool Recorder::lose(Item& item) {
   Loss& loss = losses_[item.publication];
   if (item.kind == Kind::kPicture) {

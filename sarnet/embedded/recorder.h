@@ -19,23 +19,22 @@
 
 namespace sarnet {
 
-// Writes all that the program publishes into a folder: the audio of publication N as audio-N.wav,
+// Records everything the program publishes in a folder: the audio of publication N as audio-N.wav,
 // its pictures as video-N.y4m, and events.jsonl, one JSON object a line, in which each publication
 // names its files, any loss is counted, and the last line has the event "closed". Each line has the
 // time of the event as "time", in UTC, and as "at", in seconds of the machine's monotonic clock.
 //
-// A file has no time of its own, and lacks what was never sent. Lines with the event "mark" tell
-// when a place in it (an "audio_frame" or a "picture") came in: the first one, and any that came
-// more than kTolerance away from where the marks before it and the rate would have put it.
+// A file carries no times, and lacks what was never sent. Lines with the event "mark" give the
+// arrival time of a position in it (an "audio_frame" or a "picture"): of the first, and of any that
+// arrived more than kTolerance away from the time that the earlier marks and the rate predict.
 //
-// Any thread calls; nothing waits for the disk. The queue is bounded: what comes while it is full
-// is lost and counted. A thread of its own, which the ThreadKeeper joins, writes. It ends after
-// close(): what is not on a slow disk half a second later is lost and counted, too.
+// Any thread may call; nothing waits for the disk. The queue is bounded: what arrives while it is
+// full is lost and counted. A thread of its own, which the ThreadKeeper joins, writes. It ends
+// after close(): what a slow disk has not taken half a second later is lost and counted, too.
 class Recorder : public std::enable_shared_from_this<Recorder> {
  public:
   // Null and `error` when the folder cannot be made or written to. Blocks on the disk. Within one
-  // process, further recordings into a folder go on with the numbers and the event log of the
-  // first.
+  // process, further recordings into a folder continue the numbers and the event log of the first.
   static std::shared_ptr<Recorder> create(const std::string& folder, std::string& error);
 
   // `log`: the open event log, closed by the recorder.
@@ -44,7 +43,7 @@ class Recorder : public std::enable_shared_from_this<Recorder> {
   Recorder(const Recorder&) = delete;
   Recorder& operator=(const Recorder&) = delete;
 
-  // A new publication's number. Its media are written from its first block or picture on.
+  // Returns a new publication's number. Its media are written from the first block or picture on.
   int begin_publication(const std::string& name, bool has_audio, bool has_video, int fps);
   void end_publication(int publication);
   void add_audio(int publication, const AudioFormat& format, std::span<const std::int16_t> samples);
@@ -74,12 +73,12 @@ class Recorder : public std::enable_shared_from_this<Recorder> {
   static constexpr std::size_t kQueue = 1024;
   static constexpr std::size_t kMaxPictures = 32;
 
-  // Written by the callers, under mutex_.
+  // Written by the callers, under mutex_:
   struct Loss {
     std::uint64_t audio_frames = 0;
     std::uint64_t pictures = 0;
   };
-  // Of the writer's thread: where the next item of a file is expected, if there was one.
+  // Writer's thread only: when the next item of a file is expected, if there was one.
   using Timeline = std::optional<Clock::time_point>;
   struct Files {
     std::unique_ptr<AudioWriter> audio;

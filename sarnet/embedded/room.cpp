@@ -17,7 +17,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// What a nearby server would take to answer.
+// The response time of a nearby server.
 constexpr milliseconds kLatency{3};
 
 }  // namespace

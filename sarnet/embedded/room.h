@@ -23,7 +23,7 @@ namespace sarnet {
 // and answers everything a little later, as a server would. It ends with its last member.
 //
 // Any thread may call. Sinks are called under the room's lock, since they only post; `member` is
-// the engine that joined and only ever compared.
+// the joined engine, used for comparison only.
 class Room : public std::enable_shared_from_this<Room> {
  public:
   Room(std::string session_id, std::string scenario_path);
@@ -33,7 +33,7 @@ class Room : public std::enable_shared_from_this<Room> {
   const std::string& scenario_path() const { return scenario_path_; }
 
   bool closed() const;
-  // False when the room is closed: a new one has to be made.
+  // False when the room is closed: make a new one.
   bool join(const void* member, const std::string& token, std::shared_ptr<SessionSink> sink);
   void leave(const void* member);
   std::shared_ptr<PublishedStream> publish(const void* member, const PublishRequest& request,
@@ -103,7 +103,7 @@ class Room : public std::enable_shared_from_this<Room> {
   void notify_others(const void* key, const std::function<void(SessionSink&)>& tell)
       REQUIRES(mutex_);
   Member* find_member(const void* key) REQUIRES(mutex_);
-  // Null for a stream that is not there, or is the member's own.
+  // Null for an unknown stream, or the member's own.
   std::shared_ptr<RoomStream> find_stream(const std::string& id, const void* member)
       REQUIRES(mutex_);
   void close_if_empty() REQUIRES(mutex_);

@@ -17,7 +17,7 @@ bool RoomStream::watched() const {
 
 void RoomStream::add(std::shared_ptr<SubscriptionSink> sink) {
   const common::LockGuard lock(mutex_);
-  // Under the lock: no media come before it, and none are missed by a program that answers it.
+  // Under the lock: no media precede the event, and a program that reacts to it misses none.
   sink->subscribed();
   if (!closed_) sinks_.push_back(std::move(sink));
 }

@@ -22,7 +22,7 @@ class RoomStream : public PublishedStream {
   // Tells the sink that it is subscribed; media follow from then on.
   void add(std::shared_ptr<SubscriptionSink> sink);
   void remove(const MediaSink* sink);
-  // Nobody gets media any more, and the recording is complete.
+  // No subscriber gets media afterwards, and the recording is complete.
   void close();
 
   void on_audio(const AudioFormat& format, std::span<const std::int16_t> samples) override;

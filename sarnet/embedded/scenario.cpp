@@ -10,7 +10,7 @@
 namespace sarnet {
 namespace {
 
-// A script is written by hand; anything larger was named by mistake, a recording for instance.
+// Scripts are written by hand; a larger file was named by mistake, e.g. a recording.
 constexpr std::uintmax_t kMaxScenarioBytes = 16U << 20U;
 
 }  // namespace

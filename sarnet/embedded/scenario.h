@@ -72,7 +72,7 @@ struct Scenario {
   std::string path;                        // the file, for messages; empty for the built-in one
   std::optional<std::string> token;        // the only token accepted; unset: any
   std::int64_t join_delay_ms = 0;          // from the call to on_connected
-  std::optional<ScenarioRefusal> refusal;  // every join fails so
+  std::optional<ScenarioRefusal> refusal;  // every join fails with it
   std::vector<ScenarioParticipant> participants;
   std::vector<ScenarioEvent> events;  // in order of time
   std::string record_folder;          // empty: nothing is recorded
@@ -86,11 +86,10 @@ Scenario default_scenario();
 
 // Reads and checks a scenario file; blocks on the disk. Nothing on failure: `error` then names the
 // file, the key's path (or the line) and the reason, in one line. Media files must exist; the
-// folder to record into is only named here, and made by whoever records.
+// folder to record into is only named here, and made by the recorder.
 std::optional<Scenario> load_scenario(const std::string& path, std::string& error);
 
-// The same from a text. Relative paths are resolved against `folder`; `name` stands for the file in
-// errors.
+// The same from a text. Relative paths are resolved against `folder`; errors call the file `name`.
 std::optional<Scenario> parse_scenario(const std::string& json, const std::string& folder,
                                        const std::string& name, std::string& error);
 

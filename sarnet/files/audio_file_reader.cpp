@@ -6,8 +6,8 @@
 namespace sarnet {
 namespace {
 
-// The slowest that narrowband sound comes in, and the fastest that converters and their files know.
-// A hundred times more or less makes a second of the file nothing, or the memory full.
+// The lowest rate of narrowband sound, and the highest of converters and their files. Rates a
+// hundred times off would shrink a second of the file to nothing, or fill the memory.
 constexpr int kMinFileRate = 4000;
 constexpr int kMaxFileRate = 384000;
 
@@ -89,7 +89,7 @@ bool AudioFileReader::prepare_conversion(const AVFrame& frame) {
   return true;
 }
 
-// Converts one frame, or with null what the converter still holds, and puts it behind ready_.
+// Converts one frame, or with null the converter's rest, and appends it to ready_.
 bool AudioFileReader::convert(const AVFrame* frame) {
   const auto channels = static_cast<std::size_t>(format_.channels);
   const int frames = frame != nullptr ? frame->nb_samples : 0;
@@ -109,7 +109,7 @@ bool AudioFileReader::convert(const AVFrame* frame) {
   return made >= 0;
 }
 
-// Puts a little more of the file behind ready_, or nothing at the end of a round.
+// Appends some more of the file to ready_, or nothing at the end of a round.
 ReadStatus AudioFileReader::fetch() {
   AVFrame* frame = nullptr;
   switch (stream_.next(frame)) {

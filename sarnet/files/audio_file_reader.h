@@ -13,7 +13,7 @@ class AudioFileReader final : public AudioReader {
  public:
   AudioFileReader(std::string path, AudioFormat format, bool loop, Interrupted interrupted);
 
-  // Decodes the first sound, to know that there is some.
+  // Decodes the first sound, to make sure that there is some.
   bool open();
   ReadStatus read(std::span<std::int16_t> samples, std::size_t& frames) override;
   double duration() const override { return stream_.duration(); }

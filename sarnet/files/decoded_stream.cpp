@@ -7,14 +7,14 @@
 namespace sarnet {
 namespace {
 
-// Covers in front of sound, fonts in front of a film and the like are far smaller.
+// Cover art before sound, fonts before a film and the like are far smaller.
 constexpr std::int64_t kMaxHeader = 64 << 20;
-// Of a coded block of sound. What it becomes when it is converted stays below 100 MB.
+// Of a coded block of sound; converted, it stays below 100 MB.
 constexpr int kMaxSamples = 1 << 20;
-// A decoder that only complains once its packets are over will not come to an end.
+// After its last packet, a decoder that only reports errors never ends.
 constexpr int kMaxComplaints = 1000;
 
-// A list of other files is no medium: they could be pipes, or come from elsewhere.
+// Playlists of other files are refused: those could be pipes, or remote.
 int open_no_other(AVFormatContext* input, AVIOContext** /*other*/, const char* /*url*/,
                   int /*flags*/, AVDictionary** /*options*/) {
   static_cast<FileIo*>(input->opaque)->refuse();
@@ -48,7 +48,7 @@ bool DecodedStream::fail(const std::string& reason) {
   return false;
 }
 
-// Decodes as much of each stream as it takes to know it, within the bounds that hold afterwards.
+// Decodes enough of each stream to identify it, within the same bounds as later.
 int DecodedStream::find_streams() {
   const unsigned count = input_->nb_streams;
   std::vector<AVDictionary*> bounds(std::max(count, 1U));
@@ -151,7 +151,7 @@ ReadStatus DecodedStream::next(AVFrame*& frame) {
       fail(status);
       return ReadStatus::kError;
     }
-    // What the decoder refuses is damaged; the next packet may be sound.
+    // A refused packet is damaged; the next may be intact.
     if (packet_->stream_index == stream_->index) avcodec_send_packet(codec_.get(), packet_.get());
     av_packet_unref(packet_.get());
   }

@@ -13,14 +13,14 @@ namespace sarnet {
 // time.
 class DecodedStream {
  public:
-  // Pictures that decode in a fraction of a second and 100 MB; 8K video and large photographs do.
+  // Limit for decoding in a fraction of a second and 100 MB; 8K video and large photographs fit.
   static constexpr int kMaxSide = 8192;
 
   // Once `interrupted` gives true, all below fail soon.
   explicit DecodedStream(Interrupted interrupted) : interrupted_(std::move(interrupted)) {}
 
-  // Opens the file, or opens it anew from the start. False and error() on failure; the object is
-  // then only good for another open().
+  // Opens the file, or reopens it from the start. False and error() on failure; then only open()
+  // may be called.
   bool open(const std::string& path, AVMediaType kind);
 
   // The next frame, owned by this object until the next call. Damaged packets are skipped.

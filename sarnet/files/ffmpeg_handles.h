@@ -12,7 +12,7 @@ extern "C" {
 
 namespace sarnet {
 
-// Owners of FFmpeg's objects; each goes the way its library wants.
+// Owners of FFmpeg's objects, each freed by its library's function.
 struct FfmpegDeleter {
   void operator()(AVPacket* packet) const { av_packet_free(&packet); }
   void operator()(AVFrame* frame) const { av_frame_free(&frame); }

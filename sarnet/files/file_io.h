@@ -9,8 +9,8 @@
 
 namespace sarnet {
 
-// A regular file as FFmpeg's (de)muxers take it. Own reading and writing, since FFmpeg's own waits
-// in system calls for as long as they take, and opens whatever another file names.
+// A regular file for FFmpeg's (de)muxers. Replaces FFmpeg's own I/O, which blocks in system calls
+// without bound, and opens any file that another one names.
 class FileIo {
  public:
   // Null and `reason` on failure. Once `interrupted` gives true nothing more is read.
@@ -24,11 +24,11 @@ class FileIo {
   FileIo& operator=(const FileIo&) = delete;
 
   AVIOContext* context() const { return context_; }
-  // Reading fails after so many more bytes; negative: never.
+  // Reading fails after this many more bytes; negative: never.
   void limit(std::int64_t bytes) { bytes_left_ = bytes; }
   bool exhausted() const { return bytes_left_ == 0; }
   bool interrupted() const { return refused_ || (interrupted_ && interrupted_()); }
-  // From now on nothing more is read, since another file was asked for.
+  // Stops all reading, since the demuxer requested another file.
   void refuse() { refused_ = true; }
   bool refused() const { return refused_; }
 

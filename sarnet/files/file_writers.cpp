@@ -10,21 +10,21 @@ extern "C" {
 namespace sarnet {
 namespace {
 
-// Makes the muxer of the file with one stream, not yet its header.
+// Makes the file's muxer with one stream; writes no header yet.
 int create_output(const char* kind, const FileIo& file, OutputPtr& output) {
   AVFormatContext* context = nullptr;
   int status = avformat_alloc_output_context2(&context, nullptr, kind, nullptr);
   output.reset(context);
   if (status < 0) return status;
   if (avformat_new_stream(context, nullptr) == nullptr) return AVERROR(ENOMEM);
-  // No name of a program in the file: the same media give the same bytes.
+  // No program name in the file: the same media give the same bytes.
   context->flags |= AVFMT_FLAG_BITEXACT;
   context->pb = file.context();
   context->flags |= AVFMT_FLAG_CUSTOM_IO;
   return 0;
 }
 
-// Writes the end of the file; tells a full disk apart from success.
+// Writes the file's trailer; reports a full disk as an error.
 int finish_output(OutputPtr& output) {
   int status = av_write_trailer(output.get());
   avio_flush(output->pb);
@@ -77,7 +77,7 @@ bool WavWriter::open() {
   return state_length() || fail(output_->pb->error);
 }
 
-// Writes the present length into the header, so that the file is whole if nobody comes to close it.
+// Writes the current length into the header, so that the file is valid even if it is never closed.
 bool WavWriter::state_length() {
   AVIOContext* file = output_->pb;
   const std::int64_t bytes = frames_ * format_.channels * 2;

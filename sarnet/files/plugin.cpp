@@ -13,7 +13,7 @@ extern "C" {
 namespace sarnet {
 namespace {
 
-// Hands out `object` once it is open, else its error.
+// Returns `object` if it opened, else its error.
 template <class Interface, class Object>
 std::unique_ptr<Interface> opened(std::unique_ptr<Object> object, std::string& error) {
   if (object->open()) return object;
@@ -54,10 +54,10 @@ class FfmpegPlugin final : public FilePlugin {
 extern "C" __attribute__((visibility("default"))) const sarnet::FilePlugin* sarnet_files_entry(
     int version) {
   if (version != sarnet::kFilePluginVersion) return nullptr;
-  // What goes wrong comes back as an error text; a program that chose another level keeps it.
+  // Failures are returned as error texts; a program that chose another level keeps it.
   if (av_log_get_level() == AV_LOG_INFO) av_log_set_level(AV_LOG_FATAL);
-  // Headers state sizes, and FFmpeg clears that much memory before it reads on: seconds for the two
-  // gigabytes that it allows. The largest picture of ours fits. Holds for the whole process.
+  // FFmpeg clears as much memory as a header claims before it reads on: seconds for the two
+  // gigabytes that it allows. Our largest picture fits. Applies to the whole process.
   av_max_alloc(std::size_t{320} << 20);
   static const sarnet::FfmpegPlugin plugin;
   return &plugin;

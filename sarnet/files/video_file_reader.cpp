@@ -15,7 +15,7 @@ namespace {
 
 constexpr double kStillFps = 30;
 constexpr int kMaxSide = DecodedStream::kMaxSide;
-// Milliseconds are the finest that timestamps of many formats know, and slow motion is filmed at.
+// Many formats have timestamps in milliseconds, and slow motion is filmed at up to 1000 fps.
 constexpr int kMaxFps = 1000;
 // Timestamps of many formats are rounded to milliseconds.
 constexpr double kTimeTolerance = 0.0015;
@@ -69,7 +69,7 @@ bool VideoFileReader::open() {
   return fill_in_defaults();
 }
 
-// The guess may be as fine as the timestamps where pictures come unevenly; their mean is not.
+// With uneven pictures the guessed rate may be that of the timestamps; the mean rate is not.
 bool VideoFileReader::find_frame_rate() {
   const AVRational guess =
       av_guess_frame_rate(nullptr, const_cast<AVStream*>(&stream_.stream()), nullptr);

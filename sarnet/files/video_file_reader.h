@@ -12,7 +12,7 @@ class VideoFileReader final : public VideoReader {
   VideoFileReader(std::string path, int width, int height, double fps, bool loop,
                   Interrupted interrupted);
 
-  // Decodes the first pictures, to know the size and whether the picture stands still.
+  // Decodes the first pictures, to learn the size and whether it is a still picture.
   bool open();
   int width() const override { return width_; }
   int height() const override { return height_; }
@@ -36,19 +36,19 @@ class VideoFileReader final : public VideoReader {
   const bool loop_;
   std::string error_;
   DecodedStream stream_;
-  // The picture on show and the one after it, with their times in seconds since the round's first.
+  // The current picture and the next, with their times in seconds since the round's first.
   FramePtr shown_;
   FramePtr next_;
   double next_time_ = 0;
   bool has_next_ = false;
   double first_timestamp_ = 0;
-  double frame_seconds_ = 0.04;  // how long the last picture of a round stands
+  double frame_seconds_ = 0.04;  // how long the last picture of a round is shown
   double round_start_ = 0;       // when this round of the loop began, in seconds of the output
   std::int64_t reads_ = 0;
   bool still_ = false;
   bool failed_ = false;
   SwsPtr scaler_;
-  FramePtr scaled_;  // padded as the scaler likes it
+  FramePtr scaled_;  // padded as the scaler requires
   bool scaled_is_shown_ = false;
 };
 

@@ -9,7 +9,7 @@ bool valid_size(int width, int height) {
   return width > 0 && height > 0 && width <= kMaxPictureSide && height <= kMaxPictureSide;
 }
 
-// A packed I420 picture over `bytes`, which grow when they are too few.
+// A packed I420 picture over `bytes`, which are enlarged if needed.
 MutablePictureView packed_view(std::vector<std::uint8_t>& bytes, int width, int height) {
   if (bytes.size() < i420_size(width, height)) bytes.resize(i420_size(width, height));
   const int chroma_width = chroma_size(width);

@@ -21,13 +21,13 @@ std::size_t packed_size(PixelFormat format, int width, int height);
 
 // Turns packed pictures into I420 of any size and orientation (BT.601 studio range), and scales
 // I420. One thread at a time. Allocates scratch memory only when the shape of its work changes.
-// Nothing throws but std::bad_alloc.
+// Throws nothing but std::bad_alloc.
 class PictureConverter {
  public:
   // Converts `pixels`, rotates clockwise by `rotation` (0, 90, 180 or 270 degrees) and scales to
-  // the size of `target`, which must not overlap the source. The aspect ratio is the caller's
-  // business. False, with `target` untouched, for a bad rotation or size or when `size` is less
-  // than packed_size().
+  // the size of `target`, which must not overlap the source. The caller takes care of the aspect
+  // ratio. False, with `target` untouched, for a bad rotation or size or when `size` is less than
+  // packed_size().
   bool convert(PixelFormat format, int width, int height, const std::uint8_t* pixels,
                std::size_t size, int rotation, const MutablePictureView& target);
 

@@ -26,7 +26,7 @@ class VideoFrame {
   static bool valid(int format, int width, int height, const std::uint8_t* buffer,
                     std::size_t size);
 
-  // By a constructor below, in recycled memory: frames come and go at the rate of the media.
+  // Made by a constructor below, in recycled memory: frames are made at the media's rate.
   template <class... Arguments>
   static std::shared_ptr<VideoFrame> make(Arguments&&... arguments) {
     return std::allocate_shared<VideoFrame>(std::pmr::polymorphic_allocator<VideoFrame>(memory()),

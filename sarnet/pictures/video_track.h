@@ -13,7 +13,7 @@
 namespace sarnet {
 
 // The object behind srn_video_capturer: turns the program's frames into pictures and gives them to
-// the stream that is published, if any. Any thread; a call waits for no more than another thread's
+// the stream that is published, if any. Any thread; a call waits at most for another thread's
 // conversion.
 class VideoTrack {
  public:
@@ -22,14 +22,14 @@ class VideoTrack {
   // Where pictures go; null: nowhere.
   void connect(std::shared_ptr<PublishedStream> stream, int fps);
 
-  // Done with the pixels when it returns. `handle` only tells a repeated frame from a new one.
-  // False for a layout or rotation that we do not convert.
+  // Does not use the pixels after it returns. `handle` only distinguishes a repeated frame from a
+  // new one. False for a layout or rotation that we do not convert.
   bool provide(int rotation, const VideoFrame& frame, const void* handle);
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  // The pictures that may be on their way to subscribers and into a recording at once.
+  // How many pictures subscribers and a recording may hold at once.
   static constexpr std::size_t kMaxPictures = 64;
 
   void count(const Picture& picture, const void* handle) REQUIRES(mutex_);

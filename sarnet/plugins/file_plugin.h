@@ -12,20 +12,20 @@
 
 namespace sarnet {
 
-// Reading and writing of media files stands in a shared object of its own, libsarnet_files.so
-// beside libsarnet.so, loaded when the first file is named: the decoders cost 20 to 30 MB of
-// resident memory, and most programs name no file.
+// Media files are read and written by a separate shared object, libsarnet_files.so beside
+// libsarnet.so, loaded when the first file is named: the decoders cost 20 to 30 MB of resident
+// memory, and most programs name no file.
 //
 // Readers and writers: one thread at a time each, any thread. All of their calls may block on the
 // disk and take milliseconds, so decode ahead on a thread that nothing waits for. Only regular
-// files are read and written. Error texts name the file, what was tried and why it failed; they are
-// empty while all is well.
+// files are read and written. Error texts name the file, the operation and the reason; they are
+// empty without an error.
 
-// Whether reading is to end. Called by a reader's calls on their thread, often; what they do then
-// ends with kError within the decoding of one picture or one block of sound. May be empty.
+// Whether to stop reading. Polled by a reader's calls on their thread; true ends them with kError
+// within the decoding of one picture or one block of sound. May be empty.
 using Interrupted = std::function<bool()>;
 
-// A file that repeats has to last this long, in seconds: each round opens it anew.
+// The minimum length of a looped file, in seconds: each round reopens it.
 inline constexpr double kShortestRound = 0.00999;
 
 enum class ReadStatus {
@@ -37,8 +37,8 @@ enum class ReadStatus {
 class AudioReader {
  public:
   virtual ~AudioReader() = default;
-  // Fills `samples` (whole frames in the format asked for). `frames` is what was filled: less than
-  // asked only with kEnd or kError. A loop joins the end to the beginning without a gap.
+  // Fills `samples` (whole frames in the requested format). `frames` is the number filled: fewer
+  // than requested only with kEnd or kError. A loop joins the end to the beginning without a gap.
   virtual ReadStatus read(std::span<std::int16_t> samples, std::size_t& frames) = 0;
   // Length in seconds as the file states it, 0 when unknown.
   virtual double duration() const = 0;
@@ -53,8 +53,8 @@ class VideoReader {
   virtual int height() const = 0;
   virtual double fps() const = 0;
   // The picture for the next 1/fps seconds, scaled to the target, whose size must be width() x
-  // height(). A file of another rate gives pictures twice or leaves some out, by its timestamps. A
-  // still picture stands still and ends after one read unless it loops.
+  // height(). At another rate, pictures are repeated or skipped by the file's timestamps. A still
+  // picture ends after one read unless it loops.
   virtual ReadStatus read(const MutablePictureView& target) = 0;
   // Length in seconds as the file states it, 0 when unknown or for a still picture.
   virtual double duration() const = 0;

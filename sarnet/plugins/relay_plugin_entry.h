@@ -10,7 +10,7 @@
 
 namespace sarnet {
 
-// What the relay engine's plug-in may ask of the library. Any thread, at any time.
+// What the library provides to the relay engine's plug-in. Any thread, at any time.
 struct RelayServices {
   // Runs `body` on a new thread, which the library joins once it has ended. Throws
   // std::system_error.
@@ -19,12 +19,12 @@ struct RelayServices {
   void (*write_log)(LogLevel level, const std::string& text) = nullptr;
 };
 
-// What the plug-in gives: a maker of engines, each for one participation.
+// What the plug-in provides: a factory of engines, each for one participation.
 struct RelayPlugin {
   std::shared_ptr<Engine> (*make_engine)(const HostAddress& address) = nullptr;
 };
 
-// Raised with every change of the types that go across.
+// Incremented with every change of the types that cross the interface.
 inline constexpr int kRelayPluginVersion = 1;
 inline constexpr const char* kRelayPluginEntryName = "sarnet_relay_entry";
 extern "C" {

@@ -13,7 +13,7 @@ std::string last_loader_error() {
 }  // namespace
 
 std::string sibling_path(const char* name) {
-  // Any object of this library tells which file it was loaded from.
+  // The address of any object of this library gives the file it was loaded from.
   static const char anchor = 0;
   Dl_info info{};
   if (dladdr(&anchor, &info) == 0 || info.dli_fname == nullptr) return name;

@@ -10,11 +10,11 @@ struct LoadedLibrary {
   void* entry = nullptr;   // the symbol asked for
 };
 
-// Where a shared object of that name stands if it stands beside this library.
+// The path of a shared object of that name beside this library.
 std::string sibling_path(const char* name);
 // Opens `path` and looks for its symbol `entry`. Both null on failure: `error` then says why.
 LoadedLibrary load_library(const std::string& path, const char* entry, std::string& error);
-// For one that turned out to be of no use.
+// For a library that turned out unusable.
 void unload(const LoadedLibrary& library);
 
 }  // namespace sarnet

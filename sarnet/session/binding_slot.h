@@ -13,8 +13,8 @@ namespace sarnet {
 template <class Binding>
 class BindingSlot {
  public:
-  // Takes the binding in and begins it; false when there is one already, or after close(). What
-  // begin() throws goes on to the caller, with the binding ended.
+  // Takes the binding in and begins it; false when there is one already, or after close(). An
+  // exception of begin() reaches the caller, with the binding ended.
   bool bind(const std::shared_ptr<Binding>& binding) {
     {
       const common::LockGuard lock(mutex_);
@@ -35,7 +35,7 @@ class BindingSlot {
     std::shared_ptr<Binding> binding;
     {
       const common::LockGuard lock(mutex_);
-      // One that the other side has ended is there to be ended by the program too, once.
+      // The program may still end, once, a binding that the peer has ended.
       if (std::exchange(ended_session_, nullptr) == session && !binding_) return true;
       if (!binding_ || binding_->session() != session) return false;
       binding = binding_;
@@ -46,7 +46,7 @@ class BindingSlot {
     return true;
   }
 
-  // Ends the binding, and takes no other.
+  // Ends the binding, and refuses any other.
   void close() {
     std::shared_ptr<Binding> binding;
     {
@@ -67,7 +67,7 @@ class BindingSlot {
     return binding_.get() == binding;
   }
 
-  // From the binding's end().
+  // Called by the binding's end().
   void forget(const Binding* binding) {
     std::shared_ptr<Binding> gone;  // released after the lock
     const common::LockGuard lock(mutex_);

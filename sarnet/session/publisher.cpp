@@ -95,7 +95,7 @@ void Publisher::stop_capturer() {
   }
   if (handle == nullptr) return;
   if (capturer_.destroy != nullptr) capturer_.destroy(handle, capturer_.user_data);
-  // Only now: the capturer's own thread may use the handle until destroy has returned.
+  // Not earlier: the capturer's own thread may use the handle until destroy has returned.
   context_.capturers.remove(handle, HandleOwner::kLibrary);
 }
 

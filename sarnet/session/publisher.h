@@ -25,7 +25,7 @@ struct PublisherSettings {
   bool audio_track = true;
   bool video_track = true;
   bool stereo = false;
-  // The next three are accepted and read by nobody: nothing here processes sound.
+  // The next three are accepted and ignored: nothing here processes sound.
   bool noise_suppression = false;
   bool echo_cancellation = false;
   bool disable_audio_processing = false;
@@ -95,11 +95,11 @@ class Publication : public PublicationSink, public std::enable_shared_from_this<
 
   const void* session() const { return session_; }
   void begin();
-  // Stops the media and leaves the engine; the capturer's end is posted. Any thread, any number of
-  // times, no event.
+  // Stops the media and leaves the engine; the capturer's end is posted. Any thread; may be
+  // repeated; raises no event.
   void end();
   bool send_caption(std::string_view text, bool is_final);
-  // On the strand: ends it because the session is over, and tells the program.
+  // On the strand: ends it because the session is over, and notifies the program.
   void session_over();
 
   void published(const StreamInfo& stream) override;

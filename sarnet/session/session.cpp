@@ -24,7 +24,7 @@ Session::Session(const Context& context, std::string api_key, std::string sessio
       session_id_(std::move(session_id)),
       slots_(callbacks),
       strand_(std::make_shared<Strand>("srn-session")) {
-  // No engine has more than one server to move to.
+  // Every engine has one server only.
   if (settings.migration) SARNET_LOG(kDebug, "Session " << session_id_ << " may migrate");
 }
 
@@ -171,7 +171,7 @@ void Session::post_last_event(std::function<void()> raise) {
       engine = std::exchange(self->engine_, nullptr);
     }
     self->context_.audio_device.session_over(self.get());
-    // What the program still has bound hears of the end before the session does.
+    // Publishers and subscribers still bound are notified before the session.
     const Bindings bindings = self->take_bindings();
     for (const auto& each : bindings.publications) {
       if (const auto publication = each.lock()) publication->session_over();
@@ -200,7 +200,7 @@ void Session::joined(const ConnectionInfo& own) {
         self->slots_.on_connected(self->handle_, self->slots_.user_data);
       }
     }
-    // Under the lock, so that a disconnection comes either before, or after and takes it back.
+    // Under the lock, so that a disconnection comes either before, or afterwards and undoes it.
     const common::LockGuard lock(self->mutex_);
     if (self->state_ == State::kConnected) {
       self->context_.audio_device.session_connected(self.get());

@@ -59,7 +59,7 @@ class Session : public SessionSink, public std::enable_shared_from_this<Session>
   void stream_removed(const StreamInfo& stream) override;
 
  private:
-  // kLeaving lasts from the program's wish until its answer is raised.
+  // kLeaving lasts from the program's call until its answer is raised.
   enum class State { kIdle, kConnecting, kConnected, kLeaving, kOver };
   struct Bindings {
     std::vector<std::weak_ptr<Publication>> publications;

@@ -15,7 +15,8 @@
 namespace sarnet {
 namespace {
 
-// The largest size with the picture's proportions inside the wanted one; never larger than it is.
+// The largest size with the picture's proportions inside the wanted one; never larger than the
+// picture.
 std::pair<int, int> fit(const Picture& picture, std::uint64_t wanted) {
   const auto max_width = static_cast<std::uint32_t>(wanted >> 32);
   const auto max_height = static_cast<std::uint32_t>(wanted);
@@ -180,7 +181,7 @@ void Subscription::on_picture(const PictureRef& picture) {
     const auto now = Clock::now();
     const auto period = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(1.0 / static_cast<double>(rate)));
-    // A quarter of the period early is taken as due, or jitter would drop every other picture.
+    // Up to a quarter of the period early counts as due, or jitter would drop every other picture.
     if (now < next_picture_ - period / 4) return;
     next_picture_ = std::max(next_picture_ + period, now);
   }
@@ -226,7 +227,7 @@ void Subscription::deliver_pictures() {
         }
       }
     }
-    // Lent for the callback: removed again on every way out, also when the thread is unwound.
+    // Lent for the callback: removed on every exit, also when the thread is unwound.
     struct Lent {
       HandleTable<VideoFrame, srn_video_frame>& table;
       srn_video_frame* handle;

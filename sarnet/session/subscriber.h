@@ -50,7 +50,7 @@ class Subscriber : public std::enable_shared_from_this<Subscriber> {
   std::atomic<float> max_framerate{0};           // frames per second, 0: any
   std::atomic<std::uint64_t> max_resolution{0};  // width << 32 | height, 0: any
 
-  // After a change of the above: tells the engine.
+  // Passes a change of the above to the engine.
   void preferences_changed();
 
   // As with Publisher.
@@ -86,9 +86,9 @@ class Subscription : public SubscriptionSink, public std::enable_shared_from_thi
   // Throws std::system_error when a delivery thread cannot be made.
   void begin();
   void prefer(const MediaPreferences& preferences);
-  // Stops all delivery. Any thread, any number of times, waits for no callback, raises no event.
+  // Stops all delivery. Any thread; may be repeated; waits for no callback and raises no event.
   void end();
-  // On the strand: ends it because the session is over, and tells the program.
+  // On the strand: ends it because the session is over, and notifies the program.
   void session_over();
 
   void subscribed() override;
@@ -113,7 +113,7 @@ class Subscription : public SubscriptionSink, public std::enable_shared_from_thi
     bool is_final = false;
   };
 
-  // What a slow callback may have waiting: a good second of sound, a few pictures.
+  // The queue of a slow callback: a good second of sound, a few pictures.
   static constexpr std::size_t kAudioQueue = 128;
   static constexpr std::size_t kPictureQueue = 4;
   static constexpr std::size_t kCaptionQueue = 256;

@@ -10,7 +10,7 @@
 // The Python classes of the records that cross the boundary, defined in
 // `tavrin_media_relay.models`. Looked up once, at import, and referenced until the process ends.
 //
-// The caller holds the interpreter lock, but for `load_models_module`, which takes it itself.
+// The caller holds the interpreter lock, except for `load_models_module`, which takes it itself.
 namespace models {
 
 // Each member holds a strong reference that is never given back, or is null.
@@ -46,8 +46,8 @@ struct ModelClasses {
 // Null when the import fails, with its exception pending. Any thread.
 python_utils::PyObjectPtr load_models_module();
 
-// All null for a null module. A name that is no class stays null; one that is missing ends the
-// search, with its AttributeError pending.
+// All null for a null module. A name that is not a class stays null; a missing one ends the search,
+// with its AttributeError pending.
 ModelClasses get_all_model_classes(PyObject* module);
 
 // The table, loaded at the first call. Null when loading fails, with an exception pending; the next
@@ -55,7 +55,7 @@ ModelClasses get_all_model_classes(PyObject* module);
 std::shared_ptr<ModelClasses> get_model_classes_instance();
 
 // The classes, borrowed. Null with an ImportError pending when the table could not be loaded. The
-// first call must come after the table stands: it must not be the one that imports.
+// table must be loaded before the first call, which must not be the one that imports.
 PyObject* get_session_class();
 PyObject* get_connection_class();
 PyObject* get_stream_class();

@@ -46,18 +46,18 @@ struct Raised {
     return {PyObjectPtr(type), PyObjectPtr(value), PyObjectPtr(traceback)};
   }
 
-  // On sys.stderr. Calls no hook, ends nothing, and survives whatever the stream does.
+  // Prints to sys.stderr. Calls no hook, never exits, and survives any failure of the stream.
   void display() const {
     enter_python([this] { PyErr_Display(type.get(), value.get(), traceback.get()); });
     clear_exception();
   }
 };
 
-// As hooks and debuggers get what is not there.
+// Null as None, as hooks and debuggers expect.
 PyObject* or_none(const PyObjectPtr& object) { return object != nullptr ? object.get() : Py_None; }
 
 void set_sys_attribute(const char* name, PyObject* value) {
-  // Drops what stood there.
+  // Drops the old value.
   if (enter_python([=] { return PySys_SetObject(name, value); }) < 0) clear_exception();
 }
 
@@ -66,8 +66,8 @@ void write_to_stderr(const char* text) {
 }
 
 // Shows the pending exception as the interpreter would, through sys.excepthook, and clears it.
-// PyErr_Print is not for threads of ours: for a SystemExit, the callable's or the hook's, it ends
-// the process from this thread, which the process's end then waits for.
+// PyErr_Print must not be used on our threads: on a SystemExit, from the callable or the hook, it
+// exits the process from this thread, for which the exit then waits.
 void show_exception() {
   const Raised raised = Raised::take();
   set_sys_attribute("last_type", or_none(raised.type));

@@ -10,18 +10,18 @@
 #include <string>
 #include <string_view>
 
-// What the rest of the binding needs to touch Python safely. Unless said otherwise the caller holds
-// the interpreter lock, and a null, empty or false result means that a Python exception is pending.
+// Helpers of the binding for safe use of Python. Unless said otherwise the caller holds the
+// interpreter lock, and a null, empty or false result means that a Python exception is pending.
 namespace python_utils {
 
-// Never returns. For a thread that the interpreter no longer lets in.
+// Never returns. For a thread that the interpreter no longer admits.
 [[noreturn]] void park_thread();
 
-// Runs `call`, which may run Python code or wait for the interpreter lock. An interpreter that is
-// finalising ends any other thread that asks for its lock, by unwinding it. Such a thread is parked
-// instead, right here: unwound frames would give back references, buffers and the lock itself
-// without holding the lock. A parked thread costs nothing and ends with the process. (An unwinding
-// that C code began has no exception object, which the sanitizer must be told.)
+// Runs `call`, which may run Python code or wait for the interpreter lock. A finalising interpreter
+// unwinds any other thread that requests its lock. Such a thread is parked here instead: unwound
+// frames would release references, buffers and the lock itself without holding the lock. A parked
+// thread costs nothing and ends with the process. (Unwinding that C code started has no exception
+// object, which the sanitizer must be told.)
 template <class Call>
 __attribute__((no_sanitize("null"), no_sanitize("alignment"))) auto enter_python(Call&& call) {
   try {
@@ -45,7 +45,7 @@ class PyGILLock {
   PyGILState_STATE gil_state_;
 };
 
-// Drops one reference. May run any Python code, a finaliser's.
+// Drops one reference. May run any Python code through a finaliser.
 struct PyObjectDeleter {
   void operator()(PyObject* object) const;
 };
@@ -82,21 +82,21 @@ Py_buffer construct_py_buffer_from_uint8(const std::uint8_t* data, std::size_t c
 // Clears the pending exception, whose last reference may run finalisers.
 void clear_exception();
 
-// The value of an attribute, as it is.
+// The value of an attribute, unconverted.
 PyObjectPtr get_attribute(PyObject* object, MemberName& name);
-// The same of a model's attribute. Whatever keeps it from being read counts as its absence.
+// The same for a model's attribute. Any failure to read it counts as absence.
 PyObjectPtr get_member_value(PyObject* object, MemberName& name);
 std::optional<std::string> get_member_value_as_string(PyObject* object, MemberName& name);
 // By truth value: the attribute need not be a bool.
 std::optional<bool> get_member_value_as_boolean(PyObject* object, MemberName& name);
 std::optional<long> get_member_value_as_long(PyObject* object, MemberName& name);
-// Of an attribute that holds a callable. What cannot be called, None too, is a TypeError, whatever
-// was pending before.
+// For an attribute that holds a callable. Anything not callable, None too, is a TypeError, which
+// replaces a pending exception.
 PyObjectPtr get_member_value_as_function(PyObject* object, MemberName& name);
 
-// Calls a Python callable for a native event: the one door through which events enter Python. Takes
-// the lock itself, but the caller must hold it all the same. What the callable raises is printed
-// and logged under `name`, and none of it stays pending.
+// Calls a Python callable for a native event: the only entry of events into Python. Takes the lock
+// itself, but the caller must hold it too. What the callable raises is printed and logged under
+// `name`, and does not stay pending.
 //
 // Takes over the reference to `args`, except when it returns at once because `callable` is null or
 // not callable: then the caller still owns them. Null when nothing was called or the callable

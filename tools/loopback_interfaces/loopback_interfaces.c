@@ -1,7 +1,7 @@
-/* Preloaded into the development server on machines that should talk to themselves alone.
+/* Preloaded into the development server on machines that should serve only themselves.
 
-   The server leaves loopback interfaces out when it collects addresses for media, whatever its
-   configuration says. Hiding the flag that marks them makes 127.0.0.1 an address like any other;
+   The server ignores loopback interfaces when it collects addresses for media, regardless of its
+   configuration. Hiding the flag that marks them makes 127.0.0.1 an address like any other;
    the configuration then allows that one address and no other. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -11,7 +11,7 @@
 #include <string.h>
 
 __attribute__((visibility("default"))) int getifaddrs(struct ifaddrs** list) {
-  /* Looked up at each call: it is called a few times per peer, and needs no state then. */
+  /* Looked up at each call, which needs no state: there are only a few calls per peer. */
   void* next = dlsym(RTLD_NEXT, "getifaddrs");
   int (*real)(struct ifaddrs**);
   if (next == NULL) {

@@ -27,7 +27,7 @@ struct Device {
   srn_audio_device handle;
 };
 
-// What the device gave and what it is to be given.
+// The device's input, and the output prepared for it.
 struct Flow {
   std::mutex mutex;
   std::condition_variable released;
@@ -65,7 +65,7 @@ int callSlot(const std::string& name, std::optional<void*> user_data = std::null
   if (!table) return kNoSlot;
   void* const data = user_data.value_or(table->user_data);
   const auto place = static_cast<size_t>(found - names.begin()) * sizeof(void*);
-  // The slots differ in one thing only: those that give settings take a record.
+  // The slots differ only in that those for settings take a record.
   const auto call = [&](auto slot, auto... record) {
     std::memcpy(&slot, reinterpret_cast<const char*>(&*table) + place, sizeof slot);
     if (slot == nullptr) return kNoSlot;
@@ -98,7 +98,7 @@ void startNow(const srn_session& session) {
   startSide("renderer", "get_render_settings", scripted_render_channels);
 }
 
-// Null: whichever session it is.
+// Null: any session.
 void stopNow(const srn_session* session) {
   {
     const std::lock_guard lock(device().mutex);

@@ -1,5 +1,5 @@
-// The program's audio device and video capturers, seen from the library: when their slots are
-// called, and what passes through them.
+// The library's side of the program's audio device and video capturers: when their slots are
+// called, and their data.
 #pragma once
 
 #include <sarnet/sarnet.h>
@@ -11,10 +11,10 @@
 namespace scripted {
 
 void installDevice(const srn_audio_device_callbacks* table);
-// Starts both sides after the delay, if the session is still joined then.
+// Starts both sides after the delay if the session is still joined.
 void scheduleDeviceStart(srn_session& session, std::chrono::milliseconds delay);
 void scheduleDeviceStop(const srn_session* session);
-// Stops the device, whichever session it runs for, and ends its thread.
+// Stops the device for any session, and ends its thread.
 void finishDevice();
 void resetAudioFlow();
 

@@ -1,4 +1,4 @@
-// The controls that belong to no one part of the library: log, failures, waiting.
+// The controls that belong to no single part of the library: log, failures, waiting.
 #include <ctime>
 #include <string>
 
@@ -18,7 +18,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Events first: their tasks make others' work.
+// Events first: their tasks post to the others.
 scripted::Strand* const kStrands[] = {&strands().events, &strands().device, &strands().audio,
                                       &strands().frames, &strands().captions};
 
@@ -106,7 +106,7 @@ void scripted_fail(const char* function, int32_t status, int times) {
 
 int scripted_wait_idle(int timeout_ms) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
-  // Once more, for what the tasks of one strand have posted to another meanwhile.
+  // Once more, for tasks that one strand has posted to another meanwhile.
   return waitIdle(deadline) && waitIdle(deadline) ? 1 : 0;
 }
 

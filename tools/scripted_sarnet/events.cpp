@@ -91,7 +91,7 @@ bool deliver(T& handle, Slot slot, Arguments... arguments) {
   return called;
 }
 
-// Any number, also one that the enumeration does not know: it becomes one in the call only.
+// Any number, also outside the enumeration: converted only in the call.
 struct Code {
   int32_t value;
   template <class Enumeration>
@@ -146,7 +146,7 @@ void subscriberDisconnected(srn_subscriber& subscriber) {
   deliver(subscriber, &srn_subscriber_callbacks::on_disconnected);
 }
 
-// Tells of an object that lives for the callback only, or of none.
+// Reports an object that lives only for the callback, or none.
 template <class Slot, class T>
 auto telling(Slot slot, const std::shared_ptr<T>& object) {
   return [slot, object](auto& handle) {
@@ -261,7 +261,7 @@ int scripted_session_error(int32_t code, const char* text) {
   return post(currentSession(), sessionError(code, text));
 }
 
-// An event that tells of an object, and the same with none.
+// An event with an object, and the same without.
 #define OBJECT_EVENT(event, handle, slot, Object, object, ...)                      \
   int scripted_##event(__VA_ARGS__) { return post(handle, telling(slot, object)); } \
   int scripted_##event##_null(void) {                                               \

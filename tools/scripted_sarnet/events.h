@@ -1,5 +1,5 @@
-// What the scripted library tells sessions, publishers and subscribers, by itself and when asked
-// to.
+// The events that the scripted library sends to sessions, publishers and subscribers, by itself and
+// on request.
 #pragma once
 
 #include <sarnet/sarnet.h>
@@ -26,7 +26,7 @@ void resetAnswers();
 std::chrono::milliseconds delayOf(Event event);
 bool isAnswered(Event event);
 
-// What the functions of the contract ask for once they have succeeded.
+// Called by the functions of the contract once they have succeeded.
 void answerConnect(const std::shared_ptr<srn_session>& session);
 void answerDisconnect(const std::shared_ptr<srn_session>& session);
 void answerPublish(const std::shared_ptr<srn_publisher>& publisher);

@@ -12,7 +12,7 @@ namespace scripted {
 namespace {
 
 constexpr size_t kKeptFrames = 4096;
-// A size that lies is reported, not allocated.
+// A false size is reported, not allocated.
 constexpr int64_t kMostBytes = 64 << 20;
 constexpr int64_t kBytesOfLie = 64;
 constexpr uint8_t kPadding = 0xEE;
@@ -48,7 +48,7 @@ void paint(uint8_t* out, int64_t bytes, int64_t stride, int64_t row_bytes, int f
   }
 }
 
-// A field of a script: 0 stands for the truth, -1 for zero.
+// A field of a script: 0 means the true value, -1 means zero.
 int64_t reported(int64_t scripted, int64_t truth) {
   return scripted == 0 ? truth : scripted == -1 ? 0 : scripted;
 }

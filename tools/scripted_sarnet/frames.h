@@ -25,7 +25,7 @@ struct srn_video_frame : scripted::HandleOf<scripted::Kind::frame> {
   const uint8_t* buffer = nullptr;
   size_t buffer_size = 0;
   std::array<Plane, 3> planes{};
-  // Each block by itself, so that a read past a plane is seen by a sanitizer.
+  // Each block separate, so that a sanitizer detects a read past a plane.
   std::vector<std::vector<uint8_t>> storage;
   srn_video_frame_memory_release_callback release = nullptr;
   void* release_argument = nullptr;
@@ -35,7 +35,7 @@ namespace scripted {
 
 std::shared_ptr<srn_video_frame> makeFrame(const scripted_frame_spec& spec);
 
-// What the program gave to its capturers.
+// The frames that the program gave to its capturers.
 void resetProvided();
 
 }  // namespace scripted

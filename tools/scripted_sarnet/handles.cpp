@@ -23,7 +23,7 @@ struct OfKind {
   std::deque<std::shared_ptr<Handle>> newest_first;
 };
 
-// Only what callbacks come for is looked up again.
+// Only handles with callbacks are looked up again.
 bool isRemembered(Kind kind) {
   return kind == Kind::session || kind == Kind::publisher || kind == Kind::subscriber;
 }

@@ -1,5 +1,5 @@
-// The handles of the scripted library. A handle owns itself until its delete; then it lies in
-// quarantine, so that a later use is recognised and reported, not undefined.
+// The handles of the scripted library. A handle owns itself until its delete; then it is
+// quarantined, so that a later use is recognised and reported, not undefined.
 #pragma once
 
 #include <sarnet/sarnet.h>
@@ -41,7 +41,8 @@ struct Handle : std::enable_shared_from_this<Handle> {
   Kind kind;
   long number = 0;
   std::atomic<bool> alive{true};
-  // Set for what the program must delete; empty for what lives inside a callback or another handle.
+  // Set for handles that the program must delete; empty for those inside a callback or another
+  // handle.
   std::shared_ptr<Handle> self;
 };
 
@@ -51,16 +52,16 @@ struct HandleOf : Handle {
   HandleOf() : Handle(handle_kind) {}
 };
 
-// Says whether callbacks of a handle may start, and lets a delete wait for those that are running.
-// A delete from inside a callback of the same handle does not wait for itself.
+// Decides whether callbacks of a handle may start, and lets a delete wait for running ones. A
+// delete from inside a callback of the same handle does not wait for itself.
 class Gate {
  public:
   // `rogue`: in rogue mode callbacks start at any time.
   explicit Gate(bool rogue, bool bound) : rogue_(rogue), bound_(bound) {}
   bool open() const;
-  // Runs the callback; false when the handle was deleted or is not bound. Counted out also when the
-  // thread is ended by unwinding inside the callback. `prepare` runs under the gate's lock: what it
-  // reads does not change before the handle is unbound or deleted.
+  // Runs the callback; false when the handle was deleted or is not bound. Also counted as left when
+  // the thread is unwound inside the callback. `prepare` runs under the gate's lock: what it reads
+  // does not change before the handle is unbound or deleted.
   template <class Prepare, class Callback>
   bool pass(Prepare prepare, Callback callback) {
     {
@@ -168,18 +169,18 @@ T* adopt(const std::shared_ptr<T>& handle) {
   adoptHandle(handle);
   return handle.get();
 }
-// Any thread, also while another one deletes the handle.
+// Any thread, even while another deletes the handle.
 template <class T>
 std::shared_ptr<T> shared(T* handle) {
   return std::static_pointer_cast<T>(handle->weak_from_this().lock());
 }
 long live(std::string_view kind);
 
-// Whether the handle is one of its kind and not deleted. Null is false without a fault.
+// Whether the handle is of its kind and not deleted. False for null, without a fault.
 bool isValid(const Handle* handle, Kind kind, const char* function);
 // Ends the handle's life; false with a fault when it is not the program's to delete.
 bool retire(Handle* handle, Kind kind, const char* function);
-// Keeps what a callback was given until well after the callback; null: nothing.
+// Keeps a callback's argument until well after the callback; null: nothing.
 void quarantine(std::shared_ptr<Handle> handle);
 
 // Those adopted since the last reset, newest first, the deleted ones only in rogue mode.

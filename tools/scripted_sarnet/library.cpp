@@ -1,4 +1,4 @@
-// The functions of the contract but for media, as a list of what each does with its arguments.
+// The functions of the contract except for media, as a list of what each does with its arguments.
 #include <string>
 
 #include "audio.h"
@@ -16,7 +16,7 @@ namespace {
 
 constexpr srn_status kInvalid = SRN_SESSION_NULL_OR_INVALID_PARAMETER;
 
-// Deletes a handle; `before` runs once it counts as deleted. Null is deleted with success.
+// Deletes a handle; `before` runs once it counts as deleted. Deleting null succeeds.
 template <class T, class Before>
 srn_status remove(const scripted::Function& function, std::optional<srn_status> failure, T* handle,
                   Before before) {
@@ -31,7 +31,7 @@ constexpr auto kNothing = [] {};
 
 }  // namespace
 
-// A setting that nobody reads back.
+// A setting that is never read.
 #define SETTER(name, Type, handle, Value, value)            \
   srn_status srn_##name(Type* handle, Value value) {        \
     SCRIPTED_CALL(handle, value);                           \
@@ -39,7 +39,7 @@ constexpr auto kNothing = [] {};
     return function.valid(handle) ? SRN_SUCCESS : kInvalid; \
   }
 
-// Something that is read from a handle; null or 0 when that fails.
+// A value read from a handle; null or 0 on failure.
 #define GETTER(name, Type, Handle, handle, value)      \
   Type srn_##name(const Handle* handle) {              \
     SCRIPTED_CALL(handle);                             \
@@ -47,7 +47,7 @@ constexpr auto kNothing = [] {};
     return value;                                      \
   }
 
-// What binds two handles, or one to another.
+// Functions that bind two handles.
 #define BINDER(name, Object, object, effect)                                  \
   srn_status srn_session_##name(srn_session* session, Object* object) {       \
     SCRIPTED_CALL(session, object);                                           \

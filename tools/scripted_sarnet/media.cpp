@@ -22,7 +22,7 @@ constexpr int32_t kBits = 16;
 std::atomic<bool> on_delivery_threads{false};
 
 // One call of the slot on this thread, one at a time of each kind for a subscriber. False when the
-// subscriber takes none (any more) or the slot is null. A delete does not wait for it.
+// subscriber takes none (any more) or the slot is null. A delete does not wait for the call.
 template <class Slot, class... Arguments>
 bool deliver(srn_subscriber& subscriber, std::mutex& turn, Slot slot, Arguments... arguments) {
   const auto function = subscriber.table.*slot;
@@ -54,7 +54,7 @@ int hand(const char* stream_id, Strand& strand, Deliver deliver) {
   return 1;
 }
 
-// Runs `count` deliveries on a new thread: what they cost is not the test program's.
+// Runs `count` deliveries on a new thread, so that their cost is not the test program's.
 template <class Deliver>
 double fire(const char* stream_id, long count, Deliver deliver) {
   const auto subscriber = subscriberOf(stream_id);
@@ -70,7 +70,7 @@ double fire(const char* stream_id, long count, Deliver deliver) {
   return std::chrono::duration<double, std::nano>(took).count() / static_cast<double>(count);
 }
 
-// 10 ms of sound, all samples alike: a block that changes under a view is seen.
+// 10 ms of sound, all samples equal: shows a block that changes under a view.
 struct Block {
   explicit Block(int16_t sample) : samples(kChannels * kPeriodFrames, sample) {}
   std::vector<int16_t> samples;
@@ -151,7 +151,7 @@ class Storm {
   }
 
   static constexpr std::chrono::milliseconds kTick{10};
-  // What differs from one event to the next, so that a view on recycled memory is seen.
+  // Differs from one event to the next, to show a view on recycled memory.
   static constexpr int kVariants = 8;
 
   const Form form_;

@@ -36,7 +36,7 @@ bool isExported(const char* name) {
   return found;
 }
 
-// A table of callbacks is pointers and nothing else.
+// A callback table consists of pointers only.
 void printSlots(std::ostream& out, const void* table, size_t size, const char* names) {
   if (table == nullptr) return print(out, table);
   std::vector<const void*> slots(size / sizeof(void*));
@@ -199,7 +199,7 @@ bool Script::waitCalls(const Function& function, long count, int timeout_ms) {
 }
 
 void Script::wakeWaiters() {
-  // Sequentially consistent on both sides: a waiter that is not seen here sees the new count.
+  // Sequentially consistent on both sides: a waiter not seen here sees the new count.
   if (waiters_.load() == 0) return;
   const std::lock_guard lock(mutex_);
   counted_.notify_all();

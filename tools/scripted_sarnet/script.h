@@ -1,4 +1,4 @@
-// What the scripted library remembers of its calls, and which of them it was told to let fail.
+// The scripted library's log of its calls, and the failures scripted for them.
 #pragma once
 
 #include <sarnet/sarnet.h>
@@ -20,7 +20,7 @@
 
 namespace scripted {
 
-// The slots of an audio device in the order of its table, which is pointers and nothing else.
+// The slots of an audio device in the order of its table, which consists of pointers only.
 extern const char* const kDeviceSlots;
 
 // How an argument is written in the log.
@@ -41,10 +41,10 @@ class Function {
  public:
   explicit Function(const std::string& function_name);
 
-  // Writes the call down and counts it. Gives the scripted status when this call is to fail.
+  // Logs the call and counts it. Returns the scripted status when this call is to fail.
   template <class... Arguments>
   std::optional<srn_status> call(const char* names, const Arguments&... arguments);
-  // The parts of it, for functions whose effect must be in place when they count as called.
+  // The two parts of it, for functions whose effect must precede the count.
   std::optional<srn_status> failure();
   void count();
 
@@ -119,12 +119,12 @@ std::optional<srn_status> Function::call(const char* names, const Arguments&... 
 
 }  // namespace scripted
 
-// Opens each function of the contract: `function` is itself, `failure` what it was told to give.
+// Begins each function of the contract: `function` is its record, `failure` its scripted failure.
 #define SCRIPTED_FUNCTION static scripted::Function& function = *scripted::functionNamed(__func__)
 #define SCRIPTED_CALL(...) \
   SCRIPTED_FUNCTION;       \
   const auto failure = function.call(#__VA_ARGS__ __VA_OPT__(, ) __VA_ARGS__)
-// The same for what comes with every frame or audio period: counted, not written down.
+// The same for calls made for every frame or audio period: counted, not logged.
 #define SCRIPTED_MEDIA_CALL() \
   SCRIPTED_FUNCTION;          \
   function.count();           \

@@ -1,10 +1,10 @@
 /*
- * Control of the scripted `libsarnet.so`: a stand-in for the real-time library that does what a
- * test tells it. It implements the whole contract with no media of its own, writes down every call,
- * answers as a real library would unless told otherwise, and can be made to fail, to be late, to
- * lie and to repeat itself.
+ * Control of the scripted `libsarnet.so`: a stand-in for the real-time library under a test's
+ * control. It implements the whole contract with no media of its own, logs every call, answers as a
+ * real library would unless told otherwise, and can be made to fail, be late, give false data and
+ * repeat itself.
  *
- * Plain C, so that GoogleTest (linked) and Python (ctypes) drive it alike. Every function may be
+ * Plain C, so that both GoogleTest (linked) and Python (ctypes) can drive it. Every function may be
  * called from any thread at any time. Functions that deliver something return 1 when a callback was
  * found for it (for posted events: when it was accepted), else 0. Text given in is copied.
  *
@@ -31,25 +31,25 @@ extern "C" {
 
 /* ---- Log, failures, answers ---- */
 
-/* Forgets what it was told and has seen, and which handles there are; drops events not yet
- * delivered, stops storms, releases a blocked read. Handles that a test still holds stay valid to
- * delete. The installed audio device stays. Not from inside a callback. */
+/* Forgets its script, its log and its handles; drops events not yet delivered, stops storms,
+ * releases a blocked read. Handles that a test still holds stay valid to delete. The installed
+ * audio device stays. Not from inside a callback. */
 SCRIPTED_API void scripted_reset(void);
 
 /* The calls so far, one to a line: name(argument=value, ...). Texts are quoted, handles are numbers
- * or "null", a callback table is the list of its filled slots. What comes once per frame or audio
- * period is counted, but not written down. Valid until the next call on the same thread. */
+ * or "null", a callback table is the list of its filled slots. Calls made per frame or audio period
+ * are counted, but not logged. Valid until the next call on the same thread. */
 SCRIPTED_API const char* scripted_calls(void);
 /* 0 turns the log off (counts go on), for benchmarks. */
 SCRIPTED_API void scripted_log(int on);
-/* How often a function of the contract was called since the last reset; -1: there is none. */
+/* How often a function of the contract was called since the last reset; -1: no such function. */
 SCRIPTED_API long scripted_call_count(const char* function);
 /* Waits until the function has been called at least `count` times: 1, or 0 after `timeout_ms`. */
 SCRIPTED_API int scripted_wait_calls(const char* function, long count, int timeout_ms);
 /* When the newest of at most 4096 calls were made, oldest first, in nanoseconds of the steady
  * clock; the number given. For the functions that move media out of the program and into it. */
 SCRIPTED_API size_t scripted_times(const char* function, int64_t* out, size_t max);
-/* Beside which to judge those: wakes `count` times at `period_ns`, by the absolute clock and doing
+/* A reference for those times: wakes `count` times at `period_ns`, by the absolute clock and doing
  * nothing else, on the caller's thread. */
 SCRIPTED_API void scripted_bare_ticks(int64_t period_ns, int64_t* out, size_t count);
 
@@ -62,8 +62,8 @@ SCRIPTED_API const char* scripted_fault_texts(void);
  * inside a callback do not count. */
 SCRIPTED_API long scripted_live(const char* kind);
 
-/* Makes the next `times` calls of a function fail (-1: all, 0: none any more). Functions with a
- * status return `status`, those with a pointer null, those with a count 0. */
+/* Makes the next `times` calls of a function fail (-1: all, 0: no more). Functions with a status
+ * return `status`, those with a pointer null, those with a count 0. */
 SCRIPTED_API void scripted_fail(const char* function, int32_t status, int times);
 SCRIPTED_API void scripted_own_connection(const char* id, const char* data, const char* session_id,
                                           int64_t creation_time);
@@ -75,9 +75,10 @@ SCRIPTED_API void scripted_own_connection(const char* id, const char* data, cons
  *   "audio_device"     the return of on_connected: init, then is/get/init/start of the capturer
  *       and the renderer; stop and destroy with the session's end
  *   "video_capturer"   publish with a video track: init, get_capture_settings, start; destroy
- * inside srn_publisher_delete An unknown event or answer gives 0. */
+ *       inside srn_publisher_delete
+ * An unknown event or answer gives 0. */
 SCRIPTED_API int scripted_answer(const char* event, const char* how);
-/* Delay before an answer; 0 but for "audio_device", which is 100. "media_gap" delays each audio
+/* Delay before an answer; 0 except for "audio_device", which is 100. "media_gap" delays each audio
  * block, picture and caption between the moment it counts as begun and the call of the slot. */
 SCRIPTED_API int scripted_delay(const char* event, int milliseconds);
 /* A misbehaving library: while on, session and subscriber callbacks come for deleted handles too.
@@ -127,7 +128,7 @@ SCRIPTED_API void scripted_media_on_delivery_threads(int on);
 /* `samples` null gives a block whose sample pointer is null. */
 SCRIPTED_API int scripted_audio(const char* stream_id, const int16_t* samples, size_t channels,
                                 size_t frames, int32_t rate);
-/* No block at all: a null record. */
+/* A null record instead of a block. */
 SCRIPTED_API int scripted_audio_null(const char* stream_id);
 SCRIPTED_API int scripted_caption(const char* stream_id, const char* text, int32_t is_final);
 
@@ -144,10 +145,10 @@ struct scripted_frame_spec {
   int32_t stride[3];     /* bytes from row to row, 0: tight; more than the row is padding */
   int32_t rows[3];       /* rows reported for a plane, 0: the true number, -1: report 0 */
   int64_t buffer_size;   /* size reported, 0: the true size, -1: report 0 */
-  int32_t plane_rows[3]; /* rows that really are there in memory, 0: the true number */
+  int32_t plane_rows[3]; /* rows really present in memory, 0: the true number */
 };
 SCRIPTED_API int scripted_frame(const char* stream_id, const struct scripted_frame_spec* spec);
-/* No picture at all: a null frame. */
+/* A null frame instead of a picture. */
 SCRIPTED_API int scripted_frame_null(const char* stream_id);
 
 /* Calls the slot `count` times in a row on a native thread of its own, with 10 ms of stereo 48 kHz
@@ -174,19 +175,18 @@ SCRIPTED_API long scripted_storm_stop(void);
 SCRIPTED_API void scripted_capture_channels(int channels);
 SCRIPTED_API void scripted_render_channels(int channels);
 
-/* Samples (all channels) that srn_audio_device_write_capture_data got since the reset; what of them
- * is still kept (the newest 2,097,152) is read from position `from` on, and the number read is
- * returned. */
+/* Samples (all channels) that srn_audio_device_write_capture_data got since the reset; those still
+ * kept (the newest 2,097,152) are read from position `from` on; returns the number read. */
 SCRIPTED_API uint64_t scripted_captured_total(void);
 SCRIPTED_API size_t scripted_captured(uint64_t from, int16_t* out, size_t max);
 
-/* Frames that srn_audio_device_read_render_data gives: -1 all that is asked (the state after a
+/* Frames that srn_audio_device_read_render_data gives: -1 all that are requested (the state after a
  * reset). Its samples are the running sample number mod 32768. */
 SCRIPTED_API void scripted_render_answer(long frames);
 /* 1: reads block until 0 or a reset. */
 SCRIPTED_API void scripted_render_block(int on);
 
-/* What "audio_device" answers, at once: for a test that knows that the program is prepared. 0 when
+/* Starts the "audio_device" answer at once, for a test that knows that the program is ready. 0 when
  * no session is joined. */
 SCRIPTED_API int scripted_device_start(void);
 /* The result of a slot of the audio device, called on the caller's thread; -1 when there is no
@@ -206,7 +206,7 @@ struct scripted_provided_frame {
   int32_t width;
   int32_t height;
   uint64_t size;     /* bytes of the buffer */
-  uint32_t checksum; /* CRC-32 of the buffer, as zlib.crc32 has it */
+  uint32_t checksum; /* CRC-32 of the buffer, as by zlib.crc32 */
   uint8_t first[12]; /* first bytes of the buffer */
 };
 SCRIPTED_API long scripted_provided_count(void);

@@ -25,7 +25,7 @@ void Strand::run() {
       auto task = tasks_.extract(tasks_.begin());
       busy_ = true;
       lock.unlock();
-      // Also when the thread is ended by unwinding inside the task.
+      // Also when the thread is unwound inside the task.
       const struct Done {
         Strand& strand;
         std::unique_lock<std::mutex>& lock;

@@ -17,11 +17,11 @@ class Strand {
   using Milliseconds = std::chrono::milliseconds;
 
   void post(std::function<void()> task, Milliseconds delay = Milliseconds{0});
-  // Drops what has not begun and waits for what has. Not on the strand's own thread.
+  // Drops tasks not yet begun and waits for the running one. Not on the strand's own thread.
   void drop();
   // The same, and joins.
   void stop();
-  // Whether nothing is left to do by then.
+  // Whether it is idle by then.
   bool waitIdle(std::chrono::steady_clock::time_point deadline);
   bool isCurrent() const;
 

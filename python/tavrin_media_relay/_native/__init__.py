@@ -1,2 +1,2 @@
-"""Calls on native libraries other than the module's: resampling, picture layouts, and libsarnet's own
+"""Calls into native libraries other than the module's: resampling, picture layouts, and libsarnet's own
 extras."""

@@ -1,4 +1,4 @@
-"""Finds shared libraries in this process, for the few calls that are made on them directly."""
+"""Finds shared libraries in this process, for the few direct calls into them."""
 
 from __future__ import annotations
 

@@ -1,7 +1,7 @@
 """Picture layouts: what a buffer holds, and conversion between layouts by libyuv.
 
-Every conversion passes through libyuv's 32-bit ARGB, so that each layout needs two functions only. The input
-is copied to `bytes`, since ctypes reads other buffers only if they are writable. Each thread keeps the memory
+Every conversion passes through libyuv's 32-bit ARGB, so each layout needs only two functions. The input is
+copied to `bytes`, since ctypes takes other buffers only if writable. Each thread keeps the memory
 of the intermediate picture: allocating it costs more than the conversion.
 """
 
@@ -14,7 +14,7 @@ from typing import Any, Final, Literal
 from ..models import VideoResolution, frame_buffer_size
 from . import libraries
 
-#: Layouts that can be written: the session's three, and what picture libraries give.
+#: Layouts that can be written: the session's three, and those of picture libraries.
 Layout = Literal["YUV420P", "RGB24", "ARGB32", "RGBA32", "GRAY8"]
 LAYOUTS: Final = ("YUV420P", "RGB24", "ARGB32", "RGBA32", "GRAY8")
 
@@ -43,7 +43,7 @@ def size_of(width: int, height: int, layout: str) -> int:
 
 
 def layout_of(view: memoryview, size: VideoResolution, wanted: str, layout: str | None) -> str:
-    """The layout of a buffer, from its shape unless it is told. Raises ValueError for another size."""
+    """The layout of a buffer, from its shape unless given. Raises ValueError for another size."""
     width, height = size.width, size.height
     if layout is not None:
         if layout not in LAYOUTS:
@@ -81,7 +81,7 @@ def _planes(address: int, width: int, height: int) -> list[Any]:
 
 
 def convert(pixels: bytes | memoryview, width: int, height: int, layout: str, wanted: str) -> bytearray:
-    """A picture in another layout; video range and BT.601 on the side of YUV420P. Any thread."""
+    """A picture in another layout; YUV420P is video range, BT.601. Any thread."""
     library = libraries.load("libyuv", f"{layout} to {wanted}")
     pixels = bytes(pixels)
     source = ctypes.cast(ctypes.c_char_p(pixels), ctypes.c_void_p).value or 0

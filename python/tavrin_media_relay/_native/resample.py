@@ -12,8 +12,8 @@ from . import libraries
 Samples = Union[memoryview, "array[int]"]
 
 _MEDIUM_QUALITY = 1  # 121 dB, 90 % of the band
-_PIECE = 4800  # frames in one go at most
-_SPARE = 64  # frames of room beyond what the ratio asks for
+_PIECE = 4800  # frames per call at most
+_SPARE = 64  # spare output frames beyond the ratio
 
 
 class _Data(ctypes.Structure):
@@ -73,7 +73,7 @@ class _Resampler:
         return result
 
     def flush(self) -> array[int]:
-        """What the filter still holds; the next samples begin afresh."""
+        """Returns the filter's rest; the next samples start a new stream."""
         result: array[int] = array("h")
         self._run(0, True, result)
         self._library.src_reset(self._state)
@@ -118,7 +118,7 @@ class Converter:
         self._resampler = _Resampler(rate_in, rate_out, fewest) if rate_in != rate_out else None
 
     def convert(self, samples: Samples) -> Samples:
-        """Any number of whole frames; gives as many as are complete by then, which may be none."""
+        """Takes any number of whole frames; returns those complete so far, which may be none."""
         if self._channels_in > self._channels_out:
             samples = _mono(samples)
         if self._resampler is not None:

@@ -1,4 +1,4 @@
-"""The asyncio face: take part in a session with `async with`, `await` and `async for`.
+"""The asyncio API: take part in a session with `async with`, `await` and `async for`.
 
     async with connect("app-id", "session", "token") as session:
         async with session.publish("me", video=False) as publisher:

@@ -2,9 +2,8 @@
 blocks.
 
 Producers are native threads that hold the interpreter's lock briefly; the consumer is a task of the loop.
-There is no lock of our own: each step is one deque operation or one assignment, and the order of the steps
-makes it safe. A lock could deadlock, since the garbage collector may run any program's `__del__` while it is
-held.
+It has no lock: each step is one deque operation or one assignment, and the order of the steps makes it safe.
+A lock could deadlock, since the garbage collector may run any program's `__del__` while it is held.
 """
 
 from __future__ import annotations
@@ -19,8 +18,7 @@ from .statistics import Totals
 
 T = TypeVar("T")
 
-#: What is kept for a slow consumer: with `drop_oldest` the newest `capacity` items, with `latest` the newest
-#: one.
+#: The items kept for a slow consumer: with `drop_oldest` the newest `capacity`, with `latest` the newest one.
 Policy = Literal["drop_oldest", "latest"]
 
 #: Seconds after which a consumer that never has to wait yields to the loop.
@@ -28,7 +26,7 @@ _TURN = 0.005
 
 
 def bounded(capacity: int | None, policy: Policy, default: int) -> int:
-    """The capacity that a pair of arguments asks for."""
+    """The capacity requested by a pair of arguments."""
     if policy not in get_args(Policy):
         raise ValueError(f"policy must be 'drop_oldest' or 'latest', not {policy!r}")
     if capacity is None:
@@ -43,7 +41,7 @@ def bounded(capacity: int | None, policy: Policy, default: int) -> int:
 
 
 class ChannelWriter(Generic[T]):
-    """The producer's end, with the queue itself. What has no docstring is the reader's."""
+    """The producer's end, with the queue itself. Members without a docstring belong to the reader."""
 
     def __init__(self, waker: Waker, capacity: int, what: str, totals: Totals | None = None) -> None:
         self.capacity = capacity
@@ -78,7 +76,7 @@ class ChannelWriter(Generic[T]):
         return True
 
     def close(self, error: Exception | None = None) -> None:
-        """Ends the iteration after what is queued, with an error (raised once) or without. Any thread."""
+        """Ends the iteration after the queued items, with an error (raised once) or without. Any thread."""
         if not self.closed:
             self.error = error
             self.closed = True
@@ -91,7 +89,7 @@ class ChannelWriter(Generic[T]):
 
 
 class Channel(Generic[T]):
-    """An async iterator over what a native thread puts in. One task at a time may wait on it."""
+    """An async iterator over items put in by a native thread. One task at a time may wait on it."""
 
     def __init__(self, writer: ChannelWriter[T]) -> None:
         self._queue = writer
@@ -153,7 +151,7 @@ class Channel(Generic[T]):
         waiter: asyncio.Future[None] = queue.waker.loop.create_future()
         queue.waiter = waiter
         try:
-            # Checked again with the waiter in place: an item that arrived before that has woken nobody.
+            # Checked again with the waiter in place: an item that arrived before woke nobody.
             if not queue.items and not queue.closed:
                 await waiter
         finally:

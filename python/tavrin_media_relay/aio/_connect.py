@@ -20,11 +20,11 @@ def connect(
     """Joins a session: `async with connect(...) as session:`, or `session = await connect(...)` and, in the
     end, `await session.close()`.
 
-    settings: forms of the media, log level. timeout: seconds until the attempt is given up.
+    settings: media formats, log level. timeout: seconds until the attempt is abandoned.
 
     Raises SessionError if the session refuses, fails or doesn't answer, TypeError or ValueError for bad
-    arguments. A process is in one session at a time. When joining is cancelled, it is taken back before the
-    cancellation goes on, so that the next `connect` starts clean.
+    arguments. A process is in one session at a time. When joining is cancelled, it is undone before the
+    cancellation is raised, so that the next `connect` starts clean.
     """
     for name, value in (("application_id", application_id), ("session_id", session_id), ("token", token)):
         of_type(name, value, str)

@@ -14,9 +14,9 @@ T = TypeVar("T")
 
 
 class Listeners(Generic[T]):
-    """Iterators that receive the same items. `put` runs on one thread at a time, all else on the loop.
+    """Iterators that receive the same items. `put` runs on one thread at a time, everything else on the loop.
 
-    They are held weakly: an abandoned one costs nothing from then on.
+    They are held weakly: an abandoned one costs nothing.
     """
 
     def __init__(self) -> None:
@@ -30,7 +30,7 @@ class Listeners(Generic[T]):
             self._writers = (*(weakref.ref(each) for each in self._living()), weakref.ref(writer))
 
     def put(self, item: T, now: float) -> bool:
-        """False if nobody took it."""
+        """False if there was no taker."""
         taken = False
         for writer in self._living():
             taken = writer.put(item, now) or taken
@@ -42,7 +42,7 @@ class Listeners(Generic[T]):
         return sum(writer.waiting for writer in self._living())
 
     def close(self, error: Exception | None = None) -> None:
-        """Ends each, after what it has queued."""
+        """Ends each after its queued items."""
         self._closed = True
         for writer in self._living():
             writer.close(error)
@@ -52,7 +52,7 @@ class Listeners(Generic[T]):
 
 
 class Fan(Listeners[T]):
-    """Listeners to media, and what became of it. `put` runs on a native thread."""
+    """Listeners to media, with their counters. `put` runs on a native thread."""
 
     def __init__(self, waker: Waker, what: str) -> None:
         super().__init__()

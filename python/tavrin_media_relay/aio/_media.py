@@ -14,7 +14,7 @@ from .frames import AudioFrame
 
 T = TypeVar("T")
 
-#: Default capacities: half a second of audio, a fifth of video, and more captions than anybody speaks.
+#: Default capacities: half a second of audio, a fifth of video, and captions without practical limit.
 AUDIO_CAPACITY = 50
 VIDEO_CAPACITY = 6
 CAPTIONS_CAPACITY = 100
@@ -28,7 +28,7 @@ class MediaIterator(Channel[T]):
 
 
 class AudioIterator(MediaIterator[AudioFrame]):
-    """Audio, in another form if one was asked for. The conversion runs where the frames are taken."""
+    """Audio, converted on request. The conversion runs in the consumer."""
 
     def __init__(
         self,

@@ -1,8 +1,7 @@
 """The process's one client, and the one thread on which the module's blocking calls are made.
 
 The module's calls wait for its worker, `disconnect` up to five seconds, so none is made on a loop's thread.
-One thread for all keeps their order: a `connect` begins when the `disconnect` before it is done, on whichever
-loop.
+One thread for all keeps their order: a `connect` begins when the previous `disconnect` is done, on any loop.
 """
 
 from __future__ import annotations
@@ -29,7 +28,7 @@ class _Process:
 
 
 def check_process() -> None:
-    """Raises in a child that was forked after the first use: its parent's threads are not there."""
+    """Raises in a child that was forked after the first use: it lacks the parent's threads."""
     if _Process.pid not in (0, os.getpid()):
         raise RuntimeError(
             f"this process was forked (from {_Process.pid}) after its session's threads had been "
@@ -52,7 +51,7 @@ def client() -> TavrinVideoClient:
 async def claim(holder: object, loop: asyncio.AbstractEventLoop) -> bool:
     """Takes the process's session for one holder; False if another has it.
 
-    A session whose loop was closed before the session was left is left here: its program no longer can.
+    Leaves a session whose loop was closed without leaving it: its program no longer can.
     """
     check_process()
     if _Process.loop is not None and _Process.loop.is_closed():

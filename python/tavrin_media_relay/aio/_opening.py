@@ -1,4 +1,4 @@
-"""What `async with` opens and closes with its block, or `await` opens and `close` closes."""
+"""Objects that `async with` opens and closes, or `await` opens and `close` closes."""
 
 from __future__ import annotations
 
@@ -31,15 +31,15 @@ async def attempt(close: Callable[[], Awaitable[None]], outcome: asyncio.Future[
 
 
 async def settled_or_assumed(outcome: asyncio.Future[None]) -> None:
-    """Waits for an outcome whose event the module loses if the event is faster than the call. After a second
-    it is assumed to be a success, since an error would have arrived."""
+    """Waits for an outcome whose event the module loses if it precedes the call's return. After a second,
+    success is assumed, since an error would have arrived."""
     await asyncio.wait([outcome], timeout=_GRACE)
     if outcome.done():
         outcome.result()
 
 
 class Opening(Generic[T]):
-    """Nothing has happened yet: `async with` or `await` begins, and gives what was asked for."""
+    """Nothing has started yet: `async with` or `await` starts it and gives the result."""
 
     def __init__(self, begin: Callable[[], Awaitable[T]]) -> None:
         self._begin = begin

@@ -1,4 +1,4 @@
-"""What the two outputs of a publisher share: back-pressure, draining and clearing."""
+"""The common part of a publisher's two outputs: back-pressure, draining and clearing."""
 
 from __future__ import annotations
 
@@ -9,13 +9,13 @@ from . import _module
 from ._wakeups import Signal
 from .errors import PublisherError
 
-#: Seconds for which the session may accept nothing of what is written.
+#: Seconds for which the session may accept none of the written media.
 _PATIENCE = 5.0
 _RETRY = 0.05
 
 
 def queued() -> tuple[float, float]:
-    """Milliseconds of audio and of video that wait in the module. Waits for the module's worker."""
+    """Milliseconds of audio and of video queued in the module. Waits for the module's worker."""
     stats = _module.client().get_media_buffer_stats()
     if not stats:
         return 0.0, 0.0
@@ -27,12 +27,12 @@ def queued() -> tuple[float, float]:
 class Output:
     """One side, audio or video. Everything but `added` belongs to the loop.
 
-    The module accepts minutes of media at once, so it is asked how much it holds, but only when what has been
-    added since the last answer could have reached the limit.
+    The module accepts minutes of media at once, so it is asked how much it holds, but only when the media
+    added since the last answer may have reached the limit.
     """
 
     def __init__(self, side: Literal[0, 1], limit: float, usable: Callable[[], None]) -> None:
-        """limit: ms that may be queued. usable: raises if nothing may be written here and now."""
+        """limit: ms that may be queued. usable: raises if nothing may be written here or now."""
         self.changed = Signal()
         self._usable = usable
         self.added = 0
@@ -50,12 +50,12 @@ class Output:
         self.cuts = 0
 
     def check(self) -> None:
-        """Raises if nothing may be written, with the reason of the end if there was one."""
+        """Raises if nothing may be written, with the reason if it has ended."""
         self.changed.check()
         self._usable()
 
     def ran_dry(self, count: int) -> None:
-        """The module's queue was empty after so many additions."""
+        """The module's queue was empty after this many additions."""
         self._dry = max(self._dry, count)
         if count == self.added:
             self._at_most = 0.0
@@ -63,11 +63,11 @@ class Output:
 
     @property
     def is_dry(self) -> bool:
-        """Whether the module is known to hold nothing. The turn is held."""
+        """Whether the module is known to hold nothing. Call with the turn held."""
         return self._dry == self.added
 
     def emptied(self) -> None:
-        """After a clear, while nobody writes."""
+        """After a clear, while no write is under way."""
         self.ran_dry(self.added)
 
     def cut(self) -> None:
@@ -76,7 +76,7 @@ class Output:
         self.changed.notify()
 
     async def room(self, ms: float, cuts: int) -> bool:
-        """Waits until so much more may be queued; False if a clear came first. The turn is held."""
+        """Waits until this much more may be queued; False if a clear came first. Call with the turn held."""
         while True:
             self.changed.check()
             if cuts != self.cuts:
@@ -89,7 +89,7 @@ class Output:
                 await self.changed.wait(max(excess / 1000, 0.001))
 
     async def hand_over(self, add: Callable[[], bool], ms: float) -> None:
-        """Gives the module something that there is room for. The turn is held."""
+        """Hands the module a block that fits. Call with the turn held."""
         end = asyncio.get_running_loop().time() + _PATIENCE
         while not add():
             if asyncio.get_running_loop().time() > end:

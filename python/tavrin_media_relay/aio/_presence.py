@@ -23,7 +23,7 @@ class Presence:
         self._last: events.Event | None = None
 
     def listen(self, capacity: int | None) -> Channel[events.Event]:
-        """An iterator over events that begins with the present connections and streams."""
+        """An iterator over events that begins with the current connections and streams."""
         present: list[events.Event] = [events.ConnectionCreated(each) for each in self.connections.values()]
         present += [events.StreamReceived(each) for each in self.streams.values()]
         if self._last is not None:

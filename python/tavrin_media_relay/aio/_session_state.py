@@ -1,4 +1,5 @@
-"""What a session shares with its publisher and its subscribers: its loop, its end, and who is notified."""
+"""The state that a session shares with its publisher and its subscribers: its loop, its end and its
+listeners."""
 
 from __future__ import annotations
 
@@ -51,7 +52,7 @@ class SessionState:
         post(self.loop, function, *arguments)
 
     def notify(self, event: events.Event) -> None:
-        """Gives an event to all who listen."""
+        """Gives an event to all listeners."""
         self.presence.notify(event)
 
     def audio_ready(self) -> None:

@@ -1,4 +1,4 @@
-"""How tasks of a loop are woken, by native threads and by one another."""
+"""Wakes tasks of a loop, from native threads and from other tasks."""
 
 from __future__ import annotations
 
@@ -72,7 +72,7 @@ class Signal:
             raise self._ended()
 
     async def wait(self, seconds: float | None = None) -> bool:
-        """Until the next `notify`; False if the time ran out first."""
+        """Waits for the next `notify`; False on time-out."""
         self.check()
         waiter: asyncio.Future[None] = asyncio.get_running_loop().create_future()
         self._waiters.add(waiter)

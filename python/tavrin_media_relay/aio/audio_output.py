@@ -19,7 +19,7 @@ _PERIODS_A_SECOND = 100
 
 
 def as_samples(samples: Any, channels: int | None, default: int) -> tuple[memoryview, int]:
-    """A flat view on 16-bit samples, and how many channels they have."""
+    """A flat view on 16-bit samples, and their number of channels."""
     if channels is not None:
         channels = integer("channels", channels, 1, 2)
     try:
@@ -59,7 +59,7 @@ def as_samples(samples: Any, channels: int | None, default: int) -> tuple[memory
 
 
 class AudioOutput:
-    """Sound for our stream. Writes of several tasks come after one another."""
+    """Sound for our stream. Writes of several tasks follow one another."""
 
     def __init__(
         self,
@@ -89,16 +89,16 @@ class AudioOutput:
     async def write(
         self, samples: Any, *, sample_rate: int | None = None, channels: int | None = None
     ) -> bool:
-        """Queues samples to be heard: 16-bit, native byte order, any contiguous buffer of any length; or an
-        `AudioFrame`, which knows its own form.
+        """Queues samples: 16-bit, native byte order, any contiguous buffer of any length; or an `AudioFrame`,
+        which carries its format.
 
-        sample_rate: of these samples, 8000 to 48000 Hz; None: the session's. Another rate is resampled, and a
-            stream of writes at one rate is resampled as one piece.
-        channels: of these samples, 1 or 2; None: what an array of shape (frames, channels) has, else the
+        sample_rate: of these samples, 8000 to 48000 Hz; None: the session's. Another rate is resampled;
+            successive writes at one rate are resampled without seams.
+        channels: of these samples, 1 or 2; None: from an array of shape (frames, channels), else the
             session's.
 
         Waits while more than the publisher's `audio_queue` is queued. The buffer must not be changed before
-        it returns. Gives False if `clear` has cut it short, True when all has been handed over.
+        it returns. Returns False if `clear` has cut it short, True when all has been handed over.
         """
         output = self._output
         output.check()
@@ -123,7 +123,7 @@ class AudioOutput:
         return True
 
     async def drained(self) -> None:
-        """Waits until all that was written has been taken from the module's queue, as the module tells."""
+        """Waits until the module reports that everything written has left its queue."""
         output = self._output
         async with output.turn:
             await self._change_form(self._rate, self._channels, output.cuts)
@@ -135,14 +135,13 @@ class AudioOutput:
     async def clear(self) -> int:
         """Falls silent at once, as for barge-in: ends writes under way, and drops what is queued.
 
-        Gives the milliseconds of sound that will not be heard: what was queued, and what the ended writes had
-        left. Pictures that are queued are dropped with it.
+        Returns the milliseconds of sound dropped: queued sound, and the rest of the ended writes. Queued
+        pictures are dropped with it.
         """
         return round((await self._clear())[0])
 
     async def _change_form(self, rate: int, channels: int, cuts: int) -> None:
-        """Prepares the conversion from this form, after writing out what the converter of another form
-        holds."""
+        """Prepares the conversion from this form, after writing out the rest of another form's converter."""
         old, same = self._converter, (rate, channels) == (self._rate, self._channels)
         if old is None and same or old is not None and old.form_in == (rate, channels):
             return

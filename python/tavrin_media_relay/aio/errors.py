@@ -1,4 +1,4 @@
-"""What the asyncio face raises, beside TypeError and ValueError for bad arguments."""
+"""The exceptions of the asyncio API, in addition to TypeError and ValueError for bad arguments."""
 
 from __future__ import annotations
 
@@ -6,14 +6,14 @@ from typing import Final
 
 
 class MediaError(Exception):
-    """Something that the session or its server refused, or that went wrong there."""
+    """A refusal or failure of the session or its server."""
 
     NOT_STARTED: Final = -1
-    """`code` of what the module did not even start; the log tells more."""
+    """`code` when the module did not even start it; the log says more."""
     TIMED_OUT: Final = -2
-    """`code` of what got no answer in time."""
+    """`code` when no answer came in time."""
     BUSY: Final = -3
-    """`code` of what is there once at a time, and there already."""
+    """`code` when there may be only one at a time, and there is one."""
 
     def __init__(self, code: int, message: str) -> None:
         super().__init__(code, message)
@@ -38,4 +38,4 @@ class SubscriberError(MediaError):
 
 
 class ClosedError(RuntimeError):
-    """Used after its end: the message tells what ended, and how."""
+    """Used after its end: the message says what ended, and how."""

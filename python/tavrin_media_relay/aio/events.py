@@ -1,4 +1,4 @@
-"""What `Session.events()` tells: one small record for each kind, for `match` or `isinstance`."""
+"""The events of `Session.events()`: one small record for each kind, for `match` or `isinstance`."""
 
 from __future__ import annotations
 
@@ -11,14 +11,14 @@ from .errors import PublisherError, SessionError, SubscriberError
 
 @dataclass(frozen=True, slots=True)
 class ConnectionCreated:
-    """Another participant is there."""
+    """Another participant is present."""
 
     connection: Connection
 
 
 @dataclass(frozen=True, slots=True)
 class ConnectionDropped:
-    """Another participant has gone."""
+    """Another participant has left."""
 
     connection: Connection
 
@@ -39,7 +39,7 @@ class StreamDropped:
 
 @dataclass(frozen=True, slots=True)
 class SubscriberConnected:
-    """Media of a stream that we subscribed to will come."""
+    """A subscription is established; its media follow."""
 
     stream: Stream
 

@@ -1,4 +1,4 @@
-"""What the iterators give. A frame owns what it shows: it may be kept, passed on and read at any time."""
+"""The items of the iterators. A frame owns its data: it may be kept, passed on and read at any time."""
 
 from __future__ import annotations
 
@@ -37,7 +37,7 @@ class AudioFrame:
     samples: Samples
     """All samples, left and right in turn if there are two channels."""
     arrived: float
-    """`time.monotonic()` when the module told of it."""
+    """`time.monotonic()` when the module delivered it."""
 
     @property
     def frame_count(self) -> int:
@@ -50,7 +50,7 @@ class AudioFrame:
         return self.frame_count / self.sample_rate
 
     def tobytes(self) -> bytes:
-        """A copy, as WAV files hold it."""
+        """A copy, in the byte order of WAV files."""
         return self.samples.tobytes()
 
     def numpy(self) -> Int16Array:
@@ -68,7 +68,7 @@ class VideoFrame:
     pixels: memoryview
     """All three planes, without padding."""
     arrived: float
-    """`time.monotonic()` when the module told of it."""
+    """`time.monotonic()` when the module delivered it."""
 
     def planes(self) -> tuple[memoryview, memoryview, memoryview]:
         """Y, U and V: the same memory, each of shape (height, width)."""
@@ -86,8 +86,8 @@ class VideoFrame:
         return y, u, v
 
     def to_rgb(self) -> memoryview:
-        """The picture in bytes R, G, B, of shape (height, width, 3), in memory of its own, which
-        `numpy.asarray` takes without a copy. For Pillow:
+        """The picture in bytes R, G, B, of shape (height, width, 3), in its own memory, which `numpy.asarray`
+        takes without a copy. For Pillow:
         `Image.frombytes("RGB", (width, height), rgb.tobytes())`.
 
         Takes 0.4 ms for 1280x720 and 1.3 ms for 1920x1080; `await asyncio.to_thread(frame.to_rgb)` keeps the
@@ -105,4 +105,4 @@ class Caption:
     is_final: bool
     """False while the words may still change: the next text replaces this one."""
     arrived: float
-    """`time.monotonic()` when the module told of it."""
+    """`time.monotonic()` when the module delivered it."""

@@ -18,7 +18,7 @@ from .video_output import VideoOutput
 
 
 def _clear_and_measure() -> tuple[float, float]:
-    """Drops what is queued; gives how much it was, ms of audio and of video."""
+    """Drops the queued media; returns the ms of audio and of video dropped."""
     before = queued()
     _module.client().clear_media_buffers()
     return before
@@ -65,14 +65,14 @@ class Publisher:
 
     @property
     def audio(self) -> AudioOutput:
-        """Where sound is written. Raises RuntimeError if the stream is published without."""
+        """The output for sound. Raises RuntimeError if the stream is published without."""
         if self._audio is None:
             raise RuntimeError(f"{self.name!r} is published without audio: publish(..., audio=True)")
         return self._audio
 
     @property
     def video(self) -> VideoOutput:
-        """Where pictures are written. Raises RuntimeError if the stream is published without."""
+        """The output for pictures. Raises RuntimeError if the stream is published without."""
         if self._video is None:
             raise RuntimeError(f"{self.name!r} is published without video: publish(..., video=True)")
         return self._video
@@ -91,8 +91,8 @@ class Publisher:
         return written[0], written[1]
 
     async def clear(self) -> tuple[float, float]:
-        """Drops all that waits to be heard and seen, and ends the writes under way; ms of audio and of video
-        that were dropped. See `AudioOutput.clear`."""
+        """Drops all queued sound and pictures, and ends the writes under way; returns the ms of audio and of
+        video dropped. See `AudioOutput.clear`."""
         self.check()
         for output in self._outputs:
             output.cut()
@@ -106,8 +106,8 @@ class Publisher:
                 raise
         try:
             self.check()
-            # Agents clear at every sound that they hear: the module's worker is asked only if something may
-            # be queued.
+            # Agents clear at every sound they hear: the module's worker is asked only if something may be
+            # queued.
             dry = all(output.is_dry for output in self._outputs)
             dropped = [0.0, 0.0] if dry else list(await _module.call(_clear_and_measure))
             for output in self._outputs:
@@ -134,13 +134,13 @@ class Publisher:
     # ---- for the other classes of this package ----------------------------------------------------------
 
     def check(self) -> None:
-        """Raises if nothing may be published here and now."""
+        """Raises if nothing may be published here or now."""
         self._state.check()
         if self._ended is not None:
             raise ClosedError(self._ended)
 
     async def queued(self) -> tuple[float, float]:
-        """Milliseconds of audio and of video that wait to be heard and seen."""
+        """Milliseconds of audio and of video queued."""
         return await _module.call(queued)
 
     async def open(self) -> Publisher:
@@ -158,8 +158,8 @@ class Publisher:
         self._end(reason)
 
     def on_drained(self) -> None:
-        """On the module's worker. What is queued now tells which side has drained; if a write came in
-        between, another notice follows."""
+        """On the module's worker. The current queues show which side has drained; if a write came in between,
+        another notice follows."""
         added = [(output, output.added) for output in self._outputs]
         left = queued()
         for output, count in added:

@@ -1,4 +1,4 @@
-"""A session as a program sees it."""
+"""The session object of a program."""
 
 from __future__ import annotations
 
@@ -53,7 +53,7 @@ class Session:
         self._subscribers: dict[str, Subscriber] = {}
         self._mix: Fan[AudioFrame] = Fan(self._state.waker, "audio frames")
         self._outcome: asyncio.Future[None] = self._state.loop.create_future()
-        self._started = False  # the module has begun to join: there is something to leave
+        self._started = False  # the module has begun joining, so the session must be left
         self._closing: asyncio.Future[bool] | None = None
 
     @property
@@ -68,12 +68,12 @@ class Session:
 
     @property
     def connections(self) -> tuple[Connection, ...]:
-        """The other participants that are there now."""
+        """The other participants now present."""
         return tuple(self._state.presence.connections.values())
 
     @property
     def streams(self) -> tuple[Stream, ...]:
-        """The streams of others that are there now."""
+        """The streams of the others now present."""
         return tuple(self._state.presence.streams.values())
 
     @property
@@ -92,11 +92,11 @@ class Session:
         return self._state.ended is not None
 
     def events(self, *, capacity: int | None = None) -> Channel[Event]:
-        """An async iterator over what happens, which begins with the connections and streams that are there
-        now.
+        """An async iterator over the session's events, which begins with the current connections and streams.
 
         It ends with the session; a failure or an end by the server is its last event. Each call gives an
-        iterator of its own; of a consumer that lags behind `capacity` (1,000) events the oldest are dropped.
+        iterator of its own; when a consumer lags by more than `capacity` (1,000) events, the oldest are
+        dropped.
         """
         self._state.check_place()
         return self._state.presence.listen(capacity)
@@ -114,8 +114,7 @@ class Session:
         return AudioIterator(self._mix, capacity, policy, sample_rate, channels)
 
     async def wait_for_stream(self, suits: Callable[[Stream], bool] | None = None) -> Stream:
-        """The first stream that is there or comes, of those that suit; ClosedError if the session ends
-        first."""
+        """The first matching stream, present or future; ClosedError if the session ends first."""
         async for event in self.events():
             if isinstance(event, events.StreamReceived) and (suits is None or suits(event.stream)):
                 return event.stream
@@ -134,14 +133,13 @@ class Session:
             raise SessionError(failure.code, failure.message)
 
     def statistics(self) -> Statistics:
-        """Figures of the library, and of what this session's outputs and iterators did. Also after the
-        end."""
+        """Figures of the library and of this session's outputs and iterators. Also after the end."""
         _module.check_process()
         library = library_statistics()
         deliveries = {each["stream"]: each for each in (library or {}).get("subscribers", {}).values()}
         streams = {name: each.figures(deliveries.get(name, {})) for name, each in self._subscribers.items()}
         written = self._publisher.written_ms if self._publisher is not None else (0.0, 0.0)
-        import _tavrin_video  # here: the command line imports this face where nothing is built
+        import _tavrin_video  # here: the command line imports this package where nothing is built
 
         escaped = _tavrin_video.__statistics__.escaped_views
         return Statistics(library, self._mix.figures(), streams, *written, escaped)
@@ -160,7 +158,7 @@ class Session:
     ) -> Opening[Publisher]:
         """Publishes our stream: `async with session.publish("me") as publisher:`, or `await` and `close`.
 
-        audio, video: what the stream has. captions: let the server make captions of what we say.
+        audio, video: what the stream has. captions: let the server caption our speech.
         stereo, dtx: how the sound is coded. audio_queue, video_queue: seconds that may be queued before a
         `write` waits. Raises PublisherError if it is refused; one stream is published at a time.
         """

@@ -1,4 +1,4 @@
-"""Figures of a session: the library's own, and those of the asyncio face."""
+"""Figures of a session: the library's own, and those of the asyncio API."""
 
 from __future__ import annotations
 
@@ -23,24 +23,24 @@ class Received:
     lost: int = 0
     """Dropped by the library, because the module did not take them in time."""
     waiting: int = 0
-    """In the queues of the iterators now, all of them together."""
+    """Now queued in the iterators, all of them together."""
     escaped_views: int = 0
-    """Blocks or pictures whose memory outlived the module's call, because an iterator took them. Captions are
-    plain text: of those there are none."""
+    """Blocks or pictures whose memory outlived the module's call, because an iterator took them. None for
+    captions, which are plain text."""
     delay_p50: float = 0.0
-    """Seconds from the module's call to the consumer's body: at most an eighth above the true value, as the
+    """Seconds from the module's call to the consumer's body: at most an eighth above the true value, like the
     others."""
     delay_p99: float = 0.0
     delay_max: float = 0.0
     callable_p50: float = 0.0
-    """Seconds that the module's thread was kept."""
+    """Seconds that the module's thread was occupied."""
     callable_p99: float = 0.0
     callable_max: float = 0.0
 
 
 @dataclass(frozen=True, slots=True)
 class StreamFigures:
-    """What came of one subscribed stream."""
+    """The media of one subscribed stream."""
 
     audio: Received = field(default_factory=Received)
     video: Received = field(default_factory=Received)
@@ -49,23 +49,22 @@ class StreamFigures:
 
 @dataclass(frozen=True, slots=True)
 class Statistics:
-    """What `Session.statistics()` gives; `dataclasses.asdict` makes plain data of it."""
+    """The result of `Session.statistics()`; `dataclasses.asdict` makes plain data of it."""
 
     library: dict[str, Any] | None
     """Pacing, gaps, repeated and dropped pictures, and under "callbacks" how long each kind of media waited
-    for the module and how long each call took, to our callable and back: counters of our real-time library
-    since it was loaded, in the words of its header sarnet_statistics.h. None with a library that keeps
-    none."""
+    for the module and how long each call to our callable took: counters of our real-time library since it was
+    loaded, named as in its header sarnet_statistics.h. None with a library that has none."""
     mix: Received
     """The mixed audio of the session."""
     streams: dict[str, StreamFigures]
-    """By stream id: what is subscribed to now."""
+    """By stream id, for the current subscriptions."""
     audio_written_ms: float
-    """By the present publisher."""
+    """By the current publisher."""
     video_written_ms: float
     escaped_views: int = 0
-    """The module's own count, for the whole process: blocks and pictures of which somebody still had a view
-    when the callable that got them had returned."""
+    """The module's own count, for the whole process: blocks and pictures that still had a view when their
+    callable had returned."""
 
 
 class Delays:
@@ -76,7 +75,7 @@ class Delays:
         self.maximum = 0.0
 
     def add(self, seconds: float) -> None:
-        # The four highest bits of the number, and how many there are below them.
+        # The four highest bits of the number, and the count of bits below them.
         microseconds = min(int(seconds * 1e6), 1 << 40)
         below = max(0, microseconds.bit_length() - 4)
         self.counts[8 * below + (microseconds >> below)] += 1
@@ -84,7 +83,7 @@ class Delays:
             self.maximum = seconds
 
     def quantile(self, share: float) -> float:
-        """Seconds, the upper bound of the step that the quantile falls into; 0 if there is nothing."""
+        """Seconds, the upper bound of the step that the quantile falls into; 0 if it is empty."""
         rank, seen = share * sum(self.counts), 0
         for step, count in enumerate(self.counts):
             seen += count
@@ -95,8 +94,8 @@ class Delays:
 
 
 class Totals:
-    """Counts of the items of one source. Its thread writes the counts of arrivals and drops, the loop the
-    others."""
+    """Counts of the items of one source. The source's thread writes the counts of arrivals and drops, the
+    loop the others."""
 
     def __init__(self) -> None:
         self.received = 0
@@ -104,7 +103,7 @@ class Totals:
         self.kept = 0
         """Items that an iterator took, so that they outlive the module's call."""
         self.spent = Delays()
-        """Time that the module's thread was kept."""
+        """Time that the module's thread was occupied."""
         self.delivered = 0
         self.delays = Delays()
         """From the arrival of an item to its consumer's body."""
@@ -128,7 +127,7 @@ class Totals:
 
 
 def library_statistics() -> dict[str, Any] | None:
-    """The counters of the real-time library in this process; None if there is none that keeps any."""
+    """The counters of the real-time library in this process; None if it has none."""
     library = libraries.find_sarnet()
     function = getattr(library, "srn_statistics_json", None) if library is not None else None
     if function is None:

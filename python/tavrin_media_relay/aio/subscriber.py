@@ -1,4 +1,4 @@
-"""A stream of somebody else's that we receive."""
+"""A received stream of another participant."""
 
 from __future__ import annotations
 
@@ -25,8 +25,8 @@ class Subscriber:
     """Made by `Session.subscribe`. Ends with its `async with`, with `close`, with the stream or the session.
 
     Each call of the three methods below gives an iterator of its own, which receives everything from that
-    call on, and ends when the subscription does. `capacity` items wait for a slow consumer; then the oldest
-    gives way and is counted in `dropped`. With the policy "latest" only the newest one waits.
+    call on, and ends when the subscription does. `capacity` items are queued for a slow consumer; then the
+    oldest is dropped and counted in `dropped`. With the policy "latest" only the newest one is queued.
     """
 
     def __init__(
@@ -76,7 +76,7 @@ class Subscriber:
     def video_frames(
         self, *, capacity: int | None = None, policy: Policy = "drop_oldest"
     ) -> MediaIterator[VideoFrame]:
-        """The stream's pictures. capacity: pictures, 6 if left out; each that waits holds its pixels."""
+        """The stream's pictures. capacity: pictures, 6 if left out; each queued one keeps its pixels."""
         self._check("video", self._settings.subscribe_to_video)
         return MediaIterator(self._video_fan, capacity, policy, VIDEO_CAPACITY)
 
@@ -163,7 +163,7 @@ class Subscriber:
             self._state.notify(events.SubscriberFailed(self.stream, error))
 
     def _see_media(self) -> None:
-        # Media prove the subscription as well as the event does, which may have been lost.
+        # Media prove the subscription too: its event may have been lost.
         self._media_seen = True
         self._state.post(settle, self._outcome)
 

@@ -12,8 +12,7 @@ from ..models import VideoFrame as NativeFrame
 from . import _module, frames
 from ._output import Output
 
-#: Pixels that are converted in 0.2 to 0.4 ms. More of them, 1 to 2 ms for 1920x1080, would block the loop too
-#: long.
+#: Pixels that take 0.2 to 0.4 ms to convert. More, 1 to 2 ms for 1920x1080, would block the loop too long.
 _SMALL = 1280 * 720
 
 _worker: ThreadPoolExecutor | None = None
@@ -67,7 +66,7 @@ class VideoOutput:
             (height * 3 // 2, width) for YUV420P; flat bytes have the session's own format.
 
         Waits while more than the publisher's `video_queue` is queued. The buffer must not be changed before
-        it returns. Gives False if a clear came first.
+        it returns. Returns False if a clear came first.
         """
         output = self._output
         output.check()
@@ -84,7 +83,7 @@ class VideoOutput:
         return True
 
     async def drained(self) -> None:
-        """Waits until all that was written has been shown, as the module tells."""
+        """Waits until the module reports that everything written has been shown."""
         await self._output.wait_dry()
 
     def _pixels(self, frame: Any, layout: str | None) -> tuple[Any, str]:

@@ -1,8 +1,8 @@
 """The command line: `python -m tavrin_media_relay`, or `tavrin-media-relay` where the package is installed.
 
-One module a subcommand, but for the four of a server. Each has `add(parsers)`, which declares the options,
-and a function that takes them and a `Terminal` and gives the exit code: 0 fine, 1 the session or a file
-failed, 2 (argparse's) wrong usage, 130 and 143 when it was interrupted before its work was done.
+One module per subcommand, except for the server's four. Each has `add(parsers)`, which declares the options,
+and a function that takes them and a `Terminal` and returns the exit code: 0 success, 1 the session or a file
+failed, 2 (argparse's) wrong usage, 130 and 143 interrupted before its work was done.
 """
 
 from __future__ import annotations
@@ -47,7 +47,7 @@ def _parser() -> argparse.ArgumentParser:
 
 
 def main(arguments: Sequence[str] | None = None) -> int:
-    """Runs one command. Takes over standard output, so that the process can only exit afterwards."""
+    """Runs one command. Takes over standard output, so the process can only exit afterwards."""
     options = _parser().parse_args(arguments)
     terminal = Terminal(as_json=getattr(options, "json", False))
     try:
@@ -56,7 +56,7 @@ def main(arguments: Sequence[str] | None = None) -> int:
         terminal.fail(str(failure), failure.code)
     except KeyboardInterrupt:
         return 130
-    except BrokenPipeError:  # whoever read our output has gone
+    except BrokenPipeError:  # the reader of our output has gone
         terminal.forget_output()
     except OSError as error:
         terminal.fail(f"{error.filename}: {error.strerror}" if error.filename else str(error))

@@ -1,4 +1,4 @@
-"""What ends a command with exit code 1."""
+"""The exception that ends a command with exit code 1."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""Events and figures of a visit, second by second: summed up for its end, and written to a file for
+"""Events and figures of a visit, second by second: summed up at its end, and written to a file for
 `report`."""
 
 from __future__ import annotations
@@ -15,12 +15,12 @@ from .._native.libraries import find_sarnet
 from ..aio import Session, library_statistics
 from ._failure import Failure
 
-#: Counters that end so are times: of these the worst is told, not the sum.
+#: Counters with these endings are times: the worst is reported, not the sum.
 _TIME = "_us"
 
 
 def reset_library() -> None:
-    """Sets the library's counters to zero, so that the next figures are those of the time from now on."""
+    """Sets the library's counters to zero, so that figures count from now on."""
     function = getattr(find_sarnet(), "srn_statistics_reset", None)
     if function is not None:
         function()
@@ -35,7 +35,7 @@ class Figures:
         self.totals: dict[str, dict[str, int]] = {}
         """The library's counters since the beginning."""
         self.fault = ""
-        """Why the file has an early end, if it has."""
+        """Why the file ends early, if it does."""
         if path is not None:
             try:
                 path.parent.mkdir(parents=True, exist_ok=True)
@@ -66,7 +66,7 @@ class Figures:
         self._write("event", event=name, **fields)
 
     async def sample(self, session: Session, waiting: int) -> None:
-        """The figures since the last call. waiting: media that wait in our own iterators."""
+        """The figures since the last call. waiting: media queued in our own iterators."""
         library = library_statistics()
         reset_library()
         for part, counters in (library or {}).items():

@@ -1,4 +1,4 @@
-"""How loud samples are, as bars show it."""
+"""The loudness of samples, for bars."""
 
 from __future__ import annotations
 

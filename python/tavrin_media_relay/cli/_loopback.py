@@ -1,4 +1,4 @@
-"""A second on the embedded engine: what is spoken must be recorded, and what others send must arrive."""
+"""A second on the embedded engine: what we publish must be recorded, and what others send must arrive."""
 
 from __future__ import annotations
 
@@ -49,8 +49,7 @@ class LoopbackFigures:
     escaped_views: int
     """Received blocks of audio that outlived the module's call."""
     pacing: dict[str, Any] | None
-    """The library's counters of what we sent while we spoke: once speech has ended, three periods are left
-    out."""
+    """The library's counters of our audio during speech only: after speech, three periods are skipped."""
     library: dict[str, Any] | None
     """The library's counters at the end."""
 
@@ -59,7 +58,7 @@ class LoopbackFigures:
 
 
 def _spoken() -> bytes:
-    """Samples that a recording can't hold by chance, in stereo."""
+    """Stereo samples that a recording can't contain by chance."""
     count = int(_SPOKEN_S * _RATE)
     wave_ = (int(6000 * math.sin(i * i / 4e6) + i % 97) for i in range(count) for _ in range(2))
     return array.array("h", wave_).tobytes()
@@ -102,7 +101,7 @@ async def _show(video: aio.VideoOutput, picture: bytes) -> None:
 
 
 async def _recorded(folder: Path) -> tuple[bytes, bytes]:
-    """Samples and pictures, once the recording is complete, as its log tells."""
+    """Samples and pictures, once the log shows that the recording is complete."""
     end = time.monotonic() + _PATIENCE
     while not has_told(folder, "closed"):
         if time.monotonic() > end:
@@ -114,7 +113,7 @@ async def _recorded(folder: Path) -> tuple[bytes, bytes]:
 
 
 async def loopback(folder: Path, logging: LoggingSettings) -> LoopbackFigures:
-    """Joins a session of its own; the folder takes its scenario and recording. Raises whatever goes wrong."""
+    """Joins a session of its own, with its scenario and recording in the folder. Raises any failure."""
     peer = {"id": "peer", "audio": {"tone_hz": 440}, "video": {"testcard": True, "width": 320, "height": 240}}
     scenario = folder / "scenario.json"
     scenario.write_text(json.dumps({"participants": [peer], "record": "recording"}))

@@ -1,4 +1,4 @@
-"""Media files as streams of samples and pictures: plain WAV by Python itself, all else by the program
+"""Media files as streams of samples and pictures: plain WAV by Python itself, others by the program
 ffmpeg."""
 
 from __future__ import annotations
@@ -36,7 +36,7 @@ class Form:
 class MediaFile:
     path: Path
     seconds: float | None
-    """Length, if the file tells."""
+    """Length, if the file states it."""
     audio: bool
     video: Form | None
     still: bool = False
@@ -101,7 +101,7 @@ def probe(path: Path) -> MediaFile:
 async def _ffmpeg(
     path: Path, before: list[str], after: list[str], limit: int
 ) -> AsyncIterator[asyncio.StreamReader]:
-    """The decoder's output. Raises Failure at its end if it failed; ends the decoder if we leave first."""
+    """The decoder's output. Raises Failure at its end if it failed; ends the decoder if we stop first."""
     with tempfile.TemporaryFile() as complaints:
         process = await asyncio.create_subprocess_exec(
             *decoding(path, after, before),
@@ -126,7 +126,7 @@ async def _ffmpeg(
 
 
 async def samples(file: MediaFile) -> AsyncGenerator[tuple[bytes, int, int], None]:
-    """Pieces of a tenth of a second: 16-bit samples, their rate and channels."""
+    """Blocks of a tenth of a second: 16-bit samples, their rate and channels."""
     if file.wave:
         reader = open_wave(file.path)
         if reader is None:

@@ -14,7 +14,7 @@ Run = Callable[[argparse.Namespace, Terminal], int]
 
 
 def command(commands: Any, name: str, run: Run, summary: str, description: str) -> argparse.ArgumentParser:
-    """A subcommand with what all of them have."""
+    """A subcommand with the common options."""
     parser: argparse.ArgumentParser = commands.add_parser(
         name, help=summary, description=description, formatter_class=argparse.RawDescriptionHelpFormatter
     )

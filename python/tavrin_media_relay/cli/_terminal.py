@@ -1,4 +1,4 @@
-"""What a command shows: lines and live bars for people, or one JSON object a line for machines.
+"""A command's output: lines and live bars for people, or one JSON object per line for machines.
 
 Standard output carries nothing else. The module's native log writes to the process's standard output as well,
 so descriptor 1 is redirected to standard error, and ours is a duplicate of the original.
@@ -14,7 +14,7 @@ import time
 from dataclasses import asdict, dataclass
 from typing import Any, Iterator
 
-_PLAIN_SECONDS = 5.0  # between the lines that stand in for live bars
+_PLAIN_SECONDS = 5.0  # between the lines that replace live bars
 
 
 @dataclass(frozen=True)
@@ -43,7 +43,7 @@ class Terminal:
                 self._rich = Console(file=self._out, highlight=False)
 
     def tell(self, kind: str, text: str, /, **fields: object) -> None:
-        """Something that happened: the text for people, the rest for machines."""
+        """An event: the text for people, the rest for machines."""
         if self.as_json:
             print(
                 json.dumps({"event": kind, **fields}, ensure_ascii=False, default=str),
@@ -56,7 +56,7 @@ class Terminal:
             print(text, file=self._out, flush=True)
 
     def result(self, fields: dict[str, Any]) -> None:
-        """The one object of a command that tells all at its end. Nothing for people."""
+        """The one object that sums up a command at its end. Nothing for people."""
         if self.as_json:
             print(json.dumps(fields, ensure_ascii=False, default=str), file=self._out, flush=True)
 
@@ -70,7 +70,7 @@ class Terminal:
             print(f"tavrin-media-relay: {text}", file=sys.stderr, flush=True)
 
     def forget_output(self) -> None:
-        """Discards all further output, which nobody reads any more."""
+        """Discards all further output, which nobody reads."""
         with open(os.devnull, "w") as nowhere:
             os.dup2(nowhere.fileno(), self._out.fileno())
 
@@ -80,11 +80,11 @@ class Terminal:
         try:
             self._out.close()
         except OSError:
-            pass  # told when it was written, or nobody reads it any more
+            pass  # reported at the write, or there is no reader left
 
     @contextlib.contextmanager
     def live(self) -> Iterator[Live]:
-        """A display that `show` renews, as often as one likes."""
+        """A display that `show` updates, at any rate."""
         if self._rich is None or not self._rich.is_terminal:
             yield Live(self, None)
             return
@@ -95,7 +95,7 @@ class Terminal:
 
 
 class Live:
-    """Bars on a terminal where rich is installed; else now and then a line, for machines one a second."""
+    """Bars on a terminal if rich is installed; else a line every few seconds, for machines every second."""
 
     def __init__(self, terminal: Terminal, rich: Any) -> None:
         self._terminal = terminal

@@ -1,5 +1,4 @@
-"""A command's stay in a session: joining, telling what happens, figures each second, and the ways to its
-end."""
+"""A command's visit to a session: joining, reporting events, figures each second, and the ways to end."""
 
 from __future__ import annotations
 
@@ -20,16 +19,16 @@ _SIGNALS = (signal.SIGINT, signal.SIGTERM)
 
 
 class Visit:
-    """What a command works with while it is in the session. Made by `run`."""
+    """A command's access to its session while joined. Made by `run`."""
 
     def __init__(self, session: aio.Session, terminal: Terminal, figures: Figures) -> None:
         self.session = session
         self.terminal = terminal
         self.figures = figures
         self.stopped: int | None = None
-        """The signal that asked us to end, if one did."""
+        """The signal that stopped us, if any."""
         self.waiting: Callable[[], int] = lambda: 0
-        """Tells how much waits in the command's iterators; for the figures."""
+        """Returns how much is queued in the command's iterators; for the figures."""
         self._stop = asyncio.Event()
 
     def stop(self, number: int) -> None:
@@ -37,9 +36,9 @@ class Visit:
         self._stop.set()
 
     async def until_stopped(self, work: Awaitable[object], patient: bool = False) -> bool:
-        """Runs the work to its end, or until a signal comes: then it is cancelled, and False given. So it is,
-        if `patient`, when the server ends the session. Raises what the work raises, or how the session
-        failed."""
+        """Runs the work to its end, or until a signal comes: then it is cancelled, and the result is False.
+        The same, if `patient`, when the server ends the session. Raises the work's exception, or the
+        session's failure."""
         task = asyncio.ensure_future(work)
         ends = [asyncio.ensure_future(each) for each in (self._stop.wait(), self.session.ended())]
         try:
@@ -57,7 +56,7 @@ class Visit:
             await _tasks.end(task, *ends)
 
     async def watch(self) -> None:
-        """Tells of participants and streams until the session is over."""
+        """Reports participants and streams until the session is over."""
         async for event in self.session.events():
             name = type(event).__name__
             about: Any = getattr(event, "stream", None) or getattr(event, "connection", None)
@@ -130,7 +129,7 @@ def run(
     av: SessionAVSettings | None = None,
     figures: Path | None = None,
 ) -> int:
-    """Joins as the options say, runs the body, and leaves. Gives the body's exit code."""
+    """Joins as the options say, runs the body, and leaves. Returns the body's exit code."""
     if options.host:
         os.environ["API_HOSTNAME"] = options.host
     try:

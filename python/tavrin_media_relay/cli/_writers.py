@@ -17,7 +17,7 @@ _END_SECONDS = 20.0  # for the encoder to finish
 
 
 class SoundFile:
-    """A WAV file. Where sound was lost on its way there is silence of the same length."""
+    """A WAV file. Lost sound is replaced by silence of the same length."""
 
     def __init__(self, path: Path) -> None:
         self.path = path
@@ -44,10 +44,10 @@ class SoundFile:
 
 
 class PictureFile:
-    """Pictures at an even rate: each is repeated, or left out, as the times of arrival ask for.
+    """Pictures at an even rate: repeated or dropped according to the times of arrival.
 
     Matroska through the program ffmpeg, or Y4M, which needs no program but 14 MB for a second of 640x480. The
-    calls may wait for the disk or the encoder: not for an event loop's thread.
+    calls may wait for the disk or the encoder: do not call them on an event loop's thread.
     """
 
     def __init__(self, path: Path, width: int, height: int, encode: bool) -> None:

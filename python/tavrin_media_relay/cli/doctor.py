@@ -26,9 +26,9 @@ Grade = Literal["ok", "note", "bad"]
 _MARKS = {"ok": "  ok  ", "note": " note ", "bad": " BAD  "}
 
 _QUANTILES = ("p50", "p99", "max")
-#: Milliseconds of lateness from which an ear may notice.
+#: Milliseconds of lateness that an ear may notice.
 _LATE_MS = 20.0
-#: Periods that may be missing from a second: what one short stall leaves out.
+#: Periods that may be missing from a second: one short stall skips as many.
 _GAPS = 5
 _DESCRIPTION = """\
 Tells versions, which libsarnet.so is in use and which engines it has, plays and records a second on the
@@ -41,7 +41,7 @@ def add(commands: Any) -> None:
 
 
 class _Findings:
-    """Told as they are found, and gathered for machines."""
+    """Printed as they are found, and collected for machines."""
 
     def __init__(self, terminal: Terminal) -> None:
         self._terminal = terminal
@@ -162,7 +162,7 @@ def _look_at_helpers(findings: _Findings) -> None:
 
 @contextlib.contextmanager
 def _quiet_host() -> Iterator[None]:
-    """The loopback is the embedded engine's, whatever the environment says."""
+    """The loopback uses the embedded engine, regardless of the environment."""
     before = os.environ.pop("API_HOSTNAME", None)
     try:
         yield
@@ -175,7 +175,7 @@ def _try_out(findings: _Findings) -> LoopbackFigures | None:
     with _quiet_host(), tempfile.TemporaryDirectory(prefix="tavrin-doctor-") as folder:
         try:
             figures = asyncio.run(loopback(Path(folder), LoggingSettings("error")))
-        except Exception as error:  # whatever it is: that a session does not work is what we were asked
+        except Exception as error:  # any failure: whether a session works is the question
             advice = "See what happens: record --log-level info --session try --out /tmp/try"
             findings.add("bad", "loopback", f"{type(error).__name__}: {error}", advice)
             return None
@@ -202,7 +202,7 @@ def _times(times: dict[str, float], digits: int = 1) -> str:
 
 
 def _tell_callbacks(findings: _Findings, callbacks: dict[str, int]) -> None:
-    """How long media waited for the module, and how long its callbacks took with our callables in them."""
+    """How long media waited for the module, and how long its callbacks took, our callables included."""
     if not callbacks:
         return
     parts = []

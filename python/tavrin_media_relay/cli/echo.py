@@ -33,7 +33,7 @@ def add(commands: Any) -> None:
 
 
 async def _subscribe_to_all(session: aio.Session, terminal: Terminal) -> None:
-    """What is subscribed to is in the mix; the subscriptions end with their streams and the session."""
+    """The mix contains what is subscribed to; subscriptions end with their streams and the session."""
     async for event in session.events():
         if isinstance(event, aio.StreamReceived):
             try:

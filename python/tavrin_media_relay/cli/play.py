@@ -18,7 +18,7 @@ from ._terminal import Bar, Live, Terminal
 from ._visit import Visit, run
 
 _QUEUE = 0.4  # seconds that wait on either side, so that sound and pictures start together
-_LINGER = 0.3  # seconds until what left the queue has been sent as well
+_LINGER = 0.3  # seconds until media that left the queue have been sent
 _DESCRIPTION = """\
 Publishes audio and video files, one after another, as one stream of the session, and leaves at their end.
 
@@ -102,7 +102,7 @@ class _Player:
             async for picture in frames:
                 if self._file.audio:
                     await self._sound_begun.wait()
-                # A decoder that can't keep up loses pictures, so that the lips stay with the voice.
+                # If the decoder can't keep up, pictures are dropped to keep lip-sync.
                 if self._video_at + 3 * frame > self._audio_at - _QUEUE or not self._file.audio:
                     await video.write(picture, layout="YUV420P")
                 self._video_at += frame

@@ -110,7 +110,7 @@ class _Recording:
         try:
             async for frame in frames:
                 size = (frame.width, frame.height)
-                if file is None or file.size != size:  # a stream may change its size: then a new file begins
+                if file is None or file.size != size:  # a stream may change its size, which begins a new file
                     if file is not None:
                         await self._close(file)
                     number += 1

@@ -70,7 +70,7 @@ class Course:
 
 
 def read(path: Path) -> Course:
-    """Raises Failure, with the line, if it is no file of figures."""
+    """Raises Failure, with the line, if it is not a file of figures."""
     if path.is_dir():
         path /= LOG
     course = Course()
@@ -147,7 +147,7 @@ def draw(course: Course, title: str, target: Path) -> None:
                 axes.axvline(at, color="grey", linewidth=0.5, alpha=0.5)
     try:
         figure.savefig(target)
-    except (OSError, ValueError) as error:  # ValueError: an ending that stands for no kind of picture
+    except (OSError, ValueError) as error:  # ValueError: an ending of no picture format
         raise Failure(f"cannot write {target}: {error}") from None
     finally:
         pyplot.close(figure)

@@ -29,7 +29,7 @@ def add(commands: Any) -> None:
 
 
 def fault_of(path: Path) -> str:
-    """What the library says is wrong; empty when the scenario can be played."""
+    """The library's error text; empty when the scenario can be played."""
     import _tavrin_video  # noqa: F401  brings the library into the process
 
     from .._native.libraries import find_sarnet

@@ -1,4 +1,4 @@
-"""A server of one's own for development and tests: Debian's Janus, configured, started and stopped.
+"""A private server for development and tests: Debian's Janus, configured, started and stopped.
 
 `RelayServer` runs one; `tokens` signs who may enter. On the command line:
 `python3 -m tavrin_media_relay.server`.

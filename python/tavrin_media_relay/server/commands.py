@@ -32,7 +32,7 @@ _UNITS = {"s": 1, "m": 60, "h": 3600, "d": DAY}
 
 
 class Tell(Protocol):
-    """Shows what happened: the text for people, its kind and the fields for machines."""
+    """Shows an event: the text for people, its kind and the fields for machines."""
 
     def __call__(self, kind: str, text: str, /, **fields: object) -> None:
         ...
@@ -56,7 +56,7 @@ def ports(text: str) -> tuple[int, int]:
 
 
 class _FromEnvironment(argparse.Action):
-    """An option that is refused: the arguments of a program are seen by everyone on its machine."""
+    """An option that is refused: everyone on the machine can see a program's arguments."""
 
     def __init__(self, option_strings: Sequence[str], dest: str, const: str) -> None:
         super().__init__(option_strings, argparse.SUPPRESS, const=const, help=argparse.SUPPRESS)
@@ -136,7 +136,7 @@ def how_to_join(server: RelayServer) -> str:
 
 def stop_on_signals() -> None:
     def leave(number: int, frame: FrameType | None) -> None:
-        # Not again: the stopping that follows takes a moment and must not be cut short.
+        # Only once: stopping takes a moment and must not be cut short.
         for name in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
             signal.signal(name, signal.SIG_IGN)
         raise SystemExit(0)
@@ -164,7 +164,7 @@ def relay(arguments: argparse.Namespace, tell: Tell) -> int:
 
 
 def room(arguments: argparse.Namespace, tell: Tell) -> int:
-    """The server, the page, and a program to talk to: all that there is to a first conversation."""
+    """The server, the page, and a program to talk to: all that a first conversation needs."""
     stop_on_signals()
     settings = settings_from(arguments)
     name = settings.rooms[0]
@@ -215,7 +215,7 @@ def add_token_options(parser: argparse.ArgumentParser) -> None:
 
 
 def signed_token(arguments: argparse.Namespace) -> str:
-    """Signed with the secret in the environment, or with that of the server that runs here."""
+    """Signed with the secret in the environment, or with that of the server running here."""
     secret = os.environ.get(SECRET_VARIABLE, "")
     file = (arguments.folder or _settings.default_folder(arguments.port)) / "token_secret"
     if not secret:

@@ -1,6 +1,6 @@
-"""Serves the room page, and hands its WebSocket on to the server: one origin, one port, one certificate.
+"""Serves the room page, and proxies its WebSocket to the server: one origin, one port, one certificate.
 
-A page from localhost may use camera and microphone without TLS; from any other address browsers want HTTPS.
+A page from localhost may use camera and microphone without TLS; for any other address browsers require HTTPS.
 """
 
 from __future__ import annotations
@@ -30,7 +30,7 @@ def find_page() -> Path:
 
 
 def _hand_on(browser: socket.socket, server: socket.socket) -> None:
-    """Both ways, until either side ends. One thread: a TLS connection must not be used by two at once."""
+    """Copies both ways, until either side ends. On one thread: two must not use a TLS connection at once."""
     both = (browser, server)
     while True:
         pending = isinstance(browser, ssl.SSLSocket) and browser.pending() > 0
@@ -92,18 +92,18 @@ class _Handler(SimpleHTTPRequestHandler):
                 server.sendall("\r\n".join([*lines, "", ""]).encode("latin-1"))
                 _hand_on(self.connection, server)
             except OSError:
-                pass  # one side is gone, and so is the tunnel
+                pass  # one side is gone, which ends the tunnel
 
 
 class _Server(ThreadingHTTPServer):
     daemon_threads = True
 
     def handle_error(self, request: object, address: object) -> None:
-        pass  # a browser that went away in the middle of something
+        pass  # a browser disconnected in the middle of a request
 
 
 class PageServer:
-    """A context manager. Answers on threads of its own, which end with it or, at the latest, the process."""
+    """A context manager. Serves on its own threads, which end with it or, at the latest, the process."""
 
     def __init__(
         self,

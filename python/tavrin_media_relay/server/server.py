@@ -1,4 +1,4 @@
-"""Runs one Janus: starts it in a folder of its own, waits until it listens, and stops it."""
+"""Runs one Janus: starts it in its own folder, waits until it listens, and stops it."""
 
 from __future__ import annotations
 
@@ -19,29 +19,29 @@ from .settings import Settings
 START_SECONDS = 10.0
 STOP_SECONDS = 5.0
 _SHIM = "libtavrin_loopback.so"
-# The server colours its lines, and writes what participants sent into them.
+# The server's lines contain colour codes and text from participants.
 _UNPRINTABLE = re.compile(
     r"\x1b\[[0-9;]*m|([\x00-\x08\x0b-\x1f\x7f-\x9f\u061c\u200e\u200f\u2028-\u202e\u2066-\u2069\ud800-\udfff])"
 )
 
 
 def printable(line: str) -> str:
-    """`line` on one line of one direction, without colours; U+FFFD stands for other control characters."""
+    """`line` as one left-to-right line without colours; U+FFFD replaces other control characters."""
     return _UNPRINTABLE.sub(lambda found: "\N{REPLACEMENT CHARACTER}" if found[1] else "", line)
 
 
 class ServerError(RuntimeError):
-    """The server could not be started, or ended by itself. The text says why, in words for a person."""
+    """The server could not be started, or ended by itself. The text says why, for a person."""
 
 
 def find_shim() -> Path | None:
-    """The library that makes Janus accept loopback interfaces; it stands beside the native module."""
+    """The library that makes Janus accept loopback interfaces, beside the native module."""
     named = os.environ.get("TAVRIN_LOOPBACK_SHIM")
     folders = [Path(folder) for folder in os.environ.get("PYTHONPATH", "").split(os.pathsep) if folder]
     beside = [folder / _SHIM for folder in folders]
     package = Path(__file__).resolve().parents[1]
     beside += [package.parent / _SHIM, package.parent / "tavrin_media_relay.libs" / _SHIM]
-    # In a source tree, whatever was built last.
+    # In a source tree, the latest build.
     built = package.parents[1].glob(f"build/*/python/{_SHIM}")
     beside += sorted(built, key=lambda path: path.stat().st_mtime, reverse=True)
     candidates = [Path(named)] if named else beside
@@ -58,8 +58,8 @@ def _can_be_nobody(folder: Path) -> bool:
 class RelayServer:
     """A context manager: `with RelayServer(Settings(...)) as server:`.
 
-    The server ends with the thread that started it, whatever ends that. Started by root it runs as nobody,
-    unless its folder stands in one that is closed to others. Starting and stopping block, for at most
+    The server ends with the thread that started it, however that ends. Started by root it runs as nobody,
+    unless its folder is inside one that is closed to others. Starting and stopping block, for at most
     START_SECONDS and STOP_SECONDS.
     """
 
@@ -85,7 +85,7 @@ class RelayServer:
         self.stop()
 
     def start(self) -> None:
-        """Returns when the server listens. Raises ServerError, with everything cleaned up, if it does not."""
+        """Returns once the server listens. Raises ServerError, with everything cleaned up, if it does not."""
         try:
             self._start()
         except BaseException:
@@ -122,8 +122,8 @@ class RelayServer:
                 stderr=subprocess.STDOUT,
                 env=environment,
                 cwd="/",
-                # Ctrl-C is for us: we stop it in order. A session of its own would be scheduled as a group of
-                # its own, which a busy machine lets wait for hundreds of milliseconds.
+                # Ctrl-C is for us: we stop it in order. A session of its own would be a scheduling group of
+                # its own, which a busy machine delays by hundreds of milliseconds.
                 process_group=0,
             )
         self._wait_until_it_listens()
@@ -149,7 +149,7 @@ class RelayServer:
             self.folder.mkdir(mode=0o700, parents=True)
             self._made_folder = True
         except FileExistsError:
-            # A predictable name in a folder that all can write to: take it only if it is ours.
+            # A predictable name in a world-writable folder: use it only if it is ours.
             found = self.folder.lstat()
             if not self.folder.is_dir() or self.folder.is_symlink() or found.st_uid != os.geteuid():
                 raise ServerError(f"{self.folder} is there already, and not a folder of ours") from None
@@ -195,13 +195,13 @@ class RelayServer:
             return None
 
     def kill(self) -> None:
-        """Ends the server the way a crash would. `stop` still has to be called."""
+        """Ends the server as a crash would. `stop` must still be called."""
         assert self.process is not None
         self.process.send_signal(signal.SIGKILL)
         self.process.wait()
 
     def stop(self) -> None:
-        """Ends the server and removes its files; may come again, and before `start`."""
+        """Ends the server and removes its files; may be repeated, and called before `start`."""
         if self.process is not None and self.process.poll() is None:
             self.process.terminate()
             try:
@@ -217,4 +217,4 @@ class RelayServer:
             try:
                 self.folder.rmdir()
             except OSError:
-                pass  # somebody else's files are in it
+                pass  # others' files are in it

@@ -1,4 +1,4 @@
-"""What a server is told: addresses, ports, rooms, secrets. Written into its folder from the templates."""
+"""A server's settings: addresses, ports, rooms, secrets. Written into its folder from the templates."""
 
 from __future__ import annotations
 
@@ -24,28 +24,28 @@ def default_folder(port: int) -> Path:
 
 @dataclass
 class Settings:
-    """One server's. Every value that goes into a configuration file is checked, so that none can end one
+    """The settings of one server. Every value for a configuration file is checked, so that none can end a
     string there and begin another."""
 
     folder: Path | None = None
     """Its own folder; made if missing, emptied of the server's files when it stops. None: a default."""
     address: str = "127.0.0.1"
-    """Where media and TLS are served. A loopback address serves this machine alone."""
+    """The address of media and TLS. A loopback address serves this machine alone."""
     public_address: str = ""
-    """Under which others reach `address`, if a router in between translates it."""
+    """The address by which others reach `address` through a translating router."""
     port: int = 8188
-    """WebSocket in the clear, on 127.0.0.1 alone."""
+    """Port of the unencrypted WebSocket, on 127.0.0.1 alone."""
     tls_port: int = 0
-    """WebSocket over TLS, on `address`. 0: 801 above `port`, so 8989."""
+    """Port of the WebSocket over TLS, on `address`. 0: 801 above `port`, so 8989."""
     rtp_ports: tuple[int, int] = (0, 0)
     """First and last UDP port of media. (0, 0): the 1000 ports from 20000 on."""
     rooms: list[str] = field(default_factory=list)
-    """Rooms that are there from the start, each open only to tokens made for it."""
+    """Rooms that exist from the start, each open only to tokens made for it."""
     admin_key: str = ""
-    """Only who knows it can make further rooms. Empty: a new one that nobody knows, so that nobody can."""
+    """Required for making further rooms. Empty: a new, secret one, so that nobody can."""
     anyone_may_make_rooms: bool = False
     """Everyone with a token for the server can make further rooms, and forward what they publish there to any
-    address: for development among people who trust each other. Goes with no admin key."""
+    address: for development among people who trust each other. Excludes an admin key."""
     token_secret: str = ""
     """Signs the tokens. Empty: a new one."""
     certificate: Path | None = None
@@ -90,7 +90,7 @@ class Settings:
 
     @property
     def host(self) -> str:
-        """What a program on this machine (loopback) or on another (TLS) sets API_HOSTNAME to."""
+        """The API_HOSTNAME for a program on this machine (loopback) or on another (TLS)."""
         if self.loopback:
             return f"ws://127.0.0.1:{self.port}"
         address = self.public_address or self.address
@@ -113,7 +113,7 @@ def _make_certificate(settings: Settings, certificate: Path, key: Path) -> None:
 
 
 def write(settings: Settings) -> list[Path]:
-    """Fills the folder; gives the files that it wrote. They are readable for their owner alone."""
+    """Fills the folder; returns the files written. Only their owner can read them."""
     folder = settings.folder
     assert folder is not None
     certificate = settings.certificate or folder / "cert.pem"

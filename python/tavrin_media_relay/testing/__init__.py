@@ -1,6 +1,6 @@
-"""Rehearsals: runs an agent against scripted participants, with no server, and tells what it really did.
+"""Rehearsals: run an agent against scripted participants, with no server, and report what it really did.
 
-The pytest plug-in gives the fixture `rehearsal`. A `Rehearsal` scripts who comes, says, shows and captions
+The pytest plug-in provides the fixture `rehearsal`. A `Rehearsal` scripts who comes, says, shows and captions
 what, and what goes wrong when; `run` plays it to an agent in real time and gives a `Performance`: what the
 agent published, sample by sample and picture by picture, and the log of events. Needs numpy.
 """
@@ -40,8 +40,7 @@ _PLACES = {
 
 
 def __getattr__(name: str) -> Any:
-    # Not before it is asked for: the plug-in is imported by every pytest of an environment, whether numpy is
-    # there or not.
+    # Imported on demand: every pytest of an environment imports the plug-in, with or without numpy.
     for module, names in _PLACES.items():
         if name in names:
             try:

@@ -17,7 +17,7 @@ class Entry:
     """A line of the embedded engine's event log."""
 
     at: float
-    """Seconds since the agent had joined; negative before."""
+    """Seconds since the agent joined; negative before."""
     name: str
     """For example "joined", "publication", "subscribed", "recorded", "left"."""
     fields: dict[str, Any]
@@ -37,7 +37,7 @@ class Publication:
     """When it was published, and when it ended."""
     sound: Sound | None
     film: Film | None
-    """None where nothing of the kind was sent."""
+    """None when none was sent."""
 
 
 @dataclass
@@ -46,22 +46,22 @@ class Performance:
     """The engine's event log, in order."""
     publications: list[Publication]
     joined_at: float
-    """`time.monotonic()` when the agent had joined, from which all times count."""
+    """`time.monotonic()` when the agent joined: the origin of all times."""
     result: Any = None
     """What the agent returned."""
     told: list[tuple[float, aio.Event]] = field(default_factory=list)
-    """What the session told, and when: where the rehearsal had joined for the agent."""
+    """The session's events and their times, if the rehearsal joined for the agent."""
     statistics: aio.Statistics | None = None
-    """Of the session at its end: where the rehearsal had joined for the agent."""
+    """Of the session at its end, if the rehearsal joined for the agent."""
     exit_code: int | None = None
     output: str = ""
-    """What a program printed, on both of its outputs."""
+    """A program's standard output and error."""
 
     def named(self, name: str) -> list[Entry]:
         return [each for each in self.entries if each.name == name]
 
     def entry(self, name: str) -> Entry:
-        """The first entry of this name; fails the test, with the whole log, if there is none."""
+        """The first entry with this name; fails the test, showing the whole log, if there is none."""
         found = self.named(name)
         if not found:
             raise AssertionError(f"nothing named {name!r} happened:\n{self.log()}")
@@ -91,7 +91,7 @@ class Performance:
         return film
 
     def log(self) -> str:
-        """For people: the event log, and when there was sound in what was published."""
+        """For people: the event log, and the times of published sound."""
         lines = [str(each) for each in self.entries]
         for each in self.publications:
             if each.sound is not None:

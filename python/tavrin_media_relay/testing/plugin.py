@@ -15,12 +15,11 @@ _SECTION = "rehearsal"
 
 @pytest.fixture
 def rehearsal(tmp_path: Path) -> Rehearsal:
-    """A `tavrin_media_relay.testing.Rehearsal`: script who is there and what happens, then `run` an agent in
-    it.
+    """A `tavrin_media_relay.testing.Rehearsal`: script participants and events, then `run` an agent in it.
 
     When the test fails, its report shows the log of events and when the agent spoke.
     """
-    # Here, since numpy and the native module are for those who use the fixture.
+    # Here, since only users of the fixture need numpy and the native module.
     from . import Rehearsal
 
     folder = tmp_path / "rehearsal"

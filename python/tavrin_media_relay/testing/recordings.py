@@ -1,4 +1,4 @@
-"""What an agent published, as the embedded engine recorded it. Times are seconds since it had joined."""
+"""An agent's published media, recorded by the embedded engine. Times are seconds since it joined."""
 
 from __future__ import annotations
 
@@ -31,18 +31,19 @@ class Utterance:
 
 
 class Timeline:
-    """When each position in a file was sent: the recording marks its beginning, and every position that was
-    sent earlier or later than expected from the marks before it."""
+    """When each position in a file was sent: the recording marks the beginning, and each position sent
+    earlier or later than the marks before it predict."""
 
     def __init__(self, marks: Sequence[tuple[float, float]], begin: float) -> None:
-        """marks: seconds into the file and the time there, in order. begin: of a file that has none."""
+        """marks: seconds into the file and the time there, in order. begin: start time of a file without
+        marks."""
         places, times = zip(*(marks or [(0.0, begin)]))
         self._places, self._times = np.array(places), np.array(times)
         self._ends = np.append(self._times[1:], np.inf)
         self._lengths = np.append(self._places[1:], np.inf)
 
     def times(self, places: Any) -> npt.NDArray[np.float64]:
-        """Of places in seconds."""
+        """The times of positions in seconds."""
         last = np.maximum(np.searchsorted(self._places, places, "right") - 1, 0)
         told = self._times[last] + places - self._places[last]
         result: npt.NDArray[np.float64] = np.minimum(told, self._ends[last])
@@ -93,7 +94,7 @@ class Sound:
         return float(np.abs(part.astype(np.int32)).max(initial=0)) / 32768
 
     def utterances(self, pause: float = 0.25, level: float = 0.01) -> tuple[Utterance, ...]:
-        """Stretches of sound above a level, where 1 is full scale; shorter pauses belong to them."""
+        """Stretches of sound above a level, where 1 is full scale; shorter pauses do not split them."""
         heard = np.flatnonzero((np.abs(self.samples.astype(np.int32)) > level * 32768).any(axis=1))
         if not len(heard):
             return ()
@@ -103,8 +104,7 @@ class Sound:
         return tuple(Utterance(float(begin), float(end)) for begin, end in zip(begins, ends))
 
     def position_of(self, samples: Any) -> float | None:
-        """When exactly these samples were sent, in the session's own form; None if they were not, or not
-        whole."""
+        """When exactly these samples were sent, in the session's own form; None unless all of them were."""
         wanted = np.ascontiguousarray(np.asarray(samples, np.int16)).tobytes()
         whole, frame = self.samples.tobytes(), 2 * self.samples.shape[1]
         found = whole.find(wanted)

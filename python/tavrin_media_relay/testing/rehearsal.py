@@ -21,23 +21,23 @@ from .performance import Performance
 from .script import Participant, Script, milliseconds
 
 Agent = Callable[[aio.Session], Awaitable[Any]]
-_END_SECONDS = 5.0  # that an agent has for ending once it is asked to, and the recording for being closed
+_END_SECONDS = 5.0  # for an agent to end once cancelled, and for the recording to be closed
 _numbers = itertools.count(1)
 
 
 def _hear_interrupts() -> None:
-    # Tests that run in the background ignore interrupts, and so would a program that they start.
+    # Tests in the background ignore interrupts, and so would a program that they start.
     signal.signal(signal.SIGINT, signal.SIG_DFL)
 
 
 class Rehearsal:
-    """Who is there and what happens; then `run`, once. Times are seconds since the agent has joined."""
+    """Script the participants and events, then `run` once. Times are seconds since the agent joined."""
 
     def __init__(self, folder: Path) -> None:
         self.folder = folder
         """Holds the scenario and the recording."""
         self.performance: Performance | None = None
-        """What `run` gave; also where it raised what the agent raised."""
+        """The result of `run`; set also when it raised the agent's exception."""
         self._recording = folder / "recording"
         self._script = Script()
         self.session_id = f"rehearsal-{next(_numbers)}"
@@ -53,7 +53,7 @@ class Rehearsal:
         join_at: float = 0.0,
         leave_at: float | None = None,
     ) -> Participant:
-        """Somebody who comes at a time, and stays or leaves at another.
+        """A participant who joins at a time, and stays or leaves at another.
 
         id: of letters, digits, "-" and "_". name: of the stream; the id unless given. data: of the
         connection.
@@ -93,7 +93,7 @@ class Rehearsal:
         self._script.keys["token"] = token
 
     def delay_joining(self, seconds: float) -> None:
-        """Joining takes so long."""
+        """Joining takes this long."""
         self._script.keys["join_delay_ms"] = milliseconds("seconds", seconds)
 
     def _event(self, at: float, kind: str, **keys: object) -> None:
@@ -109,11 +109,11 @@ class Rehearsal:
         timeout: float = 30.0,
         settings: SessionSettings | None = None,
     ) -> Performance:
-        """Joins, awaits `agent(session)`, leaves, and tells what was done.
+        """Joins, awaits `agent(session)`, leaves, and returns what was done.
 
-        until: the agent is cancelled then, as its normal end. timeout: after so long it counts as hanging,
-        and the test fails. settings: of the session. Raises what the agent raises. In an async test:
-        `await perform(...)`.
+        until: the agent is cancelled then, as its normal end. timeout: after this it counts as hanging, and
+        the test fails. settings: of the session. Raises the agent's exception. In an async test: `await
+        perform(...)`.
         """
         return asyncio.run(self.perform(agent, until=until, timeout=timeout, settings=settings))
 
@@ -228,7 +228,7 @@ class Rehearsal:
 
     @contextlib.contextmanager
     def _on_stage(self) -> Iterator[dict[str, str]]:
-        """With the environment that leads an agent into this session."""
+        """Sets the environment for an agent to join this session."""
         if (self.folder / "scenario.json").exists():
             raise RuntimeError("a rehearsal runs once: ask for another one")
         variables = {

@@ -1,4 +1,4 @@
-"""What is played to an agent. All times are seconds since it has joined."""
+"""The script played to an agent. All times are seconds since it joined."""
 
 from __future__ import annotations
 
@@ -22,7 +22,7 @@ def milliseconds(name: str, seconds: float) -> int:
 
 
 class Participant:
-    """Somebody on the other side. Made by `Rehearsal.participant`."""
+    """A scripted participant. Made by `Rehearsal.participant`."""
 
     def __init__(self, id: str, name: str, data: str, join_at: float, leave_at: float | None) -> None:
         self.id = id
@@ -36,11 +36,11 @@ class Participant:
 
     @property
     def stream_id(self) -> str:
-        """Id of the stream that an agent sees."""
+        """Id of the participant's stream."""
         return f"{self.id}-stream"
 
     def says(self, sound: Source, at: float, *, sample_rate: int = RATE) -> Utterance:
-        """Speaks at a time: a sound file, or 16-bit samples of `sample_rate`. Gives from when to when."""
+        """Speaks at a time: a sound file, or 16-bit samples of `sample_rate`. Returns the stretch of time."""
         if "audio" in self._keys:
             raise ValueError(f"{self.id} has a continuous sound already")
         samples = load(sound, sample_rate)
@@ -49,7 +49,7 @@ class Participant:
         return Utterance(at, at + len(samples) / RATE)
 
     def sounds(self, source: Union[str, "os.PathLike[str]", float], *, loop: bool = True) -> None:
-        """Has a continuous sound from joining on: a file, or a tone of so many Hz."""
+        """Plays a continuous sound from joining on: a file, or a tone in Hz."""
         if self._sayings:
             raise ValueError(f"{self.id} says something already")
         if isinstance(source, (int, float)):
@@ -65,7 +65,7 @@ class Participant:
         height: int | None = None,
         fps: int | None = None,
     ) -> None:
-        """Shows a video or a still picture from joining on, or without a file a moving test card."""
+        """Shows a video or a still picture from joining on; without a file, a moving test card."""
         source: dict[str, Any] = {"testcard": True} if file is None else {"file": str(Path(file).resolve())}
         given = {"width": width, "height": height, "fps": fps}
         self._keys["video"] = source | {name: value for name, value in given.items() if value is not None}
@@ -83,7 +83,7 @@ class Participant:
         return ms - self._join_ms
 
     def keys(self, folder: Path) -> dict[str, Any]:
-        """For the scenario. What is said becomes one sound file in the folder."""
+        """For the scenario. All that is said becomes one sound file in the folder."""
         keys = dict(self._keys)
         if self._captions:
             keys["captions"] = sorted(self._captions, key=lambda each: int(each["at_ms"]))
@@ -103,7 +103,7 @@ class Participant:
 
 
 class Script:
-    """A scenario in the making."""
+    """A scenario being built."""
 
     def __init__(self) -> None:
         self.participants: dict[str, Participant] = {}

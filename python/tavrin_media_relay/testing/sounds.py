@@ -1,4 +1,4 @@
-"""Sounds for the other side: from files, from samples, or made up. All of them 48 kHz, one channel."""
+"""Sounds for scripted participants: from files, from samples, or synthetic. All 48 kHz, one channel."""
 
 from __future__ import annotations
 
@@ -27,7 +27,7 @@ def tone(seconds: float, hertz: float = 440.0, level: float = 0.25) -> Samples:
 
 
 def babble(seconds: float, level: float = 0.4, seed: int = 1) -> Samples:
-    """Something like speech: noise of a voice's frequencies in syllables, without a pause. The same for each
+    """Speech-like sound: noise in a voice's frequencies, in syllables, without a pause. The same for each
     seed."""
     count = int(seconds * RATE)
     noise = np.random.default_rng(seed).normal(size=count)
@@ -48,7 +48,7 @@ def _converted(samples: Samples, rate: int) -> Samples:
 
 
 def load(source: Source, rate: int = RATE) -> Samples:
-    """A file, or samples of the rate that is told: 16-bit, flat or of shape (frames, channels)."""
+    """A file, or samples of the given rate: 16-bit, flat or of shape (frames, channels)."""
     if not isinstance(source, (str, os.PathLike)):
         samples = np.asarray(source)
         if samples.dtype != np.int16 or samples.ndim not in (1, 2):

@@ -16,7 +16,7 @@
 namespace sarnet::relay {
 namespace {
 
-// What the loop's thread keeps alive: the session ends on it, before the loop goes.
+// Kept alive by the loop's thread: the session ends on it, before the loop is destroyed.
 struct Participation {
   const std::shared_ptr<MainLoop> loop = std::make_shared<MainLoop>();
   const std::shared_ptr<std::atomic<bool>> left = std::make_shared<std::atomic<bool>>(false);
@@ -96,7 +96,7 @@ class RelayEngine : public Engine {
   }
 
  private:
-  // The thread keeps the participation while its loop runs, so the pointers hold.
+  // The thread keeps the participation while its loop runs, so the pointers stay valid.
   template <class Task>
   void post(Task task) REQUIRES(mutex_) {
     if (!participation_) return;

@@ -8,7 +8,7 @@
 
 namespace sarnet::relay {
 
-// An engine that joins one session: a room of the server at that address. What else it needs comes
+// An engine that joins one session: a room of the server at that address. Its other settings come
 // from the environment (see relay_settings.h).
 std::shared_ptr<Engine> make_engine(const HostAddress& address);
 // The same with other limits.

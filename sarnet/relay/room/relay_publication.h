@@ -11,8 +11,8 @@
 
 namespace sarnet::relay {
 
-// Where the program's media enter from the moment it publishes: drops them until there is a peer,
-// and after it. Any thread.
+// Takes the program's media from publishing on; drops them before the peer exists and after it
+// ends. Any thread.
 class PublishedFeed : public PublishedStream {
  public:
   // Null: nowhere.
@@ -30,8 +30,8 @@ class PublishedFeed : public PublishedStream {
   std::shared_ptr<PublishedStream> peer_ GUARDED_BY(mutex_);
 };
 
-// One stream that the session publishes. A participation of the server publishes one stream, so the
-// first takes the session's own handle and each further one joins the room on a handle of its own.
+// One stream that the session publishes. A participation at the server publishes one stream, so the
+// first uses the session's own handle and each further one joins the room on a handle of its own.
 class RelayPublication final : public RelayStream {
  public:
   RelayPublication(RoomAccess& access, PublishRequest request, std::shared_ptr<PublishedFeed> feed,

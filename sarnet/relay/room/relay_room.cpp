@@ -49,7 +49,7 @@ bool RelayRoom::has_stream(const std::string& id) const {
   return found != members_.end() && found->second.publishing;
 }
 
-// A further stream's owner may stand behind it in the list, or in the other one.
+// A further stream's owner may follow it in the list, or be in the other one.
 void RelayRoom::enter_owners(const json& participants) {
   for (const json& each : participants) {
     if (parse_display(text_of(each, "display")).owner.empty()) enter(each);
@@ -103,7 +103,7 @@ void RelayRoom::leave(const std::string& id) {
   members_.erase(found);
   if (gone.publishing) observer_.stream_removed(gone.stream);
   if (!gone.is_connection) return;
-  // Its further streams end with it, whatever the order of the notices.
+  // Its further streams end with it, in any order of the notices.
   for (auto& [unused, member] : members_) {
     if (member.connection.id == id) remove_stream(member);
   }

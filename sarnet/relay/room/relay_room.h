@@ -8,8 +8,8 @@
 
 namespace sarnet::relay {
 
-// Is told of each change among the other participants once: a participant before its streams, and
-// the end of its streams before its own.
+// Notified once of each change among the other participants: of a participant before its streams,
+// and of the end of its streams before its own.
 class RoomObserver {
  public:
   virtual ~RoomObserver() = default;
@@ -19,18 +19,18 @@ class RoomObserver {
   virtual void stream_removed(const StreamInfo& stream) = 0;
 };
 
-// Who is in the room and publishes, as the server's notices tell it: doubled ones change nothing,
-// and what they leave out is filled in. A stream has the id of the participation that publishes it.
-// More participations than kMaxMembers are left out.
+// Who is in the room and publishes, from the server's notices: duplicates change nothing, and
+// missing steps are filled in. A stream has the id of the participation that publishes it.
+// Participations beyond kMaxMembers are ignored.
 class RelayRoom {
  public:
   // The observer must outlive it.
   RelayRoom(std::string session_id, std::string own_id, RoomObserver& observer);
 
-  // The lists of those who are here, in the answer to our joining or in a notice, and those who
-  // came, went or ceased to publish.
+  // Lists of those present, in the reply to our joining or in a notice, and those who joined, left
+  // or stopped publishing.
   void take(const json& data);
-  // The full list of participants: what came and went while nobody told us.
+  // The full list of participants: makes up for notices that were lost.
   void resynchronise(const json& participants);
 
   bool has_stream(const std::string& id) const;
@@ -46,7 +46,7 @@ class RelayRoom {
   using Members = std::map<std::string, Member>;
 
   void enter_owners(const json& participants);
-  // Null for ourselves, for our further streams and for what has no id.
+  // Null for ourselves, for our further streams and for entries without an id.
   Member* enter(const json& participant);
   void publishes(const json& participant);
   void add_stream(Member& member, const std::string& id);

@@ -14,7 +14,7 @@
 namespace sarnet::relay {
 namespace {
 
-// How long the server's farewell is waited for.
+// How long to wait for the server's reply to leaving.
 constexpr std::chrono::milliseconds kLeaveLimit{1000};
 constexpr int kMaxPublishers = 100;
 
@@ -95,16 +95,16 @@ void RelaySession::create_room() {
             {"audiocodec", "opus"},
             {"videocodec", "vp8,h264"},
             {"bitrate", 0},
-            // Who knows it may do with the room what they like: nobody does.
+            // It gives full control of the room, so nobody gets to know it.
             {"secret", random_secret()},
             {"is_private", true},
             {"lock_record", true},
-            {"rec_dir", "/"}};  // or participants name folders, which the server makes
+            {"rec_dir", "/"}};  // else participants could have the server create folders
   if (!settings_.admin_key.empty()) body["admin_key"] = settings_.admin_key;
   if (!access_.credentials.pin.empty()) body["pin"] = access_.credentials.pin;
   if (access_.credentials.has_room_token) body["signed_tokens"] = true;
   client_.message(handle_, std::move(body), "", "", [this](const JanusReply& reply) {
-    // It may have been made by another participant meanwhile.
+    // Another participant may have made it meanwhile.
     if (reply.ok() || reply.error == JanusError::kRoomExists) {
       enter_room(false);
     } else {
@@ -126,7 +126,7 @@ void RelaySession::entered(const json& data) {
 void RelaySession::leave(std::function<void()> done) {
   loop_->thread().require();
   sink_.reset();
-  // The server first, so that the others know at once; it ends all handles with the session.
+  // The server first, so that the others learn at once; it ends all handles with the session.
   auto both = std::make_shared<int>(2);
   const auto one_done = [both, done = std::move(done)] {
     if (--*both == 0) done();
@@ -141,7 +141,7 @@ std::vector<std::shared_ptr<RelayStream>> RelaySession::streams() const {
   return all;
 }
 
-// One at a time between the loop's other work: each takes some milliseconds.
+// One at a time, with the loop's other work in between: each takes some milliseconds.
 void RelaySession::stop_next(std::function<void()> done) {
   const auto all = streams();
   if (all.empty()) {
@@ -270,7 +270,7 @@ void RelaySession::on_notice(std::uint64_t handle, const json& message) {
 void RelaySession::room_notice(const json& data) {
   if (!room_) return;
   const std::string kind = text_of(data, "videoroom");
-  // "leaving" with "ok" is about ourselves: somebody had us leave.
+  // "leaving" with "ok" is about ourselves: we were removed.
   if (kind == "destroyed" || text_of(data, "leaving") == "ok") {
     SARNET_LOG(kInfo, "The session was ended by the server: "
                           << (kind == "destroyed" ? "its room is gone" : "we were made to leave"));

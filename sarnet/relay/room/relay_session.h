@@ -21,16 +21,15 @@ namespace sarnet::relay {
 // One participation in a room, from joining to leaving. The main loop's thread alone.
 class RelaySession : public JanusObserver, public RoomObserver {
  public:
-  // `left` is set, by any thread, when no sink may be called any more. Of `client` only the limits
-  // are used.
+  // `left` is set, by any thread, once no sink may be called. Of `client` only the limits are used.
   RelaySession(std::shared_ptr<MainLoop> loop, std::shared_ptr<const std::atomic<bool>> left,
                RelaySettings settings, JoinRequest request, std::shared_ptr<SessionSink> sink,
                JanusSettings client);
   ~RelaySession() override;
 
   void join();
-  // Forgets all sinks, ends all media and leaves the room; `done` comes within about a second, also
-  // when the server is dead. Once.
+  // Forgets all sinks, ends all media and leaves the room; calls `done` within about a second, even
+  // if the server is dead. Once.
   void leave(std::function<void()> done);
 
   void publish(const PublishRequest& request, std::shared_ptr<PublishedFeed> feed,
@@ -54,9 +53,9 @@ class RelaySession : public JanusObserver, public RoomObserver {
   void create_room();
   void entered(const json& data);
   void room_notice(const json& data);
-  // Null once there is nothing more to tell.
+  // Null once no more events may be reported.
   SessionSink* sink() const;
-  // The session failed or was ended by the server: tells so, and stops the media.
+  // The session failed or was ended by the server: reports it and stops the media.
   void fail(const Failure& failure);
   void end();
   // Copies of the pointers: streams may remove themselves.
@@ -73,7 +72,7 @@ class RelaySession : public JanusObserver, public RoomObserver {
   JanusClient client_;
   RoomAccess access_;
   std::uint64_t handle_ = 0;  // of our own participation
-  // The first publication takes the handle; the next one may, after the server hung up.
+  // The first publication takes the handle; another may reuse it after the server hung up.
   bool handle_taken_ = false;
   bool handle_hanging_up_ = false;
   std::optional<RelayRoom> room_;

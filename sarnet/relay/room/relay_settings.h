@@ -9,11 +9,11 @@
 
 namespace sarnet::relay {
 
-// What the engine takes from its environment, read anew for each session:
+// The engine's environment variables, read anew for each session:
 //   SARNET_RELAY_CA_FILE      certificate authorities (PEM) to trust instead of the system's
 //   SARNET_RELAY_ADMIN_KEY    the server's key for making rooms
-//   SARNET_RELAY_LOOPBACK     1: media may go over 127.0.0.1, as it may when the server is there
-//   SARNET_RELAY_JITTER_MS    how long received packets may wait for those they overtook
+//   SARNET_RELAY_LOOPBACK     1: media may use 127.0.0.1, as with a server at that address
+//   SARNET_RELAY_JITTER_MS    how long received packets may wait for missing earlier ones
 //   SARNET_RELAY_ICE_SERVERS  STUN and TURN servers, with commas between
 struct RelaySettings {
   std::string url;
@@ -24,11 +24,11 @@ struct RelaySettings {
   std::vector<std::string> ice_servers;
 };
 
-// `port` is for a secure address without one.
+// `port` is the default of a secure address.
 RelaySettings relay_settings(const HostAddress& address, std::uint32_t port);
 
-// What a program's token holds, parts with spaces between: the token that goes with every request,
-// the room's own token (the same if there is no second), and "pin=TEXT".
+// The parts of a program's token, separated by spaces: the token sent with every request, the
+// room's own token (the same if there is no second), and "pin=TEXT".
 struct Credentials {
   std::string request_token;
   std::string room_token;

@@ -75,7 +75,7 @@ void RelayStream::notice(const json& message) {
                            text.size() <= kMaxCandidate && ++candidates_ <= kMaxCandidates;
     if (is_usable) add_remote_candidate(static_cast<unsigned>(mline), text);
   } else if (kind == "hangup" && !std::exchange(hung_up_, true)) {
-    // Soon, as the stream or the session may be ending with it.
+    // Delayed, as the stream or the session may be ending with it.
     limit_ = MainLoop::Timer(
         *access_.loop, kHangupPatience, [this, reason = text_of(message, "reason")] {
           fail({words_.webrtc_error,

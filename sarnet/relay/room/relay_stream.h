@@ -12,15 +12,15 @@
 namespace sarnet::relay {
 
 // One stream between the program and the server: negotiation over a handle of the server, by a peer
-// of the derived class. Whatever goes wrong ends it, once. The main loop's thread alone; held by
-// the session until it is over.
+// of the derived class. Any failure ends it, once. The main loop's thread alone; held by the
+// session until it ends.
 class RelayStream : public PeerObserver, public std::enable_shared_from_this<RelayStream> {
  public:
-  // Called once it failed, after the program was told.
+  // Called once it failed, after the program was notified.
   using Over = std::function<void(const RelayStream&)>;
 
   std::uint64_t handle() const { return handle_; }
-  // What the server says on the handle.
+  // A notice of the server on the handle.
   virtual void notice(const json& message);
   // Ends the media; takes some milliseconds. May be repeated.
   virtual void stop();
@@ -32,7 +32,7 @@ class RelayStream : public PeerObserver, public std::enable_shared_from_this<Rel
   void on_peer_failed(const std::string& reason) override;
 
  protected:
-  // How its failures are told.
+  // How its failures are reported.
   struct Words {
     const char* purpose;  // "publishing"
     const char* subject;  // "the published stream"
@@ -44,9 +44,9 @@ class RelayStream : public PeerObserver, public std::enable_shared_from_this<Rel
   RelayStream(RoomAccess& access, Words words, Over over)
       : access_(access), words_(words), over_(std::move(over)) {}
 
-  // Attaches a handle of its own where `handle` is 0. The media connection must be made in time.
+  // Attaches a handle of its own when `handle` is 0. Starts the time limit of the media connection.
   void begin(std::uint64_t handle, std::function<void()> then);
-  // `then` is left out when the server refuses, which ends the stream, or the stream was stopped.
+  // `then` is not called when the server refuses, which ends the stream, or the stream was stopped.
   void ask(const char* step, json body, std::function<void(const JanusReply&)> then,
            const Expected& expected, const std::string& sdp_type = "", const std::string& sdp = "");
   void fail(const Failure& failure);

@@ -10,7 +10,7 @@
 namespace sarnet::relay {
 namespace {
 
-// Each size is twice the one below it, and so is each rate; the smallest is by custom 320 wide.
+// Each size is twice the one below it, and so is each rate; the smallest is usually 320 wide.
 int expected_width(int layer, const LayerWidths& widths) {
   const auto of = [&](int each) { return widths.at(static_cast<std::size_t>(each)); };
   for (const int known : {layer, layer - 1, layer + 1, layer - 2, layer + 2}) {

@@ -13,7 +13,7 @@
 
 namespace sarnet::relay {
 
-// Passes media on to the program's sink until it is closed, from any thread.
+// Forwards media to the program's sink until closed, from any thread.
 class SwitchableSink : public MediaSink {
  public:
   // `left` closes all those of a session at once.
@@ -21,7 +21,7 @@ class SwitchableSink : public MediaSink {
                  std::shared_ptr<const std::atomic<bool>> left)
       : sink_(std::move(sink)), left_(std::move(left)) {}
 
-  // Gives the sink if it was open.
+  // Returns the sink if it was open.
   SubscriptionSink* close() {
     auto* const last = target();
     closed_ = true;
@@ -31,7 +31,8 @@ class SwitchableSink : public MediaSink {
   SubscriptionSink* target() const { return closed_ || *left_ ? nullptr : sink_.get(); }
   bool leads_to(const SubscriptionSink* sink) const { return sink_.get() == sink; }
 
-  // Called on the streaming thread with each new width of the pictures. Before any comes.
+  // `taker` is called on the streaming thread with each new width. Set it before any picture
+  // arrives.
   void on_width(std::function<void(int)> taker) { width_taker_ = std::move(taker); }
 
   void on_audio(const AudioFormat& format, std::span<const std::int16_t> samples) override {
@@ -60,18 +61,18 @@ struct FeedMedium {
   bool simulcast = false;
 };
 
-// Of a stream that is published in several sizes, each with several rates: the widths that were
-// seen so far, the smallest layer first, 0 where none was.
+// Of a stream that is published in several sizes, each with several rates: the widths seen so far,
+// smallest layer first, 0 where none was.
 using LayerWidths = std::array<int, 3>;
 
-// What the server is asked for; of layers the largest unless something else is wished.
+// The media and layers to request; the largest layer unless another is preferred.
 struct StreamPreferences {
   bool audio = true;
   bool video = true;
   int size_layer = 2;
   int rate_layer = 2;
 };
-// The smallest layer that is no smaller than what is wished.
+// The smallest layer that reaches the preference.
 StreamPreferences stream_preferences(const MediaPreferences& preferences,
                                      const LayerWidths& widths);
 // Of these media; empty when nothing changes.
@@ -88,7 +89,7 @@ class RelaySubscription final : public RelayStream {
   void start();
   void notice(const json& message) override;
   void prefer(const MediaPreferences& preferences);
-  // Ends all, and tells the sink that its stream is gone.
+  // Ends all, and notifies the sink that its stream is gone.
   void stream_removed();
   void stop() override;
 
@@ -99,7 +100,7 @@ class RelaySubscription final : public RelayStream {
 
  private:
   void join();
-  // Takes the server's list of what it sends, and its offer.
+  // Handles the server's list of the media it sends, and its offer.
   void take_offer(const json& data, const std::string& sdp);
   void send_preferences();
   void saw_width(int width);
@@ -114,7 +115,7 @@ class RelaySubscription final : public RelayStream {
   MediaPreferences preferences_;
   StreamPreferences sent_wishes_;
   LayerWidths widths_{};
-  std::size_t layer_ = 0;  // that comes now, of a stream that has several
+  std::size_t layer_ = 0;  // received now, of a stream that has several
   int open_offers_ = 0;    // of the server, not yet answered
   bool started_ = false;
 };

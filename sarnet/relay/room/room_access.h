@@ -18,7 +18,7 @@ inline constexpr const char* kRoomPlugin = "janus.plugin.videoroom";
 // What the publications and subscriptions of one session share. Outlives them.
 struct RoomAccess {
   std::shared_ptr<MainLoop> loop;
-  // Set by the program's wish to leave, on its own thread: no sink is called from then on.
+  // Set when the program leaves, on its own thread: no sink is called from then on.
   std::shared_ptr<const std::atomic<bool>> left;
   JanusClient& client;
   const RelaySettings& settings;
@@ -28,7 +28,7 @@ struct RoomAccess {
   // Made anew for each session; null: the peers have their own made.
   std::shared_ptr<const DtlsIdentity> identity;
 
-  // A request of that name about the room, with what lets us in.
+  // A request of that name about the room, with our credentials.
   json request(const char* name) const {
     json body{{"request", name}, {"room", room}};
     if (!credentials.room_token.empty()) body["token"] = credentials.room_token;
@@ -46,9 +46,9 @@ struct RoomAccess {
   }
 };
 
-// How long media may take to find a way to the server and back.
+// The time limit for establishing the media connection.
 inline constexpr std::chrono::seconds kPeerLimit{15};
-// How long a connection that the server hung up may wait for the reason, which comes separately.
+// How long to wait, after the server hung up, for the reason, which arrives separately.
 inline constexpr std::chrono::milliseconds kHangupPatience{1000};
 
 }  // namespace sarnet::relay

@@ -5,7 +5,7 @@
 namespace sarnet::relay {
 namespace {
 
-constexpr std::int64_t kEndOfTimeMs = 253'402'300'800'000;  // the year 10000: calendars end there
+constexpr std::int64_t kEndOfTimeMs = 253'402'300'800'000;  // the year 10000: date types end there
 
 }  // namespace
 

@@ -7,16 +7,16 @@
 
 namespace sarnet::relay {
 
-// What a participant of ours writes into the display field, as a JSON object:
+// The display field of our participants, a JSON object:
 //   "data"    the connection's data
 //   "joined"  when it joined, in milliseconds since the Unix epoch
-//   "stream"  the name of the stream that it publishes
+//   "stream"  the name of its stream
 //   "owner"   for a further stream of a connection, which takes a participation of its own at the
 //             server: that connection's id. It is no connection itself.
 // Any other text is the data of a connection, and the name of its stream.
 struct Display {
   std::string data;
-  std::int64_t joined_ms = 0;  // 0: not said
+  std::int64_t joined_ms = 0;  // 0: unknown
   std::string stream;
   std::string owner;
 };

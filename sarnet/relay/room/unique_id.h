@@ -4,11 +4,11 @@
 
 namespace sarnet::relay {
 
-// For a participant of a room: 16 letters and digits that no other program comes upon.
+// An id for a participant of a room: 16 random letters and digits.
 std::string unique_id();
 
-// For what nobody is to guess: 256 bits of the system's randomness in 64 digits. Throws
-// std::system_error where the system has none.
+// A secret: 256 bits of the system's randomness in 64 digits. Throws std::system_error when the
+// system has none.
 std::string random_secret();
 
 }  // namespace sarnet::relay

@@ -10,8 +10,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// libsoup shows each frame to the extensions of the protocol before it keeps it. This is one in
-// form alone: neither side of the wire hears of it.
+// libsoup passes each frame to the protocol's extensions before it stores it. This one only looks:
+// it is never negotiated on the wire.
 constexpr const char* kName = "x-frame-limit";
 constexpr const char* kHeader = "Sec-WebSocket-Extensions";
 

@@ -4,9 +4,9 @@
 
 namespace sarnet::relay {
 
-// Bounds what comes over a WebSocket: the size of a message in fragments, which libsoup collects
-// without end (its own limit is for one frame), and how much comes in a period. The connection ends
-// with an error that says which. For a session of one connection, before it connects.
+// Bounds what arrives over a WebSocket: the size of a fragmented message, which libsoup collects
+// without bound (its own limit is per frame), and the amount per period. The connection ends with
+// an error that says which. For a session of one connection; call before it connects.
 void limit_frames(SoupSession* session, SoupMessage* handshake);
 
 }  // namespace sarnet::relay

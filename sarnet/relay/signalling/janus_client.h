@@ -18,31 +18,31 @@ namespace sarnet::relay {
 struct JanusSettings {
   std::string url;
   std::string ca_file;  // PEM; empty: the system's authorities
-  std::string token;    // goes with every request; may be empty
+  std::string token;    // sent with every request; may be empty
 
   std::chrono::milliseconds connect_limit{8000};
   std::chrono::milliseconds answer_limit{8000};
-  // How often the server is asked for a sign of life. It is taken as lost when a whole period
-  // passed without one.
+  // How often a keep-alive is sent. The server counts as lost when a whole period passes with no
+  // message from it.
   std::chrono::milliseconds keepalive{4000};
-  // How long a broken connection may take to be resumed.
+  // How long resuming a broken connection may take.
   std::chrono::milliseconds reconnect_limit{5000};
 };
 
 class JanusObserver {
  public:
   virtual ~JanusObserver() = default;
-  // What is not an answer; `handle` is 0 when it is about the whole session.
+  // Any message but a reply; `handle` is 0 when it is about the whole session.
   virtual void on_notice(std::uint64_t handle, const json& message) = 0;
-  // The connection broke and was resumed; notices of the meantime are lost.
+  // The connection broke and was resumed; notices in between are lost.
   virtual void on_resumed() = 0;
-  // Lost for good, after it was open. Once, and the last; nothing that was asked is answered.
+  // Lost for good, after it was open. Called once, as the last; pending requests get no reply.
   virtual void on_lost(const Failure& failure) = 0;
 };
 
-// A session with the server over a WebSocket: requests and their answers, signs of life, and the
-// resumption of the session over a new connection when one breaks. What is asked meanwhile is sent
-// afterwards. The main loop's thread alone; answers and notices never come from inside a call.
+// A session with the server over a WebSocket: requests and replies, keep-alives, and resumption
+// over a new connection when one breaks. Requests made meanwhile are sent afterwards. The main
+// loop's thread alone; replies and notices never come from inside a call.
 class JanusClient {
  public:
   using Answer = std::function<void(const JanusReply&)>;
@@ -53,19 +53,19 @@ class JanusClient {
   JanusClient(const JanusClient&) = delete;
   JanusClient& operator=(const JanusClient&) = delete;
 
-  // Connects and creates a session. `done` gets what went wrong, or null. Once.
+  // Connects and creates a session. `done` gets the failure, or null. Once.
   void open(std::function<void(const Failure*)> done);
   // `handle` is 0 when the reply is not ok.
   void attach(const std::string& plugin,
               std::function<void(const JanusReply&, std::uint64_t handle)> answer);
   void detach(std::uint64_t handle);
-  // An empty sdp: none. `answer` may be null; what is not `expected` is told it as malformed.
+  // An empty sdp: none. `answer` may be null; it gets an unexpected reply as malformed.
   void message(std::uint64_t handle, json body, const std::string& sdp_type, const std::string& sdp,
                Answer answer, const Expected& expected = {});
   // An empty candidate: there are no more.
   void trickle(std::uint64_t handle, unsigned mline, const std::string& candidate);
-  // Ends the session at the server, with all its handles, and the connection. `done` comes within
-  // `limit`; nothing else does. Once.
+  // Ends the session at the server, with all its handles, and the connection. Calls `done` within
+  // `limit`, and nothing else. Once.
   void close(std::chrono::milliseconds limit, std::function<void()> done);
 
  private:
@@ -90,7 +90,7 @@ class JanusClient {
   void fail_opening(const Failure& failure);
   void end();
 
-  // Gives the transaction's name. Sent at once on an open socket if `now`, else in its turn.
+  // Returns the transaction's name. Sent at once on an open socket if `now`, else in its turn.
   void request(json message, Answer answer, const Expected& expected = {},
                bool acknowledged_is_answer = false, bool now = false);
   void answer(const std::string& transaction, const JanusReply& reply);
@@ -109,7 +109,7 @@ class JanusClient {
   std::function<void()> closed_;
   std::string break_reason_;
   int breaks_ = 0;      // since the last calm period
-  bool heard_ = false;  // since the last sign of life was asked for
+  bool heard_ = false;  // since the last keep-alive
   MainLoop::Timer connect_timer_;
   MainLoop::Timer break_timer_;
   MainLoop::Timer retry_timer_;

@@ -81,7 +81,7 @@ std::string description_fault(std::string_view sdp) {
 
 namespace {
 
-// What an answer lacks; empty when it is one.
+// What a reply lacks; empty when it is complete.
 std::string fault_of(const JanusReply& reply, const Expected& expected) {
   const std::string kind = text_of(reply.message, "janus");
   if (kind != "success" && kind != "event" && kind != "ack") return "it is not an answer";
@@ -96,7 +96,7 @@ std::string fault_of(const JanusReply& reply, const Expected& expected) {
   return description_fault(reply.sdp());
 }
 
-// Refusals count as such whatever number they carry.
+// Any refusal counts as one, with any error number.
 void refuse(JanusReply& reply, const json& code, std::string text) {
   const bool is_number = code.is_number_integer() && code <= std::numeric_limits<int>::max() &&
                          code >= std::numeric_limits<int>::min();

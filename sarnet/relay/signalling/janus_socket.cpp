@@ -10,7 +10,7 @@
 namespace sarnet::relay {
 namespace {
 
-// A connection that ends is let go later: libsoup may be in the midst of using it.
+// A connection that ends is released later: libsoup may still be using it.
 void unref_later(GObject* object) {
   GSource* const source = g_idle_source_new();
   g_source_set_callback(
@@ -28,7 +28,7 @@ JanusSocket::~JanusSocket() { close(); }
 
 bool JanusSocket::open(const std::string& url, const std::string& ca_file, std::string& error) {
   session_.reset(soup_session_new());
-  // Straight to the server: media could not follow through a proxy.
+  // No proxy: media could not follow through it.
   soup_session_set_proxy_resolver(session_.get(), nullptr);
   if (!ca_file.empty()) {
     GError* raw = nullptr;
@@ -45,7 +45,7 @@ bool JanusSocket::open(const std::string& url, const std::string& ca_file, std::
     error = "'" + url + "' is not an address";
     return false;
   }
-  // A server's word does not lead elsewhere: the token would go along.
+  // No redirects: the token would go along.
   soup_message_add_flags(message.get(), SOUP_MESSAGE_NO_REDIRECT);
   limit_frames(session_.get(), message.get());
   const char* protocols[] = {"janus-protocol", nullptr};
@@ -82,7 +82,7 @@ void JanusSocket::connected(GAsyncResult* result) {
 
 void JanusSocket::on_error(SoupWebsocketConnection*, GError* error, gpointer data) {
   const auto self = static_cast<JanusSocket*>(data)->shared_from_this();
-  // What breaks the protocol's rules will do so again; what the network does may not.
+  // A protocol violation would recur on a new connection; a network failure may not.
   const bool is_foul = error->domain == SOUP_WEBSOCKET_ERROR;
   guarded("Losing the connection", [&] {
     self->fail(printable_text(error->message), is_foul ? Loss::kFoul : Loss::kBroken);
@@ -127,8 +127,8 @@ void JanusSocket::close() {
   g_cancellable_cancel(cancellable_.get());
   if (connection_) {
     g_signal_handlers_disconnect_by_data(connection_.get(), this);
-    // With the stream: libsoup's own farewell waits for the other side. Cancelled, so that it does
-    // not wait for the network either.
+    // Closes the stream: libsoup's own closing waits for the peer. Cancelled, so that it does not
+    // wait for the network either.
     g_io_stream_close(soup_websocket_connection_get_io_stream(connection_.get()),
                       cancellable_.get(), nullptr);
     unref_later(G_OBJECT(connection_.release()));

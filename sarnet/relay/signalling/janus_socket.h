@@ -17,12 +17,12 @@ class JanusSocket : public std::enable_shared_from_this<JanusSocket> {
  public:
   enum class Loss {
     kBroken,  // a new connection may do better
-    kFoul,    // the server sent what cannot be meant well
+    kFoul,    // the server violated the protocol
   };
   struct Callbacks {
     std::function<void()> opened;
     std::function<void(std::string_view)> received;
-    // Could not be opened, or was closed by the other side. Once, and the last.
+    // Could not be opened, or was closed by the peer. Called once, as the last.
     std::function<void(const std::string& reason, Loss loss)> failed;
   };
 
@@ -36,7 +36,7 @@ class JanusSocket : public std::enable_shared_from_this<JanusSocket> {
   bool open(const std::string& url, const std::string& ca_file, std::string& error);
   // Dropped unless the socket is open.
   void send(const std::string& text);
-  // At once, without the other side's farewell. May be repeated.
+  // At once, without waiting for the peer. May be repeated.
   void close();
 
  private:

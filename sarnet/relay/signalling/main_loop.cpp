@@ -7,8 +7,8 @@
 namespace sarnet::relay {
 namespace {
 
-// How much of what GLib still has under way after the end is let finish: cancelled operations give
-// back their sockets in a few rounds.
+// Rounds that GLib's pending operations get after the end: cancelled ones release their sockets in
+// a few.
 constexpr int kLastRounds = 256;
 
 using Action = std::function<void()>;

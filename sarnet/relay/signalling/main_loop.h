@@ -14,9 +14,8 @@
 
 namespace sarnet::relay {
 
-// The loop on which everything of one engine runs that is not media: signalling, negotiation, bus
-// messages. Its thread is whichever calls run(); the engine has it started and joined by the
-// library's thread keeper.
+// The loop that runs all of one engine: signalling, negotiation, and the media that are received. Its
+// thread is the one that calls run(), which the library's thread keeper starts and joins.
 class MainLoop {
  public:
   MainLoop();
@@ -24,7 +23,7 @@ class MainLoop {
   MainLoop(const MainLoop&) = delete;
   MainLoop& operator=(const MainLoop&) = delete;
 
-  // Any thread. Runs `task` on the loop's thread, in the order of posting. Once the loop has ended,
+  // Any thread. Runs `task` on the loop's thread, in the order posted. Once the loop has ended,
   // tasks are dropped unrun; a task that never ran is destroyed on the thread that drops it.
   void post(std::function<void()> task);
 
@@ -33,14 +32,14 @@ class MainLoop {
   // Any thread. run() returns after the task that is under way.
   void quit();
 
-  // The thread that runs the loop, for those whose calls are its alone to check.
+  // The thread that runs the loop, for checks in code that belongs to it.
   const common::ThreadRole& thread() const { return thread_; }
 
   // For sources that are not of this class; attach and remove them on the loop's thread.
   GMainContext* context() const { return context_.get(); }
 
-  // Calls `action` once after `delay`, or again and again, until the handle goes. The loop's thread
-  // alone. The handle may go inside the action.
+  // Calls `action` after `delay`, once or repeatedly, until the handle is destroyed. The loop's
+  // thread alone. The action may destroy the handle.
   class Timer {
    public:
     Timer() = default;

@@ -22,7 +22,7 @@ std::string describe(const std::string& step, const JanusReply& reply) {
   }
 }
 
-// Missing tokens and pins are told as missing elements.
+// The server reports missing tokens and pins as missing elements.
 bool is_unauthorized(int error) {
   constexpr std::array kCodes{JanusError::kUnauthorized, JanusError::kUnauthorizedPlugin,
                               JanusError::kUnauthorizedInRoom, JanusError::kMissingElement};

@@ -7,7 +7,7 @@
 
 namespace sarnet::relay {
 
-// What a program is told: a code of the contract's enumerations and what happened at which step.
+// What a program gets: a code of the contract's enumerations and what happened at which step.
 struct Failure {
   int code = 0;
   std::string text;

@@ -6,20 +6,20 @@
 
 namespace sarnet::relay {
 
-// How much is taken from a server: well above what one sends that means well, and so little that
-// memory stays flat whatever it sends.
+// Limits on what a server may send: well above any honest server's use, and low enough to bound
+// memory.
 
 // A message, all its fragments together. The longest is the list of those who are in a room; 500
 // publishers with three streams and a display text each make 300 KB.
 inline constexpr std::uint64_t kMaxMessage = std::uint64_t{1024} * 1024;
-// Lists and objects within each other; the server's own go 8 deep.
+// Nesting of lists and objects; the server's own messages go 8 deep.
 inline constexpr int kMaxDepth = 32;
-// What may come in one period. Each of some thousand participants may cause an event in the same
-// second. A server that never pauses would keep the loop from all else.
+// What may arrive in one period. Each of some thousand participants may cause an event in the same
+// second. A server that never pauses would starve the loop's other work.
 inline constexpr std::chrono::seconds kFloodPeriod{1};
 inline constexpr std::uint64_t kFloodFrames = 10'000;
 inline constexpr std::uint64_t kFloodBytes = 16 * kMaxMessage;
-// Breaks of the connection without a calm period between them.
+// Connection failures without a calm period between them.
 inline constexpr int kMaxBreaks = 10;
 
 // Participations in a room; each further stream is one.

@@ -27,10 +27,10 @@ MRController::~MRController() {
   LOG4CXX_DEBUG(logger_, "MRController::~MRController");
   disconnect();
   event_queue_.stop();
-  // A stream that came while the session went must not be deleted behind the library's end.
+  // A stream that arrived while the session ended must not be deleted after srn_destroy.
   subscriber_manager_.discardStreams();
   deinitSntLibrary();
-  // These lead back to members that go before the device does.
+  // These refer to members that are destroyed before the device.
   audio_device_wrapper_->setOnCapturerStartedCallback({});
   audio_device_wrapper_->setOnAudioBuffersDrainedCallback({});
 }
@@ -61,7 +61,7 @@ std::string MRController::publish(const MRPublisherSettings& settings,
 
 void MRController::installDrainedCallbacks() {
   const MRPublisherSettings settings = publisher_manager_.getSettings();
-  // A side that has run dry is reported as zero without measuring it.
+  // A drained side is reported as zero without measuring it.
   audio_device_wrapper_->setOnAudioBuffersDrainedCallback([this, has_video = settings.has_video] {
     MediaBufferStats stats;
     stats.audio_stats = AudioBufferStats{0};
@@ -143,8 +143,8 @@ MediaBufferStats MRController::getCurrentBufferStats() {
 MediaBufferStats MRController::getCurrentBufferStatsInternal() const {
   const MRPublisherSettings settings = publisher_manager_.getSettings();
   MediaBufferStats stats;
-  // The audio buffer is the device's and stays when the publisher goes; the video buffer goes with
-  // it.
+  // The audio buffer is the device's and outlives the publisher; the video buffer is the
+  // publisher's.
   if (audio_device_wrapper_ != nullptr && settings.has_audio) {
     stats.audio_stats = AudioBufferStats{audio_device_wrapper_->getAudioBufferDuration().count()};
   }

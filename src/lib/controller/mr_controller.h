@@ -36,9 +36,9 @@ using on_session_audio_data =
 using on_session_ready_to_publish = std::function<void(const std::string& session_id)>;
 using on_session_media_buffer_drained = std::function<void(const MediaBufferStats& stats)>;
 
-/// What the controller's owner wants to hear; any member may be empty. All run on the worker, one
-/// at a time and in order, and may call the controller; only `on_audio_data` runs on the renderer's
-/// thread, with samples that are valid during the call.
+/// The owner's callbacks; any member may be empty. All run on the worker, one at a time and in
+/// order, and may call the controller; only `on_audio_data` runs on the renderer's thread, with
+/// samples that are valid during the call.
 struct MRSessionCallbacks {
   on_session_connected on_connected;
   /// The session ended without being asked to.
@@ -85,7 +85,7 @@ class MRController final : public MRSessionObserver {
   bool connect(MRSessionInfo session_info, const MRSessionSettings& session_settings);
   /// True also when there was nothing to leave. Waits for the library, at most 5 seconds.
   bool disconnect();
-  /// From a successful `connect` to the beginning of the tear-down.
+  /// True from a successful `connect` to the start of the tear-down.
   bool isRunning() const { return is_running_.load(); }
 
   /// The publisher's id; empty on failure.
@@ -143,14 +143,13 @@ class MRController final : public MRSessionObserver {
   const MRSessionCallbacks session_callbacks_;
   MRSessionSettings session_settings_;
 
-  /// What the renderer's thread reads. It may still be reading when the next session is being
-  /// connected, so the ids that were ever shown to it stay.
+  /// Read by the renderer's thread, possibly while the next session is being connected, so ids once
+  /// published to it are kept.
   std::atomic<bool> is_running_{false};
   std::set<std::string> audio_session_ids_;  ///< the worker's
   std::atomic<const std::string*> audio_session_id_{nullptr};
 
-  /// Raised by each attempt to connect: an event of an earlier session that is still queued is then
-  /// recognised.
+  /// Incremented by each attempt to connect, to recognise queued events of an earlier session.
   std::atomic<uint64_t> session_generation_{0};
 
   std::unique_ptr<MRAudioDevice> audio_device_wrapper_;
@@ -159,5 +158,5 @@ class MRController final : public MRSessionObserver {
   MRSubscriberManager subscriber_manager_;
 };
 
-/// Whether the two are the same but for the case of ASCII letters.
+/// Whether the two are equal, ignoring the case of ASCII letters.
 bool stringCaseInsensitiveCompare(const std::string& a, const std::string& b);

@@ -1,4 +1,4 @@
-// How events come from the threads of the library and of the media engine to the worker, and from
+// How events pass from the threads of the library and of the media engine to the worker, and from
 // there to the owner's callbacks.
 
 #include <utility>

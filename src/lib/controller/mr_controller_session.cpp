@@ -51,12 +51,11 @@ bool MRController::connectInternal(MRSessionInfo& session_info,
   LOG4CXX_DEBUG(logger_, "MRController::connect: with session_info: "
                              << session_info << ", session_settings: " << session_settings);
   session_settings_ = session_settings;
-  // From here on what is still queued of an earlier session is stale, and so are streams that it
-  // left.
+  // From here on queued events of an earlier session are stale, and so are the streams it left.
   ++session_generation_;
   subscriber_manager_.discardStreams();
-  // A capturer that starts before the worker has come to the new session's on_connected is not
-  // taken for the old session's.
+  // So that a capturer that starts before the worker handles the new session's on_connected does
+  // not count as the old session's.
   audio_device_wrapper_->setOnCapturerStartedCallback({});
   session_ = MRSession::connect(session_info, session_settings, this);
   if (session_ == nullptr) {
@@ -105,8 +104,8 @@ bool MRController::disconnectInternal() {
     return false;
   }
   if (!is_running_) return true;
-  // Media first, so that nothing is fed to what is being torn down; the session last, since the
-  // others hold on to it.
+  // Media first, so that nothing is fed to an object being torn down; the session last, since the
+  // others use it.
   is_running_ = false;
   audio_device_wrapper_->stop();
   subscriber_manager_.reset();
@@ -125,7 +124,7 @@ void MRController::setLogLevel(const std::string& level) {
     srn_log_level library_level;
     log4cxx::LevelPtr level;
   };
-  // The library's own debug output is asked for by "trace" only.
+  // Only "trace" turns on the library's own debug output.
   const Row rows[] = {
       {"off", SRN_LOG_LEVEL_DISABLED, log4cxx::Level::getOff()},
       {"trace", SRN_LOG_LEVEL_TRACE, log4cxx::Level::getTrace()},

@@ -15,8 +15,7 @@ struct BufferStats {
 using AudioBufferStats = BufferStats;
 using VideoBufferStats = BufferStats;
 
-/// An empty side was not measured or does not exist; 0 in a drained report means that it just ran
-/// dry.
+/// An empty side was not measured or does not exist; 0 in a drained report: it has just run dry.
 struct MediaBufferStats {
   std::optional<AudioBufferStats> audio_stats;
   std::optional<VideoBufferStats> video_stats;

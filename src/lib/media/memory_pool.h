@@ -12,9 +12,9 @@
 
 /// Recycles buffers by their exact size, so that a steady flow of frames allocates nothing.
 ///
-/// One instance for the process, never destroyed: frames may come back while static objects go. Any
-/// thread; the mutex is a leaf and is not held while memory is allocated or freed. Nothing trims
-/// the pool: it holds as many buffers of each size as were ever in use at once.
+/// One instance per process, never destroyed: frames may return while static objects are destroyed.
+/// Any thread; the mutex is a leaf and is not held while memory is allocated or freed. Nothing
+/// trims the pool: it holds as many buffers of each size as were ever in use at once.
 template <class T>
 class MemoryPool {
  public:
@@ -28,7 +28,7 @@ class MemoryPool {
   MemoryPool(const MemoryPool&) = delete;
   MemoryPool& operator=(const MemoryPool&) = delete;
 
-  /// The buffer of `size` elements that came back last, with its old contents, or a new one of
+  /// The most recently returned buffer of `size` elements, with its old contents, or a new one of
   /// zeros. Empty when `size` is not positive or memory is out.
   Buffer getBuffer(int size) {
     if (size < 1) return {};
@@ -44,8 +44,8 @@ class MemoryPool {
     return Buffer(new (std::nothrow) T[static_cast<std::size_t>(size)]());
   }
 
-  /// Takes back a buffer of exactly `size` elements; false, and the buffer is freed, when there is
-  /// nothing to take or no room to note it.
+  /// Takes back a buffer of exactly `size` elements; false, and the buffer is freed, when it is
+  /// empty or there is no memory to record it.
   bool returnBuffer(int size, Buffer buffer) {
     if (size < 1 || !buffer) return false;
     try {
@@ -57,14 +57,14 @@ class MemoryPool {
     return true;
   }
 
-  /// Frees every buffer that waits in the pool.
+  /// Frees every idle buffer.
   void clear() {
     std::map<int, Stack> dropped;
     const common::LockGuard lock(mutex_);
     dropped.swap(pools_);
   }
 
-  /// How many buffers of that size wait in the pool.
+  /// The number of idle buffers of that size.
   std::size_t getPoolSize(int size) {
     const common::LockGuard lock(mutex_);
     const auto entry = pools_.find(size);

@@ -31,7 +31,7 @@ bool MRAudioCapturer::init(int sample_rate, int channels) {
                               << sample_rate << " channels: " << channels);
     return false;
   }
-  // An addAudio that passed its test of the state in the session before may still want the buffer.
+  // An addAudio that checked the state in the previous session may still use the buffer.
   const common::LockGuard lock(injected_audio_mutex_);
   sample_rate_.store(sample_rate);
   num_channels_.store(channels);
@@ -46,7 +46,7 @@ bool MRAudioCapturer::init(int sample_rate, int channels) {
 void MRAudioCapturer::resetInjectedAudioState() {
   silence_buffer_ = std::make_unique<sample_t[]>(period_buffer_length_);
   mixed_buffer_ = std::make_unique<sample_t[]>(period_buffer_length_);
-  // The old one goes first, and calloc gives pages that are zero without being touched.
+  // The old one is freed first; calloc's pages are zero without being touched.
   injected_audio_buffer_.reset();
   injected_audio_buffer_.reset(
       static_cast<sample_t*>(std::calloc(kInjectedAudioBufferSize, sizeof(sample_t))));

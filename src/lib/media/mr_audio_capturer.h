@@ -47,8 +47,8 @@ class MRAudioCapturer {
   MRAudioCapturer(const MRAudioCapturer&) = delete;
   MRAudioCapturer& operator=(const MRAudioCapturer&) = delete;
 
-  /// False when initialised already and for formats whose period cannot be held. Allocates all the
-  /// memory there is; throws std::bad_alloc when there is none.
+  /// False when initialised already and for formats whose period does not fit. Allocates all of the
+  /// object's memory; throws std::bad_alloc.
   bool init(int sample_rate, int channels);
   bool start();
   bool stop();
@@ -58,15 +58,15 @@ class MRAudioCapturer {
   bool isRunning() const;
 
   /// Takes all of the data and returns true, or none and returns false: when not running, or when
-  /// they do not fit. The data's counts are trusted; its rate is not looked at.
+  /// they do not fit. The data's counts are trusted; its rate is ignored.
   bool addAudio(const MRAudioData& data);
 
-  /// Drops what waits and starts over, as after `start`. False before `init`.
+  /// Drops the queued audio and starts over, as after `start`. False before `init`.
   bool clearAudioBuffers();
 
   void setOnAudioBuffersDrainedCallback(MRAudioCapturerBuffersDrainedCallback&& callback);
 
-  /// How much audio waits. Takes no lock.
+  /// The duration of the queued audio. Takes no lock.
   std::chrono::milliseconds getAudioBufferDuration() const;
 
  protected:
@@ -101,7 +101,7 @@ class MRAudioCapturer {
   std::size_t period_buffer_length_ GUARDED_BY(injected_audio_mutex_) = 0;
   std::int32_t injected_read_index_ GUARDED_BY(injected_audio_mutex_) = 0;
   std::int32_t injected_write_index_ GUARDED_BY(injected_audio_mutex_) = 0;
-  /// samples that may be other than zero
+  /// samples that may be non-zero
   std::size_t injected_high_water_ GUARDED_BY(injected_audio_mutex_) = 0;
   /// a full period went out since the last reset
   bool is_receiving_data_ GUARDED_BY(injected_audio_mutex_) = false;

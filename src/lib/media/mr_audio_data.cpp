@@ -48,6 +48,6 @@ bool MRAudioData::isBufferEmpty() const {
   const std::size_t size = bufferSize();
   if (sample_buffer_ == nullptr || size == 0) return true;
   const auto* bytes = static_cast<const unsigned char*>(sample_buffer_);
-  // A zero followed by itself all the way: memcmp is many times as fast as a loop over the bytes.
+  // Zero if the first byte is and each equals the next: memcmp is many times faster than a loop.
   return bytes[0] == 0 && std::memcmp(bytes, bytes + 1, size - 1) == 0;
 }

@@ -19,8 +19,8 @@ struct PeriodSize {
   std::size_t samples;  ///< of all channels together
 };
 
-/// What a period holds in that format, rounded down; nothing for a negative figure and for a period
-/// that no buffer could hold. Zeros are fine and give a period of nothing.
+/// The size of a period in that format, rounded down; empty for a negative figure and for a period
+/// that no buffer could hold. Zeros are allowed and give an empty period.
 std::optional<PeriodSize> periodSize(int sample_rate, int channels,
                                      std::chrono::milliseconds period);
 
@@ -34,13 +34,13 @@ struct MRAudioData {
   /// The library counts samples per channel, which are frames here. A null record gives no samples.
   explicit MRAudioData(const srn_audio_data* audio_data);
 
-  /// Samples of all channels together; nothing when the counts are too large to multiply.
+  /// Samples of all channels together; empty when the counts are too large to multiply.
   std::optional<std::size_t> sampleCount() const;
 
   /// Bytes of the block; 0 when the counts are too large to multiply.
   std::size_t bufferSize() const;
 
-  /// True when the block is silent, every byte being 0, or has no bytes. Scans the block.
+  /// True when every byte of the block is 0, or it has none. Scans the block.
   bool isBufferEmpty() const;
 
   const void* sample_buffer_;

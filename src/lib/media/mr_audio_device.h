@@ -19,7 +19,7 @@ struct MRAudioSettings {
   bool operator==(const MRAudioSettings&) const = default;
 };
 
-/// Formats of the two directions: what the program sends, and what it is given.
+/// Formats of the two directions: what the program sends and what it receives.
 struct MRAudioDeviceSettings {
   MRAudioSettings publisher;
   MRAudioSettings subscriber;
@@ -36,28 +36,28 @@ using MRCapturerStartedCallback = std::function<void()>;
 /// Called on the capturer's thread with its mutex held: may only post.
 using MRAudioDeviceBuffersDrainedCallback = std::function<void()>;
 
-/// The audio device that the library is given in place of sound hardware. Its callback table maps
-/// each slot to the capturer or the renderer.
+/// The audio device given to the library in place of sound hardware. Its callback table maps each
+/// slot to the capturer or the renderer.
 ///
 /// The library keeps the address of the object and of its table until srn_destroy has returned, so
-/// the object stays where it is and lives longer than that. All public calls may come from any
+/// the object must not move and must outlive that. All public functions may be called from any
 /// thread.
 class MRAudioDevice {
  public:
-  /// Installs itself in the library; logs when the library refuses, and then never gets a callback.
+  /// Installs itself in the library; logs if the library refuses, and then never gets a callback.
   explicit MRAudioDevice(MRAudioDataCallback&& on_audio);
 
   MRAudioDevice(const MRAudioDevice&) = delete;
   MRAudioDevice& operator=(const MRAudioDevice&) = delete;
 
-  /// Sets what the library is told from now on; a running side keeps its format.
+  /// Sets the formats reported to the library from now on; a running side keeps its format.
   void updateSettings(const MRAudioDeviceSettings& settings);
 
   /// Winds both sides down. Blocks for two periods at most.
   void stop();
 
-  /// Told of each start of the capturer, on the thread that starts it. If the capturer has been
-  /// started while there was nobody to tell, and still runs, the callback is called right here.
+  /// Called at each start of the capturer, on the thread that starts it. If the capturer was
+  /// started while no callback was set, and still runs, the callback is called right here.
   void setOnCapturerStartedCallback(MRCapturerStartedCallback&& callback);
   void setOnAudioBuffersDrainedCallback(MRAudioDeviceBuffersDrainedCallback&& callback);
 

@@ -23,7 +23,7 @@ MRAudioRenderer::MRAudioRenderer(std::chrono::milliseconds period, MRAudioDataCa
 MRAudioRenderer::~MRAudioRenderer() {
   stop();
   destroy();
-  // Not left to the future's own destructor: a join put off for want of a thread runs here.
+  // The future's destructor would not run a deferred join; this does.
   if (thread_join_future_.valid()) thread_join_future_.wait();
 }
 
@@ -75,17 +75,17 @@ bool MRAudioRenderer::start() {
       }
     }
     // Without the mutex: the old thread may be in a program's callable, which may wait for a thread
-    // that stands in `stop`.
+    // inside `stop`.
     previous.wait();
     waited = true;
   }
 }
 
 bool MRAudioRenderer::startThreadLocked() {
-  // Before the thread exists, which ends as soon as it finds another state.
+  // Before the thread exists: it ends as soon as it sees another state.
   state_.store(AudioRendererState::Running);
   try {
-    // The format goes with the thread: after a stop that timed out, `init` may set another one
+    // The thread gets a copy of the format: after a stop that timed out, `init` may set another one
     // while the old thread still runs.
     thread_ = std::thread(&MRAudioRenderer::runLoop, this, sample_rate_, num_channels_);
   } catch (const std::exception& e) {
@@ -121,7 +121,7 @@ bool MRAudioRenderer::stopLocked() {
 }
 
 void MRAudioRenderer::launchJoinLocked() {
-  // While it is under way the thread is the join's alone: start and destroy wait for the future.
+  // Until it is done only the join touches the thread: start and destroy wait for the future.
   const auto join = [this]() NO_THREAD_SAFETY_ANALYSIS {
     LOG4CXX_DEBUG(logger_,
                   "MRAudioRenderer::stop: Joining thread to stop: the renderer is not running");
@@ -131,7 +131,7 @@ void MRAudioRenderer::launchJoinLocked() {
   try {
     thread_join_future_ = std::async(std::launch::async, join).share();
   } catch (const std::exception&) {
-    // No thread to be had: whoever waits for the join does it.
+    // No thread can be made: the one that waits for the join does it.
     thread_join_future_ = std::async(std::launch::deferred, join).share();
   }
 }
@@ -181,7 +181,7 @@ void MRAudioRenderer::loopFn(int sample_rate, int channels) {
     const auto begin = std::chrono::system_clock::now();
     if (!deliverPeriod(buffer.data(), period.frames, sample_rate, channels)) break;
     const Nanos remaining = begin + audio_period_ - std::chrono::system_clock::now();
-    // Never more than a period, also when somebody sets the wall clock back.
+    // Never more than a period, even if the wall clock is set back.
     Clock::sleepFor(std::min<Nanos>(remaining, audio_period_));
   }
   LOG4CXX_DEBUG(logger_, "MRAudioRenderer::loopFn: Thread finishes.");

@@ -18,13 +18,13 @@ enum class AudioRendererState { Uninitialized = 0, Initialized = 1, Running = 2 
 /// valid during the call only.
 using MRAudioDataCallback = std::function<void(const MRAudioData&)>;
 
-/// The way of the session's mixed audio: a thread that reads one period from the library at a time
-/// and hands it on.
+/// Delivers the session's mixed audio: a thread reads one period at a time from the library and
+/// passes it to the callback.
 ///
-/// The life-cycle calls may come from any thread but the loop's own. `stop` waits for one period at
-/// most: a thread that is still in the library or in the callback is joined by a short-lived
-/// thread, which the next `start`, or the destructor, waits for without limit. A short read ends
-/// the loop; `isRunning` stays true until `stop`.
+/// The life-cycle functions may be called from any thread but the loop's own. `stop` waits for one
+/// period at most: a thread that is still in the library or in the callback is joined by a
+/// short-lived thread, which the next `start`, or the destructor, waits for without limit. A short
+/// read ends the loop; `isRunning` stays true until `stop`.
 class MRAudioRenderer {
  public:
   MRAudioRenderer(std::chrono::milliseconds period, MRAudioDataCallback&& callback);
@@ -33,7 +33,7 @@ class MRAudioRenderer {
   MRAudioRenderer(const MRAudioRenderer&) = delete;
   MRAudioRenderer& operator=(const MRAudioRenderer&) = delete;
 
-  /// False when initialised already and for formats whose period cannot be held.
+  /// False when initialised already and for formats whose period does not fit.
   bool init(int sample_rate, int channels);
   bool start();
   bool stop();

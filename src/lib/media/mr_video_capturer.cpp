@@ -10,7 +10,7 @@
 
 namespace {
 
-/// A stream may ask for any rate, but a task without a pause would take a whole core.
+/// A stream may request any rate, but a task without a pause would take a whole core.
 constexpr Nanos kShortestPeriod = std::chrono::milliseconds(1);
 
 std::chrono::microseconds periodOf(int fps) {
@@ -58,7 +58,7 @@ MRVideoCapturer::MRVideoCapturer(const MRVideoSettings& settings)
       black_frame_(MRVideoFrame::create(settings.width, settings.height, settings.format)),
       drained_buffer_hysteresis_periods_(hysteresisPeriods(settings.fps)),
       task_runner_("VideoCapturer") {
-  // There is none for a format that no frame can have; the library then refuses each period.
+  // Empty for a format that no frame can have; the library then refuses each period.
   if (black_frame_) black_frame_->fillBlackColor();
   LOG4CXX_DEBUG(logger_, "MRVideoCapturer: " << settings);
 }
@@ -142,7 +142,7 @@ std::shared_ptr<srn_video_frame> MRVideoCapturer::takeQueuedFrame() {
   LOG4CXX_TRACE(logger_, "MRVideoCapturer::getNextFrame: Frame taken from buffer");
   last_frame_ = std::move(frame_buffers_.front());
   times_repeated_last_frame_ = 0;
-  // Counted before the slot goes: the frame that is about to be shown has not been played yet.
+  // Counted before it is removed: the frame about to be shown has not been played yet.
   updateBufferedFramesNumber();
   frame_buffers_.pop_front();
   return last_frame_->toSrnVideoFrame();

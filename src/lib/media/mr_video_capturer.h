@@ -23,7 +23,7 @@ struct MRVideoSettings {
   int fps = 0;
   MRVideoFrameFormat format = MRVideoFrameFormat::UNKNOWN;
 
-  /// Whether size and rate are positive. The format is not looked at.
+  /// Whether size and rate are positive. Ignores the format.
   bool isValid() const;
 
   bool operator==(const MRVideoSettings&) const = default;
@@ -35,21 +35,21 @@ std::ostream& operator<<(std::ostream& out, const MRVideoSettings& settings);
 /// frame.
 using MRVideoBufferDrainedCallback = std::function<void()>;
 
-/// The way of injected video: frames in at the program's pace, one frame a period out to the
-/// library.
+/// Buffers injected video: accepts frames at the program's pace and gives the library one per
+/// period.
 ///
 /// When the queue is empty the last frame is repeated for two seconds less a period, then black
 /// frames follow, as they do before the first frame. The second repeat (the first up to 3 frames a
-/// second) raises the drained callback, once a dry spell.
+/// second) raises the drained callback, once each time the queue runs empty.
 ///
 /// The library drives the object through its table, which holds its address. Frames are taken
-/// between the table's `start` and `destroy`. All public calls may come from any thread.
+/// between the table's `start` and `destroy`. All public functions may be called from any thread.
 class MRVideoCapturer {
  public:
   static constexpr int kDefaultFps = 30;
   /// Capacity of the queue in frames.
   static constexpr std::size_t kInjectedVideoBufferItems = 150;
-  /// The drained callback may trail the last frame by this time, but by no more than these periods.
+  /// The drained callback may follow the last frame by this time, but at most by these periods.
   static constexpr int kDrainedBufferHysteresisMs = 500;
   static constexpr int kDrainedBufferHysteresisPeriods = 2;
 
@@ -65,17 +65,17 @@ class MRVideoCapturer {
 
   bool isRunning() const;
 
-  /// Queues the frame; on false it is destroyed: not running, no frame, another size or format than
-  /// the stream's, or no room.
+  /// Queues the frame, or destroys it and returns false: not running, null frame, another size or
+  /// format than the stream's, or no room.
   bool addVideo(std::unique_ptr<MRVideoFrame> frame);
 
-  /// Drops what is queued; the last frame stays. False when not running.
+  /// Drops the queue; the last frame stays. False when not running.
   bool clearVideoBuffers();
 
-  /// How much video waits, counting the frame just taken. Takes no lock.
+  /// The duration of the queued video, counting the frame just taken. Takes no lock.
   std::chrono::milliseconds getVideoBufferDuration() const;
 
-  /// The queue itself; only for a caller that knows that nobody else uses the capturer.
+  /// The queue itself; only for a caller with exclusive use of the capturer.
   const std::deque<std::unique_ptr<MRVideoFrame>>& getVideoFrameBuffers() const;
 
   void setOnVideoBufferDrainedCallback(MRVideoBufferDrainedCallback&& callback);

@@ -16,7 +16,7 @@ namespace MRVideoFrameFormatUtils {
 /// The name; "UNKNOWN" for any other value.
 std::string to_string(const MRVideoFrameFormat& format);
 
-/// The format of exactly that name, case and all; else UNKNOWN.
+/// The format of exactly that name, case-sensitive; else UNKNOWN.
 MRVideoFrameFormat to_snt_video_frame_format(const std::string& name);
 
 /// The library's number of the format.
@@ -26,8 +26,8 @@ srn_video_frame_format to_srn_video_frame_format(const MRVideoFrameFormat& forma
 
 std::ostream& operator<<(std::ostream& out, const MRVideoFrameFormat& format);
 
-/// What a frame is. The pixels are borrowed, unless `keep_alive` is set: it then owns them, and
-/// whoever copies it may read `buffer` for as long as the copy lives, on any thread.
+/// The description of a frame. The pixels are borrowed unless `keep_alive` is set: it then owns
+/// them, and a holder of a copy may read `buffer` for the copy's lifetime, on any thread.
 struct MRVideoFrameData {
   const int width;
   const int height;
@@ -35,7 +35,7 @@ struct MRVideoFrameData {
   const MRVideoFrameFormat format;
   std::shared_ptr<const void> keep_alive = {};
 
-  /// Compares the description and the address of the pixels; who owns them makes no difference.
+  /// Compares the description and the address of the pixels, not their owner.
   bool operator==(const MRVideoFrameData& other) const;
   bool operator!=(const MRVideoFrameData& other) const { return !(*this == other); }
 };
@@ -44,21 +44,22 @@ struct MRVideoFrameData {
 /// and destroyed on any. Every failure gives an empty result and an Error line.
 class MRVideoFrame {
  public:
-  /// A frame whose pixels are not defined: a recycled buffer shows an older picture.
+  /// A frame with unspecified pixels: a recycled buffer shows an older picture.
   static std::unique_ptr<MRVideoFrame> create(int width, int height, MRVideoFrameFormat format);
 
-  /// A frame with a copy of the `bufferSize` bytes at `buffer`, whose length the caller has tested.
+  /// A frame with a copy of the `bufferSize` bytes at `buffer`, whose length the caller has
+  /// checked.
   static std::unique_ptr<MRVideoFrame> create(int width, int height, const std::uint8_t* buffer,
                                               MRVideoFrameFormat format);
 
-  /// A packed copy of a library frame, which has to be YUV 4:2:0; rows that it lacks are black.
+  /// A packed copy of a library frame, which must be YUV 4:2:0; missing rows are black.
   static std::unique_ptr<MRVideoFrame> fromSrnVideoFrame(const srn_video_frame* frame);
 
   /// Bytes of a packed picture; 0 for a size or format that no frame can have, or above INT_MAX.
   static int bufferSize(int width, int height, MRVideoFrameFormat format);
 
-  /// The frame's description, with `keep_alive` owning the frame: it goes, and its buffer back to
-  /// the pool, with the last copy. An empty record for an empty frame.
+  /// The frame's description, with `keep_alive` owning the frame: the last copy destroys it, which
+  /// returns its buffer to the pool. An empty record for an empty frame.
   static MRVideoFrameData share(std::unique_ptr<MRVideoFrame> frame);
 
   ~MRVideoFrame();
@@ -68,8 +69,8 @@ class MRVideoFrame {
 
   const MRVideoFrameData& getFrameData() const;
 
-  /// The library's view of these pixels, made at the first call and the same at each. Valid only
-  /// while this frame lives.
+  /// The library's view of these pixels, made by the first call and then reused. Valid only while
+  /// this frame lives.
   std::shared_ptr<srn_video_frame> toSrnVideoFrame();
 
   /// Video-range black; for the RGB formats all zeros, alpha too.

@@ -9,8 +9,8 @@ TimePoint Clock::now() { return std::chrono::steady_clock::now(); }
 
 void Clock::sleepUntil(TimePoint t) {
   for (;;) {
-    // Worked out anew after each signal: what nanosleep leaves behind ignores the handler's time,
-    // and a shower of signals could hold the sleeper for ever.
+    // Recomputed after each signal: nanosleep's remainder ignores the handler's time, so many
+    // signals could hold the sleeper for ever.
     const Nanos left = t - now();
     if (left <= Nanos::zero()) return;
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);

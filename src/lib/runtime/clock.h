@@ -13,13 +13,13 @@ class Clock : public std::chrono::steady_clock {
  public:
   static TimePoint now();
 
-  /// Returns once `t` has passed; at once, without sleeping, when it has already.
+  /// Returns once `t` has passed; at once, without sleeping, if it already has.
   static void sleepUntil(TimePoint t);
 
   /// Sleeps for `duration`, resuming after signals; not at all when it is not positive.
   static void sleepFor(Nanos duration);
 
-  /// Asks the kernel to wake the calling thread on time rather than together with others: by
-  /// default it may add 50 us to every sleep. For threads that pace media.
+  /// Asks the kernel not to coalesce the calling thread's wake-ups, which by default may add 50 us
+  /// to every sleep. For threads that pace media.
   static void sharpenCurrentThread();
 };

@@ -48,7 +48,7 @@ void EventQueue::stop() {
   }
   cv_.notify_one();
   if (worker_.joinable()) worker_.join();
-  // The system may give the id to another thread, which must not pass for the worker.
+  // The system may reuse the id for another thread, which must not count as the worker.
   worker_thread_id_.store(std::thread::id());
   worker_role_.leave();
   {
@@ -100,7 +100,7 @@ class CompletionSignal {
   void fire() {
     Completion* const completion = std::exchange(completion_, nullptr);
     if (completion == nullptr) return;
-    // Notified under the mutex: the waiter cannot leave, and take the record away, before that.
+    // Notified under the mutex: the waiter cannot return, and destroy the record, before that.
     const common::LockGuard lock(completion->mutex);
     completion->done = true;
     completion->cv.notify_one();
@@ -121,7 +121,7 @@ void EventQueue::postAndWait(std::function<void()>&& task) {
   auto signal = std::make_shared<CompletionSignal>(completion);
   const bool accepted = post([signal = std::move(signal), task = std::move(task)]() mutable {
     {
-      // What the task captured goes before the caller goes on.
+      // The task's captures are destroyed before the caller continues.
       const std::function<void()> owned = std::move(task);
       // The caller gets the default value instead of an exception.
       common::guard(owned, [](const char*) {});
@@ -146,8 +146,8 @@ void EventQueue::runWorker() try {
   processLoop();
   LOG4CXX_DEBUG(logger_, "EventQueue::processLoop: Worker thread exiting (" << name_ << ")");
 } catch (abi::__forced_unwind&) {
-  // The interpreter ends threads that ask for its lock while it shuts down. Nobody must wait for
-  // this one afterwards.
+  // The interpreter ends threads that request its lock while it shuts down. Afterwards nobody may
+  // wait for this one.
   abandon();
   throw;
 } catch (const std::exception&) {

@@ -14,12 +14,12 @@
 #include "common/thread_role.h"
 #include "runtime/event_queue_result.h"
 
-/// One worker thread that runs tasks in the order in which they were posted.
+/// One worker thread that runs tasks in the order posted.
 ///
 /// Any thread may post, wait, flush and ask. `start` and `stop` belong to the owner, one at a time,
 /// and never to a task. No lock is held while a task runs, so a task may post to its own queue.
-/// Every task that was accepted runs exactly once, at the latest while `stop` waits. There is no
-/// limit of size.
+/// Every task that was accepted runs exactly once, at the latest while `stop` waits. The size is
+/// unbounded.
 class EventQueue {
  public:
   explicit EventQueue(const std::string& name);
@@ -28,7 +28,7 @@ class EventQueue {
   EventQueue(const EventQueue&) = delete;
   EventQueue& operator=(const EventQueue&) = delete;
 
-  /// Starts the worker; a warning when it runs already. Throws std::system_error, and stays
+  /// Starts the worker; logs a warning if it runs already. Throws std::system_error, and stays
   /// stopped, when no thread can be made.
   void start();
 
@@ -42,12 +42,11 @@ class EventQueue {
   bool post(std::function<void()>&& task);
 
   /// Blocks until the task has run. On the worker itself the task runs at once, ahead of what is
-  /// queued, and its exceptions reach the caller; elsewhere they are dropped without a word.
-  /// Returns at once when stopped. The caller must hold no lock that the task, or one queued before
-  /// it, needs.
+  /// queued, and its exceptions reach the caller; elsewhere they are dropped silently. Returns at
+  /// once when stopped. The caller must hold no lock that the task, or one queued before it, needs.
   void postAndWait(std::function<void()>&& task);
 
-  /// The same, bringing back the task's value, or T's default if it threw or did not run.
+  /// The same, returning the task's value, or T's default if it threw or did not run.
   template <EventQueueResult T>
   T postAndWait(std::function<T()>&& task) {
     if (isOnWorkerThread()) return task();
@@ -61,8 +60,8 @@ class EventQueue {
 
   bool isOnWorkerThread() const;
 
-  /// For what belongs to the worker: in builds that check threads, ends the program when another
-  /// thread calls while the worker lives.
+  /// For functions that belong to the worker: in builds that check threads, ends the program when
+  /// another thread calls while the worker lives.
   void requireWorkerThread() const { worker_role_.require(); }
 
  private:

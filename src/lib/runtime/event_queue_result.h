@@ -2,7 +2,7 @@
 
 #include <string>
 
-/// Says which types `EventQueue::postAndWait` may bring back. Each such type specialises it beside
+/// Marks the types that `EventQueue::postAndWait` may return. Each such type specialises it beside
 /// its own definition; its default value is what a caller gets when the task did not run.
 template <class T>
 inline constexpr bool kIsEventQueueResult = false;

@@ -44,7 +44,7 @@ bool PeriodicTaskRunner::run(const Task& task, Nanos period, const ErrorCallback
 bool PeriodicTaskRunner::stop() {
   LOG4CXX_TRACE(logger_, "Trying to stop a task.");
   if (!isRunning()) return false;
-  // The flag and the join are one step for `run`, which would revive the old loop in between.
+  // The flag and the join must be atomic for `run`, which would otherwise revive the old loop.
   const common::LockGuard lock(thread_mutex_);
   bool expected = true;
   if (!is_running_.compare_exchange_strong(expected, false)) return false;

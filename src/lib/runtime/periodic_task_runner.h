@@ -10,7 +10,7 @@
 #include "common/mutex.h"
 #include "runtime/clock.h"
 
-/// One thread that calls a task once a period until told to stop, the first time at once.
+/// One thread that calls a task once a period until stopped, the first time at once.
 ///
 /// Each call is scheduled one period after the scheduled instant of the call before, less the time
 /// that the call took: late wake-ups do not add up, and the pace runs ahead by the task's own
@@ -24,7 +24,7 @@ class PeriodicTaskRunner {
   using Task = std::function<void()>;
   using ErrorCallback = std::function<void(const std::string&)>;
 
-  /// The name goes into the name of the logger.
+  /// The name becomes part of the logger's name.
   explicit PeriodicTaskRunner(const std::string& name);
   virtual ~PeriodicTaskRunner();
 
@@ -37,8 +37,8 @@ class PeriodicTaskRunner {
   /// runs, and when no thread can be made. Any thread but the loop's own.
   bool run(const Task& task, Nanos period, const ErrorCallback& on_error);
 
-  /// Ends the loop and joins its thread: blocks for the call or the sleep under way. False when
-  /// nothing runs. Any thread but the loop's own.
+  /// Ends the loop and joins its thread: blocks for the current call or sleep. False when not
+  /// running. Any thread but the loop's own.
   bool stop();
 
  protected:

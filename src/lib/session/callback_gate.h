@@ -10,19 +10,19 @@
 
 #include "common/mutex.h"
 
-// What the callbacks of the library need to reach objects that may be going away at that moment.
+// How the library's callbacks reach objects that may be ending at that moment.
 //
-// The library is given a ticket as `user_data`, never an address. A callback trades the ticket for
-// a shared state, which holds all that the callback may touch, and so stays sound however late it
-// comes: with the object gone it finds no state, or finishes on a state that nobody else holds any
-// more.
+// The library is given a ticket as `user_data`, never an address. A callback looks up the ticket's
+// shared state, which holds all that it may touch, and so stays safe however late it comes: once
+// the object is gone it finds no state, or finishes on a state of which it holds the last
+// reference.
 
-/// The states of one kind of object, by ticket. Tickets are never used twice, so that a late
-/// callback of one object cannot meet the next one. Any thread may call; the mutex is a leaf.
+/// The states of one kind of object, by ticket. Tickets are never reused, so that a late callback
+/// of one object cannot reach the next one. Any thread may call; the mutex is a leaf.
 template <class State>
 class CallbackStates {
  public:
-  /// Never destroyed: callbacks may come while the process's static objects go.
+  /// Never destroyed: callbacks may come while static objects are destroyed.
   static CallbackStates& instance() {
     static auto* const states = new CallbackStates;
     return *states;
@@ -36,7 +36,7 @@ class CallbackStates {
   }
 
   void close(void* ticket) {
-    std::shared_ptr<State> state;  // goes outside the lock
+    std::shared_ptr<State> state;  // released outside the lock
     const std::unique_lock lock(mutex_);
     const auto found = states_.find(std::bit_cast<std::uintptr_t>(ticket));
     if (found != states_.end()) {
@@ -58,11 +58,11 @@ class CallbackStates {
   std::unordered_map<std::uintptr_t, std::shared_ptr<State>> states_;
 };
 
-/// Counts the callbacks that are inside an object, so that its owner can close the gate behind the
-/// last one. Only for callbacks that do no more than post, since `close` waits for them.
+/// Counts the callbacks inside an object, so that its owner can wait for the last one. Only for
+/// callbacks that merely post, since `close` waits for them.
 class CallbackGate {
  public:
-  /// One callback's stay, from construction to destruction. False if the gate was closed already.
+  /// Counts one callback as inside while it exists. False if the gate was already closed.
   class Pass {
    public:
     explicit Pass(CallbackGate& gate) : gate_(gate), entered_(gate.enter()) {}
@@ -78,7 +78,7 @@ class CallbackGate {
     const bool entered_;
   };
 
-  /// From here on nobody enters. Returns when the last callback has left. May be repeated.
+  /// Admits no more callbacks. Returns when the last one has left. May be repeated.
   void close() {
     common::UniqueLock lock(mutex_);
     closed_ = true;

@@ -9,7 +9,7 @@
 
 #include "runtime/event_queue_result.h"
 
-/// One participant of a session, as plain text that may cross threads. Default: nobody.
+/// One participant of a session, as plain text that may cross threads. Default: empty.
 struct MRConnectionInfo {
   std::string connection_id;
   int64_t creation_time = 0;  ///< milliseconds since the Unix epoch

@@ -166,7 +166,7 @@ void MRPublisher::unpublish() {
       LOG4CXX_INFO(logger_, "MRPublisher::unpublish Success unpublishing...");
     }
   }
-  // A late event then finds nobody to tell. The library reads the field by address on its threads.
+  // A late event then finds no observer. The library reads the field by address on its threads.
   const SrnPublisherPtr publisher = std::move(publisher_);
   std::atomic_ref(callbacks_.user_data).store(nullptr);
 }

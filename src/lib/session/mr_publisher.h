@@ -43,13 +43,13 @@ std::ostream& operator<<(std::ostream& out, const MRPublisherInfo& info);
 /// One publisher of the library, bound to its session for as long as the object lives, with the
 /// injected video that feeds it.
 //
-/// The video calls may come on any thread; whoever owns the object keeps it alive during them. The
-/// rest belongs to the worker. The library's events go to the manager and touch nothing of this
+/// The video functions may be called on any thread; the object's owner keeps it alive during them.
+/// The rest belongs to the worker. The library's events go to the manager and touch nothing of this
 /// object.
 class MRPublisher {
  public:
-  /// Makes and binds a publisher. Empty on failure: the log says why, and nothing stays behind in
-  /// the library. `manager` gets the events and outlives the publisher.
+  /// Makes and binds a publisher. Empty on failure: the log says why, and nothing is left in the
+  /// library. `manager` gets the events and outlives the publisher.
   static std::unique_ptr<MRPublisher> publish(const MRPublisherSettings& settings,
                                               const std::shared_ptr<MRSession>& session,
                                               MRPublisherObserver* manager);
@@ -57,8 +57,8 @@ class MRPublisher {
   /// False, with the frame destroyed, when the capturer doesn't run or the frame doesn't fit.
   virtual bool addVideo(std::unique_ptr<MRVideoFrame> frame);
 
-  /// Unbinds and deletes the library publisher, then stops the capturer. Waits for a drained
-  /// callback that is running, so it must not be called with a lock that such a callback may take.
+  /// Unbinds and deletes the library publisher, then stops the capturer. Waits for a running
+  /// drained callback, so the caller must hold no lock that such a callback may take.
   virtual ~MRPublisher();
   MRPublisher(const MRPublisher&) = delete;
   MRPublisher& operator=(const MRPublisher&) = delete;

@@ -56,7 +56,7 @@ bool MRPublisherManager::unpublish() {
     LOG4CXX_DEBUG(logger_, "MRPublisherManager::unpublish: No active publisher");
     return true;
   }
-  // First of all, so that events still queued stay without effect.
+  // First, so that events still queued have no effect.
   is_publishing_ = false;
   destroyPublisher();
   resetState();

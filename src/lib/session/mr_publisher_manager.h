@@ -46,12 +46,12 @@ class MRPublisherManager : public MRPublisherObserver {
                       const std::shared_ptr<MRSession>& session);
   /// Always true. None of the callbacks is called for it.
   bool unpublish();
-  /// From a successful `publish` to the first of stream loss, error and `unpublish`.
+  /// True from a successful `publish` to stream loss, error or `unpublish`.
   bool isPublishing() const { return is_publishing_.load(); }
 
   bool addVideo(std::unique_ptr<MRVideoFrame> frame);
   bool clearVideoBuffers();
-  /// Lost when there is no publisher; goes with the publisher.
+  /// Ignored when there is no publisher; destroyed with the publisher.
   void setOnVideoBufferDrainedCallback(MRVideoBufferDrainedCallback&& callback);
   MRVideoBufferDrainedCallback getOnVideoBufferDrainedCallback() const;
   std::chrono::milliseconds getVideoBufferDuration() const;
@@ -66,21 +66,20 @@ class MRPublisherManager : public MRPublisherObserver {
  private:
   std::string getPublisherId() const { return publisher_id_; }
   void resetState();
-  /// The end of the publisher's stream, as the worker hears of it. False if this publisher is gone,
-  /// or its end is known already.
+  /// Handles the end of the publisher's stream on the worker. False if this publisher is gone, or
+  /// its end is already known.
   bool loseStream(uint64_t generation);
   /// Takes the publisher out under the mutex and destroys it outside: its end waits for the
   /// capturer's thread, which may be waiting for the mutex.
   void destroyPublisher();
 
-  /// Guards the publisher's life against the media calls. Written on the worker only, which
+  /// Guards the publisher's lifetime against the media calls. Written on the worker only, which
   /// therefore reads without it.
   mutable common::Mutex publisher_mutex_;
   std::unique_ptr<MRPublisher> publisher_;
 
   std::atomic<bool> is_publishing_{false};
-  /// Raised by each `publish`: an event of an earlier publisher that is still queued is then
-  /// recognised.
+  /// Incremented by each `publish`, to recognise queued events of an earlier publisher.
   std::atomic<uint64_t> generation_{0};
   MRPublisherCallbacks callbacks_;
   std::string publisher_id_;

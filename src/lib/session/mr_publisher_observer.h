@@ -5,8 +5,8 @@
 
 #include "session/mr_stream.h"
 
-/// Hears the events of a publisher on a thread of the library: copies, posts and returns. It is the
-/// publisher's `user_data`, so it outlives the publisher.
+/// Receives the events of a publisher on a thread of the library: copies, posts and returns. It is
+/// the publisher's `user_data`, so it outlives the publisher.
 class MRPublisherObserver {
  public:
   virtual void onStreamCreated(const MRStreamInfo& stream_info) = 0;

@@ -30,8 +30,8 @@ std::ostream& operator<<(std::ostream& out, const MRSessionSettings& settings) {
              << ", audioDeviceSettings:" << settings.audio << "}";
 }
 
-/// All that the callbacks use. `gate` is closed first thing in the session's destructor: from then
-/// on the library's last word only settles the promise.
+/// All that the callbacks use. The session's destructor closes `gate` first: from then on the
+/// library's last event only settles the promise.
 struct MRSession::CallbackState {
   CallbackState(MRSessionObserver* observer, const std::string& id)
       : controller(observer), session_id(id) {}
@@ -53,7 +53,7 @@ struct MRSession::CallbackState {
 
 namespace {
 
-/// Runs `body` with the state of `user_data` if its session is still alive and stays so meanwhile.
+/// Runs `body` with the state of `user_data` if its session is alive, and keeps it so meanwhile.
 template <class State, class Body>
 void withLiveSession(void* user_data, const char* name, Body&& body) {
   guardCallback(logger, name, [&] {
@@ -107,13 +107,13 @@ std::shared_ptr<MRSession> MRSession::connect(const MRSessionInfo& info,
     return nullptr;
   }
   std::shared_ptr<MRSession> session(new MRSession(controller, info.session_id));
-  // Nothing to wait for until there is something to leave.
+  // There is nothing to wait for without a session to leave.
   session->setDisconnectTimeout(std::chrono::seconds(0));
 
   srn_session_settings* srn_settings = srn_session_settings_new();
   srn_session_settings_set_session_migration(srn_settings,
                                              settings.enable_migration ? SRN_TRUE : SRN_FALSE);
-  // The settings pass to the library here, whatever comes back.
+  // The library takes the settings over here, even if it fails.
   session->session_.reset(srn_session_new_with_settings(
       info.api_key.c_str(), info.session_id.c_str(), &session->callbacks_, srn_settings));
   if (session->session_ == nullptr) {
@@ -142,7 +142,7 @@ MRSession::~MRSession() {
   if (!callback_state_->force_disconnected.load() && !waitForDisconnect()) {
     LOG4CXX_ERROR(logger, "MRSession::~MRSession: Timed out disconnecting from session.");
   }
-  // The library may call until the handle is deleted, so that comes before anything else goes.
+  // The library may call until the handle is deleted, so that comes first.
   session_.reset();
   CallbackStates<CallbackState>::instance().close(callbacks_.user_data);
 }
@@ -250,14 +250,14 @@ void MRSession::onSessionDisconnected(srn_session*, void* user_data) {
 void MRSession::onSessionError(srn_session*, void* user_data, const char* description,
                                srn_session_error_code code) {
   description = textOrEmpty(description);
-  const auto number = static_cast<int>(code);  // any, also one that the enumeration does not know
+  const auto number = static_cast<int>(code);  // may be outside the enumeration
   LOG4CXX_ERROR(logger,
                 "MRSession::onSessionError: code:" << number << ", description:" << description);
   guardCallback(logger, "MRSession::onSessionError", [=] {
     const auto state = CallbackStates<CallbackState>::instance().find(user_data);
     if (state == nullptr) return;
     const CallbackGate::Pass pass(state->gate);
-    // Every error is the end of the session.
+    // Every error ends the session.
     state->force_disconnected = true;
     if (!pass) {
       LOG4CXX_INFO(logger,

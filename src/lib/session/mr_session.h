@@ -20,7 +20,7 @@ struct MRSessionInfo {
   std::string api_key;
   std::string api_hostname;
 
-  /// The host may be filled in later.
+  /// The host may be set later.
   bool isValid() const { return !session_id.empty() && !token.empty() && !api_key.empty(); }
 };
 
@@ -47,15 +47,15 @@ class MRSession {
  public:
   static constexpr std::chrono::seconds kDefaultDisconnectTimeout{5};
 
-  /// Starts joining. The outcome comes to `controller`, which must outlive the session. Empty when
-  /// the information is incomplete or the library refuses; the log says why, and nothing stays
-  /// behind.
+  /// Starts joining. Reports the outcome to `controller`, which must outlive the session. Empty
+  /// when the information is incomplete or the library refuses; the log says why, and nothing is
+  /// left.
   static std::shared_ptr<MRSession> connect(const MRSessionInfo& info,
                                             const MRSessionSettings& settings,
                                             MRSessionObserver* controller);
 
-  /// Leaves a session that the library has not ended by itself, and waits for the confirmation, at
-  /// most the disconnect time-out. Deletes the handle in any case.
+  /// Leaves the session unless the library has ended it, and waits for the confirmation, at most
+  /// the disconnect time-out. Deletes the handle in any case.
   ~MRSession();
   MRSession(const MRSession&) = delete;
   MRSession& operator=(const MRSession&) = delete;

@@ -6,8 +6,8 @@
 #include "session/mr_connection.h"
 #include "session/mr_stream.h"
 
-/// Hears what happens around one session. Called on threads of the library and of the media engine,
-/// which must not be held up: an implementation copies what it needs, posts and returns. Arguments
+/// Receives the events of one session. Called on threads of the library and of the media engine,
+/// which must not be delayed: an implementation copies what it needs, posts and returns. Arguments
 /// are valid during the call only.
 class MRSessionObserver {
  public:

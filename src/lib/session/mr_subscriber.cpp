@@ -10,8 +10,8 @@
 
 const log4cxx::LoggerPtr& MRSubscriber::logger_ = lastingLogger("MRSubscriber");
 
-/// All that the callbacks use. State events enter by the gate, and so may touch the subscriber;
-/// media use only what is here, since they may go on after the subscriber's end.
+/// All that the callbacks use. State events pass the gate, and so may touch the subscriber; media
+/// use only this state, since they may outlast the subscriber.
 struct MRSubscriber::CallbackState {
   CallbackState(MRSubscriber* owner, MRSubscriberObserver* observer)
       : subscriber(owner), manager(observer) {}
@@ -76,8 +76,7 @@ std::shared_ptr<MRSubscriber> MRSubscriber::subscribe(const MRStream& stream,
   }
   std::shared_ptr<MRSubscriber> subscriber(new MRSubscriber(session, manager));
   const MRStreamInfo stream_info = stream.getStreamInfo();
-  // An event may come as soon as the library knows the subscriber; by then it must say which
-  // stream.
+  // An event may come as soon as the library knows the subscriber, and must name its stream.
   subscriber->setSubscriberInfo({{}, stream_info.stream_id, session->getSessionId()});
 
   const srn_subscriber_callbacks callbacks = subscriber->createCallbacks(settings);
@@ -186,7 +185,8 @@ void MRSubscriber::unsubscribe() {
 
 void MRSubscriber::release() {
   unsubscribe();
-  // State events only post, so this is short. Media finish on the state, however long they take.
+  // State events only post, so this is short. Media callbacks finish on the state, however long
+  // they take.
   callback_state_->gate.close();
   subscriber_.reset();
   CallbackStates<CallbackState>::instance().close(ticket_);
@@ -215,8 +215,7 @@ namespace {
 const char* const kSubscriberIsNull = ": subscriber is NULL";
 const char* const kUserDataIsNull = ": user_data is NULL";
 
-/// Runs `body` with the state of `user_data` if the subscriber is still alive and stays so
-/// meanwhile.
+/// Runs `body` with the state of `user_data` if the subscriber is alive, and keeps it so meanwhile.
 template <class State, class Body>
 void withLiveSubscriber(const log4cxx::LoggerPtr& logger, void* user_data, const char* name,
                         Body&& body) {
@@ -303,7 +302,7 @@ void MRSubscriber::onAudioData(srn_subscriber* subscriber, void* user_data,
       logger_, subscriber, user_data, kName, [data](CallbackState& state) {
         if (data == nullptr || state.data_callbacks.on_audio_data == nullptr) return;
         const MRAudioData audio(data);
-        // Streams begin with silence in a channel count that need not be the true one.
+        // Streams begin with silence whose channel count may be wrong.
         std::size_t& locked = state.consolidated_num_channels;
         if (locked == 0) {
           if (audio.isBufferEmpty()) {

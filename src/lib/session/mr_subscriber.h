@@ -33,7 +33,7 @@ struct Resolution {
   uint32_t height = 0;
 };
 
-/// What to receive of a stream. The preferences count only with video.
+/// What to receive of a stream. The preferences apply only with video.
 struct MRSubscriberSettings {
   bool wants_audio = true;
   bool wants_video = true;
@@ -52,8 +52,8 @@ using on_subscriber_caption_text =
     std::function<void(const MRStreamInfo& stream_info, const std::string& text, bool is_final)>;
 
 /// Where the received media go, each on the library's thread for it; any may be empty. They may
-/// wait for the worker, and may still be running when the subscriber is gone. Audio samples are
-/// valid during the call; the pixels of a frame as long as somebody keeps its `keep_alive`.
+/// wait for the worker, and may outlast the subscriber. Audio samples are valid during the call;
+/// the pixels of a frame as long as its `keep_alive` is kept.
 struct MRSubscriberDataCallbacks {
   on_subscriber_audio_data on_audio_data;
   on_subscriber_render_frame on_render_frame;
@@ -62,14 +62,14 @@ struct MRSubscriberDataCallbacks {
 
 /// One received stream: a subscriber of the library, bound to its session until `unsubscribe`.
 //
-/// All operations belong to the worker, and so does every reference that keeps it;
-/// `getSubscriberInfo`, `isSubscribed` and `getTicket` any thread may call. The library's state
-/// events go to the manager; `release` waits for one under way. Its media run on a shared state
-/// with data of its own and are never waited for.
+/// All operations and all owning references belong to the worker; `getSubscriberInfo`,
+/// `isSubscribed` and `getTicket` may be called on any thread. The library's state events go to the
+/// manager; `release` waits for one under way. Its media run on a shared state with data of its own
+/// and are never waited for.
 class MRSubscriber {
  public:
-  /// Makes and binds a subscriber. Empty on failure: the log says why, and nothing stays behind in
-  /// the library. `manager` gets the state events and outlives the subscriber.
+  /// Makes and binds a subscriber. Empty on failure: the log says why, and nothing is left in the
+  /// library. `manager` gets the state events and outlives the subscriber.
   static std::shared_ptr<MRSubscriber> subscribe(const MRStream& stream,
                                                  const std::shared_ptr<MRSession>& session,
                                                  MRSubscriberObserver* manager,
@@ -81,20 +81,19 @@ class MRSubscriber {
   /// Leaves the stream, for good: no further media reach the callbacks. The handle stays. May be
   /// repeated.
   void unsubscribe();
-  /// Unsubscribes, deletes the handle and lets the session go. What is left is the record of what
-  /// was subscribed to, so that a holder of the object keeps nothing of the library's. May be
-  /// repeated.
+  /// Unsubscribes, deletes the handle and releases the session. Only the record of the subscription
+  /// is left, so that a holder of the object keeps nothing of the library's. May be repeated.
   void release();
 
   bool isSubscribed() const;
   MRSubscriberInfo getSubscriberInfo() const;
-  /// Like no other subscriber's, those that are gone included; any thread. An event names its
-  /// subscriber by this. An owning reference, taken from a weak one even for a moment, could turn
-  /// out the last on the library's thread, and the end would wait there for its own callback.
+  /// Unique among all subscribers, past ones included; any thread. Events identify their subscriber
+  /// by it: an owning reference, even one taken briefly from a weak one, could become the last on
+  /// the library's thread, and the destructor would wait there for its own callback.
   const void* getTicket() const { return ticket_; }
   /// Empty until `setDataCallbacks`.
   const MRStreamInfo& getStreamInfo() const;
-  /// Opens the way for the media. Only the first call counts.
+  /// Lets the media callbacks run. Only the first call counts.
   void setDataCallbacks(const MRSubscriberDataCallbacks& callbacks,
                         const MRStreamInfo& stream_info);
 

@@ -103,8 +103,8 @@ bool MRSubscriberManager::eraseSubscriber(const std::string& stream_id) {
 }
 
 void MRSubscriberManager::retire(const std::shared_ptr<MRSubscriber>& subscriber) {
-  // A callable of this subscriber, further up this very thread's stack, may be what ends it. What
-  // it still holds must not keep the library's subscriber, let alone the session.
+  // The subscriber may be ended by its own callable, further up this thread's stack. The callable's
+  // reference must not keep the library's subscriber, let alone the session.
   if (subscriber.use_count() > 1) subscriber->release();
 }
 

@@ -20,7 +20,7 @@ using on_subscriber_error = std::function<void(const MRSubscriber& subscriber,
                                                const std::string& description, int32_t code)>;
 
 /// State events on the worker, media on the library's threads; any may be empty. The subscriber is
-/// valid during the call, whatever the callback does to the subscription.
+/// valid during the call, even if the callback ends the subscription.
 struct MRSubscriberCallbacks {
   on_subscriber_connected on_connected;
   on_subscriber_disconnected on_disconnected;
@@ -30,7 +30,7 @@ struct MRSubscriberCallbacks {
 
 /// The streams that the session has announced and the subscribers made on them, both by stream id.
 //
-/// No mutex: everything belongs to the queue's worker, but for the three events, which come on
+/// No mutex: everything belongs to the queue's worker, except for the three events, which come on
 /// library threads and only post. The queue must not run their tasks after this object has gone.
 class MRSubscriberManager : public MRSubscriberObserver {
  public:
@@ -45,9 +45,9 @@ class MRSubscriberManager : public MRSubscriberObserver {
   /// Whether there was a subscriber. None of its callbacks is called for it.
   bool unsubscribe(const std::string& stream_id);
 
-  /// Keeps a copy of the stream; one that is there already stays.
+  /// Keeps a copy of the stream, unless there is one already.
   void addStream(const std::string& stream_id, const MRStream& stream);
-  /// Quietly ends a subscription to the stream, too.
+  /// Also ends a subscription to the stream, without a callback.
   void removeStream(const std::string& stream_id);
 
   bool hasStream(const std::string& stream_id) const { return streams_.contains(stream_id); }
@@ -58,7 +58,7 @@ class MRSubscriberManager : public MRSubscriberObserver {
 
   /// Ends all subscriptions, then forgets all streams. Raises no callback.
   void reset();
-  /// Forgets streams that late events have left behind after `reset`, without a word in the log.
+  /// Forgets streams that late events added after `reset`, without logging.
   void discardStreams() { streams_.clear(); }
 
   void onSubscriberConnected(const MRSubscriber& subscriber) override;
@@ -74,12 +74,12 @@ class MRSubscriberManager : public MRSubscriberObserver {
   };
 
   /// A copy of the stream's entry, so that a callback may end the subscription that it is called
-  /// for. Empty if the entry is not, or no longer, the one of the subscriber that the event came
-  /// from.
+  /// for. Empty if the entry is not, or no longer, that of the event's subscriber.
   SubscriberData findSubscriber(const std::string& stream_id, const void* ticket) const;
   /// Whether there was an entry.
   bool eraseSubscriber(const std::string& stream_id);
-  /// Before the manager's reference goes: makes sure that the library's subscriber goes with it.
+  /// Before the manager drops its reference: makes sure that the library's subscriber is deleted
+  /// with it.
   static void retire(const std::shared_ptr<MRSubscriber>& subscriber);
 
   static const log4cxx::LoggerPtr& logger_;

@@ -5,7 +5,7 @@
 
 class MRSubscriber;
 
-/// Hears the state events of a subscriber on a thread of the library: copies, posts and returns.
+/// Receives the state events of a subscriber on a thread of the library: copies, posts and returns.
 /// The subscriber is valid during the call only, and only its `getSubscriberInfo` may be called
 /// there.
 class MRSubscriberObserver {

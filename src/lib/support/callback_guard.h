@@ -6,8 +6,8 @@
 
 #include "common/guard.h"
 
-/// Runs the body of a library callback and keeps its exceptions from the library's frames: they are
-/// logged with that name. False when there was one.
+/// Runs the body of a library callback and keeps its exceptions out of the library's frames: they
+/// are logged with `name`. False when there was one.
 template <class Body>
 bool guardCallback(const log4cxx::LoggerPtr& logger, const char* name, Body&& body) {
   return common::guard(std::forward<Body>(body), [&](const char* text) {

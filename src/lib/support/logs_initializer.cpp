@@ -22,6 +22,6 @@ bool configureRootLogger() {
 }  // namespace
 
 void LogsInitializer::init() {
-  // A second controller must not add a second appender: every line would come twice.
+  // A second controller must not add a second appender: every line would be logged twice.
   [[maybe_unused]] static const bool configured = configureRootLogger();
 }

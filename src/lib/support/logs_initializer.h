@@ -1,9 +1,8 @@
 #pragma once
 
-/// Sends the system's log to standard output, from level Warn on until a session says otherwise.
+/// Sends the module's log to standard output, from level Warn up until a session sets another.
 class LogsInitializer {
  public:
-  /// Does its work at the first call in the process; later and concurrent calls are cheap. Any
-  /// thread.
+  /// Acts at the first call in the process; later and concurrent calls are cheap. Any thread.
   static void init();
 };

@@ -18,7 +18,7 @@ constexpr std::size_t kMacAddressDigits = 12;
 
 const log4cxx::LoggerPtr& logger = lastingLogger("MRDeviceInfo");
 
-// Never destroyed: the library may ask while static objects go.
+// Never destroyed: the library may call while static objects are destroyed.
 std::string& wrapperLanguage() {
   static std::string& language = *new std::string("cpp");
   return language;

@@ -7,8 +7,8 @@
 
 namespace mr {
 
-/// Names the language that drives the core ("cpp" until then). Before the first session; takes no
-/// lock.
+/// Sets the language that drives the core ("cpp" until then). Call before the first session; takes
+/// no lock.
 void setWrapperLanguage(const std::string& language);
 
 /// The 12 hexadecimal digits of eth0's address, or twelve zeros where there is none. Read once per
@@ -18,8 +18,8 @@ std::string getMacAddress();
 /// A stable id in the layout of a UUID: zeros, then the address.
 std::string getDeviceUuid();
 
-/// The digits of the address in the first line of `input`; empty when that line holds no usable
-/// one.
+/// The digits of the address in the first line of `input`; empty when that line holds none that is
+/// usable.
 std::string readMacAddress(std::istream& input);
 
 }  // namespace mr

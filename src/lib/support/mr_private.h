@@ -4,7 +4,7 @@
 /// order of the fields is part of the binary interface.
 extern "C" {
 
-/// What a statistics callback would be given. Nothing fills it.
+/// The argument of a statistics callback. Nothing fills it.
 struct snt_device_stats {
   double memory_resident;
   double memory_virtual;
@@ -17,7 +17,7 @@ struct snt_device_stats {
 
 typedef void (*snt_client_logger_device_stats_cb)(struct snt_device_stats* stats);
 
-/// Who is calling. The receiver frees each text and then the record with `free`.
+/// Identifies the caller. The receiver frees each text and then the record with `free`.
 struct snt_device_info {
   const char* device_uuid;
   const char* bundle_id;       ///< the version

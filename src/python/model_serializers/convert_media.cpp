@@ -29,7 +29,7 @@ void release_buffer(Py_buffer& view) {
   enter_python([&] { PyBuffer_Release(&view); });
 }
 
-// Any value but zero that an int cannot hold comes out as a count that no buffer satisfies.
+// A negative value becomes too large a count for any buffer.
 bool read_count(PyObject* object, MemberName& name, std::size_t& count) {
   const std::optional<long> value = python_utils::get_member_value_as_long(object, name);
   if (value) count = static_cast<std::size_t>(*value);
@@ -53,7 +53,7 @@ bool read_samples(PyObject* object, MRAudioData& audio, const Py_buffer& view) {
 
 bool holds_frame(const Py_buffer& view, int width, int height, MRVideoFrameFormat format) {
   if (width <= 0 || height <= 0 || format == MRVideoFrameFormat::UNKNOWN) {
-    return true;  // no frame of that kind: refused with the reason later
+    return true;  // no such frame: refused later, with the reason
   }
   const int needed = MRVideoFrame::bufferSize(width, height, format);
   return view.len >= (needed > 0 ? needed : Py_ssize_t{INT_MAX} + 1);

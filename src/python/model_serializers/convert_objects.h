@@ -12,10 +12,10 @@
 #include "session/mr_stream.h"
 #include "session/mr_subscriber.h"
 
-// Native records from Python objects. Any object with the attributes will do; they are read in the
-// order in which they are listed here, and integers are cut to 32 bits. On the Python caller's
-// thread, under the interpreter lock. False with a Python exception pending, and then the record
-// may be partly filled.
+// Native records from Python objects. Any object with the attributes is accepted; they are read in
+// the order listed here, and integers are cut to 32 bits. On the Python caller's thread, under the
+// interpreter lock. False with a Python exception pending, and then the record may be partly
+// filled.
 namespace models {
 
 bool convert_session_audio_settings_from_python(PyObject* object, SessionAudioSettings& settings);
@@ -37,7 +37,7 @@ bool convert_connection_from_python(PyObject* object, MRConnectionInfo& info);
 bool convert_stream_from_python(PyObject* object, MRStreamInfo& info);
 
 // Copies nothing: on success `view` holds the memory in place until the caller releases it. False
-// when the counts ask for more than the buffer has.
+// when the counts exceed the buffer.
 bool convert_audio_data_from_python(PyObject* object, MRAudioData& audio, Py_buffer& view);
 // Copies the pixels; false also when the buffer is too short for the picture. When the frame itself
 // could not be made, no exception is pending.

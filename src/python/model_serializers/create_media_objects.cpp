@@ -19,7 +19,7 @@ PyObjectPtr create_view(const PyObjectPtr& memory) {
   }));
 }
 
-// Counts beyond what Python or this address space can hold are refused with the rest.
+// Counts beyond Python's limit or the address space are refused as well.
 PyObjectPtr create_count(std::size_t count) { return PyObjectPtr(PyLong_FromSize_t(count)); }
 
 }  // namespace

@@ -17,7 +17,7 @@
 // itself, but the caller must hold it too, to own the result. Null when it failed: logged, with a
 // Python exception pending.
 //
-// Objects are always made anew: a program may change or keep what it was given.
+// Objects are always new: a program may change or keep those it gets.
 namespace models {
 
 using python_utils::PyObjectPtr;
@@ -28,7 +28,7 @@ PyObjectPtr create_session_object(const std::string& session_id);
 PyObjectPtr create_connection_object(const MRConnectionInfo& info);
 PyObjectPtr create_stream_object(const MRStreamInfo& info);
 PyObjectPtr create_subscriber_object(const MRStreamInfo& stream_info);
-// With a stream of which only the id is known.
+// With a stream of which only the id is set.
 PyObjectPtr create_subscriber_object(const MRSubscriberInfo& subscriber_info);
 PyObjectPtr create_publisher_object(const MRStreamInfo& stream_info);
 
@@ -42,7 +42,7 @@ PyObjectPtr create_video_frame_object(const MRVideoFrameData& frame, PyObjectPtr
 
 PyObjectPtr create_audio_buffer_stats_object(const AudioBufferStats& stats);
 PyObjectPtr create_video_buffer_stats_object(const VideoBufferStats& stats);
-// An absent side is left to the default of the class.
+// An absent side keeps the default of the class.
 PyObjectPtr create_media_buffer_stats_object(const std::optional<AudioBufferStats>& audio,
                                              const std::optional<VideoBufferStats>& video);
 

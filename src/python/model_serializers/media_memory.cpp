@@ -11,8 +11,8 @@ namespace {
 
 using python_utils::PyObjectPtr;
 
-// Copied bytes stand right behind the object, in the same allocation: heap that is used over and
-// over costs a media thread no page faults.
+// Copied bytes follow the object in the same allocation: reused heap costs a media thread no page
+// faults.
 struct MediaMemory {
   PyVarObject header;
   Py_buffer description;

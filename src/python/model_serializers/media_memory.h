@@ -8,10 +8,9 @@
 
 #include "python_utils.h"
 
-// Native media as Python sees them: a small object that owns what it shows and exports it as a
-// read-only buffer. Every view of it, and whatever is made from a view, keeps the object and with
-// it the media, so a program may hold a view for as long as it likes. The caller holds the
-// interpreter lock.
+// Native media for Python: a small object that owns the media and exports them as a read-only
+// buffer. Every view of it, and anything made from a view, keeps the object and so the media alive,
+// so a program may hold a view for as long as it likes. The caller holds the interpreter lock.
 namespace models {
 
 // Makes the type, once, at import. False with the exception pending.

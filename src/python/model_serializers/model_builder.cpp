@@ -31,7 +31,7 @@ PyObjectPtr create_string(const std::string& text) {
 }
 
 PyObjectPtr import_datetime() {
-  // The loaded module is looked up first: an import costs as much as a whole model object.
+  // Looks up the loaded module first: an import costs as much as a whole model object.
   PyObject* name = names::kDatetime.object();
   PyObjectPtr module(name == nullptr ? nullptr : PyImport_GetModule(name));
   if (module == nullptr || module.get() == Py_None) {

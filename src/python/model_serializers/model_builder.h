@@ -15,7 +15,7 @@ struct Keyword {
 };
 
 // Calls `factory`, a class or method, with these keywords in this order and nothing else. Null with
-// the exception pending: the one of the value that could not be made or of the call, else a
+// an exception pending: that of the value that could not be made or of the call, else a
 // MemoryError. The caller holds the interpreter lock.
 python_utils::PyObjectPtr call_with_keywords(PyObject* factory,
                                              std::initializer_list<Keyword> keywords);

@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-// The settings of a session as a program gives them. What is absent keeps the default of the core.
+// The settings of a session as a program gives them. Absent ones keep the core's defaults.
 namespace models {
 
 struct SessionAudioSettings {

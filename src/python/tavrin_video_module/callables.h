@@ -11,9 +11,9 @@
 
 #include "python_utils.h"
 
-// Where the callables that a program has given are kept. Dropping a callable may run any Python
-// code, which may come back to these very containers. Every operation here therefore hands the
-// references that it has replaced back to the caller, to be dropped when it has finished.
+// Containers of the program's callables. Dropping a callable may run any Python code, which may
+// call back into these containers. So every operation here returns the references that it replaced,
+// for the caller to drop when it has finished.
 
 // A callable, or nothing. Changed under the interpreter lock only.
 class CallableSlot {
@@ -24,14 +24,14 @@ class CallableSlot {
   bool isSet() const { return callable_.load(std::memory_order_acquire) != nullptr; }
   // Borrowed; null when empty. Under the interpreter lock.
   PyObject* get() const { return callable_.load(std::memory_order_acquire); }
-  // Puts in what the program gave, null or not, if it can be called, and gives what was there.
+  // Stores the program's argument, which may be null, if it is callable; returns the old value.
   [[nodiscard]] python_utils::PyObjectPtr exchange(PyObject* given);
 
  private:
   std::atomic<PyObject*> callable_{nullptr};
 };
 
-// A new reference to what the program gave; null for what cannot be called.
+// A new reference to the program's argument; null if it is not callable.
 python_utils::PyObjectPtr take_callable(PyObject* given);
 
 // The callables of the one publisher.
@@ -59,10 +59,10 @@ using SubscriberCallbacksMap = std::unordered_map<std::string, SubscriberCallbac
 // interpreter lock.
 class SubscriberCallables {
  public:
-  // Any thread, with no lock. False: nobody listens to that event of that stream. True may be said
-  // of another stream's listener.
+  // Any thread, with no lock. False: nothing listens to that event of that stream. True may be due
+  // to another stream's listener.
   bool mayListen(const std::string& stream_id, SubscriberEvent event) const;
-  // Borrowed; null when nobody listens.
+  // Borrowed; null without a listener.
   PyObject* find(const std::string& stream_id, SubscriberEvent event) const;
 
   [[nodiscard]] SubscriberCallbacks exchange(const std::string& stream_id,
@@ -71,8 +71,8 @@ class SubscriberCallables {
   [[nodiscard]] SubscriberCallbacksMap removeAll();
 
  private:
-  // How many listeners there are to the six events of the streams that share a bucket, so that
-  // media nobody listens to cost one load, whatever happens to the map meanwhile.
+  // The number of listeners to each of the six events of the streams that share a bucket, so that
+  // media without a listener cost one load, even while the map changes.
   static constexpr std::size_t kBuckets = 256;
   using Bucket = std::array<std::atomic<uint32_t>, kSubscriberEvents>;
 
@@ -84,7 +84,7 @@ class SubscriberCallables {
   std::array<Bucket, kBuckets> listeners_{};
 };
 
-// Puts the given callables into the slots and gives what was there, in order.
+// Stores the given callables in the slots and returns the old ones, in order.
 template <std::size_t Count>
 [[nodiscard]] std::array<python_utils::PyObjectPtr, Count> exchange_callables(
     const std::array<CallableSlot*, Count>& slots, const std::array<PyObject*, Count>& given) {

@@ -4,13 +4,13 @@
 
 #include "controller/mr_controller.h"
 
-// The way of native events into Python, one function for each event: it builds the event's objects
-// and calls the callable that the program has given for it, if any. All that crosses is copied, or
-// owned by what is handed over; what the callable returns or raises goes no further.
+// Delivers native events to Python, one function for each event: it builds the event's objects and
+// calls the program's callable for it, if any. All data are copied, or owned by the objects passed;
+// what the callable returns or raises goes no further.
 //
 // Called with no interpreter lock: subscriber media on threads of the library, mixed audio on the
-// renderer's, everything else on the controller's worker. An event that nobody listens to takes no
-// lock at all. A callable may call any method of the client.
+// renderer's, everything else on the controller's worker. An event without a listener takes no lock
+// at all. A callable may call any method of the client.
 
 void on_session_connected_impl(const std::string& session_id);
 void on_session_disconnected_impl(const std::string& session_id);

@@ -16,7 +16,7 @@ PyObject* sdk_wrapper_add_audio(MRController& controller, PyObject* args, PyObje
     LOG4CXX_ERROR(logger, "Failed to parse MRAudioData");
     return nullptr;
   }
-  // The view keeps the samples where they are while other Python code runs.
+  // The view pins the samples while other Python code runs.
   const bool added = call_unlocked(false, [&] { return controller.addAudio(audio); });
   python_utils::enter_python([&view] { PyBuffer_Release(&view); });
   if (!added) LOG4CXX_WARN(logger, "Failed to inject audio data");

@@ -10,9 +10,9 @@
 #include "python_utils.h"
 #include "tavrin_video_module/state.h"
 
-// The methods of the client. Each is called with the controller that stands, which outlives the
-// call, and under the interpreter lock. Null with an exception pending for bad input; False, with a
-// line in the log, for what was refused.
+// The methods of the client. Each is called with the existing controller, which outlives the call,
+// and under the interpreter lock. Null with an exception pending for bad input; False, with a line
+// in the log, for what was refused.
 
 PyObject* sdk_wrapper_connect(MRController& controller, PyObject* args, PyObject* kwargs);
 PyObject* sdk_wrapper_disconnect(MRController& controller, PyObject* args, PyObject* kwargs);
@@ -35,12 +35,12 @@ PyObject* sdk_wrapper_get_media_buffer_stats(MRController& controller, PyObject*
 inline PyObject* python_bool(bool value) { return PyBool_FromLong(value ? 1 : 0); }
 
 // Calls the controller without the interpreter lock, which a callable may need for the call to end.
-// A call that throws gives `failed`. What is borrowed by `call` must be kept by the caller's
-// arguments: other Python code runs meanwhile.
+// A call that throws gives `failed`. The caller's arguments must keep alive what `call` borrows:
+// other Python code runs meanwhile.
 template <class Result, class Call>
 Result call_unlocked(Result failed, Call&& call) {
-  // Begun before the lock goes and ended before it is asked for again: the controller cannot go
-  // meanwhile, and does not wait for a thread that never gets the lock back.
+  // Begins before the lock is released and ends before it is requested again: the controller cannot
+  // be destroyed meanwhile, and does not wait for a thread that never gets the lock back.
   ExitGate::Pass pass(g_exit_gate);
   PyThreadState* state = PyEval_SaveThread();
   Result result = std::move(failed);
@@ -54,7 +54,7 @@ Result call_unlocked(Result failed, Call&& call) {
   return result;
 }
 
-// Entry point of a method: without a controller there is nothing to do, whatever the arguments.
+// Entry point of a method: without a controller it does nothing, for any arguments.
 template <PyObject* (*Method)(MRController&, PyObject*, PyObject*)>
 PyObject* method_entry(PyObject* /*self*/, PyObject* args, PyObject* kwargs) {
   try {

@@ -81,7 +81,7 @@ PyObject* sdk_wrapper_connect(MRController& controller, PyObject* args, PyObject
   LOG4CXX_INFO(logger, "Connecting to session: " << params.session_id << " with application_id: "
                                                  << params.application_id);
 
-  // What an earlier attempt has left behind goes when all the new ones are in place.
+  // The callables of an earlier attempt are dropped once all the new ones are in place.
   auto replaced = exchange_callables(kSessionSlots, params.callables);
   drop_in_order(replaced);
 
@@ -109,7 +109,7 @@ PyObject* sdk_wrapper_disconnect(MRController& controller, PyObject* /*args*/,
   const bool disconnected = call_unlocked(false, [&] { return controller.disconnect(); });
   if (!disconnected) LOG4CXX_ERROR(logger, "Failed to disconnect from session");
 
-  // Everything is taken out before anything is dropped: a finaliser may come back here.
+  // Everything is taken out before anything is dropped: a finaliser may call back here.
   auto session_callables = exchange_callables(kSessionSlots, {});
   SubscriberCallbacksMap subscriber_callables = g_subscriber_callbacks.removeAll();
   auto publisher_callables = exchange_callables(kPublisherSlots, {});

@@ -11,7 +11,7 @@
 #include "tavrin_video_module/lasting_thread_state.h"
 #include "tavrin_video_module/state.h"
 
-// The course that every event takes on its way into Python.
+// The steps by which every event is delivered to Python.
 
 // An event whose callable is in a slot of its own.
 class SlotTarget {
@@ -25,8 +25,8 @@ class SlotTarget {
   const CallableSlot& slot_;
 };
 
-// An event of a subscription. It is looked up anew at each question, since the subscription may end
-// whenever the interpreter lock is not held.
+// An event of a subscription. Looked up anew at each use, since the subscription may end whenever
+// the interpreter lock is not held.
 class SubscriptionTarget {
  public:
   SubscriptionTarget(const std::string& stream_id, SubscriberEvent event)
@@ -43,15 +43,15 @@ class SubscriptionTarget {
 // The objects of one event, as they become the callable's arguments. Under the interpreter lock.
 class EventArguments {
  public:
-  // Takes the next object over. False, with `failure` in the log, when it could not be made.
+  // Adds the next object. False, with `failure` in the log, when it could not be made.
   bool add(python_utils::PyObjectPtr object, const char* failure);
   // The message and the code of an error.
   bool addError(const std::string& message, int code, const char* failure);
 
-  // What the view among the arguments shows; for the serialisers to fill.
+  // The memory behind the view among the arguments; filled by the serialisers.
   python_utils::PyObjectPtr& mediaMemory() { return media_memory_; }
 
-  // Calls the callable, which may be null by now, with what was added.
+  // Calls the callable, which may be null by now, with the added objects.
   void call(PyObject* callable, std::string_view name);
 
  private:
@@ -81,6 +81,6 @@ void deliver(const Target& target, std::string_view name, Build&& build) {
   if (build(arguments)) {
     arguments.call(target.callable(), name);
   } else {
-    python_utils::clear_exception();  // the next event on this thread begins with a clean slate
+    python_utils::clear_exception();  // must not leak into the next event on this thread
   }
 }

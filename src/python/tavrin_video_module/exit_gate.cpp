@@ -6,7 +6,7 @@ bool ExitGate::waitUntilEmpty(std::chrono::milliseconds timeout) {
 }
 
 bool ExitGate::enterPython() {
-  // Counted before the test, so that one who is let in is seen by whoever closes and then counts.
+  // Counted before the test, so that a thread that closes and then counts sees everyone inside.
   inside_.fetch_add(1);
   if (closing_.load()) {
     leave();
@@ -16,7 +16,7 @@ bool ExitGate::enterPython() {
 }
 
 void ExitGate::leave() {
-  // Only the end of the process waits, so at all other times leaving is one atomic operation.
+  // Only process exit waits, so at all other times leaving is one atomic operation.
   if (inside_.fetch_sub(1) == 1 && closing_.load()) {
     const common::LockGuard lock(mutex_);
     emptied_.notify_all();

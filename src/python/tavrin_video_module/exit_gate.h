@@ -8,16 +8,16 @@
 
 #include "common/mutex.h"
 
-// Keeps native threads and the end of the interpreter apart: counts who is on the way into Python
-// or inside the controller, and closes the way into Python before finalisation begins. One for the
-// process, never destroyed; any thread, with or without the interpreter lock.
+// Keeps native threads out of the interpreter's finalisation: counts the threads in Python (or
+// entering it) and in the controller, and closes the entry to Python before finalisation begins.
+// One per process, never destroyed; any thread, with or without the interpreter lock.
 class ExitGate {
  public:
   // Counts a thread as inside (on its way into Python, or in the controller) until it is destroyed.
-  // Needs no lock of Python's to end.
+  // Its destructor needs no lock of Python's.
   class Pass {
    public:
-    // Into the controller: always let in.
+    // Into the controller: always admitted.
     explicit Pass(ExitGate& gate) : gate_(&gate) { gate.inside_.fetch_add(1); }
     // Into Python: only if `isOpen`.
     static Pass toPython(ExitGate& gate) { return Pass(gate.enterPython() ? &gate : nullptr); }
@@ -36,11 +36,11 @@ class ExitGate {
     ExitGate* gate_;
   };
 
-  // From now on nobody is let into Python. For good.
+  // From now on no thread is admitted to Python, for good.
   void close() { closing_.store(true); }
 
-  // Waits until nobody is inside; false when the time is up. Without the interpreter lock, since
-  // those inside need it to get out.
+  // Waits until no thread is inside; false on time-out. Without the interpreter lock, since those
+  // inside need it to get out.
   bool waitUntilEmpty(std::chrono::milliseconds timeout);
 
  private:

@@ -28,10 +28,10 @@ void register_atexit_hook() {
   PyErr_Clear();
 }
 
-// Somebody did not come out of Python in time, and never will now.
+// A thread did not leave Python in time, and now never will.
 bool bridge_is_stuck = false;
 
-// Destroys the controller, or leaves it standing for the rest of the process.
+// Destroys the controller, or leaks it for the rest of the process.
 void end_controller() {
   MRController* controller = g_controller.release();
   if (controller == nullptr || getpid() != g_controller_process) return;
@@ -39,7 +39,7 @@ void end_controller() {
   if (g_exit_gate.waitUntilEmpty(bridge_is_stuck ? 0s : kExitTimeout)) delete controller;
 }
 
-// Stands behind g_controller, and so is destroyed before it.
+// Declared after g_controller, and so destroyed before it.
 struct LastResort {
   ~LastResort() { end_controller(); }
 };

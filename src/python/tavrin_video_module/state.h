@@ -12,19 +12,19 @@
 #include "tavrin_video_module/callables.h"
 #include "tavrin_video_module/exit_gate.h"
 
-// The state of the module, one for the process: client objects are empty handles on it. Guarded by
-// the interpreter lock, but where a type says otherwise. Whatever holds Python references is never
-// destroyed: at process exit the interpreter that they belong to is gone.
+// The module's state, one per process: client objects are empty handles on it. Guarded by the
+// interpreter lock, unless a type says otherwise. Objects with Python references are never
+// destroyed: at process exit their interpreter is gone.
 
 extern const log4cxx::LoggerPtr& logger;
 
 extern ExitGate& g_exit_gate;
 
 // The one controller: made with the first client object, ended by `tavrin_video_cleanup`, or at
-// process exit should that hook not have run.
+// process exit if that hook has not run.
 extern std::unique_ptr<MRController> g_controller;
-// The process that it was made in. A forked child has the object but none of its threads, and
-// leaves it alone at its end.
+// The process that made it. A forked child has the object but none of its threads, and does not
+// destroy it.
 extern pid_t g_controller_process;
 
 extern CallableSlot g_on_error_cb;
@@ -58,15 +58,14 @@ inline constexpr std::array<CallableSlot*, 3> kPublisherSlots{
 // Audio blocks and frames of which a program still had a view when its callable returned.
 extern std::atomic<uint64_t> g_escaped_views;
 
-// Makes the end of the interpreter wait for native threads: registers the two steps below. Once; a
-// failure to register is passed over.
+// Makes the interpreter's exit wait for native threads: registers the two steps below. Once; a
+// failure to register is ignored.
 void register_exit_hooks();
 
-// Before finalisation, under the interpreter lock, which it releases: closes the way into Python
-// and waits, at most 5 seconds, until nobody is on it or inside the controller.
+// Before finalisation, under the interpreter lock, which it releases: closes the entry to Python
+// and waits, at most 5 seconds, until no thread is in Python or the controller.
 void close_bridge();
 
-// After finalisation, with no lock: ends the controller, once nobody is inside it. If that does not
-// come about, here or there, the controller is left standing: a thread that never comes back would
-// have to be waited for.
+// After finalisation, with no lock: ends the controller, once no thread is inside it. If either
+// wait fails the controller is leaked: ending it would wait for a thread that never returns.
 void tavrin_video_cleanup();
