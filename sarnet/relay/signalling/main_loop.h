@@ -14,8 +14,8 @@
 
 namespace sarnet::relay {
 
-// The loop that runs all of one engine: signalling, negotiation, and the media that are received. Its
-// thread is the one that calls run(), which the library's thread keeper starts and joins.
+// The loop that runs all of one engine: signalling, negotiation, and the media that are received.
+// Its thread is the one that calls run(), which the library's thread keeper starts and joins.
 class MainLoop {
  public:
   MainLoop();
