@@ -12,8 +12,7 @@ using namespace sarnet::relay;
 
 class Nobody : public sarnet::MediaSink, public SubscriptionReceiver::Output, public RtcpHandler {
  public:
-  void on_audio(const sarnet::AudioFormat& format,
-                std::span<const std::int16_t> samples) override {
+  void on_audio(const sarnet::AudioFormat& format, std::span<const std::int16_t> samples) override {
     const auto channels = static_cast<std::size_t>(format.channels);
     if (samples.size() != 480 * channels) __builtin_trap();
   }
@@ -29,16 +28,16 @@ class Nobody : public sarnet::MediaSink, public SubscriptionReceiver::Output, pu
 
 }  // namespace
 
-// Records of two bytes of length, of which the highest bit tells RTCP from RTP and the next four how
-// many units of 10 ms have passed, and the packet.
+// Records of two bytes of length, of which the highest bit tells RTCP from RTP and the next four
+// how many units of 10 ms have passed, and the packet.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using Format = SubscriptionReceiver::Format;
   Nobody nobody;
   SubscriptionReceiver receiver({}, nobody, nobody);
-  receiver.set_formats({{96, Format::Kind::kVp8, 0, 0},
-                        {97, Format::Kind::kH264, 0, 0},
-                        {98, Format::Kind::kRetransmission, 0, 96},
-                        {111, Format::Kind::kOpus, 0, 0}});
+  receiver.set_formats({{.payload_type = 96, .kind = Format::Kind::kVp8, .answers_nack = true},
+                        {.payload_type = 97, .kind = Format::Kind::kH264},
+                        {.payload_type = 98, .kind = Format::Kind::kRetransmission, .repairs = 96},
+                        {.payload_type = 111, .kind = Format::Kind::kOpus, .answers_nack = true}});
   Micros now{1'000'000};
   ByteReader records(Bytes(data, size));
   while (records.left() != 0) {

@@ -39,6 +39,7 @@ SubscriptionReceiver::Settings receiver_settings(const PeerSettings& peer) {
 std::optional<Format> format_of(const sdp::Codec& codec) {
   Format format;
   format.payload_type = static_cast<std::uint8_t>(codec.payload);
+  format.answers_nack = std::ranges::find(codec.feedback, "nack") != codec.feedback.end();
   if (sdp::is_codec(codec, "opus")) {
     if (const auto stereo = sdp::fmtp_value(codec, "sprop-stereo")) {
       format.channels = *stereo == "1" ? 2 : 1;
@@ -138,6 +139,30 @@ void ReceivingPeer::stop() {
   if (std::exchange(stopped_, true)) return;
   timer_.stop();
   if (transport_) transport_->stop();
+  log_counters();
+}
+
+void ReceivingPeer::log_counters() const {
+  const SubscriptionReceiver::Counters& counters = receiver_.counters();
+  if (const VideoReceiver* video = receiver_.video()) {
+    SARNET_LOG(kDebug, "relay: pictures: "
+                           << video->packets().received << " packets, " << video->packets().lost
+                           << " lost, " << video->packets().late << " too late, "
+                           << video->counters().pictures << " shown, " << video->frames().broken()
+                           << " broken, " << video->counters().undecodable << " undecodable, "
+                           << counters.key_frames_asked << " key frames requested");
+  }
+  if (const AudioReceiver* audio = receiver_.audio()) {
+    SARNET_LOG(kDebug, "relay: sound: " << audio->counters().received << " packets, "
+                                        << audio->counters().lost << " lost, "
+                                        << audio->counters().late << " too late");
+  }
+  if (counters.asked_again + counters.malformed + counters.unknown != 0) {
+    SARNET_LOG(kDebug, "relay: " << counters.asked_again << " packets requested again, "
+                                 << counters.retransmissions << " of the retransmission format, "
+                                 << counters.malformed << " malformed, " << counters.unknown
+                                 << " of unknown formats");
+  }
 }
 
 void ReceivingPeer::fail(const std::string& reason) {

@@ -52,6 +52,7 @@ class ReceivingPeer : public std::enable_shared_from_this<ReceivingPeer>,
 
   void fail(const std::string& reason);
   void schedule();
+  void log_counters() const;
 
   const PeerSettings settings_;
   const std::shared_ptr<MediaSink> sink_;

@@ -44,7 +44,9 @@ Call::Call(const Way& way, unsigned seed)
   coded_ = av_packet_alloc();
   opus_encoder_ctl(opus_.get(), OPUS_SET_INBAND_FEC(1));
   opus_encoder_ctl(opus_.get(), OPUS_SET_PACKET_LOSS_PERC(10));
-  receiver_.set_formats({{96, Format::Kind::kVp8, 0, 0}, {111, Format::Kind::kOpus, 1, 0}});
+  receiver_.set_formats(
+      {{.payload_type = 96, .kind = Format::Kind::kVp8, .answers_nack = true},
+       {.payload_type = 111, .kind = Format::Kind::kOpus, .channels = 1, .answers_nack = true}});
 }
 
 Call::~Call() {

@@ -83,6 +83,7 @@ void SubscriptionReceiver::take_media(const RtpPacket& packet, const Format& for
     if (!audio_ || audio_reception_.ssrc() != packet.ssrc) {
       audio_.emplace(format.channels, settings_.audio_patience, sink_);
     }
+    audio_nack_ = format.answers_nack;
     audio_reception_.take(packet, now);
     audio_->take(packet, now);
     return;
@@ -93,6 +94,7 @@ void SubscriptionReceiver::take_media(const RtpPacket& packet, const Format& for
     codec_ = codec;
     video_.emplace(codec, settings_.video_patience, sink_);
   }
+  video_nack_ = format.answers_nack;
   video_reception_.take(packet, now);
   video_->take(packet, now);
 }
@@ -119,11 +121,11 @@ std::optional<Micros> SubscriptionReceiver::deadline() const {
   std::optional<Micros> next = next_report_;
   if (audio_) {
     next = earlier(next, audio_->deadline());
-    next = earlier(next, next_request(audio_->missing(), kMaxAskedOfSound));
+    next = earlier(next, next_request(audio_->missing(), audio_nack_ ? kMaxAskedOfSound : 0));
   }
   if (video_) {
     next = earlier(next, video_->deadline());
-    next = earlier(next, next_request(video_->missing(), kMaxAsked));
+    next = earlier(next, next_request(video_->missing(), video_nack_ ? kMaxAsked : 0));
     if (video_->wants_key_frame() && key_asked_) next = earlier(next, *key_asked_ + kKeyInterval);
   }
   return next;
@@ -144,11 +146,11 @@ void SubscriptionReceiver::collect(Receiver& receiver, Micros now, unsigned most
 
 void SubscriptionReceiver::give_feedback(Micros now) {
   if (audio_) {
-    collect(*audio_, now, kMaxAskedOfSound);
+    collect(*audio_, now, audio_nack_ ? kMaxAskedOfSound : 0);
     if (!wanted_.empty()) send(audio_reception_, now, false);
   }
   if (!video_) return;
-  collect(*video_, now, kMaxAsked);
+  collect(*video_, now, video_nack_ ? kMaxAsked : 0);
   const bool wants_key =
       video_->wants_key_frame() && (!key_asked_ || now - *key_asked_ >= kKeyInterval);
   if (wants_key) {

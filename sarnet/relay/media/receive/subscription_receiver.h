@@ -27,8 +27,9 @@ class SubscriptionReceiver : private RtcpHandler {
     enum class Kind { kOpus, kVp8, kH264, kRetransmission };
     std::uint8_t payload_type = 0;
     Kind kind = Kind::kOpus;
-    int channels = 0;          // of sound, 0: as the packets are
-    std::uint8_t repairs = 0;  // of retransmissions: the payload type that they repeat
+    int channels = 0;           // of sound, 0: as the packets are
+    std::uint8_t repairs = 0;   // of retransmissions: the payload type that they repeat
+    bool answers_nack = false;  // the sender sends missing packets again
   };
   struct Settings {
     std::uint32_t own_ssrc = 1;     // of our reports
@@ -85,6 +86,8 @@ class SubscriptionReceiver : private RtcpHandler {
   std::optional<AudioReceiver> audio_;
   std::optional<VideoReceiver> video_;
   VideoCodec codec_ = VideoCodec::kVp8;
+  bool audio_nack_ = false;
+  bool video_nack_ = false;
   Reception audio_reception_{48000};
   Reception video_reception_{90000};
   Micros next_report_{0};
