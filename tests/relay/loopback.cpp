@@ -6,6 +6,7 @@
 #include <cstring>
 #include <future>
 
+#include "relay/media/sdp/negotiation.h"
 #include "relay/peer/services.h"
 
 namespace loopback {
@@ -20,9 +21,15 @@ namespace {
 constexpr int kBits = 16;
 constexpr int kCell = 16;
 
+// Of the peers of one call, which starts them on its loop and joins them at its end.
+std::vector<std::thread> peer_threads;
+
 void lend_services() {
   sarnet::relay::set_services(
-      {.start_thread = nullptr,
+      {.start_thread =
+           [](const char*, std::function<void()> body) {
+             peer_threads.emplace_back(std::move(body));
+           },
        .log_enabled = [](sarnet::LogLevel level) { return level <= sarnet::LogLevel::kWarn; },
        .write_log = [](sarnet::LogLevel,
                        const std::string& text) { std::fprintf(stderr, "%s\n", text.c_str()); }});
@@ -152,6 +159,7 @@ Call::~Call() {
   stop();
   loop_->quit();
   thread_.join();
+  for (std::thread& each : std::exchange(peer_threads, {})) each.join();
 }
 
 void Call::stop() {
@@ -186,6 +194,15 @@ bool Call::connected(std::chrono::milliseconds limit) {
 std::string Call::failure() {
   const std::lock_guard lock(mutex_);
   return failure_;
+}
+
+std::string Call::answered_codec() {
+  sarnet::relay::sdp::Description description;
+  std::string error;
+  sarnet::relay::sdp::read_description(answer(), description, error);
+  const auto* const section =
+      sarnet::relay::sdp::find_section(description, sarnet::relay::sdp::Kind::kVideo);
+  return section != nullptr ? section->codecs.front().name : "";
 }
 
 std::string Call::answer() {

@@ -11,7 +11,6 @@
 
 #include "relay/peer/publishing_peer.h"
 #include "relay/peer/receiving_peer.h"
-#include "relay/peer/sdp_text.h"
 
 // A publishing and a receiving peer in one process, over 127.0.0.1, with no server between them.
 namespace loopback {
@@ -81,7 +80,7 @@ class Call {
   int blocks_sent() const { return blocks_sent_; }
   std::string answer();
   // The encoding of pictures that the answer took.
-  std::string answered_codec() { return sarnet::relay::first_video_codec(answer()); }
+  std::string answered_codec();
   std::string failure();
 
   int width = 320;

@@ -13,44 +13,16 @@
 #include <vector>
 
 #include "relay/media/codecs/opus_stream.h"
-#include "relay/peer/caption_text.h"
+#include "relay/media/send/stamp_clock.h"
 #include "relay/media/transport/ice_server.h"
-#include "relay/peer/peer_connection.h"
-#include "relay/peer/sdp_text.h"
-#include "relay/peer/stamp_clock.h"
+#include "relay/peer/caption_text.h"
+#include "relay/peer/peer.h"
 #include "relay/room/room_member.h"
 
 namespace sarnet::relay {
 namespace {
 
 using Packet = std::vector<std::uint8_t>;
-
-TEST(SessionDescription, LosesOnlyFullIntraRequests) {
-  const std::string kept = "m=video 9 UDP/TLS/RTP/SAVPF 96\r\na=rtcp-fb:96 nack pli\r\n";
-  EXPECT_EQ(
-      without_full_intra_requests(kept + "a=rtcp-fb:96 ccm fir\r\na=rtcp-fb:* ccm fir\na=mid:v"),
-      kept + "a=mid:v");
-  EXPECT_EQ(without_full_intra_requests("a=note ccm fir\r\na=rtcp-fb:96 ccm fir"),
-            "a=note ccm fir\r\n");
-  EXPECT_EQ(without_full_intra_requests(""), "");
-}
-
-TEST(SessionDescription, TellsWhatWasAccepted) {
-  const std::string codecs = "a=rtpmap:96 VP8/90000\r\na=rtpmap:97 H264/90000\r\n";
-  struct Row {
-    std::string sdp;
-    std::string codec;
-  };
-  const std::vector<Row> rows{
-      {"m=audio 9 X 97\r\na=rtpmap:97 OPUS/48000/2\r\nm=video 9 X 97 96\r\n" + codecs, "H264"},
-      {"m=video 9 X 96 97\r\n" + codecs + "m=application 9 UDP/DTLS/SCTP webrtc-datachannel\r\n",
-       "VP8"},
-      {"m=video 0 X 96\r\n" + codecs + "m=application 0 Y webrtc-datachannel\r\n", ""},
-      {"v=0\r\nm=video", ""}};
-  for (const Row& row : rows) {
-    EXPECT_EQ(first_video_codec(row.sdp), row.codec) << row.sdp;
-  }
-}
 
 // The rows that the room page is tested with, too.
 json room_texts(const char* kind) { return json::parse(std::ifstream(ROOM_TEXTS_PATH))[kind]; }

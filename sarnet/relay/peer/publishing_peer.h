@@ -1,10 +1,21 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "base/engine.h"
-#include "relay/peer/peer_connection.h"
+#include "common/mutex.h"
+#include "relay/media/codecs/opus_coder.h"
+#include "relay/media/sdp/description.h"
+#include "relay/media/send/publication_sender.h"
+#include "relay/media/send/stamp_clock.h"
+#include "relay/media/transport/media_transport.h"
+#include "relay/peer/peer.h"
+#include "relay/peer/picture_encoder.h"
 
 namespace sarnet::relay {
 
@@ -20,27 +31,84 @@ struct PublishSettings {
 // One published stream on its way to the server: Opus, VP8 (H.264 if that is what the answer takes)
 // and captions. start(), set_remote_answer(), add_remote_candidate() and stop() are called on the
 // main loop's thread; media may come on any thread, one at a time for each kind, from the moment
-// that the object exists; what comes before the connection stands, or faster than it can be coded,
-// is dropped, the oldest first.
-class PublishingPeer : public PublishedStream {
+// that the object exists. What comes before the connection stands is dropped. Sound is coded on the
+// thread that it comes on, pictures on one of their own, where the oldest is dropped when three
+// wait.
+class PublishingPeer : public PublishedStream,
+                       public std::enable_shared_from_this<PublishingPeer>,
+                       private TransportObserver,
+                       private PublicationSender::Output {
  public:
-  // Null, and `error` set, when a part of the media stack is not installed.
+  // Null, and `error` set, when it cannot be set up.
   static std::shared_ptr<PublishingPeer> create(const PeerSettings& peer,
                                                 const PublishSettings& settings,
                                                 PeerObserver& observer, std::string& error);
+  PublishingPeer(const PeerSettings& peer, const PublishSettings& settings, PeerObserver& observer);
+  ~PublishingPeer() override;
+  PublishingPeer(const PublishingPeer&) = delete;
+  PublishingPeer& operator=(const PublishingPeer&) = delete;
 
   // Makes the offer, for which the observer is told.
-  virtual void start() = 0;
-  virtual void set_remote_answer(const std::string& sdp) = 0;
+  void start();
+  // Once; one that does not fit the offer fails the peer.
+  void set_remote_answer(const std::string& sdp);
   // May come before the answer. An empty text: no more candidates.
-  virtual void add_remote_candidate(unsigned mline, const std::string& candidate) = 0;
-  // Takes some milliseconds; afterwards media are dropped and the observer is left alone. May be
+  void add_remote_candidate(unsigned mline, const std::string& candidate);
+  // Frees the sockets at once; afterwards media are dropped and the observer is left alone. May be
   // repeated; must precede the last release.
-  virtual void stop() = 0;
+  void stop();
 
-  // Has the next picture coded as a key frame. Any thread. (What the other side asks for by RTCP is
-  // answered without this.)
-  virtual void request_key_frame() = 0;
+  void on_audio(const AudioFormat& format, std::span<const std::int16_t> samples) override;
+  void on_picture(const PictureRef& picture) override;
+  void on_caption(std::string_view text, bool is_final) override;
+  void on_captured_audio(const AudioFormat&, std::span<const std::int16_t>) override {}
+
+ private:
+  void on_local_candidate(const std::string& candidate) override;
+  void on_transport_connected() override;
+  void on_transport_failed(const std::string& reason) override;
+  void on_rtp(std::span<const std::uint8_t>) override {}
+  void on_rtcp(std::span<const std::uint8_t> packet) override;
+  void on_text(std::string_view) override {}
+  void send_rtp(Bytes packet) override;
+  void send_rtcp(Bytes packet) override;
+
+  // Runs a task on the loop while this lives and is not stopped.
+  template <class Task>
+  void post(Task task);
+  void fail(const std::string& reason);
+  void begin_pictures(const sdp::Description& answer);
+  void send_frame(const std::vector<std::uint8_t>& frame, Micros stamp);
+  void adapt_encoder();
+  void schedule();
+
+  const PeerSettings settings_;
+  const PublishSettings wanted_;
+  PeerObserver& observer_;
+  const std::uint32_t audio_ssrc_;
+  const std::uint32_t video_ssrc_;
+  const std::string cname_;
+
+  // The loop's thread.
+  std::shared_ptr<MediaTransport> transport_;
+  PublicationSender sender_;
+  sdp::Description offer_;
+  bool answered_ = false;
+  std::vector<std::string> early_candidates_;
+  MainLoop::Timer timer_;  // of the sender's next deadline
+  std::optional<Micros> timer_due_;
+  bool failed_ = false;
+  bool stopped_ = false;
+
+  // Media that cannot leave yet would be old when they can.
+  std::atomic<bool> flowing_{false};
+  // The sound's thread.
+  OpusCoder opus_;
+  StampClock audio_clock_{48000};
+  // The pictures' thread.
+  StampClock video_clock_;
+  common::Mutex mutex_;
+  std::shared_ptr<PictureEncoder> encoder_ GUARDED_BY(mutex_);  // once answered
 };
 
 }  // namespace sarnet::relay

@@ -21,10 +21,6 @@ constexpr unsigned kSoundWaitMs = 40;
 
 using Format = SubscriptionReceiver::Format;
 
-Micros now() {
-  return std::chrono::duration_cast<Micros>(std::chrono::steady_clock::now().time_since_epoch());
-}
-
 std::uint32_t random_ssrc() {
   std::random_device random;
   return random() | 1U;
@@ -185,7 +181,7 @@ void ReceivingPeer::on_transport_failed(const std::string& reason) {
 
 void ReceivingPeer::on_rtp(std::span<const std::uint8_t> packet) {
   const bool knew = receiver_.counters().unknown != 0;
-  receiver_.take_rtp(packet, now());
+  receiver_.take_rtp(packet, steady_now());
   if (!knew && receiver_.counters().unknown != 0) {
     SARNET_LOG(kWarn, "relay: the server sends media of a kind that was not negotiated");
   }
@@ -193,7 +189,7 @@ void ReceivingPeer::on_rtp(std::span<const std::uint8_t> packet) {
 }
 
 void ReceivingPeer::on_rtcp(std::span<const std::uint8_t> packet) {
-  receiver_.take_rtcp(packet, now());
+  receiver_.take_rtcp(packet, steady_now());
 }
 
 void ReceivingPeer::on_text(std::string_view text) {
@@ -207,10 +203,10 @@ void ReceivingPeer::schedule() {
   const std::optional<Micros> due = receiver_.deadline();
   if (stopped_ || !due || (timer_due_ && *timer_due_ <= *due)) return;
   timer_due_ = due;
-  const auto delay = std::chrono::ceil<std::chrono::milliseconds>(*due - now());
+  const auto delay = std::chrono::ceil<std::chrono::milliseconds>(*due - steady_now());
   timer_ = MainLoop::Timer(*settings_.loop, std::max(delay, std::chrono::milliseconds(0)), [this] {
     timer_due_.reset();
-    receiver_.advance(now());
+    receiver_.advance(steady_now());
     schedule();
   });
 }

@@ -12,7 +12,7 @@
 #include "relay/media/receive/subscription_receiver.h"
 #include "relay/media/sdp/description.h"
 #include "relay/media/transport/media_transport.h"
-#include "relay/peer/peer_connection.h"
+#include "relay/peer/peer.h"
 
 namespace sarnet::relay {
 

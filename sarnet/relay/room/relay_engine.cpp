@@ -6,8 +6,7 @@
 #include <utility>
 
 #include "common/mutex.h"
-#include "relay/media/transport/srtp_pair.h"
-#include "relay/peer/peer_connection.h"
+#include "relay/peer/peer.h"
 #include "relay/peer/services.h"
 #include "relay/room/relay_session.h"
 #include "relay/room/relay_settings.h"
@@ -38,8 +37,6 @@ class RelayEngine : public Engine {
         std::move(sink), client_);
     const common::LockGuard lock(mutex_);
     if (left_) return;
-    prepare_srtp();
-    warm_media_stack();
     services().start_thread("srn-relay", [participation] {
       participation->loop->run();
       participation->session.reset();

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "relay/peer/peer_connection.h"
+#include "relay/peer/peer.h"
 #include "relay/room/room_access.h"
 #include "relay/signalling/relay_failure.h"
 

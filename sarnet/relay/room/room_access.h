@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "relay/peer/peer_connection.h"
+#include "relay/peer/peer.h"
 #include "relay/room/relay_settings.h"
 #include "relay/signalling/janus_client.h"
 #include "relay/signalling/main_loop.h"

@@ -24,18 +24,17 @@ std::uint32_t ssrc_at(std::span<const std::uint8_t> packet, std::size_t at) {
          static_cast<std::uint32_t>(packet[at + 2]) << 8 | packet[at + 3];
 }
 
-}  // namespace
-
-void prepare_srtp() {
-  // An error means that somebody else did so before; if nobody did, no context can be made.
-  static const bool once = (srtp_init(), true);
-  static_cast<void>(once);
+bool library_ready() {
+  static const bool ready = srtp_init() == srtp_err_status_ok;
+  return ready;
 }
+
+}  // namespace
 
 bool SrtpPair::start(const DtlsLink& link) {
   const unsigned long profile = link.srtp_profile();
   if (profile != SRTP_AEAD_AES_128_GCM && profile != SRTP_AES128_CM_SHA1_80) return false;
-  prepare_srtp();
+  if (!library_ready()) return false;
   const std::size_t salt = profile == SRTP_AEAD_AES_128_GCM ? kGcmSalt : kCounterSalt;
   std::array<std::uint8_t, 2 * (kKey + kCounterSalt)> material{};
   const std::span<std::uint8_t> used = std::span(material).first(2 * (kKey + salt));

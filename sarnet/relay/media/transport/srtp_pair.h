@@ -12,10 +12,6 @@
 
 namespace sarnet::relay {
 
-// Sets the library up. Any thread; before others in the process begin to use it, for its set-up is
-// not made for two threads at once.
-void prepare_srtp();
-
 // Encrypts what is sent and decrypts what is received, all streams of one connection. One thread.
 // Nothing of ours is allocated but when a stream begins.
 class SrtpPair {

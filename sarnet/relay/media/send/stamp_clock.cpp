@@ -1,4 +1,4 @@
-#include "relay/peer/stamp_clock.h"
+#include "relay/media/send/stamp_clock.h"
 
 #include <algorithm>
 #include <cstdlib>
