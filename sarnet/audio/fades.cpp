@@ -9,9 +9,10 @@ void Fader::pass(std::span<std::int16_t> samples) {
     samples[i] = mixed(0, samples[i], risen_, frames_);
     risen_ += i % channels_ == channels_ - 1 ? 1 : 0;
   }
-  if (!samples.empty())
+  if (!samples.empty()) {
     std::copy_n(samples.end() - static_cast<std::ptrdiff_t>(channels_), channels_,
                 last_frame_.begin());
+  }
 }
 
 std::size_t Fader::silence(std::span<std::int16_t> samples) {

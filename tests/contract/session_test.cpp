@@ -307,7 +307,6 @@ TEST(Library, LeavesNothingBehind) {
     threads = entries("/proc/self/task");
     files = entries("/proc/self/fd");
   }
-  // The media stack keeps idle threads of its own for a while.
   EXPECT_TRUE(eventually([&] { return entries("/proc/self/task") <= threads; }));
   EXPECT_LE(entries("/proc/self/fd"), files);
 }

@@ -45,9 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   sarnet::relay::RelayRoom room("a-session", "own", ledger);
   std::istringstream lines(std::string(reinterpret_cast<const char*>(data), size));
   for (std::string line; std::getline(lines, line);) {
-    const json message = json::parse(line, nullptr, false);
-    if (message.is_discarded()) continue;
-    const sarnet::relay::JanusReply reply = sarnet::relay::make_reply(message);
+    const json message = sarnet::relay::parse_message(line);
+    if (message.is_null()) continue;
+    const sarnet::relay::JanusReply reply = sarnet::relay::make_reply(message, {.room = "joined"});
     reply.sdp();
     room.take(reply.data());
     if (reply.data().contains("participants")) room.resynchronise(reply.data()["participants"]);

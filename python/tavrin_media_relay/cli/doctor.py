@@ -123,7 +123,7 @@ def _look_at_engines(findings: _Findings, library: Path) -> None:
     try:
         ctypes.CDLL(str(found["relay"]))
     except OSError as error:
-        packages = "gstreamer1.0-plugins-bad, gstreamer1.0-nice, libsoup-3.0-0, libusrsctp2"
+        packages = "libsoup-3.0-0, libnice10, libsrtp2-1, libusrsctp2, libvpx7, libavcodec59"
         advice = f"Install what it needs (Debian: {packages})."
         findings.add("note", "engine relay", f"can't be loaded: {error}", advice)
     else:

@@ -9,8 +9,10 @@
 namespace sarnet::relay {
 namespace {
 
-// Few enough operations for a busy machine; more are not to be heard in speech.
+// Few enough operations for a busy machine; more are not to be heard in speech. From 7 on the
+// encoder looks for silence, too.
 constexpr int kComplexity = 5;
+constexpr int kComplexityWithDtx = 7;
 constexpr int kExpectedLoss = 5;  // per cent
 constexpr int kBitsOfChannel = 32000;
 
@@ -22,7 +24,7 @@ OpusCoder::OpusCoder(bool stereo, bool dtx, Output output)
   encoder_.reset(opus_encoder_create(kRate, channels_, OPUS_APPLICATION_AUDIO, &error));
   if (!encoder_) throw std::bad_alloc();
   opus_encoder_ctl(encoder_.get(), OPUS_SET_BITRATE(channels_ * kBitsOfChannel));
-  opus_encoder_ctl(encoder_.get(), OPUS_SET_COMPLEXITY(kComplexity));
+  opus_encoder_ctl(encoder_.get(), OPUS_SET_COMPLEXITY(dtx ? kComplexityWithDtx : kComplexity));
   opus_encoder_ctl(encoder_.get(), OPUS_SET_INBAND_FEC(1));
   opus_encoder_ctl(encoder_.get(), OPUS_SET_PACKET_LOSS_PERC(kExpectedLoss));
   opus_encoder_ctl(encoder_.get(), OPUS_SET_DTX(dtx ? 1 : 0));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -8,6 +9,10 @@
 namespace sarnet::relay {
 
 using Bytes = std::span<const std::uint8_t>;
+
+// Moments and spans of the plane: microseconds on a clock that only goes forward. Whoever drives
+// the plane says what time it is.
+using Micros = std::chrono::microseconds;
 
 // Reads numbers in network order from bytes that nobody vouches for. A read beyond the end gives
 // zeros and leaves the reader failed for good, so that a parser may read a whole header and ask

@@ -12,10 +12,6 @@
 
 namespace sarnet::relay {
 
-// Moments and spans of the plane: microseconds on a clock that only goes forward. Whoever drives
-// the plane says what time it is.
-using Micros = std::chrono::microseconds;
-
 // Takes what a ReorderBuffer lets go, in order of the sequence, each number once.
 class OrderedSink {
  public:

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "relay/media/packets/rtp_packet.h"
-#include "relay/media/receive/reorder_buffer.h"
 
 namespace sarnet::relay {
 

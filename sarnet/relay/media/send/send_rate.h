@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "relay/media/receive/reorder_buffer.h"
+#include "relay/media/packets/bytes.h"
 
 namespace sarnet::relay {
 

@@ -9,7 +9,7 @@ IceServer parse_ice_server(std::string_view text) {
     std::string_view name;
     IceServer::Kind kind;
   };
-  // The media stack would take "turns" too, and go to it in the clear.
+  // "turns" is refused: there is no TURN over TLS here.
   static constexpr std::array<Scheme, 2> kSchemes{
       {{"stun", IceServer::Kind::kStun}, {"turn", IceServer::Kind::kTurn}}};
   const std::size_t colon = text.find(':');

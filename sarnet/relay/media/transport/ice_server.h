@@ -5,7 +5,7 @@
 
 namespace sarnet::relay {
 
-// A STUN or TURN server in the form the media stack takes.
+// A STUN or TURN server.
 struct IceServer {
   enum class Kind { kUnknown, kStun, kTurn };
   Kind kind = Kind::kUnknown;
