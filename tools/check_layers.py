@@ -38,8 +38,8 @@ LIBRARY_ROOMS: dict[str, set[str]] = {
     "relay/media/sdp": {"base", "relay/signalling"},
     "relay/media/transport": {"base", "relay/signalling", "relay/media/sdp"},
     "relay/peer": {
-        "base", "plugins", "relay/signalling",
-        "relay/media/codecs", "relay/media/receive", "relay/media/send", "relay/media/sdp", "relay/media/transport"
+        "base", "plugins", "relay/signalling", "relay/media/codecs", "relay/media/receive",
+        "relay/media/send", "relay/media/sdp", "relay/media/transport"
     },  # fmt: skip
     "relay/room": {"base", "relay/signalling", "relay/media/transport", "relay/peer"},
     "relay": {"plugins", "relay/peer", "relay/room"},
