@@ -1,7 +1,9 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -44,5 +46,8 @@ inline std::chrono::microseconds steady_now() {
   return std::chrono::duration_cast<std::chrono::microseconds>(
       std::chrono::steady_clock::now().time_since_epoch());
 }
+
+// Odd, so never 0, which stands for none.
+inline std::uint32_t random_ssrc() { return std::random_device{}() | 1U; }
 
 }  // namespace sarnet::relay

@@ -1,7 +1,6 @@
 #include "relay/peer/publishing_peer.h"
 
 #include <algorithm>
-#include <random>
 #include <utility>
 
 #include "base/log.h"
@@ -12,11 +11,6 @@ namespace sarnet::relay {
 namespace {
 
 constexpr const char* kChannel = "captions";
-
-std::uint32_t random_ssrc() {
-  std::random_device random;
-  return random() | 1U;
-}
 
 std::int64_t nanoseconds(Micros time) {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(time).count();
@@ -58,6 +52,11 @@ PublishingPeer::PublishingPeer(const PeerSettings& peer, const PublishSettings& 
       cname_(std::to_string(random_ssrc())),
       sender_({.audio_ssrc = audio_ssrc_, .video_ssrc = video_ssrc_, .cname = cname_}, wall_clock(),
               *this),
+      timer_(*settings_.loop,
+             [this] {
+               sender_.advance(steady_now());
+               schedule();
+             }),
       opus_(settings.stereo, settings.opus_dtx,
             [this](std::span<const std::uint8_t> packet, Micros stamp, bool begins) {
               post([packet = std::vector<std::uint8_t>(packet.begin(), packet.end()), stamp,
@@ -155,7 +154,9 @@ void PublishingPeer::stop() {
     if (encoder_) encoder_->close();
     encoder_.reset();
   }
+  // Released here, on the loop's thread; a thread with media may be the last to release the peer.
   if (transport_) transport_->stop();
+  transport_.reset();
   const PublicationSender::Counters& counters = sender_.counters();
   SARNET_LOG(kDebug, "relay: sent " << counters.packets << " packets, " << counters.sent_again
                                     << " again, " << counters.not_there << " not there any more, "
@@ -224,20 +225,16 @@ void PublishingPeer::send_frame(const std::vector<std::uint8_t>& frame, Micros s
   schedule();
 }
 
-void PublishingPeer::send_rtp(Bytes packet) { transport_->send_rtp(packet); }
+void PublishingPeer::send_rtp(Bytes packet) {
+  if (transport_) transport_->send_rtp(packet);
+}
 
-void PublishingPeer::send_rtcp(Bytes packet) { transport_->send_rtcp(packet); }
+void PublishingPeer::send_rtcp(Bytes packet) {
+  if (transport_) transport_->send_rtcp(packet);
+}
 
 void PublishingPeer::schedule() {
-  const std::optional<Micros> due = sender_.deadline();
-  if (stopped_ || !due || (timer_due_ && *timer_due_ <= *due)) return;
-  timer_due_ = due;
-  const auto delay = std::chrono::ceil<std::chrono::milliseconds>(*due - steady_now());
-  timer_ = MainLoop::Timer(*settings_.loop, std::max(delay, std::chrono::milliseconds(0)), [this] {
-    timer_due_.reset();
-    sender_.advance(steady_now());
-    schedule();
-  });
+  if (!stopped_) timer_.arm(sender_.deadline());
 }
 
 }  // namespace sarnet::relay

@@ -14,6 +14,7 @@
 #include "relay/media/send/publication_sender.h"
 #include "relay/media/send/stamp_clock.h"
 #include "relay/media/transport/media_transport.h"
+#include "relay/peer/deadline_timer.h"
 #include "relay/peer/peer.h"
 #include "relay/peer/picture_encoder.h"
 
@@ -95,8 +96,7 @@ class PublishingPeer : public PublishedStream,
   sdp::Description offer_;
   bool answered_ = false;
   std::vector<std::string> early_candidates_;
-  MainLoop::Timer timer_;  // of the sender's next deadline
-  std::optional<Micros> timer_due_;
+  DeadlineTimer timer_;
   bool failed_ = false;
   bool stopped_ = false;
 

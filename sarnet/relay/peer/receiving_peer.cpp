@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <random>
 #include <utility>
 
 #include "base/log.h"
@@ -20,11 +19,6 @@ constexpr const char* kChannel = "JanusDataChannel";
 constexpr unsigned kSoundWaitMs = 40;
 
 using Format = SubscriptionReceiver::Format;
-
-std::uint32_t random_ssrc() {
-  std::random_device random;
-  return random() | 1U;
-}
 
 SubscriptionReceiver::Settings receiver_settings(const PeerSettings& peer) {
   return {.own_ssrc = random_ssrc(),
@@ -88,7 +82,11 @@ ReceivingPeer::ReceivingPeer(const PeerSettings& peer, std::shared_ptr<MediaSink
     : settings_(peer),
       sink_(std::move(sink)),
       observer_(observer),
-      receiver_(receiver_settings(peer), *sink_, *this) {}
+      receiver_(receiver_settings(peer), *sink_, *this),
+      timer_(*settings_.loop, [this] {
+        receiver_.advance(steady_now());
+        schedule();
+      }) {}
 
 ReceivingPeer::~ReceivingPeer() { stop(); }
 
@@ -200,15 +198,7 @@ void ReceivingPeer::on_text(std::string_view text) {
 void ReceivingPeer::send_rtcp(Bytes packet) { transport_->send_rtcp(packet); }
 
 void ReceivingPeer::schedule() {
-  const std::optional<Micros> due = receiver_.deadline();
-  if (stopped_ || !due || (timer_due_ && *timer_due_ <= *due)) return;
-  timer_due_ = due;
-  const auto delay = std::chrono::ceil<std::chrono::milliseconds>(*due - steady_now());
-  timer_ = MainLoop::Timer(*settings_.loop, std::max(delay, std::chrono::milliseconds(0)), [this] {
-    timer_due_.reset();
-    receiver_.advance(steady_now());
-    schedule();
-  });
+  if (!stopped_) timer_.arm(receiver_.deadline());
 }
 
 }  // namespace sarnet::relay

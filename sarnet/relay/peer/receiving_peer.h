@@ -12,6 +12,7 @@
 #include "relay/media/receive/subscription_receiver.h"
 #include "relay/media/sdp/description.h"
 #include "relay/media/transport/media_transport.h"
+#include "relay/peer/deadline_timer.h"
 #include "relay/peer/peer.h"
 
 namespace sarnet::relay {
@@ -62,8 +63,7 @@ class ReceivingPeer : public std::enable_shared_from_this<ReceivingPeer>,
   std::optional<sdp::Description> offer_;  // the last that was answered
   std::vector<std::string> early_candidates_;
   unsigned answers_ = 0;
-  MainLoop::Timer timer_;  // of the receiver's next deadline
-  std::optional<Micros> timer_due_;
+  DeadlineTimer timer_;
   bool failed_ = false;
   bool stopped_ = false;
 };

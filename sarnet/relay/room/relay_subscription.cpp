@@ -131,7 +131,7 @@ void RelaySubscription::prefer(const MediaPreferences& preferences) {
 void RelaySubscription::send_preferences() {
   if (!started_ || stopped()) return;
   const StreamPreferences now = stream_preferences(preferences_, widths_);
-  json body = preferences_request(media_, now, std::exchange(sent_wishes_, now));
+  json body = preferences_request(media_, now, std::exchange(sent_preferences_, now));
   if (!body.empty()) access_.client.message(handle(), std::move(body), "", "", nullptr);
 }
 

@@ -113,7 +113,7 @@ class RelaySubscription final : public RelayStream {
   std::shared_ptr<ReceivingPeer> peer_;
   std::vector<FeedMedium> media_;
   MediaPreferences preferences_;
-  StreamPreferences sent_wishes_;
+  StreamPreferences sent_preferences_;
   LayerWidths widths_{};
   std::size_t layer_ = 0;  // received now, of a stream that has several
   int open_offers_ = 0;    // of the server, not yet answered

@@ -126,8 +126,7 @@ void Call::send(Stream& stream, std::uint32_t timestamp, bool marker, Bytes payl
                                           .marker = marker,
                                           .sequence = stream.sequence,
                                           .timestamp = timestamp,
-                                          .ssrc = stream.ssrc,
-                                          .mid = {}},
+                                          .ssrc = stream.ssrc},
                                          payload, packet));
   launch(true, false, packet);
   stream.history[stream.sequence++] = std::move(packet);

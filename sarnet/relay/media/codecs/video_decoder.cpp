@@ -94,7 +94,7 @@ VideoDecoder::Outcome VideoDecoder::decode(std::span<const std::uint8_t> frame,
   return outcome;
 }
 
-PictureRef VideoDecoder::copy() const {
+PictureRef VideoDecoder::copy() {
   PictureRef picture = pool_.acquire(frame_->width, frame_->height);
   if (!picture) return picture;
   const MutablePictureView to = picture->mutable_view();

@@ -48,14 +48,14 @@ class VideoDecoder {
   static constexpr std::size_t kPictures = 12;
 
   bool fill_packet(std::span<const std::uint8_t> frame);
-  PictureRef copy() const;
+  PictureRef copy();
 
   std::unique_ptr<AVCodecContext, Free> context_;
   std::unique_ptr<AVFrame, Free> frame_;
   std::unique_ptr<AVPacket, Free> packet_;
   std::unique_ptr<AVBufferPool, Free> packets_;  // memory for frames up to packet_size_
   std::size_t packet_size_ = 0;
-  mutable PicturePool pool_{kPictures};
+  PicturePool pool_{kPictures};
 };
 
 }  // namespace sarnet::relay

@@ -86,7 +86,6 @@ class ByteWriter {
     target_[at] = static_cast<std::uint8_t>(value >> 8);
     target_[at + 1] = static_cast<std::uint8_t>(value);
   }
-  void patch_u8(std::size_t at, std::uint8_t value) { target_[at] = value; }
 
  private:
   std::uint8_t* claim(std::size_t count) {

@@ -257,8 +257,4 @@ bool RtcpWriter::bitrate_limit(std::uint32_t sender, std::uint64_t bits_per_seco
   });
 }
 
-bool RtcpWriter::goodbye(std::uint32_t ssrc) {
-  return add(1, kGoodbye, [&](ByteWriter& writer) { writer.u32(ssrc); });
-}
-
 }  // namespace sarnet::relay

@@ -68,7 +68,6 @@ class RtcpWriter {
   bool picture_loss(std::uint32_t sender, std::uint32_t media);
   bool bitrate_limit(std::uint32_t sender, std::uint64_t bits_per_second,
                      std::span<const std::uint32_t> media);
-  bool goodbye(std::uint32_t ssrc);
 
   Bytes bytes() const { return Bytes(bytes_).first(size_); }
   bool empty() const { return size_ == 0; }

@@ -24,14 +24,7 @@ struct RtpPacket {
   std::uint16_t sequence = 0;
   std::uint32_t timestamp = 0;
   std::uint32_t ssrc = 0;
-  // Of the header extension: 0xBEDE for the one-byte form, 0x100* for the two-byte form (RFC 8285),
-  // 0 when there is none.
-  std::uint16_t extension_profile = 0;
-  Bytes extension;
   Bytes payload;  // without padding; empty for a packet that only fills the way
-
-  // The data of one header extension; nothing when it is not there or the extension is damaged.
-  std::optional<Bytes> find_extension(std::uint8_t id) const;
 };
 
 // Nothing when the bytes are no whole RTP packet of version 2.
@@ -44,16 +37,10 @@ struct RtpHeader {
   std::uint16_t sequence = 0;
   std::uint32_t timestamp = 0;
   std::uint32_t ssrc = 0;
-  // A text of up to 16 bytes in the one-byte form, the id of the section in a bundle; id 0: none.
-  std::uint8_t mid_id = 0;
-  Bytes mid;
 };
 
 // Writes header and payload; the number of bytes, or 0 when `target` is too small.
 std::size_t write_rtp(const RtpHeader& header, Bytes payload, std::span<std::uint8_t> target);
-
-// Whether a packet of a bundle is RTP or RTCP, told by the second byte (RFC 5761, section 4).
-bool is_rtcp(Bytes packet);
 
 // Sequence numbers and timestamps, which wrap, as numbers that do not: the one nearest to the last.
 // A first number stands for itself.

@@ -96,12 +96,8 @@ void ReorderBuffer::hold(std::int64_t sequence, const RtpPacket& packet) {
   spare_.pop_back();
   slot->sequence = sequence;
   slot->packet = packet;
-  slot->bytes.resize(packet.extension.size() + packet.payload.size());
-  std::copy(packet.extension.begin(), packet.extension.end(), slot->bytes.begin());
-  std::copy(packet.payload.begin(), packet.payload.end(),
-            slot->bytes.begin() + static_cast<std::ptrdiff_t>(packet.extension.size()));
-  slot->packet.extension = Bytes(slot->bytes).first(packet.extension.size());
-  slot->packet.payload = Bytes(slot->bytes).subspan(packet.extension.size());
+  slot->bytes.assign(packet.payload.begin(), packet.payload.end());
+  slot->packet.payload = slot->bytes;
   const auto at = std::upper_bound(
       held_.begin(), held_.end(), sequence,
       [](std::int64_t number, const auto& each) { return number < each->sequence; });

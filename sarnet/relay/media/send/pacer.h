@@ -27,7 +27,6 @@ class Pacer {
   Bytes take(Micros now);
   // When there is one; nothing while none waits.
   std::optional<Micros> deadline() const;
-  std::size_t waiting() const { return size_; }
 
  private:
   struct Entry {

@@ -96,26 +96,24 @@ bool SrtpPair::knows(std::uint32_t ssrc) const {
   return std::ranges::find(known, ssrc) != known.end();
 }
 
-std::span<const std::uint8_t> SrtpPair::unprotect_rtp(std::span<std::uint8_t> packet) {
-  if (!receiving_ || packet.size() < kRtpHeader || packet.size() > kMaxPacket) return {};
-  const std::uint32_t ssrc = ssrc_at(packet, 8);
+std::span<const std::uint8_t> SrtpPair::unprotect(std::span<std::uint8_t> packet, std::size_t least,
+                                                  std::size_t ssrc_place, Protect how) {
+  if (!receiving_ || packet.size() < least || packet.size() > kMaxPacket) return {};
+  const std::uint32_t ssrc = ssrc_at(packet, ssrc_place);
   const bool known = knows(ssrc);
   if (!known && ssrc_count_ == ssrcs_.size()) return {};
   int size = static_cast<int>(packet.size());
-  if (srtp_unprotect(receiving_.get(), packet.data(), &size) != srtp_err_status_ok) return {};
+  if (how(receiving_.get(), packet.data(), &size) != srtp_err_status_ok) return {};
   if (!known) ssrcs_.at(ssrc_count_++) = ssrc;
   return packet.first(static_cast<std::size_t>(size));
 }
 
+std::span<const std::uint8_t> SrtpPair::unprotect_rtp(std::span<std::uint8_t> packet) {
+  return unprotect(packet, kRtpHeader, 8, &srtp_unprotect);
+}
+
 std::span<const std::uint8_t> SrtpPair::unprotect_rtcp(std::span<std::uint8_t> packet) {
-  if (!receiving_ || packet.size() < kRtcpHeader || packet.size() > kMaxPacket) return {};
-  const std::uint32_t ssrc = ssrc_at(packet, 4);
-  const bool known = knows(ssrc);
-  if (!known && ssrc_count_ == ssrcs_.size()) return {};
-  int size = static_cast<int>(packet.size());
-  if (srtp_unprotect_rtcp(receiving_.get(), packet.data(), &size) != srtp_err_status_ok) return {};
-  if (!known) ssrcs_.at(ssrc_count_++) = ssrc;
-  return packet.first(static_cast<std::size_t>(size));
+  return unprotect(packet, kRtcpHeader, 4, &srtp_unprotect_rtcp);
 }
 
 }  // namespace sarnet::relay

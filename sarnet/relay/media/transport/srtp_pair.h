@@ -35,12 +35,15 @@ class SrtpPair {
     void operator()(srtp_ctx_t_* context) const { srtp_dealloc(context); }
   };
   using Context = std::unique_ptr<srtp_ctx_t_, Free>;
+  // Either way.
   using Protect = srtp_err_status_t (*)(srtp_t, void*, int*);
 
   static Context make(unsigned long profile, std::span<const std::uint8_t> key,
                       std::span<const std::uint8_t> salt, srtp_ssrc_type_t direction);
   std::span<const std::uint8_t> protect(std::span<const std::uint8_t> packet, std::size_t least,
                                         Protect how);
+  std::span<const std::uint8_t> unprotect(std::span<std::uint8_t> packet, std::size_t least,
+                                          std::size_t ssrc_place, Protect how);
   bool knows(std::uint32_t ssrc) const;
 
   Context receiving_;
