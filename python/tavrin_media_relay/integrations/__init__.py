@@ -1,0 +1,1 @@
+"""Bridges to agent frameworks, one module each. Each needs its framework, which is installed beside."""
