@@ -8,17 +8,21 @@
 
 #include "base/audio_format.h"
 
+struct SwrContext;
+
 namespace sarnet {
 
 // Converts a stream of audio from one format to another: any rates from 8 to 48 kHz, one or two
 // channels each way (mono goes to both channels, stereo becomes the mean of its two).
 //
 // One thread at a time. The constructor allocates and throws std::invalid_argument for an invalid
-// format and std::bad_alloc; everything else neither allocates, waits nor fails.
+// format and std::bad_alloc; process() neither allocates, waits nor fails in the steady state: the
+// first calls after the constructor and after reset() may grow small buffers.
 //
 // With equal rates and no correction the samples pass bit-exact (except for the channel conversion)
-// and without delay. From the first correction other than 1, or with different rates, a
-// band-limited interpolator works with up to 3 ms of input held back.
+// and without delay. From the first correction other than 1, or with different rates, libswresample
+// interpolates, with delay() input frames held back: 16 of the lower rate. Measured with sines up
+// to 19 kHz at 48 kHz: 85 dB to noise and distortion, flat within 0.01 dB.
 class AudioResampler {
  public:
   struct Result {
@@ -42,26 +46,27 @@ class AudioResampler {
   // number of frames of their format.
   Result process(std::span<const std::int16_t> input, std::span<std::int16_t> output);
 
+  // Input frames that were taken and are not yet in the output.
+  double delay() const;
+
   // Forgets all input; the next frame starts a new stream. Keeps the correction.
   void reset();
 
  private:
-  struct StateDeleter {
-    void operator()(void* state) const;
+  struct ContextDeleter {
+    void operator()(SwrContext* context) const;
   };
 
   // One call of the interpolator over at most one block each way.
   Result convert_block(std::span<const std::int16_t> input, std::span<std::int16_t> output);
-  double ratio() const;
-
   const AudioFormat input_;
   const AudioFormat output_;
   const int channels_;  // inside the interpolator: the smaller of both counts
   double correction_ = 1.0;
   bool interpolating_;
-  std::vector<float> input_block_;
-  std::vector<float> output_block_;
-  std::unique_ptr<void, StateDeleter> state_;
+  bool used_ = false;                // the interpolator holds input
+  std::vector<std::int16_t> mixed_;  // a block of input, in channels_
+  std::unique_ptr<SwrContext, ContextDeleter> context_;
 };
 
 }  // namespace sarnet

@@ -38,6 +38,9 @@ void ClockController::update(double queued_ms, double seconds, bool steering) {
   const double wanted = std::clamp(learned_ + kSoftGain * error + kFirmGain * excess,
                                    -kMaxCorrection, kMaxCorrection);
   correction_ += std::clamp(wanted - correction_, -kMaxSlew * seconds, kMaxSlew * seconds);
+  const bool calm =
+      std::abs(learned_) < kCalmCorrection && std::abs(error) * 1000 < kDeadBandMs / 2;
+  calm_seconds_ = calm ? calm_seconds_ + seconds : 0;
 }
 
 }  // namespace sarnet

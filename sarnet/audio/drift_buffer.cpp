@@ -199,14 +199,20 @@ std::size_t DriftBuffer::play_exact(std::span<std::int16_t> samples) {
   if (drifting && history_frames_ == kHistory && count == frames && ring_.queued() >= kLookahead) {
     begin_stretching(samples);
   } else {
-    const std::size_t fresh = std::min(count, kHistory);
-    std::copy(history_.begin() + static_cast<std::ptrdiff_t>(fresh * in_channels), history_.end(),
-              history_.begin());
-    std::copy_n(staging_.data() + (count - fresh) * in_channels, fresh * in_channels,
-                history_.data() + (kHistory - fresh) * in_channels);
-    history_frames_ = std::min(kHistory, history_frames_ + fresh);
+    remember(count);
   }
   return count;
+}
+
+// Keeps the last of the frames in staging_.
+void DriftBuffer::remember(std::size_t frames) {
+  const auto channels = static_cast<std::size_t>(writer_.channels);
+  const std::size_t fresh = std::min(frames, kHistory);
+  std::copy(history_.begin() + static_cast<std::ptrdiff_t>(fresh * channels), history_.end(),
+            history_.begin());
+  std::copy_n(staging_.data() + (frames - fresh) * channels, fresh * channels,
+              history_.data() + (kHistory - fresh) * channels);
+  history_frames_ = std::min(kHistory, history_frames_ + fresh);
 }
 
 // Cross-fades from the unchanged samples, which are in `samples` and in staging_, to the
@@ -242,6 +248,11 @@ void DriftBuffer::begin_stretching(std::span<std::int16_t> samples) {
 }
 
 std::size_t DriftBuffer::play_stretched(std::span<std::int16_t> samples) {
+  if (const std::size_t all = samples.size() / static_cast<std::size_t>(reader_.channels);
+      may_end_stretching(all)) {
+    end_stretching(samples);
+    return all;
+  }
   const auto in_channels = static_cast<std::size_t>(writer_.channels);
   const auto out_channels = static_cast<std::size_t>(reader_.channels);
   const std::size_t frames = samples.size() / out_channels;
@@ -261,12 +272,43 @@ std::size_t DriftBuffer::play_stretched(std::span<std::int16_t> samples) {
       // The interpolator's rest, 3 ms at most, is not flushed: it would end in a step.
       break;
     }
+    remember(count);
     made += resampler_
                 .process(std::span<const std::int16_t>(staging_).first(count * in_channels),
                          samples.subspan(made * out_channels))
                 .produced;
   }
   return made;
+}
+
+bool DriftBuffer::may_end_stretching(std::size_t frames) const {
+  return mode_ == Mode::kStretching && clock_.is_calm() && writer_.rate == reader_.rate &&
+         history_frames_ == kHistory && frames >= fade_frames_ + kHistory &&
+         ring_.queued() >= frames;
+}
+
+// Cross-fades from the interpolator to the unchanged samples at the same position, to half a frame:
+// those that it has taken and not given yet, then those that follow.
+void DriftBuffer::end_stretching(std::span<std::int16_t> samples) {
+  const auto in_channels = static_cast<std::size_t>(writer_.channels);
+  const auto out_channels = static_cast<std::size_t>(reader_.channels);
+  const std::size_t frames = samples.size() / out_channels;
+  const std::size_t held =
+      std::min(static_cast<std::size_t>(std::lround(std::max(resampler_.delay(), 0.0))), kHistory);
+  std::copy(history_.end() - static_cast<std::ptrdiff_t>(held * in_channels), history_.end(),
+            staging_.begin());
+  const std::span fresh = std::span(staging_).subspan(held * in_channels);
+  const std::size_t count = pop(fresh.first((frames - held) * in_channels));
+  const std::size_t fading = resampler_
+                                 .process(fresh.first(count * in_channels),
+                                          std::span(scratch_).first(fade_frames_ * out_channels))
+                                 .produced *
+                             out_channels;
+  convert_channels(staging_.data(), writer_.channels, samples.data(), reader_.channels, frames);
+  for (std::size_t i = 0; i < fading; ++i) samples[i] = mixed(scratch_[i], samples[i], i, fading);
+  remember(frames);
+  clock_.reset_correction();
+  mode_ = Mode::kExact;
 }
 
 void DriftBuffer::steer(std::size_t frames) {

@@ -34,7 +34,8 @@ namespace sarnet {
 //  - When more than `max_ms` is queued, the oldest frames are dropped and counted, and the joint is
 //    cross-faded.
 //  - As long as both clocks agree (the mean queue stays within ClockController::kDeadBandMs of the
-//    target) and the rates are equal, samples pass unchanged.
+//    target) and the rates are equal, samples pass unchanged. After a stretch they do so again once
+//    the clocks have agreed for ClockController::kCalmSeconds.
 class DriftBuffer {
  public:
   static constexpr int kDefaultTargetMs = 40;
@@ -79,6 +80,9 @@ class DriftBuffer {
   std::size_t play_exact(std::span<std::int16_t> samples);
   std::size_t play_stretched(std::span<std::int16_t> samples);
   void begin_stretching(std::span<std::int16_t> samples);
+  bool may_end_stretching(std::size_t frames) const;
+  void end_stretching(std::span<std::int16_t> samples);
+  void remember(std::size_t frames);
   void steer(std::size_t frames);
   double queued_ms() const;
   std::size_t target_frames() const;
@@ -98,8 +102,8 @@ class DriftBuffer {
   Fader fader_;
   CrossFade joint_;                    // where the oldest frames were dropped
   std::vector<std::int16_t> staging_;  // writer's frames on their way to the reader
-  std::vector<std::int16_t> history_;  // the last frames that passed unchanged
-  std::vector<std::int16_t> scratch_;  // reader's frames while the interpolator starts
+  std::vector<std::int16_t> history_;  // the last frames that were taken
+  std::vector<std::int16_t> scratch_;  // reader's frames while the interpolator starts or ends
   std::size_t history_frames_ = 0;     // valid in history_
   std::uint64_t written_seen_ = 0;
   std::size_t idle_frames_ = 0;  // reader's frames since the writer last came, while priming

@@ -222,6 +222,23 @@ TEST(DriftBuffer, PassesEverySampleUnchangedWhenTheClocksAgree) {
                          sent.begin()));
 }
 
+TEST(DriftBuffer, PassesSamplesUnchangedAgainOnceADisturbanceIsOver) {
+  TimeLine line({48000, 1}, {48000, 1}, 0, 0);
+  line.run(100);
+  line.buffer.write(sine({48000, 1}, 1440, line.written));  // 30 ms too many
+  line.written += 1440;
+  line.run(300);
+  EXPECT_NE(line.buffer.counters().correction, 1);
+  line.run(6000);
+  EXPECT_EQ(line.buffer.counters().correction, 1);
+  EXPECT_NEAR(line.buffer.counters().queued_ms, DriftBuffer::kDefaultTargetMs, 12);
+  EXPECT_EQ(line.buffer.counters().frames_dropped, 0U);
+  const std::vector<std::int16_t> sent = sine({48000, 1}, line.written);
+  const std::span last = std::span(line.heard).last(4800);
+  EXPECT_FALSE(std::ranges::search(sent, last).empty());
+  EXPECT_LE(line.largest_step(), steepest(48000) * 1.045 + 2);
+}
+
 TEST(DriftBuffer, FadesWhenTheWriterStopsAndComesBack) {
   for (const double drift : {0.0, 0.02}) {  // untouched and interpolated sound
     TimeLine line({48000, 1}, {48000, 1}, drift, 0);
