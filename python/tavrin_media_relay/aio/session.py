@@ -91,6 +91,11 @@ class Session:
         """True once the session has been left, has failed or was ended by the server."""
         return self._state.ended is not None
 
+    @property
+    def failure(self) -> SessionError | None:
+        """What the session failed of, if it did."""
+        return self._state.failure
+
     def events(self, *, capacity: int | None = None) -> Channel[Event]:
         """An async iterator over the session's events, which begins with the current connections and streams.
 

@@ -11,11 +11,11 @@ import argparse
 import sys
 from typing import Sequence
 
-from . import doctor, echo, play, record, report, scenario, server
+from . import doctor, echo, play, record, report, scenario, serve, server
 from ._failure import Failure
 from ._terminal import Terminal
 
-_COMMANDS = (doctor, play, record, echo, scenario, server, report)
+_COMMANDS = (doctor, play, record, echo, serve, scenario, server, report)
 _EPILOG = """\
 a first minute, with nothing but this machine:
   %(prog)s doctor

@@ -55,6 +55,13 @@ class Terminal:
         else:
             print(text, file=self._out, flush=True)
 
+    def write(self, line: str) -> None:
+        """One line as it is, in whatever form."""
+        if self._rich is not None:
+            self._rich.print(line, markup=False, soft_wrap=True)
+        else:
+            print(line, file=self._out, flush=True)
+
     def result(self, fields: dict[str, Any]) -> None:
         """The one object that sums up a command at its end. Nothing for people."""
         if self.as_json:
