@@ -331,6 +331,54 @@ async def failures() -> None:
         pass
 
 
+async def rejoins() -> None:
+    lost = {"at_ms": 900, "kind": "error", "code": 1022, "text": "The server is gone"}
+    scenario(participants=[TALKER], events=[lost], record="recording")
+    kinds: list[str] = []
+
+    async def collect(session: aio.Session) -> None:
+        async for event in session.events():
+            kinds.append(type(event).__name__)
+            if isinstance(event, aio.StreamReceived):
+                await session.subscribe(event.stream, video=False)
+
+    async with asyncio.timeout(PATIENCE), connect(rejoin=20) as session:
+        collecting = asyncio.create_task(collect(session))
+        mix = session.audio_frames()
+        async with session.publish("me", video=False) as publisher:
+            saying = asyncio.create_task(publisher.audio.write(tone(300, 4.0, 48000), channels=1))
+            while kinds.count("SessionRejoined") < 2:
+                await anext(mix)  # goes on, whatever happens
+            assert publisher.active and not session.over
+            assert await saying
+            begun = kinds.index("SessionLost")
+            assert kinds[begun - 2 : begun] == ["StreamDropped", "ConnectionDropped"], kinds
+            assert kinds[begun:].count("StreamReceived") >= 1 and kinds.count("SubscriberConnected") >= 2
+            while not session.subscribers:  # of the third visit
+                await asyncio.sleep(0.01)
+            assert len(session.subscribers) == 1
+
+            # Nothing answers any more: it fails, with what it was lost of, once its time is over.
+            os.environ["API_HOSTNAME"] = "embedded:/nothing.json"
+            session._rejoin_seconds = 0.5
+            with pytest.raises(aio.SessionError, match="The server is gone"):
+                await session.ended()
+            with pytest.raises(aio.ClosedError):
+                await publisher.audio.write(bytes(9600))
+        await collecting
+        assert kinds[-2:] == ["SessionLost", "SessionFailed"], kinds
+
+    scenario(participants=[TALKER], events=[lost])
+    async with asyncio.timeout(PATIENCE), connect(rejoin=True) as session:
+        async for event in session.events():
+            if isinstance(event, aio.SessionLost):
+                os.environ["API_HOSTNAME"] = "embedded:/nothing.json"
+                break  # and leaves while it is being joined again
+    scenario()
+    async with connect(rejoin=True):
+        pass
+
+
 async def misuse() -> None:
     scenario(participants=[TALKER])
     outcome: list[BaseException] = []
@@ -469,7 +517,7 @@ async def lost_outcomes() -> None:
 
 CASES = [
     joins_and_leaves, refusals, cancelled_attempts, audio_out, barge_in, video_out, media_in, failures,
-    misuse, bad_values, statistics, ends_while_nobody_leaves,
+    rejoins, misuse, bad_values, statistics, ends_while_nobody_leaves,
 ]  # fmt: skip
 keep: list[aio.Session] = []
 

@@ -8,6 +8,8 @@ from ..models import SessionSettings
 from ._opening import Opening
 from .session import Session
 
+_REJOIN_SECONDS = 60.0
+
 
 def connect(
     application_id: str,
@@ -16,11 +18,18 @@ def connect(
     *,
     settings: SessionSettings | None = None,
     timeout: float = 30.0,
+    rejoin: bool | float = False,
 ) -> Opening[Session]:
     """Joins a session: `async with connect(...) as session:`, or `session = await connect(...)` and, in the
     end, `await session.close()`.
 
     settings: media formats, log level. timeout: seconds until the attempt is abandoned.
+
+    rejoin: when the server, or the way to it, is lost, the session is joined again under the same address,
+    for so many seconds (True: 60) before it fails. Then a `SessionLost` comes, with all participants dropped,
+    and a `SessionRejoined` once it is joined, with all participants anew. The publisher goes on: its writes
+    wait meanwhile; what was queued is gone. Subscriptions end with their streams; the iterators of the
+    session's mix and of its events go on.
 
     Raises SessionError if the session refuses, fails or doesn't answer, TypeError or ValueError for bad
     arguments. A process is in one session at a time. When joining is cancelled, it is undone before the
@@ -31,9 +40,12 @@ def connect(
     if settings is not None:
         of_type("settings", settings, SessionSettings)
     number("timeout", timeout, 0.0, 1e9, "seconds")
+    if rejoin is not True:
+        number("rejoin", rejoin, 0.0, 1e6, "seconds")
+    patience = _REJOIN_SECONDS if rejoin is True else float(rejoin)
 
     async def begin() -> Session:
-        session = Session(session_id, settings or SessionSettings())
+        session = Session(session_id, settings or SessionSettings(), patience)
         return await session.open(application_id, token, timeout)
 
     return Opening(begin)

@@ -31,8 +31,16 @@ class Output:
     added since the last answer may have reached the limit.
     """
 
-    def __init__(self, side: Literal[0, 1], limit: float, usable: Callable[[], None]) -> None:
-        """limit: ms that may be queued. usable: raises if nothing may be written here or now."""
+    def __init__(
+        self,
+        side: Literal[0, 1],
+        limit: float,
+        usable: Callable[[], None],
+        away: Callable[[], bool] = lambda: False,
+    ) -> None:
+        """limit: ms that may be queued. usable: raises if nothing may be written here or now. away: the
+        session is being joined again, and takes nothing meanwhile."""
+        self._away = away
         self.changed = Signal()
         self._usable = usable
         self.added = 0
@@ -91,7 +99,9 @@ class Output:
     async def hand_over(self, add: Callable[[], bool], ms: float) -> None:
         """Hands the module a block that fits. Call with the turn held."""
         end = asyncio.get_running_loop().time() + _PATIENCE
-        while not add():
+        while self._away() or not add():
+            if self._away():
+                end = asyncio.get_running_loop().time() + _PATIENCE
             if asyncio.get_running_loop().time() > end:
                 raise PublisherError(
                     PublisherError.TIMED_OUT, f"the session has taken nothing for {_PATIENCE:g} s"

@@ -53,6 +53,13 @@ class Presence:
         self.connections.pop(connection.id, None)
         self.notify(events.ConnectionDropped(connection))
 
+    def all_gone(self) -> None:
+        """Streams and connections are dropped, in this order."""
+        for stream in tuple(self.streams.values()):
+            self.stream_dropped(stream)
+        for connection in tuple(self.connections.values()):
+            self.connection_dropped(connection)
+
     def stream_received(self, stream: Stream) -> None:
         self.streams[stream.id] = stream
         self.notify(events.StreamReceived(stream))

@@ -25,6 +25,10 @@ class SessionState:
         self.ended: str | None = None  # how
         self.failure: SessionError | None = None
         self.changed = Signal()
+        self.rejoins = False
+        """It will be joined again when it is lost."""
+        self.away = False
+        """The session is lost, and being joined again."""
         self._audio_ready = False
 
     def check_place(self) -> None:
@@ -60,9 +64,25 @@ class SessionState:
         self._audio_ready = True
         self.changed.notify()
 
+    def leave(self) -> None:
+        """The session is lost: nothing is taken until `come_back`."""
+        self.away, self._audio_ready = True, False
+        self.changed.notify()
+
+    def come_back(self) -> None:
+        self.away = False
+        self.changed.notify()
+
+    async def wait_here(self) -> None:
+        """Waits while the session is being joined again; ClosedError if that failed."""
+        while self.away:
+            await self.changed.wait(0.5)
+
     async def wait_audio_ready(self) -> None:
         end = self.loop.time() + _READY_PATIENCE
         while not self._audio_ready:
+            if self.away:
+                end = self.loop.time() + _READY_PATIENCE
             if self.loop.time() > end:
                 raise PublisherError(
                     PublisherError.TIMED_OUT, f"the session has not asked for audio in {_READY_PATIENCE:g} s"

@@ -72,6 +72,21 @@ class PublisherFailed:
 
 
 @dataclass(frozen=True, slots=True)
+class SessionLost:
+    """The server, or the way to it, is gone, and the session is being joined again: with `rejoin` alone.
+
+    Before it come the drops of all streams and connections; once it is joined again they are received anew.
+    """
+
+    error: SessionError
+
+
+@dataclass(frozen=True, slots=True)
+class SessionRejoined:
+    """The session has been joined again, and what we publish is published again."""
+
+
+@dataclass(frozen=True, slots=True)
 class SessionDisconnected:
     """The session was ended by the server. The last event."""
 
@@ -93,6 +108,8 @@ Event = Union[
     SubscriberFailed,
     PublisherEnded,
     PublisherFailed,
+    SessionLost,
+    SessionRejoined,
     SessionDisconnected,
     SessionFailed,
 ]

@@ -16,6 +16,8 @@ from .audio_output import AudioOutput
 from .errors import ClosedError, PublisherError
 from .video_output import VideoOutput
 
+_LOST_TOGETHER = 0.5  # s
+
 
 def _clear_and_measure() -> tuple[float, float]:
     """Drops the queued media; returns the ms of audio and of video dropped."""
@@ -47,16 +49,17 @@ class Publisher:
         self._audio: AudioOutput | None = None
         self._video: VideoOutput | None = None
         if settings.has_audio:
-            output = Output(0, audio_queue * 1000, self.check)
+            output = Output(0, audio_queue * 1000, self.check, lambda: state.away)
             self._outputs.append(output)
             self._audio = AudioOutput(output, audio, self._audio_ready, self.clear)
         if settings.has_video:
-            output = Output(1, max(video_queue * 1000, 1000 / video.fps), self.check)
+            output = Output(1, max(video_queue * 1000, 1000 / video.fps), self.check, lambda: state.away)
             self._outputs.append(output)
             self._video = VideoOutput(output, video)
         self._outcome: asyncio.Future[None] = asyncio.get_running_loop().create_future()
         self._closing: asyncio.Future[bool] | None = None
         self._ended: str | None = None
+        self._visit = 0  # of the session: what is told of an earlier one is ignored
 
     @property
     def name(self) -> str:
@@ -157,6 +160,22 @@ class Publisher:
     def session_over(self, reason: str) -> None:
         self._end(reason)
 
+    def lost(self) -> None:
+        """The session is being joined again; what was queued is gone."""
+        self._visit += 1
+        self.stream = None
+        for output in self._outputs:
+            output.emptied()
+
+    async def publish_again(self) -> None:
+        """In the session that was joined again."""
+        self._outcome = self._state.loop.create_future()
+        if not await _module.call(self._start):
+            raise PublisherError(
+                PublisherError.NOT_STARTED, f"the module would not publish {self.name!r} again"
+            )
+        await settled_or_assumed(self._outcome)
+
     def on_drained(self) -> None:
         """On the module's worker. The current queues show which side has drained; if a write came in between,
         another notice follows."""
@@ -173,12 +192,26 @@ class Publisher:
     # ---- events -----------------------------------------------------------------------------------------
 
     def _start(self) -> bool:
-        state = self._state
+        state, visit = self._state, self._visit
+
+        def of_this_visit(handler: Callable[..., None], *arguments: object) -> None:
+            if visit == self._visit:
+                handler(*arguments)
+
+        def of_this_visit_alone(handler: Callable[..., None], *arguments: object) -> None:
+            # The end of a lost session takes our stream with it, and says so before it speaks of itself.
+            if state.rejoins and visit == self._visit:
+                state.loop.call_later(_LOST_TOGETHER, of_this_visit, handler, *arguments)
+            else:
+                of_this_visit(handler, *arguments)
+
         return _module.client().publish(
             self._settings,
-            on_stream_created_cb=lambda publisher: state.post(self._on_created, publisher),
-            on_stream_destroyed_cb=lambda publisher: state.post(self._on_destroyed),
-            on_error_cb=lambda publisher, message, code: state.post(self._on_error, message, code),
+            on_stream_created_cb=lambda publisher: state.post(of_this_visit, self._on_created, publisher),
+            on_stream_destroyed_cb=lambda publisher: state.post(of_this_visit_alone, self._on_destroyed),
+            on_error_cb=lambda publisher, message, code: state.post(
+                of_this_visit_alone, self._on_error, message, code
+            ),
         )
 
     def _on_created(self, publisher: NativePublisher) -> None:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import asyncio
 import functools
+import random
 from typing import Callable
 
 from .._checks import number, of_type
@@ -36,6 +37,11 @@ from .publisher import Publisher
 from .statistics import Statistics, library_statistics
 from .subscriber import Subscriber
 
+# The server, or the way to it, is gone: of all codes those that a second attempt may change.
+_LOST = frozenset({1021, 1022})
+_REJOIN_PAUSE = (0.1, 2.0)  # s between attempts: at first, and at most
+_REJOIN_TIMEOUT = 10.0  # s for an attempt
+
 
 def _connection() -> Connection | None:
     return _module.client().get_connection() or None
@@ -44,7 +50,7 @@ def _connection() -> Connection | None:
 class Session:
     """Made by `connect`. All of it belongs to the event loop in which it was opened."""
 
-    def __init__(self, session_id: str, settings: SessionSettings) -> None:
+    def __init__(self, session_id: str, settings: SessionSettings, rejoin_seconds: float = 0.0) -> None:
         self._id = session_id
         self._settings = settings
         self._state = SessionState()
@@ -55,6 +61,11 @@ class Session:
         self._outcome: asyncio.Future[None] = self._state.loop.create_future()
         self._started = False  # the module has begun joining, so the session must be left
         self._closing: asyncio.Future[bool] | None = None
+        self._rejoin_seconds = rejoin_seconds
+        self._state.rejoins = rejoin_seconds > 0
+        self._rejoining: asyncio.Task[None] | None = None
+        self._where = ("", "")  # application id and token
+        self._visit = 0  # what the module tells of an earlier one is ignored
 
     @property
     def id(self) -> str:
@@ -206,6 +217,9 @@ class Session:
         if self._closing is not None and self._closing.done():
             return
         self._state.check_place()
+        if self._rejoining is not None:
+            self._rejoining.cancel()
+            await asyncio.wait([self._rejoining])
         if self._closing is None and self._started:
             self._closing = _module.start(_module.client().disconnect)
         self._end(f"session {self.id!r} has been left")
@@ -222,16 +236,58 @@ class Session:
             raise SessionError(
                 SessionError.BUSY, "this process is in a session already: it is in one at a time"
             )
+        self._where = application_id, token
         async with attempt(self.close, self._outcome):
-            await _module.call(self._start, application_id, token)
-            done, _ = await asyncio.wait([self._outcome], timeout=timeout)
-            if not done:
-                raise SessionError(
-                    SessionError.TIMED_OUT, f"session {self.id!r} has not answered in {timeout:g} s"
-                )
-            self._outcome.result()
-            self._connection = await _module.call(_connection)
+            await self._join(timeout)
         return self
+
+    async def _join(self, timeout: float) -> None:
+        await _module.call(self._start, *self._where)
+        done, _ = await asyncio.wait([self._outcome], timeout=timeout)
+        if not done:
+            raise SessionError(
+                SessionError.TIMED_OUT, f"session {self.id!r} has not answered in {timeout:g} s"
+            )
+        self._outcome.result()
+        self._connection = await _module.call(_connection)
+
+    # ---- joining again ----------------------------------------------------------------------------------
+
+    def _lose(self, error: SessionError) -> None:
+        self._visit += 1
+        subscribers = tuple(self._subscribers.values())
+        self._subscribers.clear()
+        for subscriber in subscribers:
+            subscriber.end("was lost with its server")
+        self._state.leave()
+        if self._publisher is not None:
+            self._publisher.lost()
+        self._state.presence.all_gone()
+        self._state.notify(events.SessionLost(error))
+        self._rejoining = self._state.loop.create_task(self._rejoin(error))
+
+    async def _rejoin(self, error: SessionError) -> None:
+        """Until it is joined, `rejoin_seconds` have passed, or `close` cancels it."""
+        loop, pause = self._state.loop, _REJOIN_PAUSE[0]
+        end = loop.time() + self._rejoin_seconds
+        while True:
+            try:
+                await _module.call(_module.client().disconnect)
+                self._outcome = loop.create_future()
+                await self._join(min(_REJOIN_TIMEOUT, self._rejoin_seconds))
+                publisher = self._publisher
+                if publisher is not None and publisher.active:
+                    await publisher.publish_again()
+                break
+            except (SessionError, PublisherError):
+                if loop.time() >= end:
+                    self._fail(error)
+                    return
+            self._visit += 1
+            await asyncio.sleep(pause * random.uniform(0.5, 1.0))  # many are lost at a time
+            pause = min(2 * pause, _REJOIN_PAUSE[1])
+        self._state.come_back()
+        self._state.notify(events.SessionRejoined())
 
     # ---- publishing and subscribing ---------------------------------------------------------------------
 
@@ -239,6 +295,7 @@ class Session:
         self, settings: PublisherSettings, audio_queue: float, video_queue: float
     ) -> Publisher:
         self._state.check()
+        await self._state.wait_here()
         old = self._publisher
         if old is not None:
             if old.active:
@@ -288,13 +345,15 @@ class Session:
         """A callable for the module's worker: runs the handler on the loop, without the argument
         `session`."""
 
+        visit = self._visit
+
         def callable_(_session: object, *arguments: object) -> None:
-            self._state.post(self._on_event, functools.partial(handler, *arguments))
+            self._state.post(self._on_event, visit, functools.partial(handler, *arguments))
 
         return callable_
 
-    def _on_event(self, handler: Callable[[], object]) -> None:
-        if self._state.ended is not None:
+    def _on_event(self, visit: int, handler: Callable[[], object]) -> None:
+        if self._state.ended is not None or visit != self._visit:
             return
         settle(self._outcome)
         handler()
@@ -305,16 +364,25 @@ class Session:
             subscriber.end("has ended with the stream")
         self._state.presence.stream_dropped(stream)
 
-    def _on_error(self, message: str, code: int) -> None:
-        if self._state.ended is not None:
+    def _on_error(self, visit: int, message: str, code: int) -> None:
+        if self._state.ended is not None or visit != self._visit:
             return
         error = SessionError(code, message)
+        joined = self._outcome.done()
         settle(self._outcome, error)
+        if self._state.away:
+            return  # this attempt has failed
+        if joined and self._rejoin_seconds > 0 and code in _LOST:
+            self._lose(error)
+        else:
+            self._fail(error)
+
+    def _fail(self, error: SessionError) -> None:
         self._state.failure = error
         self._end(f"session {self.id!r} has failed: {error}", events.SessionFailed(error))
 
-    def _on_disconnected(self) -> None:
-        if self._state.ended is not None:
+    def _on_disconnected(self, visit: int) -> None:
+        if self._state.ended is not None or visit != self._visit:
             return
         settle(self._outcome, SessionError(SessionError.NOT_STARTED, "the server ended the session"))
         self._end(f"session {self.id!r} was ended by the server", events.SessionDisconnected())
@@ -339,15 +407,15 @@ class Session:
             raise SessionError(
                 SessionError.BUSY, "a TavrinVideoClient of this process is in a session already"
             )
-        told = self._told
+        told, visit = self._told, self._visit
         self._started = client.connect(
             application_id,
             self.id,
             token,
             session_settings=self._settings,
-            on_error_cb=lambda session, message, code: self._state.post(self._on_error, message, code),
+            on_error_cb=lambda session, message, code: self._state.post(self._on_error, visit, message, code),
             on_connected_cb=told(lambda: None),
-            on_disconnected_cb=lambda session: self._state.post(self._on_disconnected),
+            on_disconnected_cb=lambda session: self._state.post(self._on_disconnected, visit),
             on_connection_created_cb=told(self._state.presence.connection_created),
             on_connection_dropped_cb=told(self._state.presence.connection_dropped),
             on_stream_received_cb=told(self._state.presence.stream_received),

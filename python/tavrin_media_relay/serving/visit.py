@@ -109,9 +109,10 @@ def _warm_up() -> None:
 
     from .._native.libraries import find_sarnet
 
-    prepare = getattr(find_sarnet(), "srn_prepare", None)
-    if prepare is not None:  # another library under the module may have none
-        prepare()
+    # The engine that joins sessions on a server, with its libraries; another library has none beside it.
+    engine = Path(find_sarnet()._name).with_name("libsarnet_relay.so")
+    if engine.exists():
+        ctypes.CDLL(str(engine))
 
 
 def private_bytes() -> int:
