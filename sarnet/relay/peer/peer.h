@@ -37,6 +37,8 @@ class PeerObserver {
   virtual void on_local_candidate(unsigned mline, const std::string& candidate) = 0;
   // Media may flow. Again after a break that healed.
   virtual void on_peer_connected() = 0;
+  // Nothing comes through any more; restart() seeks another way. Once for each break.
+  virtual void on_peer_interrupted() = 0;
   // The connection is of no more use; the text names the step that failed. Once.
   virtual void on_peer_failed(const std::string& reason) = 0;
 };

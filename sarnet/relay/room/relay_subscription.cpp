@@ -81,13 +81,21 @@ void RelaySubscription::join() {
       {.room = "attached", .sdp = true});
 }
 
+void RelaySubscription::restart() {
+  restarting_ = true;
+  ask("subscribing", {{"request", "configure"}, {"restart", true}},
+      [this](const JanusReply& reply) { take_offer(reply.data(), reply.sdp()); },
+      {.room = "event", .sdp = true});
+}
+
 void RelaySubscription::take_offer(const json& data, const std::string& sdp) {
   if (++open_offers_ > kMaxOffersAtOnce) {
     on_peer_failed("the server makes offers faster than they can be answered");
     return;
   }
-  media_.clear();
-  for (const json& each : list_of(data, "streams")) {
+  const json& media = list_of(data, "streams");
+  if (!media.empty()) media_.clear();
+  for (const json& each : media) {
     if (media_.size() == kMaxMedia) break;
     media_.push_back({text_id_of(each, "mid"), text_id_of(each, "type"),
                       member(each, "simulcast").is_object() || flag_of(each, "simulcast")});
@@ -105,6 +113,7 @@ void RelaySubscription::take_offer(const json& data, const std::string& sdp) {
     on_peer_failed(error);
     return;
   }
+  if (std::exchange(restarting_, false)) peer_->restart();
   peer_->set_remote_offer(sdp);
 }
 

@@ -100,6 +100,8 @@ class RelaySubscription final : public RelayStream {
 
  private:
   void join();
+  void restart() override;
+  void check_way() override { peer_->check_way(); }
   // Handles the server's list of the media it sends, and its offer.
   void take_offer(const json& data, const std::string& sdp);
   void send_preferences();
@@ -118,6 +120,7 @@ class RelaySubscription final : public RelayStream {
   std::size_t layer_ = 0;  // received now, of a stream that has several
   int open_offers_ = 0;    // of the server, not yet answered
   bool started_ = false;
+  bool restarting_ = false;  // the next offer begins ICE anew
 };
 
 }  // namespace sarnet::relay

@@ -19,6 +19,14 @@ void unref_later(GObject* object) {
   g_source_unref(source);
 }
 
+// Whether it tells of the network rather than of the server.
+bool is_unreachable(const GError* error) {
+  return g_error_matches(error, G_IO_ERROR, G_IO_ERROR_NETWORK_UNREACHABLE) ||
+         g_error_matches(error, G_IO_ERROR, G_IO_ERROR_HOST_UNREACHABLE) ||
+         g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) ||
+         error->domain == G_RESOLVER_ERROR;
+}
+
 }  // namespace
 
 JanusSocket::JanusSocket(Callbacks callbacks)
@@ -70,7 +78,8 @@ void JanusSocket::connected(GAsyncResult* result) {
     return;
   }
   if (!connection_) {
-    fail(printable_text(error->message));
+    fail(printable_text(error->message),
+         is_unreachable(error.get()) ? Loss::kUnreachable : Loss::kBroken);
     return;
   }
   soup_websocket_connection_set_max_incoming_payload_size(connection_.get(), kMaxMessage);

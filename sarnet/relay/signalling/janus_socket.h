@@ -16,8 +16,9 @@ namespace sarnet::relay {
 class JanusSocket : public std::enable_shared_from_this<JanusSocket> {
  public:
   enum class Loss {
-    kBroken,  // a new connection may do better
-    kFoul,    // the server violated the protocol
+    kBroken,       // a new connection may do better
+    kUnreachable,  // so it may, but the network is away
+    kFoul,         // the server violated the protocol
   };
   struct Callbacks {
     std::function<void()> opened;

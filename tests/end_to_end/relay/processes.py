@@ -121,6 +121,16 @@ class Network:
         if user:
             self._enter += ["--user", "--preserve-credentials"]
 
+    @property
+    def process(self) -> int:
+        """One that is in it for as long as it is there."""
+        return self._holder.child.pid
+
+    def do(self, script: str) -> None:
+        """Lines for the shell."""
+        environment = {"PATH": os.defpath + ":/usr/sbin:/sbin"}
+        subprocess.run([*self._enter, "sh", "-ec", script], env=environment, check=True)
+
     def run(self, *command: object, **environment: str) -> Process:
         process = Process([*self._enter, *map(str, command)], **environment)
         self._processes.append(process)
@@ -189,10 +199,13 @@ class Server(Process):
         raise LookupError("the server is not running")
 
     def program(
-        self, maker: int, *options: object, script: str = "program.py", **environment: str
+        self, maker: int, *options: object, script: str = "program.py", network: Network | None = None,
+        **environment: str
     ) -> Process:
-        """Maker N has tones of its own, so that nobody is taken for another."""
+        """Maker N has tones of its own, so that nobody is taken for another. In the server's network unless
+        another is named."""
         variables = {"API_HOSTNAME": self.host, "SARNET_RELAY_CA_FILE": str(self.folder / "cert.pem")}
         variables |= {"TOKEN": join_token("marks", SECRET)} | environment
         tones = (500 + 200 * maker, 600 + 200 * maker)
-        return self.network.start(HERE / script, "--maker", maker, "--tones", *tones, *options, **variables)
+        where = network or self.network
+        return where.start(HERE / script, "--maker", maker, "--tones", *tones, *options, **variables)

@@ -127,6 +127,11 @@ class Program:
         width, height, rate = self.arguments.wish
         return tavrin.SubscriberVideoSettings(tavrin.VideoResolution(width, height), rate)
 
+    def tell_progress(self) -> None:
+        while not self.leaving.wait(0.1):
+            streams = {name: (len(each.marks), len(each.sound)) for name, each in self.received.copy().items()}
+            tell("progress", at=time.monotonic(), streams=streams)
+
     def join(self) -> bool:
         size = tavrin.VideoResolution(marks.WIDTH, marks.HEIGHT)
         video = tavrin.SessionVideoPublisherSettings(size, marks.FPS, "YUV420P")
@@ -186,16 +191,21 @@ def main() -> None:
     parser.add_argument("--frames", type=int, default=60, help="that are enough")
     parser.add_argument("--loud", type=int, default=60, help="periods of sound that are enough")
     parser.add_argument("--captions", type=int, default=2)
+    parser.add_argument("--progress", action="store_true", help="tell pictures and blocks of sound so far")
     program = Program(parser.parse_args())
-    showing = threading.Thread(target=program.show)
-    if program.join():
-        showing.start()
+    threads = [threading.Thread(target=program.show)]
+    if program.arguments.progress:
+        threads.append(threading.Thread(target=program.tell_progress))
+    joined = program.join()
+    if joined:
+        for thread in threads:
+            thread.start()
     else:
         tell("refused")
     sys.stdin.read()
     program.leaving.set()
-    if showing.ident is not None:
-        showing.join()
+    for thread in threads if joined else []:
+        thread.join()
     begin = time.monotonic()
     program.client.disconnect()
     took = time.monotonic() - begin

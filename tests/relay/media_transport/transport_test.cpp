@@ -47,6 +47,7 @@ class End : public TransportObserver {
     }
   }
   void on_transport_connected() override { ++connected; }
+  void on_transport_interrupted() override { ++interruptions; }
   void on_transport_failed(const std::string& reason) override { failures.push_back(reason); }
   void on_rtp(std::span<const std::uint8_t> packet) override {
     media.emplace_back(packet.begin(), packet.end());
@@ -63,6 +64,7 @@ class End : public TransportObserver {
   std::shared_ptr<MediaTransport> transport;
   std::vector<std::string> candidates;
   int connected = 0;
+  int interruptions = 0;
   std::vector<std::string> failures;
   std::vector<Packet> media;
   std::vector<Packet> reports;
