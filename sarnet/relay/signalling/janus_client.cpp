@@ -39,11 +39,13 @@ void JanusClient::open(std::function<void(const Failure*)> done) {
 }
 
 void JanusClient::connect() {
-  socket_ = std::make_shared<JanusSocket>(JanusSocket::Callbacks{
-      [this] { connected(); }, [this](std::string_view text) { received(text); },
-      [this](const std::string& reason, JanusSocket::Loss loss) {
-        connection_failed(reason, loss);
-      }});
+  socket_ = std::make_shared<JanusSocket>(
+      JanusSocket::Callbacks{[this] { connected(); },
+                             [this](std::string_view text) { received(text); },
+                             [this](const std::string& reason, JanusSocket::Loss loss) {
+                               connection_failed(reason, loss);
+                             }},
+      loop_.under_way());
   std::string error;
   if (socket_->open(settings_.url, settings_.ca_file, error)) return;
   loop_.post([this, socket = std::weak_ptr(socket_), error] {

@@ -119,3 +119,72 @@ def test_media_come_again_within_five_seconds(
     assert not [faults(program) for program in programs if faults(program)]
     for program in programs:
         assert len(program.leave()["received"]) == 1
+
+
+def test_media_that_cannot_come_any_more_are_an_error(away: Away, tmp_path: Path) -> None:
+    """Of the streams alone: the session, whose messages still come, goes on."""
+    _, near, far = join(away, tmp_path)
+    with away.away.broken("meta l4proto udp"), away.here.broken("iifname bad0 meta l4proto udp"):
+        begin = time.monotonic()
+        codes = {far.wait_for("subscriber error", 40)["code"]}
+        publisher = [each for each in far.events() if each["event"] == "publisher error"]
+        codes.add((publisher[0] if publisher else far.wait_for("publisher error", 10))["code"])
+        took = time.monotonic() - begin
+    assert codes == {1600, 1610} and 25 < took < 40, (codes, took)
+    near.wait_for("stream dropped")
+    assert not [each for each in near.events() + far.events() if each["event"] == "session error"]
+    assert far.leave()["seconds"] < 2.5
+
+
+# Sends numbered datagrams, or takes them for some seconds and tells which came and when.
+PROBE = """
+import json, socket, sys, time
+role, address, count, size, pause = sys.argv[1], sys.argv[2], *map(float, sys.argv[3:])
+with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as plug:
+    if role == "send":
+        begin = time.monotonic()
+        for number in range(int(count)):
+            time.sleep(max(0.0, begin + number * pause - time.monotonic()))
+            text = json.dumps([number, time.monotonic()])
+            plug.sendto(text.encode().ljust(int(size)), (address, 5555))
+    else:
+        plug.bind((address, 5555))
+        print(json.dumps({"event": "ready"}), flush=True)
+        plug.settimeout(3)
+        came = []
+        try:
+            while True:
+                number, sent = json.loads(plug.recv(2000))
+                now = time.monotonic()
+                plug.settimeout(1)
+                came.append((number, now - sent, now))
+        except TimeoutError:
+            print(json.dumps({"event": "came", "packets": came}), flush=True)
+"""
+
+
+def test_the_bad_link_is_as_bad_as_it_says(away: Away) -> None:
+    def send(count: int, size: int, pause: float, **order: object) -> list[tuple[int, float, float]]:
+        away.link.order(**order)
+        taker = away.here.start("-c", PROBE, "take", HERE_ADDRESS, 0, 0, 0)
+        taker.wait_for("ready")
+        away.away.start("-c", PROBE, "send", HERE_ADDRESS, count, size, pause)
+        return [(number, delay, at) for number, delay, at in taker.wait_for("came")["packets"]]
+
+    good = send(200, 100, 0.002)
+    assert [number for number, _, _ in good] == list(range(200))
+    lossy = send(1000, 100, 0.001, loss=0.1)
+    assert 850 < len(lossy) < 950
+    late = send(100, 100, 0.01, delay_ms=80, jitter_ms=100)
+    assert [number for number, _, _ in late] == list(range(100))
+    delays = sorted(delay for _, delay, _ in late)
+    assert delays[0] >= 0.08 and 0.1 < delays[50] < 0.25, delays
+    mixed = [number for number, _, _ in send(500, 100, 0.002, reorder=0.2)]
+    assert sorted(mixed) == list(range(500))
+    assert 40 < sum(later < sooner for sooner, later in zip(mixed, mixed[1:]))
+    # A datagram of 972 bytes is a packet of 1000; what waits longer than the queue takes is lost.
+    slow = send(200, 972, 0.01, kbit_s=200, queue_ms=200)
+    rate = (len(slow) - 1) * 8 / (slow[-1][2] - slow[0][2])
+    assert 180 < rate < 215 and len(slow) < 80, (rate, len(slow))
+    assert max(delay for _, delay, _ in slow) < 0.45
+    assert send(50, 100, 0.002, down=True) == []

@@ -14,6 +14,7 @@ from pathlib import Path
 import marks
 import pytest
 from processes import ADDRESS, ADMIN_KEY, HERE, ROOT, SECRET, Server
+from stranger import Stranger
 
 from tavrin_media_relay.server import join_token, realm_token, room_token
 
@@ -198,3 +199,22 @@ def test_the_example_talks_back(server):
     assert received["size"] == [640, 480]
     assert abs(received["frequencies"][0] - 700) < 25, received
     assert any("I heard" in text or "You wrote: Grüße" in text for text, _ in received["captions"])
+
+
+def test_coming_and_going_leaves_nothing_behind(server):
+    """At random moments, also while everything is being connected."""
+    staying = server.program(1)
+    staying.wait_for("published")
+    visitor = server.program(2, "--rounds", 100, "--every", 25, script="churn.py")
+    told = [visitor.wait_for("so far", rounds=number) for number in (25, 50, 75, 100)]
+    assert visitor.child.wait(10) == 0, visitor.said
+    first, last = told[0], told[-1]
+    assert not last["errors"] and min(last["reached"].values()) > 3, last
+    assert {"joined", "published", "subscribed", "unsubscribed", "sound"} <= set(last["reached"]), last
+    assert last["threads"] <= first["threads"] and last["files"] <= first["files"], told
+    assert last["kib"] - first["kib"] < 8000, told
+    listed = Stranger(server, realm_token(SECRET))
+    listed.ask("create")
+    present = listed.request(listed.handle(), "listparticipants", room="marks")["participants"]
+    assert len(present) == 1, present
+    staying.leave()
