@@ -4,6 +4,7 @@ what the process has of descriptors, threads and memory after each so many."""
 from __future__ import annotations
 
 import argparse
+import contextlib
 import json
 import os
 import random
@@ -17,7 +18,10 @@ def settle() -> None:
     """Sessions end on threads of their own, within two seconds."""
     deadline = time.monotonic() + 5
     while time.monotonic() < deadline:
-        names = {(each / "comm").read_text().strip() for each in Path("/proc/self/task").iterdir()}
+        names = set()
+        for task in Path("/proc/self/task").iterdir():
+            with contextlib.suppress(OSError):
+                names.add((task / "comm").read_text().strip())
         if not names & {"srn-relay", "srn-session", "srn-encode"}:
             return
         time.sleep(0.02)

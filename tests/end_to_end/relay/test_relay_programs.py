@@ -205,14 +205,18 @@ def test_coming_and_going_leaves_nothing_behind(server):
     """At random moments, also while everything is being connected."""
     staying = server.program(1)
     staying.wait_for("published")
-    visitor = server.program(2, "--rounds", 100, "--every", 25, script="churn.py")
-    told = [visitor.wait_for("so far", rounds=number) for number in (25, 50, 75, 100)]
+    # With a heap for each thread memory would depend on how sessions overlap.
+    visitor = server.program(
+        2, "--rounds", 100, "--every", 50, script="churn.py", MALLOC_ARENA_MAX="1"
+    )
+    told = [visitor.wait_for("so far", rounds=number) for number in (50, 100)]
     assert visitor.child.wait(10) == 0, visitor.said
     first, last = told[0], told[-1]
     assert not last["errors"] and min(last["reached"].values()) > 3, last
-    assert {"joined", "published", "subscribed", "unsubscribed", "sound"} <= set(last["reached"]), last
-    assert last["threads"] <= first["threads"] and last["files"] <= first["files"], told
-    assert last["kib"] - first["kib"] < 8000, told
+    assert {"joined", "subscribed", "unsubscribed", "sound"} <= set(last["reached"]), last
+    # GLib may have gained a thread for what it does in the background.
+    assert last["threads"] <= first["threads"] + 2 and last["files"] <= first["files"], told
+    assert last["kib"] - first["kib"] < 4000, told
     listed = Stranger(server, realm_token(SECRET))
     listed.ask("create")
     present = listed.request(listed.handle(), "listparticipants", room="marks")["participants"]
