@@ -39,11 +39,15 @@ void JanusClient::open(std::function<void(const Failure*)> done) {
 }
 
 void JanusClient::connect() {
+  const unsigned number = ++socket_number_;
   socket_ = std::make_shared<JanusSocket>(
       JanusSocket::Callbacks{[this] { connected(); },
-                             [this](std::string_view text) { received(text); },
-                             [this](const std::string& reason, JanusSocket::Loss loss) {
-                               connection_failed(reason, loss);
+                             [this, number](std::string_view text) {
+                               heard(number);
+                               received(text);
+                             },
+                             [this, number](const std::string& reason, JanusSocket::Loss loss) {
+                               socket_failed(number, reason, loss);
                              }},
       loop_.under_way());
   std::string error;
@@ -80,6 +84,23 @@ void JanusClient::session_created(const JanusReply& reply) {
 void JanusClient::fail_opening(const Failure& failure) {
   end();
   if (const auto opened = std::exchange(opened_, nullptr)) opened(&failure);
+}
+
+void JanusClient::heard(unsigned socket) {
+  // Not once the session was claimed by the other one, which is the server's now.
+  if (!silent_socket_ || socket != silent_number_ || state_ != State::kBroken || claimed_) return;
+  socket_->close();
+  socket_ = std::exchange(silent_socket_, nullptr);
+  resumed();
+}
+
+void JanusClient::socket_failed(unsigned socket, const std::string& reason,
+                                JanusSocket::Loss loss) {
+  if (silent_socket_ && socket == silent_number_) {
+    silent_socket_.reset();
+  } else {
+    connection_failed(reason, loss);
+  }
 }
 
 void JanusClient::connection_failed(const std::string& reason, JanusSocket::Loss loss) {
@@ -124,7 +145,7 @@ void JanusClient::connection_failed(const std::string& reason, JanusSocket::Loss
 void JanusClient::check_life() {
   if (state_ != State::kOpen || closed_) return;
   if (!heard_) {
-    broken("no sign of life");
+    fell_silent("no sign of life");
     return;
   }
   heard_ = false;
@@ -147,6 +168,12 @@ void JanusClient::broken(const std::string& reason) {
   try_again();
 }
 
+void JanusClient::fell_silent(const std::string& reason) {
+  silent_socket_ = std::move(socket_);
+  silent_number_ = socket_number_;
+  broken(reason);
+}
+
 void JanusClient::try_again() {
   retry_timer_.stop();
   attempt_timer_ = MainLoop::Timer(loop_, kFirstAttempt + attempts_ * kAttemptGrowth, [this] {
@@ -154,7 +181,8 @@ void JanusClient::try_again() {
     try_again();
   });
   ++attempts_;
-  socket_->close();
+  claimed_ = false;
+  if (socket_) socket_->close();
   connect();
 }
 
@@ -164,12 +192,13 @@ void JanusClient::network_changed() {
     try_again();
   } else if (state_ == State::kOpen && !probe_timer_) {
     probe_timer_ =
-        MainLoop::Timer(loop_, kProbeLimit, [this] { broken("the network has changed"); });
+        MainLoop::Timer(loop_, kProbeLimit, [this] { fell_silent("the network has changed"); });
     request({{"janus", "keepalive"}}, nullptr, {}, true);
   }
 }
 
 void JanusClient::claim() {
+  claimed_ = true;
   request(
       {{"janus", "claim"}},
       [this, by = std::weak_ptr(socket_)](const JanusReply& reply) {
@@ -190,6 +219,7 @@ void JanusClient::claim() {
 void JanusClient::resumed() {
   SARNET_LOG(kInfo, "The connection to " << settings_.url << " was resumed");
   for (auto* timer : {&break_timer_, &refusal_timer_, &attempt_timer_}) timer->stop();
+  if (const auto silent = std::exchange(silent_socket_, nullptr)) silent->close();
   state_ = State::kOpen;
   heard_ = true;
   for (const std::string& text : std::exchange(unsent_, {})) socket_->send(text);
@@ -323,7 +353,9 @@ void JanusClient::close(std::chrono::milliseconds limit, std::function<void()> d
 
 void JanusClient::end() {
   state_ = State::kClosed;
-  if (socket_) socket_->close();
+  for (const auto& socket : {socket_, silent_socket_}) {
+    if (socket) socket->close();
+  }
   pending_.clear();
   unsent_.clear();
   for (auto* timer : {&connect_timer_, &break_timer_, &refusal_timer_, &attempt_timer_,

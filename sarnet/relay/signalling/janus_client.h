@@ -86,10 +86,13 @@ class JanusClient {
   void connect();
   void try_again();
   void connected();
+  void heard(unsigned socket);
   void received(std::string_view text);
+  void socket_failed(unsigned socket, const std::string& reason, JanusSocket::Loss loss);
   void connection_failed(const std::string& reason, JanusSocket::Loss loss);
   void session_created(const JanusReply& reply);
   void broken(const std::string& reason);
+  void fell_silent(const std::string& reason);
   void claim();
   void resumed();
   void lost(const std::string& reason);
@@ -108,6 +111,11 @@ class JanusClient {
 
   State state_ = State::kIdle;
   std::shared_ptr<JanusSocket> socket_;
+  unsigned socket_number_ = 0;
+  // That fell silent: until there is another the server is not told that it broke, and it may
+  // recover.
+  std::shared_ptr<JanusSocket> silent_socket_;
+  unsigned silent_number_ = 0;
   std::uint64_t session_ = 0;
   std::uint64_t next_transaction_ = 1;
   std::map<std::string, Pending> pending_;
@@ -115,9 +123,10 @@ class JanusClient {
   std::function<void(const Failure*)> opened_;
   std::function<void()> closed_;
   std::string break_reason_;
-  int breaks_ = 0;      // since the last calm period
-  int attempts_ = 0;    // in this break
-  bool heard_ = false;  // since the last keep-alive
+  bool claimed_ = false;  // on this socket
+  int breaks_ = 0;        // since the last calm period
+  int attempts_ = 0;      // in this break
+  bool heard_ = false;    // since the last keep-alive
   MainLoop::Timer connect_timer_;
   MainLoop::Timer break_timer_;
   MainLoop::Timer refusal_timer_;

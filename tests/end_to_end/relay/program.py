@@ -175,7 +175,7 @@ class Program:
             if self.leaving.wait(max(0.0, begin + (number - 3) / marks.FPS - time.monotonic())):
                 return
             frame = tavrin.VideoFrame(
-                size, "YUV420P", marks.picture(maker, number % (1 << marks.NUMBER_BITS))
+                size, "YUV420P", marks.picture(maker, number % (1 << marks.NUMBER_BITS), self.arguments.busy)
             )
             self.client.add_video(frame)
             if number % 10 == 0:
@@ -191,6 +191,7 @@ def main() -> None:
     parser.add_argument("--frames", type=int, default=60, help="that are enough")
     parser.add_argument("--loud", type=int, default=60, help="periods of sound that are enough")
     parser.add_argument("--captions", type=int, default=2)
+    parser.add_argument("--busy", action="store_true", help="send pictures that are hard to code")
     parser.add_argument("--progress", action="store_true", help="tell pictures and blocks of sound so far")
     program = Program(parser.parse_args())
     threads = [threading.Thread(target=program.show)]

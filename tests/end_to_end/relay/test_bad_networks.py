@@ -71,10 +71,10 @@ def wait_for_media(program: Process, since: float, limit: float) -> float:
         assert now < since + limit + 1, (program.said[-1], counts, before)
 
 
-def join(away: Away, folder: Path) -> tuple[Server, Process, Process]:
+def join(away: Away, folder: Path, *options: str) -> tuple[Server, Process, Process]:
     server = Server.on(away.here, folder / "server")
-    near = server.program(1, "--progress")
-    far = server.program(2, "--progress", network=away.away)
+    near = server.program(1, "--progress", *options)
+    far = server.program(2, "--progress", *options, network=away.away)
     near.wait_for("enough")
     far.wait_for("enough")
     return server, near, far
@@ -119,6 +119,24 @@ def test_media_come_again_within_five_seconds(
     assert not [faults(program) for program in programs if faults(program)]
     for program in programs:
         assert len(program.leave()["received"]) == 1
+
+
+def test_a_link_for_hardly_more_than_sound_loses_no_session(away: Away, tmp_path: Path) -> None:
+    """Sound goes first: it never stops, filled where it is lost."""
+    _, *programs = join(away, tmp_path, "--busy")
+    away.link.order(kbit_s=150)
+    begins = [progress(program) for program in programs]
+    ends = begins
+    while min(at for at, *_ in ends) < begins[0][0] + 20:
+        ends = [progress(program) for program in programs]
+    away.link.order()
+    mended = time.monotonic()
+    for program in programs:
+        wait_for_media(program, mended, 10)
+    for program, begin, end in zip(programs, begins, ends):
+        assert end[2] - begin[2] > 0.8 * 100 * (end[0] - begin[0]), (begin, end)
+        assert not faults(program)
+        program.leave()
 
 
 def test_media_that_cannot_come_any_more_are_an_error(away: Away, tmp_path: Path) -> None:
