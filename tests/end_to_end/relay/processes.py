@@ -80,6 +80,13 @@ class Process:
         """All that it has told so far, as far as it was waited for."""
         return [json.loads(line) for line in self.said if line.startswith("{")]
 
+    def rest(self) -> list[str]:
+        """All that it has said, once it has ended."""
+        self._reader.join(PATIENCE)
+        while not self._lines.empty() and (line := self._lines.get()) is not None:
+            self.said.append(line)
+        return self.said
+
     def leave(self) -> dict[str, Any]:
         """Lets a program leave; gives its last word."""
         assert self.child.stdin is not None
@@ -199,8 +206,12 @@ class Server(Process):
         raise LookupError("the server is not running")
 
     def program(
-        self, maker: int, *options: object, script: str = "program.py", network: Network | None = None,
-        **environment: str
+        self,
+        maker: int,
+        *options: object,
+        script: str = "program.py",
+        network: Network | None = None,
+        **environment: str,
     ) -> Process:
         """Maker N has tones of its own, so that nobody is taken for another. In the server's network unless
         another is named."""

@@ -129,7 +129,9 @@ class Program:
 
     def tell_progress(self) -> None:
         while not self.leaving.wait(0.1):
-            streams = {name: (len(each.marks), len(each.sound)) for name, each in self.received.copy().items()}
+            streams = {
+                name: (len(each.marks), len(each.sound)) for name, each in self.received.copy().items()
+            }
             tell("progress", at=time.monotonic(), streams=streams)
 
     def join(self) -> bool:

@@ -82,7 +82,9 @@ def join(away: Away, folder: Path, *options: str) -> tuple[Server, Process, Proc
 
 def faults(program: Process) -> list[str]:
     names = ("error", "dropped", "unsubscribed", "disconnected")
-    return [line for line in program.said if line.startswith("{") and any(name in line[:60] for name in names)]
+    return [
+        line for line in program.said if line.startswith("{") and any(name in line[:60] for name in names)
+    ]
 
 
 def lose_link(away: Away, seconds: float) -> float:

@@ -206,9 +206,7 @@ def test_coming_and_going_leaves_nothing_behind(server):
     staying = server.program(1)
     staying.wait_for("published")
     # With a heap for each thread memory would depend on how sessions overlap.
-    visitor = server.program(
-        2, "--rounds", 100, "--every", 50, script="churn.py", MALLOC_ARENA_MAX="1"
-    )
+    visitor = server.program(2, "--rounds", 100, "--every", 50, script="churn.py", MALLOC_ARENA_MAX="1")
     told = [visitor.wait_for("so far", rounds=number) for number in (50, 100)]
     assert visitor.child.wait(10) == 0, visitor.said
     first, last = told[0], told[-1]
