@@ -19,7 +19,7 @@ struct PeerSettings {
   // Talks over 127.0.0.1 alone, for a server on this machine.
   bool loopback = false;
   // How long received packets may wait for earlier ones that are missing, in milliseconds.
-  unsigned jitter_ms = 200;
+  unsigned jitter_ms = 300;
   // "stun:host:port" and "turn:user:password@host:port", the latter also with "?transport=tcp".
   std::vector<std::string> ice_servers;
   // What the peers of a session show of themselves; null: each makes its own.

@@ -47,7 +47,7 @@ struct TransportSettings {
   // Who makes the first offer leads the choice of a way.
   bool offers = false;
   bool loopback = false;                 // 127.0.0.1 alone
-  std::vector<std::string> ice_servers;  // as parse_ice_server() reads them
+  std::vector<std::string> ice_servers;  // as parse_ice_endpoint() reads them
   std::string channel_label;             // of the data channel that we open; empty: none
 };
 
