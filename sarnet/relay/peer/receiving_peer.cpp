@@ -132,6 +132,17 @@ void ReceivingPeer::add_remote_candidate(unsigned, const std::string& candidate)
   }
 }
 
+ReceivingPeer::Arrivals ReceivingPeer::arrivals() const {
+  Arrivals all;
+  const auto add = [&all](const ReorderBuffer::Counters& counters) {
+    all.received += counters.received;
+    all.lost += counters.lost;
+  };
+  if (const AudioReceiver* audio = receiver_.audio()) add(audio->counters());
+  if (const VideoReceiver* video = receiver_.video()) add(video->packets());
+  return all;
+}
+
 void ReceivingPeer::stop() {
   if (std::exchange(stopped_, true)) return;
   timer_.stop();

@@ -41,6 +41,12 @@ class ReceivingPeer : public std::enable_shared_from_this<ReceivingPeer>,
   void restart();
   // After a change of the network: a break is noticed sooner.
   void check_way() { transport_->check_way(); }
+  // Packets of media so far.
+  struct Arrivals {
+    std::uint64_t received = 0;
+    std::uint64_t lost = 0;
+  };
+  Arrivals arrivals() const;
   // May come before the offer. An empty text: no more candidates.
   void add_remote_candidate(unsigned mline, const std::string& candidate);
   // Frees the sockets at once. May be repeated; must precede the last release.

@@ -51,11 +51,11 @@ def away() -> Iterator[Away]:
 Flow = dict[str, float]
 
 
-def progress(program: Process) -> tuple[float, int, int]:
-    """The next: when it was told, how many pictures had come, and blocks of sound."""
+def progress(program: Process) -> tuple[float, int, int, int]:
+    """The next: when it was told, how many pictures had come, blocks of sound, and of these loud ones."""
     told = program.wait_for("progress")
-    [(pictures, blocks)] = told["streams"].values()
-    return told["at"], pictures, blocks
+    [(pictures, blocks, loud)] = told["streams"].values()
+    return told["at"], pictures, blocks, loud
 
 
 def wait_for_media(program: Process, since: float, limit: float) -> float:
