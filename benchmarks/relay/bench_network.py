@@ -1,11 +1,12 @@
 """This project and aiortc over bad links: what arrives, how long pictures stand, how soon all is well again.
 
-    PYTHONPATH=<build>/python:python /usr/bin/python3 benchmarks/relay/bench_network.py [--json FILE] [--markdown
-    FILE]
+    PYTHONPATH=<build>/python:python /usr/bin/python3 benchmarks/relay/bench_network.py [--json FILE]
+    [--markdown FILE]
 
-One program publishes 640x480 pictures at 30 a second and stereo sound, another subscribes to them. One of the two
-is in the server's own namespace, the other at the far end of a link of 20 ms each way, which is good while they
-join, then bad for some seconds, both ways alike, then good again. Needs root, /dev/net/tun and what the end-to-end tests need."""
+One program publishes 640x480 pictures at 30 a second and stereo sound, another subscribes to them. One
+of the two is in the server's own namespace, the other at the far end of a link of 20 ms each way, which
+is good while they join, then bad for some seconds, both ways alike, then good again. Needs root,
+/dev/net/tun and what the end-to-end tests need."""
 
 from __future__ import annotations
 

@@ -130,7 +130,8 @@ class Program:
     def tell_progress(self) -> None:
         while not self.leaving.wait(0.1):
             streams = {
-                name: (len(each.marks), len(each.sound), each.loud) for name, each in self.received.copy().items()
+                name: (len(each.marks), len(each.sound), each.loud)
+                for name, each in self.received.copy().items()
             }
             tell("progress", at=time.monotonic(), streams=streams)
 

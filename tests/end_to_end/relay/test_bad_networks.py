@@ -2,17 +2,14 @@
 
 from __future__ import annotations
 
-import json
 import os
-import signal
-import sys
 import time
 from collections.abc import Callable, Iterator
 from pathlib import Path
 
 import pytest
 from bad_link import BadLink
-from processes import HERE, Network, Process, Server
+from processes import Network, Process, Server
 
 HERE_ADDRESS, AWAY_ADDRESS, OTHER_ADDRESS = "10.9.0.1", "10.9.0.2", "10.9.0.3"
 
@@ -46,9 +43,6 @@ def away() -> Iterator[Away]:
     made = Away()
     yield made
     made.close()
-
-
-Flow = dict[str, float]
 
 
 def progress(program: Process) -> tuple[float, int, int, int]:
@@ -124,7 +118,7 @@ def test_media_come_again_within_five_seconds(
 
 
 def test_a_link_for_hardly_more_than_sound_loses_no_session(away: Away, tmp_path: Path) -> None:
-    """Sound goes first: it never stops, filled where it is lost."""
+    """Sound goes first: it never stops, and pictures are left out for it."""
     _, *programs = join(away, tmp_path, "--busy")
     away.link.order(kbit_s=150)
     begins = [progress(program) for program in programs]
@@ -136,7 +130,10 @@ def test_a_link_for_hardly_more_than_sound_loses_no_session(away: Away, tmp_path
     for program in programs:
         wait_for_media(program, mended, 10)
     for program, begin, end in zip(programs, begins, ends):
-        assert end[2] - begin[2] > 0.8 * 100 * (end[0] - begin[0]), (begin, end)
+        seconds = end[0] - begin[0]
+        assert end[2] - begin[2] > 0.8 * 100 * seconds, (begin, end)
+        # Of 30 a second; what is filled in for several lost packets is soon silent.
+        assert end[3] - begin[3] > 0.5 * 30 * seconds, (begin, end)
         assert not faults(program)
         program.leave()
 

@@ -98,7 +98,7 @@ def caption_number(event: dict) -> int:
 
 
 @pytest.mark.parametrize(
-    ("packets", "seconds"), [("meta l4proto udp", 2), ("", 2), ("", 15)],
+    ("packets", "seconds"), [("meta l4proto udp", 2), ("", 2), ("", 32)],
     ids=["of media heals", "of everything heals", "of everything for long is an error"],
 )  # fmt: skip
 def test_a_break_of_the_network(server, packets, seconds):
