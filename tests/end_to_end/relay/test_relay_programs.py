@@ -133,7 +133,7 @@ def test_media_go_through_a_turn_server(server, tmp_path, query, ports):
     config = tmp_path / "turnserver.conf"
     config.write_text(
         advised.replace("203.0.113.10", ADDRESS) + f"listening-ip={ADDRESS}\nrelay-ip={ADDRESS}\n"
-        f"min-port=61000\nmax-port=61999\nlog-file=stdout\nno-cli\n"
+        f"min-port=61000\nmax-port=61999\nlog-file=stdout\nno-cli\nverbose\n"
         f"pidfile={tmp_path}/pid\nuserdb={tmp_path}/db\n"
     )
     turn = server.network.run("turnserver", "-c", config)
@@ -141,9 +141,17 @@ def test_media_go_through_a_turn_server(server, tmp_path, query, ports):
     variables = {"SARNET_RELAY_ICE_SERVERS": f"turn:relay:PASSWORD@{ADDRESS}:3478{query}"}
     # No way to the server's media but from the ports that the TURN server lends.
     with server.network.broken(f"udp dport {{ {ports}20000-20999 }} udp sport != 61000-61999"):
-        programs = [server.program(maker, **variables) for maker in (1, 2)]
+        programs = [server.program(maker, **variables) for maker in (1, 2, 3)]
         for program in programs:
             program.wait_for("enough")
+        *leaving, last = programs
+        for program in leaving:
+            program.leave()
+        # All that was lent is given back at once, not when its time is over. Each has two streams or more.
+        for _ in range(2 * len(leaving)):
+            turn.wait_for_line(lambda line: "refreshed" in line and "lifetime=0" in line, 5)
+        turn.end()
+        assert last.leave()["seconds"] < 2.5
 
 
 def test_whoever_may_not_or_cannot_join_is_told_why(server):
