@@ -31,23 +31,28 @@ class Pictures:
         y, x = np.mgrid[0:height, 0:width]
         self._luma = [(((x + 4 * k) // 3 + (y * 2) // 5) % 200 + 28).astype(np.uint8) for k in range(16)]
         self._grey = np.full(width * height // 2, 128, np.uint8)
+        self.made: list[int] = []
 
     def make(self, number: int) -> np.ndarray[Any, np.dtype[np.uint8]]:
         pixels: np.ndarray[Any, np.dtype[np.uint8]] = np.concatenate(
             [self._luma[number % 16].ravel(), self._grey]
         )
         stamp = int(now_ms() * 10) & 0xFFFFFFFF
+        self.made.append(stamp)
         cell = min(CELL, self.width // BITS)
         marks = np.array([235 if stamp >> i & 1 else 16 for i in range(BITS)], np.uint8)
         pixels[: self.width * cell].reshape(cell, self.width)[:, : BITS * cell] = np.repeat(marks, cell)
         return pixels
 
 
-def read_age(luma: np.ndarray[Any, np.dtype[np.uint8]]) -> float:
-    """Milliseconds since the picture was made."""
+def read_stamp(luma: np.ndarray[Any, np.dtype[np.uint8]]) -> int:
     cell = min(CELL, luma.shape[1] // BITS)
     bits = luma[cell // 2, cell // 2 : BITS * cell : cell] > 126
-    stamp = int(bits @ (1 << np.arange(BITS, dtype=np.int64)))
+    return int(bits @ (1 << np.arange(BITS, dtype=np.int64)))
+
+
+def age(stamp: int) -> float:
+    """Milliseconds since the picture was made."""
     return ((int(now_ms() * 10) - stamp) & 0xFFFFFFFF) / 10
 
 
@@ -94,14 +99,17 @@ class Listener:
         self.measuring = False
         self.frames = self.samples = 0
         self.ages: list[float] = []
+        self.shown: list[tuple[float, int]] = []
         self.heard: list[float] = []
         self._quiet_since = 0
 
     def picture(self, luma: np.ndarray[Any, np.dtype[np.uint8]]) -> None:
         self.first.setdefault("video", now_ms() - self.started)
         if self.measuring:
+            stamp = read_stamp(luma)
             self.frames += 1
-            self.ages.append(read_age(luma))
+            self.ages.append(age(stamp))
+            self.shown.append((now_ms(), stamp))
 
     def sound(self, samples: np.ndarray[Any, np.dtype[np.int16]]) -> None:
         """`samples` are interleaved."""

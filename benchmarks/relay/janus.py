@@ -5,6 +5,8 @@ from __future__ import annotations
 import asyncio
 import itertools
 import json
+import os
+import ssl
 from typing import Any
 
 import websockets
@@ -21,7 +23,11 @@ class Janus:
         self.session = 0
 
     async def open(self, url: str) -> None:
-        self._socket = await websockets.connect(url, subprotocols=["janus-protocol"], max_size=None)
+        authority = os.environ.get("SARNET_RELAY_CA_FILE")
+        trust = ssl.create_default_context(cafile=authority) if url.startswith("wss:") else None
+        self._socket = await websockets.connect(
+            url, subprotocols=["janus-protocol"], max_size=None, ssl=trust
+        )
         self._task = asyncio.create_task(self._read())
         self.session = (await self.ask(janus="create"))["data"]["id"]
 

@@ -24,7 +24,9 @@ from peer_ours import options
 # packet.
 aiortc.codecs.HEADER_EXTENSIONS["video"][1].id = 3
 aiortc.codecs.vpx.DEFAULT_BITRATE = aiortc.codecs.vpx.MAX_BITRATE = 1_000_000
-aioice.ice.get_host_addresses = lambda use_ipv4=True, use_ipv6=True: ["127.0.0.1"]
+aioice.ice.get_host_addresses = lambda use_ipv4=True, use_ipv6=True: [
+    os.environ.get("BENCH_ADDRESS", "127.0.0.1")
+]
 
 
 class Tone(MediaStreamTrack):  # type: ignore[misc]
@@ -50,9 +52,9 @@ class Tone(MediaStreamTrack):  # type: ignore[misc]
 class Stripes(MediaStreamTrack):  # type: ignore[misc]
     kind = "video"
 
-    def __init__(self, width: int, height: int, fps: int) -> None:
+    def __init__(self, pictures: content.Pictures, fps: int) -> None:
         super().__init__()
-        self._pictures, self._fps, self._count, self._begin = content.Pictures(width, height), fps, 0, 0.0
+        self._pictures, self._fps, self._count, self._begin = pictures, fps, 0, 0.0
 
     async def recv(self) -> VideoFrame:
         self._begin = self._begin or time.monotonic()
@@ -84,13 +86,14 @@ async def main() -> None:
     control = await janus.attach()
     peer = RTCPeerConnection(RTCConfiguration(iceServers=[]))
     listener = content.Listener(content.now_ms())
+    pictures = content.Pictures(*arguments.size)
     consuming: list[asyncio.Task[None]] = []
     joined = await janus.message(control, request="join", ptype="publisher", room=arguments.room)
     if joined["plugindata"]["data"].get("videoroom") != "joined":
         raise SystemExit(f"joining failed: {joined}")
     if arguments.role == "pub":
         peer.addTransceiver(Tone(content.Bursts(arguments.bursts)), direction="sendonly")
-        video = peer.addTransceiver(Stripes(*arguments.size, arguments.fps), direction="sendonly")
+        video = peer.addTransceiver(Stripes(pictures, arguments.fps), direction="sendonly")
         codecs = aiortc.RTCRtpSender.getCapabilities("video").codecs
         video.setCodecPreferences([codec for codec in codecs if codec.mimeType == "video/VP8"])
         await peer.setLocalDescription(await peer.createOffer())
@@ -120,11 +123,13 @@ async def main() -> None:
             await asyncio.sleep(0.01)
     await asyncio.sleep(arguments.warm_up)
     listener.measuring = True
+    if arguments.raw:
+        print(json.dumps({"event": "measuring"}), flush=True)
     begin, used = time.monotonic(), content.processor_seconds()
     await asyncio.sleep(arguments.seconds)
     listener.measuring = False
     took, used = time.monotonic() - begin, content.processor_seconds() - used
-    result = {
+    result: dict[str, Any] = {
         "cpu_per_second": round(used / took, 4),
         "resident_mib": content.resident_mib(),
         "threads": content.threads(),
@@ -134,6 +139,11 @@ async def main() -> None:
         "video_ms": content.quantiles(listener.ages),
         "audio_ms": content.quantiles(content.Bursts(arguments.bursts).delays(listener.heard)),
     }
+    if arguments.raw:
+        result = {"event": "result", "shown": listener.shown, "made": pictures.made}
+        for each in (await peer.getStats()).values():
+            if each.type == "inbound-rtp" and each.kind == "audio":
+                print(f"sound: {each.packetsReceived} packets, {each.packetsLost} lost", flush=True)
     print(json.dumps(result), flush=True)
     if arguments.role == "pub":
         await asyncio.sleep(arguments.tail)

@@ -15,6 +15,7 @@ import content
 import numpy as np
 
 import tavrin_media_relay as tavrin
+from tavrin_media_relay._native import libraries
 
 MOST_WAITING = timedelta(milliseconds=40)
 
@@ -27,6 +28,7 @@ class Peer:
         self.all_flow = threading.Event()
         self.ready = threading.Event()
         self.streams: queue.Queue[tavrin.Stream] = queue.Queue()
+        self.made: list[int] = []
 
     def join(self) -> None:
         width, height = self.options.size
@@ -34,7 +36,8 @@ class Peer:
             tavrin.VideoResolution(width, height), self.options.fps, "YUV420P"
         )
         settings = tavrin.SessionSettings(
-            av=tavrin.SessionAVSettings(video_publisher=video), logging=tavrin.LoggingSettings(level="error")
+            av=tavrin.SessionAVSettings(video_publisher=video),
+            logging=tavrin.LoggingSettings(level="error"),
         )
         joined = self.client.connect(
             "bench",
@@ -45,6 +48,9 @@ class Peer:
             on_stream_received_cb=lambda session, stream: self.streams.put(stream),
             on_ready_for_audio_cb=lambda session: self.ready.set(),
         )
+        library = libraries.find_sarnet() if self.options.raw else None
+        if library is not None:
+            library.srn_log_enable(4)  # it tells at the end what was lost
         if not joined or not self.ready.wait(20):
             raise SystemExit("joining failed")
 
@@ -77,6 +83,7 @@ class Peer:
         print(json.dumps({"event": "ready"}), flush=True)
         width, height = self.options.size
         pictures, pieces = content.Pictures(width, height), content.tone(10)
+        self.made = pictures.made
         bursts = content.Bursts(self.options.bursts)
         begin, number, piece = time.monotonic(), 0, 0
         while not stop.is_set():
@@ -110,12 +117,17 @@ def measure(peer: Peer, options: argparse.Namespace) -> dict[str, object]:
     time.sleep(options.warm_up)
     for listener in peer.listeners:
         listener.measuring = True
+    if options.raw:
+        print(json.dumps({"event": "measuring"}), flush=True)
     begin, used = time.monotonic(), content.processor_seconds()
     time.sleep(options.seconds)
     for listener in peer.listeners:
         listener.measuring = False
     took, used = time.monotonic() - begin, content.processor_seconds() - used
     bursts = content.Bursts(options.bursts)
+    if options.raw:
+        shown = [each for listener in peer.listeners for each in listener.shown]
+        return {"event": "result", "shown": shown, "made": peer.made}
     return {
         "cpu_per_second": round(used / took, 4),
         "resident_mib": content.resident_mib(),
@@ -142,6 +154,7 @@ def options() -> argparse.Namespace:
     parser.add_argument("--warm-up", type=float, default=4)
     parser.add_argument("--seconds", type=float, default=20)
     parser.add_argument("--tail", type=float, default=2, help="seconds to go on publishing")
+    parser.add_argument("--raw", action="store_true", help="tell each picture, made or shown")
     return parser.parse_args()
 
 

@@ -4,11 +4,10 @@
 #include <string>
 
 #include "base/host_address.h"
-#include "relay/media/transport/ice_server.h"
+#include "relay/media/transport/ice_endpoint.h"
 #include "relay/room/relay_settings.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using sarnet::relay::IceServer;
   const std::string text(reinterpret_cast<const char*>(data), size);
   if (const auto address = sarnet::parse_host(text)) {
     const bool is_relay = address->kind == sarnet::HostAddress::Kind::kRelay;
@@ -19,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   const sarnet::relay::Credentials credentials = sarnet::relay::parse_credentials(text);
   if (credentials.request_token.find(' ') != std::string::npos) __builtin_trap();
-  const IceServer server = sarnet::relay::parse_ice_server(text);
-  if (server.kind != IceServer::Kind::kUnknown && server.uri.empty()) __builtin_trap();
+  const auto server = sarnet::relay::parse_ice_endpoint(text);
+  if (server && (server->host.empty() || server->port > 65535)) __builtin_trap();
   return 0;
 }

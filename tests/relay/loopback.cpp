@@ -121,6 +121,7 @@ class Call::Side : public sarnet::relay::PeerObserver {
   void on_peer_connected() override {
     tell([this] { ++call_.connected_; });
   }
+  void on_peer_interrupted() override {}
   void on_peer_failed(const std::string& reason) override {
     tell([&] { call_.failure_ = reason; });
   }

@@ -19,7 +19,7 @@ struct PeerSettings {
   // Talks over 127.0.0.1 alone, for a server on this machine.
   bool loopback = false;
   // How long received packets may wait for earlier ones that are missing, in milliseconds.
-  unsigned jitter_ms = 200;
+  unsigned jitter_ms = 300;
   // "stun:host:port" and "turn:user:password@host:port", the latter also with "?transport=tcp".
   std::vector<std::string> ice_servers;
   // What the peers of a session show of themselves; null: each makes its own.
@@ -37,6 +37,8 @@ class PeerObserver {
   virtual void on_local_candidate(unsigned mline, const std::string& candidate) = 0;
   // Media may flow. Again after a break that healed.
   virtual void on_peer_connected() = 0;
+  // Nothing comes through any more; restart() seeks another way. Once for each break.
+  virtual void on_peer_interrupted() = 0;
   // The connection is of no more use; the text names the step that failed. Once.
   virtual void on_peer_failed(const std::string& reason) = 0;
 };

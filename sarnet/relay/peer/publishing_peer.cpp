@@ -87,9 +87,25 @@ void PublishingPeer::start() {
                             .video_ssrc = video_ssrc_,
                             .cname = cname_},
                            transport_->local_info());
-  post([](PublishingPeer& self) {
+  describe();
+}
+
+void PublishingPeer::restart() {
+  if (stopped_ || failed_ || !transport_->renew_way()) return;
+  const sdp::Setup setup = offer_.transport.setup;
+  offer_.transport = transport_->local_info();
+  offer_.transport.setup = setup;
+  answered_ = false;
+  early_candidates_.clear();
+  describe();
+}
+
+void PublishingPeer::describe() {
+  post([offer = ++offers_](PublishingPeer& self) {
+    if (offer != self.offers_) return;
     static const std::uint64_t session = random_ssrc();
-    self.observer_.on_local_description("offer", sdp::write_description(self.offer_, session, 1));
+    self.observer_.on_local_description("offer",
+                                        sdp::write_description(self.offer_, session, offer));
     if (!self.stopped_) self.transport_->gather();
   });
 }
@@ -107,7 +123,7 @@ void PublishingPeer::set_remote_answer(const std::string& text) {
   for (const std::string& candidate : std::exchange(early_candidates_, {})) {
     transport_->add_remote_candidate(candidate);
   }
-  if (wanted_.has_video) begin_pictures(answer);
+  if (wanted_.has_video && !std::exchange(pictures_begun_, true)) begin_pictures(answer);
 }
 
 void PublishingPeer::begin_pictures(const sdp::Description& answer) {

@@ -51,7 +51,12 @@ class PublishingPeer : public PublishedStream,
 
   // Makes the offer, for which the observer is told.
   void start();
-  // Once; one that does not fit the offer fails the peer.
+  // Seeks another way for the connection that stands, by a new offer, for which the observer is
+  // told. Nothing can be sent until it is answered.
+  void restart();
+  // After a change of the network: a break is noticed sooner.
+  void check_way() { transport_->check_way(); }
+  // To the last offer, once; one that does not fit the offer fails the peer.
   void set_remote_answer(const std::string& sdp);
   // May come before the answer. An empty text: no more candidates.
   void add_remote_candidate(unsigned mline, const std::string& candidate);
@@ -67,6 +72,7 @@ class PublishingPeer : public PublishedStream,
  private:
   void on_local_candidate(const std::string& candidate) override;
   void on_transport_connected() override;
+  void on_transport_interrupted() override { observer_.on_peer_interrupted(); }
   void on_transport_failed(const std::string& reason) override;
   void on_rtp(std::span<const std::uint8_t>) override {}
   void on_rtcp(std::span<const std::uint8_t> packet) override;
@@ -78,6 +84,7 @@ class PublishingPeer : public PublishedStream,
   template <class Task>
   void post(Task task);
   void fail(const std::string& reason);
+  void describe();
   void begin_pictures(const sdp::Description& answer);
   void send_frame(const std::vector<std::uint8_t>& frame, Micros stamp);
   void adapt_encoder();
@@ -94,7 +101,9 @@ class PublishingPeer : public PublishedStream,
   std::shared_ptr<MediaTransport> transport_;
   PublicationSender sender_;
   sdp::Description offer_;
+  unsigned offers_ = 0;
   bool answered_ = false;
+  bool pictures_begun_ = false;
   std::vector<std::string> early_candidates_;
   DeadlineTimer timer_;
   bool failed_ = false;

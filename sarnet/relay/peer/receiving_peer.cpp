@@ -101,7 +101,6 @@ void ReceivingPeer::set_remote_offer(const std::string& text) {
     fail("the server's offer cannot be used: " + fault);
     return;
   }
-  const bool is_first = !offer_.has_value();
   // First the other side's: it may restart ICE, and then our own names change.
   transport_->set_remote(offer, offer.transport.setup == sdp::Setup::kPassive);
   const sdp::Description answer = sdp::make_answer(offer, transport_->local_info());
@@ -109,15 +108,19 @@ void ReceivingPeer::set_remote_offer(const std::string& text) {
   offer_ = std::move(offer);
   static const std::uint64_t session = random_ssrc();
   const std::string sdp = sdp::write_description(answer, session, ++answers_);
-  settings_.loop->post([weak = weak_from_this(), sdp, is_first] {
+  settings_.loop->post([weak = weak_from_this(), sdp] {
     const auto self = weak.lock();
     if (!self || self->stopped_) return;
     self->observer_.on_local_description("answer", sdp);
-    if (is_first && !self->stopped_) self->transport_->gather();
+    if (!self->stopped_ && !std::exchange(self->gathers_, true)) self->transport_->gather();
   });
   for (const std::string& candidate : std::exchange(early_candidates_, {})) {
     transport_->add_remote_candidate(candidate);
   }
+}
+
+void ReceivingPeer::restart() {
+  if (!stopped_ && !failed_ && transport_->renew_way()) gathers_ = false;
 }
 
 void ReceivingPeer::add_remote_candidate(unsigned, const std::string& candidate) {
@@ -127,6 +130,17 @@ void ReceivingPeer::add_remote_candidate(unsigned, const std::string& candidate)
   } else {
     early_candidates_.push_back(candidate);
   }
+}
+
+ReceivingPeer::Arrivals ReceivingPeer::arrivals() const {
+  Arrivals all;
+  const auto add = [&all](const ReorderBuffer::Counters& counters) {
+    all.received += counters.received;
+    all.lost += counters.lost;
+  };
+  if (const AudioReceiver* audio = receiver_.audio()) add(audio->counters());
+  if (const VideoReceiver* video = receiver_.video()) add(video->packets());
+  return all;
 }
 
 void ReceivingPeer::stop() {

@@ -37,6 +37,16 @@ class ReceivingPeer : public std::enable_shared_from_this<ReceivingPeer>,
   // Makes the answer, for which the observer is told. Again with a new offer to renegotiate; one
   // that contradicts the last fails the peer.
   void set_remote_offer(const std::string& sdp);
+  // Before an offer by which the server, being asked to, seeks another way: so do we.
+  void restart();
+  // After a change of the network: a break is noticed sooner.
+  void check_way() { transport_->check_way(); }
+  // Packets of media so far.
+  struct Arrivals {
+    std::uint64_t received = 0;
+    std::uint64_t lost = 0;
+  };
+  Arrivals arrivals() const;
   // May come before the offer. An empty text: no more candidates.
   void add_remote_candidate(unsigned mline, const std::string& candidate);
   // Frees the sockets at once. May be repeated; must precede the last release.
@@ -45,6 +55,7 @@ class ReceivingPeer : public std::enable_shared_from_this<ReceivingPeer>,
  private:
   void on_local_candidate(const std::string& candidate) override;
   void on_transport_connected() override;
+  void on_transport_interrupted() override { observer_.on_peer_interrupted(); }
   void on_transport_failed(const std::string& reason) override;
   void on_rtp(std::span<const std::uint8_t> packet) override;
   void on_rtcp(std::span<const std::uint8_t> packet) override;
@@ -63,6 +74,7 @@ class ReceivingPeer : public std::enable_shared_from_this<ReceivingPeer>,
   std::optional<sdp::Description> offer_;  // the last that was answered
   std::vector<std::string> early_candidates_;
   unsigned answers_ = 0;
+  bool gathers_ = false;
   DeadlineTimer timer_;
   bool failed_ = false;
   bool stopped_ = false;

@@ -84,15 +84,18 @@ void RelayPublication::negotiate() {
 }
 
 void RelayPublication::on_local_description(const std::string& type, const std::string& sdp) {
-  negotiated_ = true;
+  // The server takes a new offer for a stream that is published as a change of its settings.
+  const char* request = std::exchange(negotiated_, true) ? "configure" : "publish";
   ask(
       "publishing",
-      {{"request", "publish"},
+      {{"request", request},
        {"audio", request_.has_audio},
        {"video", request_.has_video},
        {"data", request_.captions},
        {"display", format_display(display())}},
-      [this](const JanusReply& reply) { peer_->set_remote_answer(reply.sdp()); },
+      [this, offer = ++offers_](const JanusReply& reply) {
+        if (offer == offers_) peer_->set_remote_answer(reply.sdp());
+      },
       {.room = "event", .sdp = true}, type, sdp);
 }
 

@@ -55,6 +55,8 @@ class RelayPublication final : public RelayStream {
  private:
   void join();
   void negotiate();
+  void restart() override { peer_->restart(); }
+  void check_way() override { peer_->check_way(); }
   Display display() const;
   void connected() override;
   void report(const Failure& failure) override;
@@ -67,6 +69,7 @@ class RelayPublication final : public RelayStream {
   std::string id_;  // of the participation that publishes
   bool own_handle_ = false;
   bool negotiated_ = false;
+  unsigned offers_ = 0;
 };
 
 }  // namespace sarnet::relay

@@ -121,11 +121,19 @@ void RelaySession::entered(const json& data) {
   to->joined(access_.own);
   room_.emplace(request_.session_id, access_.own.id, *this);
   room_->take(data);
+  watch_.emplace(*loop_, [this] { network_changed(); });
+}
+
+void RelaySession::network_changed() {
+  SARNET_LOG(kInfo, "The machine's addresses or routes have changed");
+  client_.network_changed();
+  for (const auto& stream : streams()) stream->network_changed();
 }
 
 void RelaySession::leave(std::function<void()> done) {
   loop_->thread().require();
   sink_.reset();
+  watch_.reset();
   // The server first, so that the others learn at once; it ends all handles with the session.
   auto both = std::make_shared<int>(2);
   const auto one_done = [both, done = std::move(done)] {
@@ -154,6 +162,7 @@ void RelaySession::stop_next(std::function<void()> done) {
 }
 
 void RelaySession::stop_media() {
+  watch_.reset();
   for (const auto& stream : streams()) {
     stream->stop();
     remove(*stream);
@@ -282,6 +291,7 @@ void RelaySession::room_notice(const json& data) {
 
 void RelaySession::on_resumed() {
   if (!room_) return;
+  for (const auto& stream : streams()) stream->resumed();
   client_.message(handle_, access_.request("listparticipants"), "", "",
                   [this](const JanusReply& reply) {
                     if (reply.ok()) {

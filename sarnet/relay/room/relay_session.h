@@ -15,6 +15,7 @@
 #include "relay/room/room_access.h"
 #include "relay/signalling/janus_client.h"
 #include "relay/signalling/main_loop.h"
+#include "relay/signalling/network_watch.h"
 
 namespace sarnet::relay {
 
@@ -52,6 +53,7 @@ class RelaySession : public JanusObserver, public RoomObserver {
   void enter_room(bool may_create);
   void create_room();
   void entered(const json& data);
+  void network_changed();
   void room_notice(const json& data);
   // Null once no more events may be reported.
   SessionSink* sink() const;
@@ -70,6 +72,7 @@ class RelaySession : public JanusObserver, public RoomObserver {
   const JoinRequest request_;
   std::shared_ptr<SessionSink> sink_;
   JanusClient client_;
+  std::optional<NetworkWatch> watch_;  // once joined
   RoomAccess access_;
   std::uint64_t handle_ = 0;  // of our own participation
   // The first publication takes the handle; another may reuse it after the server hung up.

@@ -20,7 +20,8 @@ struct RelaySettings {
   std::string ca_file;
   std::string admin_key;
   bool loopback = false;
-  unsigned jitter_ms = 200;
+  // Long enough for what was lost on its way to the server, which asks a second time after 155 ms.
+  unsigned jitter_ms = 300;
   std::vector<std::string> ice_servers;
 };
 

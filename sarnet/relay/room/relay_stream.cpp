@@ -7,6 +7,14 @@
 #include "relay/signalling/wire_limits.h"
 
 namespace sarnet::relay {
+namespace {
+
+// How long a connection that was interrupted may take to heal, and how often another way is sought.
+// The server's own search, begun anew each time, would give up after half a minute.
+constexpr std::chrono::seconds kInterruptionLimit{30};
+constexpr std::chrono::seconds kSeekPeriod{5};
+
+}  // namespace
 
 void RelayStream::begin(std::uint64_t handle, std::function<void()> then) {
   handle_ = handle;
@@ -39,11 +47,15 @@ void RelayStream::ask(const char* step, json body, std::function<void(const Janu
                       const std::string& sdp) {
   access_.client.message(
       handle_, std::move(body), sdp_type, sdp,
-      [weak = weak_from_this(), step, then = std::move(then)](const JanusReply& reply) {
+      [weak = weak_from_this(), step, then = std::move(then),
+       again = interrupted_](const JanusReply& reply) {
         const auto self = weak.lock();
         if (!self || self->stopped_) return;
         if (reply.ok()) {
           then(reply);
+        } else if (again) {
+          SARNET_LOG(kWarn, "Another way for media was not found: "
+                                << self->words_.refused(step, reply).text);
         } else {
           self->fail(self->words_.refused(step, reply));
         }
@@ -60,7 +72,41 @@ void RelayStream::on_peer_failed(const std::string& reason) {
                                  " failed: " + printable_text(reason)});
 }
 
+void RelayStream::on_peer_interrupted() {
+  if (stopped_ || std::exchange(interrupted_, true)) return;
+  SARNET_LOG(kWarn, "The media connection for " << words_.purpose << " is interrupted");
+  if (!limit_) {
+    limit_ = MainLoop::Timer(*access_.loop, kInterruptionLimit, [this] {
+      fail({words_.webrtc_error, std::string("The media connection for ") + words_.purpose +
+                                     " was lost: for half a minute nothing came through"});
+    });
+  }
+  seek_way();
+}
+
+void RelayStream::seek_way() {
+  retry_ = MainLoop::Timer(*access_.loop, kSeekPeriod, [this] { seek_way(); });
+  // While the server cannot be asked, the old way may heal.
+  if (access_.client.is_open()) restart();
+}
+
+void RelayStream::network_changed() {
+  if (interrupted_) {
+    seek_way();
+  } else if (connected_ && !stopped_) {
+    check_way();
+  }
+}
+
+void RelayStream::resumed() {
+  if (interrupted_ && !stopped_) seek_way();
+}
+
 void RelayStream::on_peer_connected() {
+  if (std::exchange(interrupted_, false)) {
+    SARNET_LOG(kInfo, "The media connection for " << words_.purpose << " has healed");
+  }
+  retry_.stop();
   if (!hung_up_) limit_.stop();
   if (!std::exchange(connected_, true)) connected();
 }
@@ -97,6 +143,7 @@ void RelayStream::fail(const Failure& failure) {
 void RelayStream::stop() {
   stopped_ = true;
   limit_.stop();
+  retry_.stop();
 }
 
 void RelayStream::withdraw() {

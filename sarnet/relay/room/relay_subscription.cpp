@@ -3,8 +3,10 @@
 #include <sarnet/sarnet.h>
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
+#include "base/log.h"
 #include "relay/signalling/wire_limits.h"
 
 namespace sarnet::relay {
@@ -19,6 +21,13 @@ int expected_width(int layer, const LayerWidths& widths) {
   }
   return 320 << layer;
 }
+
+// A link that loses so much of what comes, for so long, is too slow for pictures; how long they are
+// left out then, and how many packets tell.
+constexpr double kTooMuchLost = 0.4;
+constexpr int kBadSeconds = 3;
+constexpr int kSecondsWithoutPictures = 6;
+constexpr std::uint64_t kTellingPackets = 20;
 
 }  // namespace
 
@@ -81,13 +90,21 @@ void RelaySubscription::join() {
       {.room = "attached", .sdp = true});
 }
 
+void RelaySubscription::restart() {
+  restarting_ = true;
+  ask("subscribing", {{"request", "configure"}, {"restart", true}},
+      [this](const JanusReply& reply) { take_offer(reply.data(), reply.sdp()); },
+      {.room = "event", .sdp = true});
+}
+
 void RelaySubscription::take_offer(const json& data, const std::string& sdp) {
   if (++open_offers_ > kMaxOffersAtOnce) {
     on_peer_failed("the server makes offers faster than they can be answered");
     return;
   }
-  media_.clear();
-  for (const json& each : list_of(data, "streams")) {
+  const json& media = list_of(data, "streams");
+  if (!media.empty()) media_.clear();
+  for (const json& each : media) {
     if (media_.size() == kMaxMedia) break;
     media_.push_back({text_id_of(each, "mid"), text_id_of(each, "type"),
                       member(each, "simulcast").is_object() || flag_of(each, "simulcast")});
@@ -105,6 +122,7 @@ void RelaySubscription::take_offer(const json& data, const std::string& sdp) {
     on_peer_failed(error);
     return;
   }
+  if (std::exchange(restarting_, false)) peer_->restart();
   peer_->set_remote_offer(sdp);
 }
 
@@ -120,7 +138,29 @@ void RelaySubscription::on_local_description(const std::string& type, const std:
 }
 
 void RelaySubscription::connected() {
+  losses_timer_ = MainLoop::Timer(
+      *access_.loop, std::chrono::seconds(1), [this] { look_at_losses(); }, true);
   if (auto* sink = sink_->target()) sink->subscribed();
+}
+
+void RelaySubscription::look_at_losses() {
+  const auto before = std::exchange(arrivals_, peer_->arrivals());
+  const std::uint64_t lost = arrivals_.lost - before.lost;
+  const std::uint64_t all = lost + arrivals_.received - before.received;
+  const bool is_bad =
+      all >= kTellingPackets && static_cast<double>(lost) > kTooMuchLost * static_cast<double>(all);
+  if (seconds_without_pictures_ > 0) {
+    bad_seconds_ = 0;
+    if (--seconds_without_pictures_ == 0) send_preferences();
+    return;
+  }
+  bad_seconds_ = is_bad ? bad_seconds_ + 1 : 0;
+  const bool has_sound =
+      preferences_.audio && std::ranges::find(media_, "audio", &FeedMedium::type) != media_.end();
+  if (bad_seconds_ < kBadSeconds || !has_sound) return;
+  SARNET_LOG(kInfo, "The link is too slow for pictures, which are left out for a while");
+  seconds_without_pictures_ = kSecondsWithoutPictures;
+  send_preferences();
 }
 
 void RelaySubscription::prefer(const MediaPreferences& preferences) {
@@ -130,7 +170,8 @@ void RelaySubscription::prefer(const MediaPreferences& preferences) {
 
 void RelaySubscription::send_preferences() {
   if (!started_ || stopped()) return;
-  const StreamPreferences now = stream_preferences(preferences_, widths_);
+  StreamPreferences now = stream_preferences(preferences_, widths_);
+  now.video = now.video && seconds_without_pictures_ == 0;
   json body = preferences_request(media_, now, std::exchange(sent_preferences_, now));
   if (!body.empty()) access_.client.message(handle(), std::move(body), "", "", nullptr);
 }
@@ -172,6 +213,7 @@ void RelaySubscription::stream_removed() {
 
 void RelaySubscription::stop() {
   RelayStream::stop();
+  losses_timer_.stop();
   sink_->close();
   if (peer_) peer_->stop();
 }

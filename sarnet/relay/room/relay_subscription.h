@@ -100,9 +100,12 @@ class RelaySubscription final : public RelayStream {
 
  private:
   void join();
+  void restart() override;
+  void check_way() override { peer_->check_way(); }
   // Handles the server's list of the media it sends, and its offer.
   void take_offer(const json& data, const std::string& sdp);
   void send_preferences();
+  void look_at_losses();
   void saw_width(int width);
   void connected() override;
   void report(const Failure& failure) override;
@@ -118,6 +121,12 @@ class RelaySubscription final : public RelayStream {
   std::size_t layer_ = 0;  // received now, of a stream that has several
   int open_offers_ = 0;    // of the server, not yet answered
   bool started_ = false;
+  // Where far too little comes through, pictures are left out for a while, for the sound's sake.
+  MainLoop::Timer losses_timer_;
+  ReceivingPeer::Arrivals arrivals_;  // at the last look
+  int bad_seconds_ = 0;
+  int seconds_without_pictures_ = 0;  // still to come
+  bool restarting_ = false;           // the next offer begins ICE anew
 };
 
 }  // namespace sarnet::relay

@@ -12,6 +12,13 @@ namespace sarnet::relay {
 namespace {
 
 constexpr std::chrono::milliseconds kRetryPeriod{250};
+// What one attempt may take, and each further one in the same break: short, as the first packet of
+// one that was made while the link was away is repeated only seconds after its return, and longer
+// and longer, as a link may be slow.
+constexpr std::chrono::milliseconds kFirstAttempt{3000};
+constexpr std::chrono::milliseconds kAttemptGrowth{1000};
+// For an answer after a change of the network.
+constexpr std::chrono::milliseconds kProbeLimit{1500};
 
 }  // namespace
 
@@ -32,11 +39,17 @@ void JanusClient::open(std::function<void(const Failure*)> done) {
 }
 
 void JanusClient::connect() {
-  socket_ = std::make_shared<JanusSocket>(JanusSocket::Callbacks{
-      [this] { connected(); }, [this](std::string_view text) { received(text); },
-      [this](const std::string& reason, JanusSocket::Loss loss) {
-        connection_failed(reason, loss);
-      }});
+  const unsigned number = ++socket_number_;
+  socket_ = std::make_shared<JanusSocket>(
+      JanusSocket::Callbacks{[this] { connected(); },
+                             [this, number](std::string_view text) {
+                               heard(number);
+                               received(text);
+                             },
+                             [this, number](const std::string& reason, JanusSocket::Loss loss) {
+                               socket_failed(number, reason, loss);
+                             }},
+      loop_.under_way());
   std::string error;
   if (socket_->open(settings_.url, settings_.ca_file, error)) return;
   loop_.post([this, socket = std::weak_ptr(socket_), error] {
@@ -73,6 +86,23 @@ void JanusClient::fail_opening(const Failure& failure) {
   if (const auto opened = std::exchange(opened_, nullptr)) opened(&failure);
 }
 
+void JanusClient::heard(unsigned socket) {
+  // Not once the session was claimed by the other one, which is the server's now.
+  if (!silent_socket_ || socket != silent_number_ || state_ != State::kBroken || claimed_) return;
+  socket_->close();
+  socket_ = std::exchange(silent_socket_, nullptr);
+  resumed();
+}
+
+void JanusClient::socket_failed(unsigned socket, const std::string& reason,
+                                JanusSocket::Loss loss) {
+  if (silent_socket_ && socket == silent_number_) {
+    silent_socket_.reset();
+  } else {
+    connection_failed(reason, loss);
+  }
+}
+
 void JanusClient::connection_failed(const std::string& reason, JanusSocket::Loss loss) {
   const bool is_foul = loss == JanusSocket::Loss::kFoul;
   switch (state_) {
@@ -97,7 +127,15 @@ void JanusClient::connection_failed(const std::string& reason, JanusSocket::Loss
         lost("for good");
         break;
       }
-      retry_timer_ = MainLoop::Timer(loop_, kRetryPeriod, [this] { connect(); });
+      if (loss == JanusSocket::Loss::kUnreachable) {
+        refusal_timer_.stop();
+      } else if (!refusal_timer_) {
+        refusal_timer_ = MainLoop::Timer(loop_, settings_.refusal_limit, [this, reason] {
+          lost("and the server refuses another: " + reason);
+        });
+      }
+      attempt_timer_.stop();
+      retry_timer_ = MainLoop::Timer(loop_, kRetryPeriod, [this] { try_again(); });
       break;
     default:
       break;
@@ -107,7 +145,7 @@ void JanusClient::connection_failed(const std::string& reason, JanusSocket::Loss
 void JanusClient::check_life() {
   if (state_ != State::kOpen || closed_) return;
   if (!heard_) {
-    broken("no sign of life");
+    fell_silent("no sign of life");
     return;
   }
   heard_ = false;
@@ -118,6 +156,7 @@ void JanusClient::check_life() {
 void JanusClient::broken(const std::string& reason) {
   SARNET_LOG(kWarn, "The connection to " << settings_.url << " broke: " << reason);
   state_ = State::kBroken;
+  probe_timer_.stop();
   break_reason_ = reason;
   if (++breaks_ > kMaxBreaks) {
     lost("again and again");
@@ -125,15 +164,45 @@ void JanusClient::broken(const std::string& reason) {
   }
   break_timer_ = MainLoop::Timer(loop_, settings_.reconnect_limit,
                                  [this] { lost("and could not be resumed in time"); });
-  socket_->close();
+  attempts_ = 0;
+  try_again();
+}
+
+void JanusClient::fell_silent(const std::string& reason) {
+  silent_socket_ = std::move(socket_);
+  silent_number_ = socket_number_;
+  broken(reason);
+}
+
+void JanusClient::try_again() {
+  retry_timer_.stop();
+  attempt_timer_ = MainLoop::Timer(loop_, kFirstAttempt + attempts_ * kAttemptGrowth, [this] {
+    refusal_timer_.stop();
+    try_again();
+  });
+  ++attempts_;
+  claimed_ = false;
+  if (socket_) socket_->close();
   connect();
 }
 
+void JanusClient::network_changed() {
+  if (closed_) return;
+  if (state_ == State::kBroken) {
+    try_again();
+  } else if (state_ == State::kOpen && !probe_timer_) {
+    probe_timer_ =
+        MainLoop::Timer(loop_, kProbeLimit, [this] { fell_silent("the network has changed"); });
+    request({{"janus", "keepalive"}}, nullptr, {}, true);
+  }
+}
+
 void JanusClient::claim() {
+  claimed_ = true;
   request(
       {{"janus", "claim"}},
-      [this](const JanusReply& reply) {
-        if (state_ != State::kBroken) return;
+      [this, by = std::weak_ptr(socket_)](const JanusReply& reply) {
+        if (state_ != State::kBroken || by.lock() != socket_) return;
         if (reply.ok()) {
           resumed();
         } else if (reply.outcome == JanusReply::Outcome::kRefused) {
@@ -141,8 +210,7 @@ void JanusClient::claim() {
         } else if (reply.outcome == JanusReply::Outcome::kMalformed) {
           lost("and the server's answer to its resumption cannot be used: " + reply.text);
         } else {
-          socket_->close();
-          connect();
+          try_again();
         }
       },
       {}, false, true);
@@ -150,7 +218,8 @@ void JanusClient::claim() {
 
 void JanusClient::resumed() {
   SARNET_LOG(kInfo, "The connection to " << settings_.url << " was resumed");
-  break_timer_.stop();
+  for (auto* timer : {&break_timer_, &refusal_timer_, &attempt_timer_}) timer->stop();
+  if (const auto silent = std::exchange(silent_socket_, nullptr)) silent->close();
   state_ = State::kOpen;
   heard_ = true;
   for (const std::string& text : std::exchange(unsent_, {})) socket_->send(text);
@@ -233,6 +302,7 @@ void JanusClient::answer(const std::string& transaction, const JanusReply& reply
 void JanusClient::received(std::string_view text) {
   loop_.thread().require();
   heard_ = true;
+  probe_timer_.stop();
   json message = parse_message(text);
   if (message.is_null()) {
     SARNET_LOG(kWarn, "The server sent what is not a message");
@@ -283,10 +353,13 @@ void JanusClient::close(std::chrono::milliseconds limit, std::function<void()> d
 
 void JanusClient::end() {
   state_ = State::kClosed;
-  if (socket_) socket_->close();
+  for (const auto& socket : {socket_, silent_socket_}) {
+    if (socket) socket->close();
+  }
   pending_.clear();
   unsent_.clear();
-  for (auto* timer : {&connect_timer_, &break_timer_, &retry_timer_, &life_timer_, &close_timer_}) {
+  for (auto* timer : {&connect_timer_, &break_timer_, &refusal_timer_, &attempt_timer_,
+                      &retry_timer_, &probe_timer_, &life_timer_, &close_timer_}) {
     timer->stop();
   }
 }

@@ -25,8 +25,10 @@ struct JanusSettings {
   // How often a keep-alive is sent. The server counts as lost when a whole period passes with no
   // message from it.
   std::chrono::milliseconds keepalive{4000};
-  // How long resuming a broken connection may take.
-  std::chrono::milliseconds reconnect_limit{5000};
+  // How long resuming a broken connection may take, and how long if its machine refuses. The server
+  // keeps the session for a minute, and for five seconds if it was told of the break.
+  std::chrono::milliseconds reconnect_limit{20000};
+  std::chrono::milliseconds refusal_limit{5000};
 };
 
 class JanusObserver {
@@ -64,6 +66,10 @@ class JanusClient {
                Answer answer, const Expected& expected = {});
   // An empty candidate: there are no more.
   void trickle(std::uint64_t handle, unsigned mline, const std::string& candidate);
+  // Looks at once whether the connection still stands: the machine's addresses have changed.
+  void network_changed();
+  // Whether requests go out now.
+  bool is_open() const { return state_ == State::kOpen && !closed_; }
   // Ends the session at the server, with all its handles, and the connection. Calls `done` within
   // `limit`, and nothing else. Once.
   void close(std::chrono::milliseconds limit, std::function<void()> done);
@@ -78,11 +84,15 @@ class JanusClient {
   };
 
   void connect();
+  void try_again();
   void connected();
+  void heard(unsigned socket);
   void received(std::string_view text);
+  void socket_failed(unsigned socket, const std::string& reason, JanusSocket::Loss loss);
   void connection_failed(const std::string& reason, JanusSocket::Loss loss);
   void session_created(const JanusReply& reply);
   void broken(const std::string& reason);
+  void fell_silent(const std::string& reason);
   void claim();
   void resumed();
   void lost(const std::string& reason);
@@ -101,6 +111,11 @@ class JanusClient {
 
   State state_ = State::kIdle;
   std::shared_ptr<JanusSocket> socket_;
+  unsigned socket_number_ = 0;
+  // That fell silent: until there is another the server is not told that it broke, and it may
+  // recover.
+  std::shared_ptr<JanusSocket> silent_socket_;
+  unsigned silent_number_ = 0;
   std::uint64_t session_ = 0;
   std::uint64_t next_transaction_ = 1;
   std::map<std::string, Pending> pending_;
@@ -108,11 +123,16 @@ class JanusClient {
   std::function<void(const Failure*)> opened_;
   std::function<void()> closed_;
   std::string break_reason_;
-  int breaks_ = 0;      // since the last calm period
-  bool heard_ = false;  // since the last keep-alive
+  bool claimed_ = false;  // on this socket
+  int breaks_ = 0;        // since the last calm period
+  int attempts_ = 0;      // in this break
+  bool heard_ = false;    // since the last keep-alive
   MainLoop::Timer connect_timer_;
   MainLoop::Timer break_timer_;
+  MainLoop::Timer refusal_timer_;
+  MainLoop::Timer attempt_timer_;
   MainLoop::Timer retry_timer_;
+  MainLoop::Timer probe_timer_;
   MainLoop::Timer life_timer_;
   MainLoop::Timer close_timer_;
 };

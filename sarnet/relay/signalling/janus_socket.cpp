@@ -19,10 +19,41 @@ void unref_later(GObject* object) {
   g_source_unref(source);
 }
 
+// Whether it tells of the network rather than of the server.
+bool is_unreachable(const GError* error) {
+  return g_error_matches(error, G_IO_ERROR, G_IO_ERROR_NETWORK_UNREACHABLE) ||
+         g_error_matches(error, G_IO_ERROR, G_IO_ERROR_HOST_UNREACHABLE) ||
+         g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) ||
+         error->domain == G_RESOLVER_ERROR;
+}
+
+using Counter = std::shared_ptr<std::atomic<int>>;
+
+// Counts a handshake's connections for as long as there are any: it runs on a thread of GLib's,
+// which returns to the loop even when it is cancelled.
+void count_connections(SoupMessage* handshake, const Counter& under_way) {
+  const auto count = +[](SoupMessage*, int, GIOStream* stream, gpointer data) {
+    constexpr const char* kCounted = "sarnet-counted";
+    if (stream == nullptr || g_object_get_data(G_OBJECT(stream), kCounted) != nullptr) return;
+    auto* const counter = new Counter(*static_cast<Counter*>(data));
+    ++**counter;
+    g_object_set_data_full(G_OBJECT(stream), kCounted, counter, [](gpointer counted) {
+      --**static_cast<Counter*>(counted);
+      delete static_cast<Counter*>(counted);
+    });
+  };
+  g_signal_connect_data(
+      handshake, "network-event", G_CALLBACK(count), new Counter(under_way),
+      [](gpointer data, GClosure*) { delete static_cast<Counter*>(data); },
+      static_cast<GConnectFlags>(0));
+}
+
 }  // namespace
 
-JanusSocket::JanusSocket(Callbacks callbacks)
-    : callbacks_(std::move(callbacks)), cancellable_(g_cancellable_new()) {}
+JanusSocket::JanusSocket(Callbacks callbacks, std::shared_ptr<std::atomic<int>> under_way)
+    : callbacks_(std::move(callbacks)),
+      under_way_(std::move(under_way)),
+      cancellable_(g_cancellable_new()) {}
 
 JanusSocket::~JanusSocket() { close(); }
 
@@ -48,6 +79,7 @@ bool JanusSocket::open(const std::string& url, const std::string& ca_file, std::
   // No redirects: the token would go along.
   soup_message_add_flags(message.get(), SOUP_MESSAGE_NO_REDIRECT);
   limit_frames(session_.get(), message.get());
+  count_connections(message.get(), under_way_);
   const char* protocols[] = {"janus-protocol", nullptr};
   soup_session_websocket_connect_async(
       session_.get(), message.get(), nullptr, const_cast<char**>(protocols), G_PRIORITY_DEFAULT,
@@ -70,7 +102,8 @@ void JanusSocket::connected(GAsyncResult* result) {
     return;
   }
   if (!connection_) {
-    fail(printable_text(error->message));
+    fail(printable_text(error->message),
+         is_unreachable(error.get()) ? Loss::kUnreachable : Loss::kBroken);
     return;
   }
   soup_websocket_connection_set_max_incoming_payload_size(connection_.get(), kMaxMessage);

@@ -2,6 +2,7 @@
 
 #include <libsoup/soup.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -16,8 +17,9 @@ namespace sarnet::relay {
 class JanusSocket : public std::enable_shared_from_this<JanusSocket> {
  public:
   enum class Loss {
-    kBroken,  // a new connection may do better
-    kFoul,    // the server violated the protocol
+    kBroken,       // a new connection may do better
+    kUnreachable,  // so it may, but the network is away
+    kFoul,         // the server violated the protocol
   };
   struct Callbacks {
     std::function<void()> opened;
@@ -26,7 +28,8 @@ class JanusSocket : public std::enable_shared_from_this<JanusSocket> {
     std::function<void(const std::string& reason, Loss loss)> failed;
   };
 
-  explicit JanusSocket(Callbacks callbacks);
+  // `under_way` counts the connections that there are still, which close() does not wait for.
+  JanusSocket(Callbacks callbacks, std::shared_ptr<std::atomic<int>> under_way);
   ~JanusSocket();
   JanusSocket(const JanusSocket&) = delete;
   JanusSocket& operator=(const JanusSocket&) = delete;
@@ -48,6 +51,7 @@ class JanusSocket : public std::enable_shared_from_this<JanusSocket> {
   void fail(const std::string& reason, Loss loss = Loss::kBroken);
 
   Callbacks callbacks_;
+  const std::shared_ptr<std::atomic<int>> under_way_;
   GObjectHandle<SoupSession> session_;
   GObjectHandle<GCancellable> cancellable_;
   GObjectHandle<SoupWebsocketConnection> connection_;

@@ -10,6 +10,8 @@ namespace {
 // Rounds that GLib's pending operations get after the end: cancelled ones release their sockets in
 // a few.
 constexpr int kLastRounds = 256;
+constexpr std::chrono::seconds kLastWait{1};
+constexpr std::chrono::milliseconds kLastLook{5};
 
 using Action = std::function<void()>;
 
@@ -78,9 +80,24 @@ void MainLoop::run() {
     dropped.swap(tasks_);
   }
   dropped.clear();
-  for (int i = 0; i < kLastRounds && g_main_context_iteration(context_.get(), FALSE) != FALSE;) ++i;
+  run_last_rounds();
   g_main_context_pop_thread_default(context_.get());
   thread_.leave();
+}
+
+void MainLoop::run_last_rounds() {
+  const auto finish = [this] {
+    for (int i = 0; i < kLastRounds && g_main_context_iteration(context_.get(), FALSE) != FALSE;) {
+      ++i;
+    }
+  };
+  finish();
+  const auto deadline = std::chrono::steady_clock::now() + kLastWait;
+  while (*under_way_ > 0 && std::chrono::steady_clock::now() < deadline) {
+    const Timer look(*this, kLastLook, [] {});
+    g_main_context_iteration(context_.get(), TRUE);
+    finish();
+  }
 }
 
 void MainLoop::quit() {

@@ -32,6 +32,10 @@ class MainLoop {
   // Any thread. run() returns after the task that is under way.
   void quit();
 
+  // Counts what is under way outside and returns to this loop, from any thread; it may outlive the
+  // loop. At its end the loop waits for that, a second at most: what returns later is never freed.
+  const std::shared_ptr<std::atomic<int>>& under_way() const { return under_way_; }
+
   // The thread that runs the loop, for checks in code that belongs to it.
   const common::ThreadRole& thread() const { return thread_; }
 
@@ -58,10 +62,12 @@ class MainLoop {
   };
   struct WakeSource;
   void run_posted();
+  void run_last_rounds();
 
   std::unique_ptr<GMainContext, ContextDeleter> context_;
   SourceHandle wake_;
   std::atomic<bool> quitting_{false};
+  const std::shared_ptr<std::atomic<int>> under_way_ = std::make_shared<std::atomic<int>>(0);
   common::ThreadRole thread_{"a session's main loop"};
 
   common::Mutex mutex_;

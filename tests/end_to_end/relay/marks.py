@@ -11,11 +11,15 @@ NUMBER_BITS, MAKER_BITS = 12, 6
 LOUD = 1500  # root mean square of 10 ms that belong to a burst
 
 
-def picture(maker: int, number: int) -> np.ndarray:
-    """A YUV420P picture whose top row of blocks reads: white, black, 6 bits of maker, 12 bits of number."""
+NOISE = np.random.default_rng(1).integers(60, 120, (HEIGHT, WIDTH), np.uint8)
+
+
+def picture(maker: int, number: int, busy: bool = False) -> np.ndarray:
+    """A YUV420P picture whose top row of blocks reads: white, black, 6 bits of maker, 12 bits of number. A
+    busy one takes all the bitrate that it can get."""
     bits = [1, 0]
     bits += [maker >> i & 1 for i in range(MAKER_BITS)] + [number >> i & 1 for i in range(NUMBER_BITS)]
-    luma = np.full((HEIGHT, WIDTH), 90, np.uint8)
+    luma = np.roll(NOISE, 7 * number) if busy else np.full((HEIGHT, WIDTH), 90, np.uint8)
     luma[:BLOCK] = np.repeat(np.where(np.array(bits, bool), 225, 25).astype(np.uint8), BLOCK)
     x = number * 8 % (WIDTH - 40)
     luma[100:140, x : x + 40] = 200  # something that moves

@@ -80,6 +80,13 @@ class Process:
         """All that it has told so far, as far as it was waited for."""
         return [json.loads(line) for line in self.said if line.startswith("{")]
 
+    def rest(self) -> list[str]:
+        """All that it has said, once it has ended."""
+        self._reader.join(PATIENCE)
+        while not self._lines.empty() and (line := self._lines.get()) is not None:
+            self.said.append(line)
+        return self.said
+
     def leave(self) -> dict[str, Any]:
         """Lets a program leave; gives its last word."""
         assert self.child.stdin is not None
@@ -120,6 +127,16 @@ class Network:
         self._enter = ["nsenter", f"--target={self._holder.child.pid}", "--net"]
         if user:
             self._enter += ["--user", "--preserve-credentials"]
+
+    @property
+    def process(self) -> int:
+        """One that is in it for as long as it is there."""
+        return self._holder.child.pid
+
+    def do(self, script: str) -> None:
+        """Lines for the shell."""
+        environment = {"PATH": os.defpath + ":/usr/sbin:/sbin"}
+        subprocess.run([*self._enter, "sh", "-ec", script], env=environment, check=True)
 
     def run(self, *command: object, **environment: str) -> Process:
         process = Process([*self._enter, *map(str, command)], **environment)
@@ -189,10 +206,17 @@ class Server(Process):
         raise LookupError("the server is not running")
 
     def program(
-        self, maker: int, *options: object, script: str = "program.py", **environment: str
+        self,
+        maker: int,
+        *options: object,
+        script: str = "program.py",
+        network: Network | None = None,
+        **environment: str,
     ) -> Process:
-        """Maker N has tones of its own, so that nobody is taken for another."""
+        """Maker N has tones of its own, so that nobody is taken for another. In the server's network unless
+        another is named."""
         variables = {"API_HOSTNAME": self.host, "SARNET_RELAY_CA_FILE": str(self.folder / "cert.pem")}
         variables |= {"TOKEN": join_token("marks", SECRET)} | environment
         tones = (500 + 200 * maker, 600 + 200 * maker)
-        return self.network.start(HERE / script, "--maker", maker, "--tones", *tones, *options, **variables)
+        where = network or self.network
+        return where.start(HERE / script, "--maker", maker, "--tones", *tones, *options, **variables)

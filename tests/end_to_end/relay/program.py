@@ -127,6 +127,14 @@ class Program:
         width, height, rate = self.arguments.wish
         return tavrin.SubscriberVideoSettings(tavrin.VideoResolution(width, height), rate)
 
+    def tell_progress(self) -> None:
+        while not self.leaving.wait(0.1):
+            streams = {
+                name: (len(each.marks), len(each.sound), each.loud)
+                for name, each in self.received.copy().items()
+            }
+            tell("progress", at=time.monotonic(), streams=streams)
+
     def join(self) -> bool:
         size = tavrin.VideoResolution(marks.WIDTH, marks.HEIGHT)
         video = tavrin.SessionVideoPublisherSettings(size, marks.FPS, "YUV420P")
@@ -170,7 +178,7 @@ class Program:
             if self.leaving.wait(max(0.0, begin + (number - 3) / marks.FPS - time.monotonic())):
                 return
             frame = tavrin.VideoFrame(
-                size, "YUV420P", marks.picture(maker, number % (1 << marks.NUMBER_BITS))
+                size, "YUV420P", marks.picture(maker, number % (1 << marks.NUMBER_BITS), self.arguments.busy)
             )
             self.client.add_video(frame)
             if number % 10 == 0:
@@ -186,16 +194,22 @@ def main() -> None:
     parser.add_argument("--frames", type=int, default=60, help="that are enough")
     parser.add_argument("--loud", type=int, default=60, help="periods of sound that are enough")
     parser.add_argument("--captions", type=int, default=2)
+    parser.add_argument("--busy", action="store_true", help="send pictures that are hard to code")
+    parser.add_argument("--progress", action="store_true", help="tell pictures and blocks of sound so far")
     program = Program(parser.parse_args())
-    showing = threading.Thread(target=program.show)
-    if program.join():
-        showing.start()
+    threads = [threading.Thread(target=program.show)]
+    if program.arguments.progress:
+        threads.append(threading.Thread(target=program.tell_progress))
+    joined = program.join()
+    if joined:
+        for thread in threads:
+            thread.start()
     else:
         tell("refused")
     sys.stdin.read()
     program.leaving.set()
-    if showing.ident is not None:
-        showing.join()
+    for thread in threads if joined else []:
+        thread.join()
     begin = time.monotonic()
     program.client.disconnect()
     took = time.monotonic() - begin

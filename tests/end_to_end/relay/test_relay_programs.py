@@ -14,6 +14,7 @@ from pathlib import Path
 import marks
 import pytest
 from processes import ADDRESS, ADMIN_KEY, HERE, ROOT, SECRET, Server
+from stranger import Stranger
 
 from tavrin_media_relay.server import join_token, realm_token, room_token
 
@@ -97,7 +98,7 @@ def caption_number(event: dict) -> int:
 
 
 @pytest.mark.parametrize(
-    ("packets", "seconds"), [("meta l4proto udp", 2), ("", 2), ("", 15)],
+    ("packets", "seconds"), [("meta l4proto udp", 2), ("", 2), ("", 32)],
     ids=["of media heals", "of everything heals", "of everything for long is an error"],
 )  # fmt: skip
 def test_a_break_of_the_network(server, packets, seconds):
@@ -132,7 +133,7 @@ def test_media_go_through_a_turn_server(server, tmp_path, query, ports):
     config = tmp_path / "turnserver.conf"
     config.write_text(
         advised.replace("203.0.113.10", ADDRESS) + f"listening-ip={ADDRESS}\nrelay-ip={ADDRESS}\n"
-        f"min-port=61000\nmax-port=61999\nlog-file=stdout\nno-cli\n"
+        f"min-port=61000\nmax-port=61999\nlog-file=stdout\nno-cli\nverbose\n"
         f"pidfile={tmp_path}/pid\nuserdb={tmp_path}/db\n"
     )
     turn = server.network.run("turnserver", "-c", config)
@@ -140,9 +141,17 @@ def test_media_go_through_a_turn_server(server, tmp_path, query, ports):
     variables = {"SARNET_RELAY_ICE_SERVERS": f"turn:relay:PASSWORD@{ADDRESS}:3478{query}"}
     # No way to the server's media but from the ports that the TURN server lends.
     with server.network.broken(f"udp dport {{ {ports}20000-20999 }} udp sport != 61000-61999"):
-        programs = [server.program(maker, **variables) for maker in (1, 2)]
+        programs = [server.program(maker, **variables) for maker in (1, 2, 3)]
         for program in programs:
             program.wait_for("enough")
+        *leaving, last = programs
+        for program in leaving:
+            program.leave()
+        # All that was lent is given back at once, not when its time is over. Each has two streams or more.
+        for _ in range(2 * len(leaving)):
+            turn.wait_for_line(lambda line: "refreshed" in line and "lifetime=0" in line, 5)
+        turn.end()
+        assert last.leave()["seconds"] < 2.5
 
 
 def test_whoever_may_not_or_cannot_join_is_told_why(server):
@@ -198,3 +207,24 @@ def test_the_example_talks_back(server):
     assert received["size"] == [640, 480]
     assert abs(received["frequencies"][0] - 700) < 25, received
     assert any("I heard" in text or "You wrote: Grüße" in text for text, _ in received["captions"])
+
+
+def test_coming_and_going_leaves_nothing_behind(server):
+    """At random moments, also while everything is being connected."""
+    staying = server.program(1)
+    staying.wait_for("published")
+    # With a heap for each thread memory would depend on how sessions overlap.
+    visitor = server.program(2, "--rounds", 100, "--every", 50, script="churn.py", MALLOC_ARENA_MAX="1")
+    told = [visitor.wait_for("so far", rounds=number) for number in (50, 100)]
+    assert visitor.child.wait(10) == 0, visitor.said
+    first, last = told[0], told[-1]
+    assert not last["errors"] and min(last["reached"].values()) > 3, last
+    assert {"joined", "subscribed", "unsubscribed", "sound"} <= set(last["reached"]), last
+    # GLib may have gained a thread for what it does in the background.
+    assert last["threads"] <= first["threads"] + 2 and last["files"] <= first["files"], told
+    assert last["kib"] - first["kib"] < 4000, told
+    listed = Stranger(server, realm_token(SECRET))
+    listed.ask("create")
+    present = listed.request(listed.handle(), "listparticipants", room="marks")["participants"]
+    assert len(present) == 1, present
+    staying.leave()

@@ -47,6 +47,7 @@ class End : public TransportObserver {
     }
   }
   void on_transport_connected() override { ++connected; }
+  void on_transport_interrupted() override { ++interruptions; }
   void on_transport_failed(const std::string& reason) override { failures.push_back(reason); }
   void on_rtp(std::span<const std::uint8_t> packet) override {
     media.emplace_back(packet.begin(), packet.end());
@@ -63,6 +64,7 @@ class End : public TransportObserver {
   std::shared_ptr<MediaTransport> transport;
   std::vector<std::string> candidates;
   int connected = 0;
+  int interruptions = 0;
   std::vector<std::string> failures;
   std::vector<Packet> media;
   std::vector<Packet> reports;
@@ -157,6 +159,11 @@ TEST(IceEndpoints, AreReadInTheirParts) {
       {"turn:an%3Ana:secret@turn.example.org", "relay|an:na|secret|turn.example.org|3478|udp"},
       {"turn:anna:secret@turn.example.org?transport=tls", ""},
       {"turn:anna@turn.example.org", ""},
+      {"turn:turn.example.org", ""},
+      {"turn:anna:secret@", ""},
+      {"stun:anna:secret@stun.example.org", ""},
+      {"stun:", ""},
+      {"http://example.org", ""},
       {"turns:anna:secret@turn.example.org", ""},
       {"stun:stun.example.org:0", ""},
       {"stun:stun.example.org:65536", ""},

@@ -55,6 +55,7 @@ class JoinedSession {
     limits_.answer_limit = kDeadline;
     limits_.keepalive = kDeadline;
     limits_.reconnect_limit = kDeadline;
+    limits_.refusal_limit = kDeadline;
   }
   ~JoinedSession() {
     leave();

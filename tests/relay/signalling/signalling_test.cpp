@@ -202,6 +202,15 @@ TEST_F(Signalling, GivesUpWhenTheBreakIsLong) {
   EXPECT_THAT(story_->log.lines().back(), HasSubstr("could not be resumed in time"));
 }
 
+TEST_F(Signalling, GivesUpSoonerWhenItIsRefused) {
+  limits_.refusal_limit = 300ms;
+  join(server_.port());
+  ASSERT_TRUE(story_->log.await("joined"));
+  server_.drop(true);
+  ASSERT_TRUE(story_->log.await("failed 1022 The connection to ws://127.0.0.1"));
+  EXPECT_THAT(story_->log.lines().back(), HasSubstr("the server refuses another"));
+}
+
 TEST_F(Signalling, GivesUpWhenTheServerForgotIt) {
   server_.refuse("janus claim", 458);
   join(server_.port());

@@ -9,7 +9,9 @@ namespace {
 constexpr Micros kReportInterval{1'000'000};
 // Between two requests for the same packet: longer than the way to a server and back mostly is.
 constexpr Micros kAskAgain{40'000};
-constexpr unsigned kMaxAsked = 5;
+// The server sends nothing again that it has sent again within the last 200 ms: the sixth request and
+// those after it are for what was lost a second time.
+constexpr unsigned kMaxAsked = 8;
 // Sound is asked for once: a second answer would come too late.
 constexpr unsigned kMaxAskedOfSound = 1;
 // Between two requests for a key frame; servers pass on no more than a few a second.

@@ -34,7 +34,7 @@ class SubscriptionReceiver : private RtcpHandler {
   struct Settings {
     std::uint32_t own_ssrc = 1;     // of our reports
     Micros audio_patience{40'000};  // how long a missing packet is waited for
-    Micros video_patience{200'000};
+    Micros video_patience{300'000};
   };
   // What packets are to be sent, encrypted, to the sender of the media; borrowed.
   class Output {

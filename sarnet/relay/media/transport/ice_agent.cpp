@@ -3,6 +3,7 @@
 #include <gio/gio.h>
 #include <nice/agent.h>
 
+#include <atomic>
 #include <utility>
 
 #include "base/guard.h"
@@ -16,6 +17,8 @@ namespace {
 constexpr guint kComponent = NICE_COMPONENT_TYPE_RTP;
 // A name server that does not answer must not keep the other candidates.
 constexpr std::chrono::seconds kLookupLimit{3};
+// Nor one that lent a port keep the sockets.
+constexpr std::chrono::milliseconds kReleaseLimit{500};
 
 struct FreeCandidate {
   void operator()(NiceCandidate* candidate) const { nice_candidate_free(candidate); }
@@ -73,6 +76,44 @@ struct IceAgent::Callbacks {
     }
     g_resolver_free_addresses(found);
   }
+};
+
+// An agent that gives back what TURN servers lent it, before it goes.
+struct IceAgent::Closing {
+  Closing(NiceAgent* agent, const MainLoop& loop) : agent_(agent), under_way_(loop.under_way()) {
+    ++*under_way_;
+  }
+  ~Closing() { finish(); }
+  Closing(const Closing&) = delete;
+  Closing& operator=(const Closing&) = delete;
+
+  static void begin(NiceAgent* agent, const MainLoop& loop) {
+    const auto closing = std::make_shared<Closing>(agent, loop);
+    closing->limit_ = MainLoop::Timer(loop, kReleaseLimit, [weak = std::weak_ptr(closing)] {
+      if (const auto late = weak.lock()) late->finish();
+    });
+    nice_agent_close_async(
+        agent,
+        [](GObject*, GAsyncResult*, gpointer data) {
+          const std::unique_ptr<std::shared_ptr<Closing>> done(
+              static_cast<std::shared_ptr<Closing>*>(data));
+          (*done)->finish();
+        },
+        new std::shared_ptr<Closing>(closing));
+  }
+
+ private:
+  void finish() {
+    NiceAgent* const agent = std::exchange(agent_, nullptr);
+    if (agent == nullptr) return;
+    limit_.stop();
+    g_object_unref(agent);
+    --*under_way_;
+  }
+
+  NiceAgent* agent_;
+  const std::shared_ptr<std::atomic<int>> under_way_;
+  MainLoop::Timer limit_;
 };
 
 std::shared_ptr<IceAgent> IceAgent::create(const MainLoop& loop, const Settings& settings,
@@ -145,6 +186,7 @@ void IceAgent::add_server(const IceEndpoint& server, const std::string& address)
     g_object_set(agent_, "stun-server", address.c_str(), "stun-server-port", server.port, nullptr);
     return;
   }
+  has_relay_ = true;
   nice_agent_set_relay_info(agent_, stream_, kComponent, address.c_str(), server.port,
                             server.user.c_str(), server.password.c_str(),
                             server.over_tcp ? NICE_RELAY_TYPE_TURN_TCP : NICE_RELAY_TYPE_TURN_UDP);
@@ -259,6 +301,10 @@ void IceAgent::close() {
   g_signal_handlers_disconnect_by_data(agent, this);
   if (stream_ != 0) {
     nice_agent_attach_recv(agent, stream_, kComponent, loop_->context(), nullptr, nullptr);
+    if (has_relay_) {
+      Closing::begin(agent, *loop_);
+      return;
+    }
     nice_agent_remove_stream(agent, stream_);
   }
   g_object_unref(agent);

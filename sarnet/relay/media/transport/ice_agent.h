@@ -71,6 +71,7 @@ class IceAgent : public std::enable_shared_from_this<IceAgent> {
  private:
   struct Lookup;
   struct Callbacks;
+  struct Closing;
 
   bool build(const MainLoop& loop, const Settings& settings, std::string& error);
   void look_up(const IceEndpoint& server);
@@ -88,6 +89,7 @@ class IceAgent : public std::enable_shared_from_this<IceAgent> {
   std::shared_ptr<_GCancellable> cancel_;
   unsigned lookups_ = 0;
   bool wants_gathering_ = false;
+  bool has_relay_ = false;
   bool gathering_ = false;
   bool gathered_ = false;
   bool open_ = false;

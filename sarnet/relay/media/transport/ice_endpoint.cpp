@@ -5,7 +5,6 @@
 #include <charconv>
 #include <memory>
 
-#include "relay/media/transport/ice_server.h"
 #include "relay/signalling/glib_handles.h"
 
 namespace sarnet::relay {
@@ -41,20 +40,24 @@ bool read_host(std::string_view text, IceEndpoint& endpoint) {
 }  // namespace
 
 std::optional<IceEndpoint> parse_ice_endpoint(std::string_view text) {
-  const IceServer server = parse_ice_server(text);
-  if (server.kind == IceServer::Kind::kUnknown) return std::nullopt;
+  const std::size_t colon = text.find(':');
+  if (colon == std::string_view::npos) return std::nullopt;
+  const std::string_view scheme = text.substr(0, colon);
+  std::string_view rest = text.substr(colon + 1);
+  if (rest.starts_with("//")) rest.remove_prefix(2);
   IceEndpoint endpoint;
-  std::string_view rest = server.uri;
-  rest.remove_prefix(rest.find("//") + 2);
-  endpoint.is_relay = server.kind == IceServer::Kind::kTurn;
+  endpoint.is_relay = scheme == "turn";
+  // There is no TURN over TLS here.
+  if (!endpoint.is_relay && scheme != "stun") return std::nullopt;
+  const std::size_t at = rest.rfind('@');
+  if ((at != std::string_view::npos) != endpoint.is_relay) return std::nullopt;
   if (endpoint.is_relay) {
-    const std::size_t at = rest.rfind('@');
     const std::string_view who = rest.substr(0, at);
-    const std::size_t colon = who.find(':');
+    const std::size_t end = who.find(':');
     rest.remove_prefix(at + 1);
-    if (colon == std::string_view::npos) return std::nullopt;
-    const auto user = unescaped(who.substr(0, colon));
-    const auto password = unescaped(who.substr(colon + 1));
+    if (end == std::string_view::npos) return std::nullopt;
+    const auto user = unescaped(who.substr(0, end));
+    const auto password = unescaped(who.substr(end + 1));
     if (!user || !password || user->empty()) return std::nullopt;
     endpoint.user = *user;
     endpoint.password = *password;

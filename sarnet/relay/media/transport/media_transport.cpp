@@ -12,6 +12,11 @@ namespace {
 // From the other side's first description to the first connection.
 constexpr std::chrono::seconds kConnectLimit{45};
 
+// The server sends reports each second, whatever becomes of the media. So much silence is a break.
+constexpr int kQuietSeconds = 4;
+// The same after a change of the network, which makes a break likely.
+constexpr std::chrono::milliseconds kCheckLimit{1500};
+
 // The first byte tells what a packet is (RFC 7983), the second RTCP from RTP (RFC 5761).
 bool is_dtls(std::uint8_t first) { return first >= 20 && first <= 63; }
 bool is_media(std::uint8_t first) { return first >= 128 && first <= 191; }
@@ -23,11 +28,7 @@ std::shared_ptr<MediaTransport> MediaTransport::create(const TransportSettings& 
                                                        TransportObserver& observer,
                                                        std::string& error) {
   auto transport = std::make_shared<MediaTransport>(settings, observer);
-  transport->ice_ = IceAgent::create(*settings.loop,
-                                     {.controlling = settings.offers,
-                                      .loopback = settings.loopback,
-                                      .servers = settings.ice_servers},
-                                     *transport, error);
+  transport->ice_ = transport->make_agent(error);
   return transport->ice_ ? transport : nullptr;
 }
 
@@ -36,12 +37,62 @@ MediaTransport::MediaTransport(const TransportSettings& settings, TransportObser
 
 MediaTransport::~MediaTransport() { stop(); }
 
+std::shared_ptr<IceAgent> MediaTransport::make_agent(std::string& error) {
+  return IceAgent::create(*settings_.loop,
+                          {.controlling = settings_.offers,
+                           .loopback = settings_.loopback,
+                           .servers = settings_.ice_servers},
+                          *this, error);
+}
+
 sdp::TransportInfo MediaTransport::local_info() const {
   return {ice_->ufrag(), ice_->pwd(), settings_.identity->fingerprint(), sdp::Setup::kEither};
 }
 
 void MediaTransport::gather() {
-  if (!stopped_ && !ice_->gather()) fail("ICE: there is no local address for media");
+  if (stopped_ || ice_->gather()) return;
+  // While a way is sought anew, an address may come yet.
+  if (!ever_connected_) fail("ICE: there is no local address for media");
+}
+
+bool MediaTransport::renew_way() {
+  if (stopped_ || failed_) return false;
+  std::string error;
+  auto fresh = make_agent(error);
+  if (!fresh) return false;
+  ice_->close();
+  ice_ = std::move(fresh);
+  way_open_ = false;
+  update();
+  return true;
+}
+
+void MediaTransport::check_way() {
+  if (stopped_ || failed_ || !ever_connected_) return;
+  check_ = MainLoop::Timer(*settings_.loop, kCheckLimit, [this, before = heard_] {
+    if (heard_ == before) interrupt();
+  });
+}
+
+void MediaTransport::hear() {
+  ++heard_;
+  if (!interrupted_ || !way_open_) return;
+  interrupted_ = false;
+  post([](MediaTransport& self) { self.update(); });
+}
+
+void MediaTransport::watch() {
+  quiet_seconds_ = std::exchange(heard_before_, heard_) == heard_ ? quiet_seconds_ + 1 : 0;
+  if (heard_ != 0 && quiet_seconds_ >= kQuietSeconds) interrupt();
+}
+
+void MediaTransport::interrupt() {
+  if (interrupted_ || failed_ || stopped_) return;
+  interrupted_ = true;
+  told_connected_ = false;
+  post([](MediaTransport& self) {
+    if (!self.failed_) self.observer_.on_transport_interrupted();
+  });
 }
 
 void MediaTransport::set_remote(const sdp::Description& remote, bool active) {
@@ -97,18 +148,21 @@ bool MediaTransport::send_text(std::string_view text) {
 
 void MediaTransport::stop() {
   if (std::exchange(stopped_, true)) return;
-  limit_.stop();
+  for (auto* timer : {&limit_, &watch_, &check_}) timer->stop();
   if (channel_) channel_->close();
   dtls_.close();
   if (ice_) ice_->close();
 }
 
 void MediaTransport::on_ice_candidate(const std::string& candidate) {
-  post([candidate](MediaTransport& self) { self.observer_.on_local_candidate(candidate); });
+  post([candidate, from = ice_](MediaTransport& self) {
+    if (self.ice_ == from) self.observer_.on_local_candidate(candidate);
+  });
 }
 
 void MediaTransport::on_ice_way(bool open) {
-  post([open](MediaTransport& self) {
+  post([open, from = ice_](MediaTransport& self) {
+    if (self.ice_ != from) return;
     self.way_open_ = open;
     if (open) self.dtls_.begin();
     self.update();
@@ -116,8 +170,11 @@ void MediaTransport::on_ice_way(bool open) {
 }
 
 void MediaTransport::on_ice_failed() {
-  fail(ever_connected_ ? "ICE: the way for media to and from the server was lost"
-                       : "ICE: no way for media to and from the server was found");
+  if (ever_connected_) {
+    interrupt();
+  } else {
+    fail("ICE: no way for media to and from the server was found");
+  }
 }
 
 void MediaTransport::on_ice_packet(std::span<std::uint8_t> packet) {
@@ -127,6 +184,7 @@ void MediaTransport::on_ice_packet(std::span<std::uint8_t> packet) {
     const bool rtcp = is_rtcp_type(packet[1]);
     const auto decrypted = rtcp ? srtp_.unprotect_rtcp(packet) : srtp_.unprotect_rtp(packet);
     if (decrypted.empty()) return;
+    hear();
     if (rtcp) {
       observer_.on_rtcp(decrypted);
     } else {
@@ -171,10 +229,16 @@ void MediaTransport::open_channel() {
 }
 
 void MediaTransport::update() {
-  const bool connected = way_open_ && dtls_.ready() && srtp_.started() && !failed_;
-  if (std::exchange(connected_, connected) == connected || !connected) return;
-  ever_connected_ = true;
-  limit_.stop();
+  connected_ = way_open_ && dtls_.ready() && srtp_.started() && !failed_;
+  // Where nothing was ever sent, the way itself must do.
+  if (connected_ && heard_ == 0) interrupted_ = false;
+  const bool connected = connected_ && !interrupted_;
+  if (std::exchange(told_connected_, connected) == connected || !connected) return;
+  if (!std::exchange(ever_connected_, true)) {
+    limit_.stop();
+    watch_ = MainLoop::Timer(
+        *settings_.loop, std::chrono::seconds(1), [this] { watch(); }, true);
+  }
   observer_.on_transport_connected();
 }
 
@@ -188,7 +252,7 @@ void MediaTransport::post(std::function<void(MediaTransport&)> task) {
 void MediaTransport::fail(const std::string& reason) {
   if (std::exchange(failed_, true)) return;
   connected_ = false;
-  limit_.stop();
+  for (auto* timer : {&limit_, &watch_, &check_}) timer->stop();
   post([reason](MediaTransport& self) { self.observer_.on_transport_failed(reason); });
 }
 

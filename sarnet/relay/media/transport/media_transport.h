@@ -19,7 +19,7 @@
 
 namespace sarnet::relay {
 
-// Told on the loop's thread, never after stop(). The first three come in turns of their own, never
+// Told on the loop's thread, never after stop(). The first four come in turns of their own, never
 // from inside a call; the last three from inside the reading of a packet, and their bytes are
 // borrowed for the call. From inside any of them the transport may be stopped and let go.
 class TransportObserver {
@@ -29,6 +29,9 @@ class TransportObserver {
   virtual void on_local_candidate(const std::string& candidate) = 0;
   // Media may flow. Again after a break that healed.
   virtual void on_transport_connected() = 0;
+  // Nothing has come through for some seconds, or ICE has lost its way. Sending goes on as long as
+  // there is a way; renew_way() seeks another. Once for each break.
+  virtual void on_transport_interrupted() = 0;
   // The transport is of no more use; the text names the step at which it failed. Once.
   virtual void on_transport_failed(const std::string& reason) = 0;
   // Decrypted packets, 12 and 8 bytes at least.
@@ -44,7 +47,7 @@ struct TransportSettings {
   // Who makes the first offer leads the choice of a way.
   bool offers = false;
   bool loopback = false;                 // 127.0.0.1 alone
-  std::vector<std::string> ice_servers;  // as parse_ice_server() reads them
+  std::vector<std::string> ice_servers;  // as parse_ice_endpoint() reads them
   std::string channel_label;             // of the data channel that we open; empty: none
 };
 
@@ -75,6 +78,13 @@ class MediaTransport : public std::enable_shared_from_this<MediaTransport>,
   // we offered, if the answer does. Of later descriptions that is not heeded. New ICE names restart
   // ICE, another certificate fails the transport.
   void set_remote(const sdp::Description& remote, bool active);
+  // Seeks another way for the connection that stands: new ICE names, and candidates of the
+  // addresses that the machine has now; DTLS, SRTP and the data channel go on. local_info() is
+  // another at once. The other side must be told, gather() called, and set_remote() with what it
+  // answers. False when there is nothing to seek with.
+  bool renew_way();
+  // After a change of the network: a break is noticed sooner.
+  void check_way();
   // An empty text: no more. What is not understood is passed over.
   void add_remote_candidate(const std::string& candidate);
 
@@ -100,8 +110,12 @@ class MediaTransport : public std::enable_shared_from_this<MediaTransport>,
   void send_sctp(std::span<const std::uint8_t> packet) override;
   void on_channel_text(std::string_view text) override;
 
+  std::shared_ptr<IceAgent> make_agent(std::string& error);
   void open_channel();
   void update();
+  void hear();
+  void watch();
+  void interrupt();
   void post(std::function<void(MediaTransport&)> task);
   void fail(const std::string& reason);
 
@@ -113,8 +127,15 @@ class MediaTransport : public std::enable_shared_from_this<MediaTransport>,
   std::shared_ptr<DataChannel> channel_;
   std::optional<DataChannel::Settings> channel_settings_;
   MainLoop::Timer limit_;  // of the first connection
+  MainLoop::Timer watch_;  // each second, once connected
+  MainLoop::Timer check_;
+  int quiet_seconds_ = 0;
+  std::uint64_t heard_ = 0;         // packets
+  std::uint64_t heard_before_ = 0;  // at the last look
+  bool interrupted_ = false;
   bool way_open_ = false;
-  bool connected_ = false;
+  bool connected_ = false;  // packets can be sent
+  bool told_connected_ = false;
   bool ever_connected_ = false;
   bool failed_ = false;
   bool stopped_ = false;
