@@ -48,7 +48,10 @@ def _parser() -> argparse.ArgumentParser:
 
 def main(arguments: Sequence[str] | None = None) -> int:
     """Runs one command. Takes over standard output, so the process can only exit afterwards."""
-    options = _parser().parse_args(arguments)
+    words = list(sys.argv[1:] if arguments is None else arguments)
+    if words[:2] in (["relay", "front"], ["relay", "serve"]):
+        words[:2] = ["front"] if words[1] == "front" else ["relay"]
+    options = _parser().parse_args(words)
     terminal = Terminal(as_json=getattr(options, "json", False))
     try:
         return int(options.run(options, terminal))

@@ -7,10 +7,13 @@ A command raises ServerError, ValueError, RuntimeError or OSError when it cannot
 from __future__ import annotations
 
 import argparse
+import contextlib
 import os
 import signal
 import subprocess
 import sys
+import threading
+import time
 import urllib.parse
 from collections.abc import Sequence
 from dataclasses import dataclass
@@ -18,7 +21,11 @@ from pathlib import Path
 from types import FrameType
 from typing import Callable, Protocol
 
+from ..serving.brokers import address_of, dispatcher_of
+from . import agent_check, on_join
+from . import front as _front
 from . import settings as _settings
+from .front import place
 from .page_server import PageServer, find_page
 from .server import RelayServer, ServerError
 from .settings import Settings
@@ -145,6 +152,36 @@ def stop_on_signals() -> None:
         signal.signal(name, leave)
 
 
+def add_relay_options(parser: argparse.ArgumentParser) -> None:
+    add_server_options(parser)
+    parser.add_argument(
+        "--agent-check",
+        metavar="HOST:PORT",
+        help="tell HAProxy there how the server is, by really joining; SIGTERM then drains",
+    )
+    parser.add_argument(
+        "--drain", type=lifetime, default=lifetime("1h"), metavar="TIME",
+        help="how long participants may stay once it drains: 90s, 15m, 1h (default: 1h)",
+    )  # fmt: skip
+    parser.add_argument(
+        "--on-join", action="append", default=[], metavar="ROOMS=AGENT",
+        help="send an agent to a room when somebody comes: 'support-*=greeter'; may come again",
+    )  # fmt: skip
+    parser.add_argument("--broker", metavar="URL", help="of --on-join (default: TAVRIN_BROKER, else local)")
+
+
+def _connections(settings: Settings) -> int:
+    """TCP connections of participants to the server on this machine."""
+    ports = {f"{settings.port:04X}", f"{settings.tls_port:04X}"}
+    count = 0
+    for name in ("tcp", "tcp6"):
+        with contextlib.suppress(OSError):
+            for line in Path(f"/proc/net/{name}").read_text().splitlines()[1:]:
+                local, state = line.split()[1], line.split()[3]
+                count += local.rpartition(":")[2] in ports and state == "01"
+    return count
+
+
 def _ended(server: RelayServer, status: int | None) -> ServerError:
     print(server.log_tail(), file=sys.stderr)
     return ServerError(f"the server ended by itself (status {status})")
@@ -153,14 +190,97 @@ def _ended(server: RelayServer, status: int | None) -> ServerError:
 def relay(arguments: argparse.Namespace, tell: Tell) -> int:
     stop_on_signals()
     settings = settings_from(arguments)
-    with RelayServer(settings) as server:
+    shown = list(settings.rooms)
+    with contextlib.ExitStack() as stack:
+        if arguments.on_join:
+            rules = [on_join.rule(text) for text in arguments.on_join]
+            try:
+                dispatcher = dispatcher_of(address_of(arguments.broker))
+            except ImportError as error:
+                raise RuntimeError(str(error)) from None
+            hearing = on_join.OnJoin(rules, dispatcher, lambda line: tell("on_join", line))
+            stack.callback(hearing.close)
+            settings.events = (hearing.port, hearing.password)
+        if arguments.agent_check:
+            settings.rooms = [*settings.rooms, agent_check.ROOM]
+        server = stack.enter_context(RelayServer(settings))
+        check = None
+        if arguments.agent_check:
+            check = agent_check.AgentCheck(place("--agent-check", arguments.agent_check), server)
+            stack.callback(check.close)
         tell(
             "serving",
             how_to_join(server),
             environment=variables_for(server),
-            rooms={room: join_token(room, settings.token_secret) for room in settings.rooms},
+            rooms={room: join_token(room, settings.token_secret) for room in shown},
         )
-        raise _ended(server, server.wait())
+        if check is None:
+            raise _ended(server, server.wait())
+        _until_drained(arguments.drain, server, check, tell)
+    return 0
+
+
+def _until_drained(seconds: float, server: RelayServer, check: agent_check.AgentCheck, tell: Tell) -> None:
+    """SIGTERM: nobody new comes to new rooms, and it ends once the last participant has left, after
+    `seconds`, or with a second signal."""
+    asked = threading.Event()
+
+    def drain(number: int, frame: FrameType | None) -> None:
+        asked.set()
+        check.drain()
+        stop_on_signals()
+
+    signal.signal(signal.SIGTERM, drain)
+    while not asked.is_set():
+        if (status := server.wait(0.25)) is not None:
+            raise _ended(server, status)
+    tell("draining", "Draining: ends when the last participant has left, or with a second signal")
+    end = time.monotonic() + seconds
+    time.sleep(min(seconds, 1.0))  # those who are on their way
+    while time.monotonic() < end:
+        # The check's own comes and goes.
+        if max(_connections(server.settings), _connections(server.settings)) <= 0:
+            return
+        if (status := server.wait(0.25)) is not None:
+            raise _ended(server, status)
+
+
+def _add_front_options(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument(
+        "--server",
+        action="append",
+        default=[],
+        metavar="[POOL=]HOST:PORT[/AGENT_PORT]",
+        help="a relay server and the port of its --agent-check (8991); may come again",
+    )
+    parser.add_argument("--template", metavar="NAME:PORT", help="a name in DNS whose addresses are servers")
+    parser.add_argument("--bind", default="127.0.0.1:8443", metavar="HOST:PORT",
+                        help="where the door is (default: 127.0.0.1:8443)")  # fmt: skip
+    parser.add_argument("--certificate", type=Path, help="PEM file of the door, with its key")
+    parser.add_argument("--ca", type=Path, help="PEM file of whoever signed the servers' certificates")
+    parser.add_argument("--name", default="door1", help="of this door among its peers (default: door1)")
+    parser.add_argument("--peer", action="append", default=[], metavar="NAME@HOST:PORT",
+                        help="a door that shares what it knows, this one too; may come again")  # fmt: skip
+    parser.add_argument("--metrics", metavar="HOST:PORT", help="serve /metrics for Prometheus there")
+
+
+def front(arguments: argparse.Namespace, tell: Tell) -> int:
+    peers = {}
+    for text in arguments.peer:
+        name, _, address = text.partition("@")
+        peers[name] = place("--peer", address)
+    door = _front.Front(
+        servers=[_front.server(text) for text in arguments.server],
+        bind=place("--bind", arguments.bind),
+        certificate=arguments.certificate,
+        ca=arguments.ca,
+        template=place("--template", arguments.template) if arguments.template else None,
+        name=arguments.name,
+        peers=peers,
+        metrics=place("--metrics", arguments.metrics) if arguments.metrics else None,
+    )
+    tell("configuration", door.configuration())
+    return 0
 
 
 def room(arguments: argparse.Namespace, tell: Tell) -> int:
@@ -285,8 +405,18 @@ class Command:
     run: Callable[[argparse.Namespace, Tell], int]
 
 
+_FRONT = """\
+Prints a configuration of HAProxy, the one door in front of several relay servers: rooms at /room/NAME.
+
+  relay front --server 127.0.0.1:8188/8991 --server 127.0.0.1:8288/8992 > haproxy.cfg
+  relay front --server 10.0.0.1:8989 --server 10.0.0.2:8989 --ca /etc/tavrin/ca.pem \\
+      --bind 0.0.0.0:443 --certificate /etc/tavrin/door.pem
+"""
+
+
 COMMANDS = (
-    Command("relay", "run a relay server", _RELAY, add_server_options, relay),
+    Command("relay", "run a relay server", _RELAY, add_relay_options, relay),
+    Command("front", "write HAProxy's configuration for several servers", _FRONT, _add_front_options, front),
     Command(
         "room", "run a relay server, its room page and a program to talk to", _ROOM, _add_room_options, room
     ),

@@ -48,6 +48,9 @@ class Settings:
     address: for development among people who trust each other. Excludes an admin key."""
     token_secret: str = ""
     """Signs the tokens. Empty: a new one."""
+    events: tuple[int, str] | None = None
+    """Port on 127.0.0.1 to which the server tells what participants do, and the password that it shows there;
+    None: it tells nobody."""
     certificate: Path | None = None
     """PEM files to use for TLS, with `key`; None: a new self-signed certificate."""
     key: Path | None = None
@@ -130,6 +133,9 @@ def write(settings: Settings) -> list[Path]:
         "public_address_line": f'\tnat_1_1_mapping = "{settings.public_address}"\n'
         if settings.public_address
         else "",
+        "events_enabled": "true" if settings.events else "false",
+        "events_port": settings.events[0] if settings.events else 0,
+        "events_password": settings.events[1] if settings.events else "",
         "admin_key_lines": (
             f'\tadmin_key = "{settings.admin_key}"\n\tlock_rtp_forward = true\n' if settings.admin_key else ""
         ),
@@ -137,6 +143,7 @@ def write(settings: Settings) -> list[Path]:
     texts = {
         name: Template((_TEMPLATES / name).read_text()).substitute(values)
         for name in ("janus.jcfg", "janus.transport.websockets.jcfg", "janus.plugin.videoroom.jcfg")
+        + (("janus.eventhandler.sampleevh.jcfg",) if settings.events else ())
     }
     room = Template((_TEMPLATES / "room.jcfg").read_text())
     for name in settings.rooms:

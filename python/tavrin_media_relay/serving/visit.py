@@ -110,8 +110,9 @@ def _warm_up() -> None:
     from .._native.libraries import find_sarnet
 
     # The engine that joins sessions on a server, with its libraries; another library has none beside it.
-    engine = Path(find_sarnet()._name).with_name("libsarnet_relay.so")
-    if engine.exists():
+    sarnet = find_sarnet()
+    engine = Path(sarnet._name if sarnet else "").with_name("libsarnet_relay.so") if sarnet else None
+    if engine is not None and engine.exists():
         ctypes.CDLL(str(engine))
 
 
