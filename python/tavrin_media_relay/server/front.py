@@ -150,7 +150,7 @@ class Front:
             lines.append(f"  server s{number} {each.place} {checked}")
         if self.template and not pool:
             checked = f"agent-check agent-port {DEFAULT_AGENT_PORT} agent-inter 500ms resolvers dns"
-            lines.append(f"  server-template s {self.most_servers} {self.template} {checked} init-addr none")
+            lines.append(f"  server-template t {self.most_servers} {self.template} {checked} init-addr none")
             lines.append("\nresolvers dns\n  parse-resolv-conf\n  hold valid 5s")
         return "\n".join(lines) + "\n"
 
@@ -162,7 +162,7 @@ def _backend_of(pool: str) -> str:
 _GLOBAL = """\
 # Written by `tavrin-media-relay relay front`. haproxy -c -f haproxy.cfg checks it.
 global
-  maxconn 50000
+  # As many connections as descriptors allow: two each (LimitNOFILE of its unit).
   log stderr format short daemon notice
 
 defaults
