@@ -4,6 +4,7 @@
 const KEEP_ALIVE_MS = 25_000; // the server forgets a session after 60 s of silence
 const REPLY_MS = 10_000;
 const RETURN_MS = 4_500; // the server keeps a broken session for 5 s
+const REJOIN_MS = 60_000; // after a lost server, until the visit ends
 const PLUGIN = 'janus.plugin.videoroom';
 
 const NO_SUCH_ROOM = 426;
@@ -278,19 +279,29 @@ export class RoomVisit extends EventTarget {
   #feeds = new Map(); // participant -> {peer, streams}
   #known = new Map(); // participant -> name
   #over = false;
+  #url;
+  #stream = null;
+  #rejoining = false;
 
   constructor({url, room, token, name, iceServers = []}) {
     super();
+    this.#url = url;
     this.room = room;
     this.name = name;
     this.id = '';
     this.iceServers = iceServers;
     this.publishing = null; // RTCPeerConnection of what we send
     this.#token = splitToken(token);
-    this.#signalling = new Signalling(url, this.#token.realm);
+    this.#dial();
+  }
+
+  #dial() {
+    this.#signalling = new Signalling(this.#url, this.#token.realm);
     this.#signalling.onmessage = (message) => this.#hear(message);
-    this.#signalling.onreturn = (broken) => this.#tell('returning', {broken});
-    this.#signalling.onlost = () => this.#end('The connection to the server was lost.');
+    this.#signalling.onreturn = (broken) => {
+      if (!this.#rejoining) this.#tell('returning', {broken});
+    };
+    this.#signalling.onlost = () => this.#rejoin();
   }
 
   #tell(type, detail) {
@@ -299,19 +310,50 @@ export class RoomVisit extends EventTarget {
 
   /** Enters the room, publishes `stream` (or captions only), and subscribes to the others. */
   async join(stream) {
+    this.#stream = stream;
     try {
-      await this.#signalling.open();
-      this.#handle = await this.#signalling.attach();
-      const joined = await this.#enter();
-      this.id = joined.id;
-      this.#privateId = joined.private_id;
-      await this.#publish(stream);
-      for (const {id, display} of joined.attendees ?? []) this.#meet(id, display);
-      this.#see(joined.publishers);
+      await this.#begin();
     } catch (error) {
       this.leave();
       throw error;
     }
+  }
+
+  async #begin() {
+    await this.#signalling.open();
+    this.#handle = await this.#signalling.attach();
+    const joined = await this.#enter();
+    this.id = joined.id;
+    this.#privateId = joined.private_id;
+    await this.#publish(this.#stream);
+    for (const {id, display} of joined.attendees ?? []) this.#meet(id, display);
+    this.#see(joined.publishers);
+  }
+
+  /** The server has forgotten us, or is gone: the same room again, where the address leads to by now. */
+  async #rejoin() {
+    if (this.#over || this.#rejoining) return;
+    this.#rejoining = true;
+    for (const id of [...this.#known.keys()]) this.#gone(id);
+    for (const peer of this.#peers.values()) peer.connection.close();
+    this.#peers.clear();
+    this.#signalling.close();
+    let why = 'The connection to the server was lost.';
+    const end = Date.now() + REJOIN_MS;
+    for (; Date.now() < end && !this.#over; await wait(300 + 300 * Math.random())) {
+      this.#dial();
+      try {
+        await this.#begin();
+        this.#rejoining = false;
+        this.#tell('returning', {broken: false});
+        return;
+      } catch (error) {
+        this.#signalling.close();
+        why = error.message;
+        if (error.code) break; // the server refuses us
+      }
+    }
+    this.#end(why);
   }
 
   async #enter() {
