@@ -12,7 +12,7 @@ namespace {
 // How long a connection that was interrupted may take to heal, and how often another way is sought.
 // The server's own search, begun anew each time, would give up after half a minute.
 constexpr std::chrono::seconds kInterruptionLimit{30};
-constexpr std::chrono::seconds kSeekPeriod{5};
+constexpr std::chrono::seconds kSeekPeriod{3};
 
 }  // namespace
 

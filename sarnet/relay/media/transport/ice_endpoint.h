@@ -16,8 +16,8 @@ struct IceEndpoint {
   std::string password;
 };
 
-// Reads "stun:host[:port]" and "turn:user:password@host[:port][?transport=tcp]". A user name may hold
-// a colon when it is written %3A.
+// Reads "stun:host[:port]" and "turn:user:password@host[:port][?transport=tcp]". A user name may
+// hold a colon when it is written %3A.
 std::optional<IceEndpoint> parse_ice_endpoint(std::string_view text);
 
 }  // namespace sarnet::relay
