@@ -1,9 +1,9 @@
-"""A whole fleet on this machine: two relay servers behind one door, a broker, and two workers that serve an agent.
+"""A fleet on this machine: two relay servers behind one door, a broker, and two workers that serve an agent.
 
     ./dev fleet [--agent examples/greeter.py] [--port 9400]
 
-Prints a link to a room in your browser, and what you may kill. Everything is on loopback, ends with Ctrl-C, and
-is made of the commands that docs/scaling.md tells of. Ports: from --port on, eleven of them, and 24000-24999.
+Prints a link to a room in your browser, and what you may kill. Everything is on loopback, ends with Ctrl-C,
+and is made of the commands that docs/scaling.md tells of. Ports: seven from --port on, and 24000-24999.
 """
 
 from __future__ import annotations

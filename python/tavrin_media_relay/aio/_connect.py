@@ -40,7 +40,7 @@ def connect(
     if settings is not None:
         of_type("settings", settings, SessionSettings)
     number("timeout", timeout, 0.0, 1e9, "seconds")
-    if rejoin is not True:
+    if not isinstance(rejoin, bool):
         number("rejoin", rejoin, 0.0, 1e6, "seconds")
     patience = _REJOIN_SECONDS if rejoin is True else float(rejoin)
 

@@ -1,4 +1,4 @@
-"""A program that stays in its room, whatever happens to its server, and tells its events, a line of JSON each."""
+"""A program that stays in its room, whatever happens to its server, and tells its events as lines of JSON."""
 
 from __future__ import annotations
 

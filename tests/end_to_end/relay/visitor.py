@@ -1,4 +1,4 @@
-"""A visitor of the room page in Chromium, who tells which captions of others are shown, until its input ends."""
+"""A visitor of the room page in Chromium, who tells which captions are shown, until its input ends."""
 
 from __future__ import annotations
 
