@@ -15,6 +15,7 @@ from typing import Any, Callable
 from ..serving.broker import BrokerError
 from ..serving.brokers import Dispatcher, address_of, broker_of, dispatcher_of, is_local
 from ..serving.jobs import Job, JobStatus
+from ..server.tokens import join_token
 from ._failure import Failure
 from ._options import command
 from ._terminal import Bar, Terminal
@@ -230,13 +231,17 @@ def serve(options: argparse.Namespace, terminal: Terminal) -> int:
         door = Door(broker, socket_path(name)) if isinstance(broker, LocalBroker) else None
     except (ValueError, ImportError, BrokerError) as error:
         raise Failure(str(error)) from None
+    secret, token = os.environ.get(SECRET, ""), os.environ.get("TOKEN", "a-token")
+
+    def token_of(room: str) -> str:
+        return join_token(room, secret) if secret else token
+
     settings = Settings(
         file=file,
         name=name,
         host=options.relay,
         application=options.app_id,
-        secret=os.environ.get(SECRET, ""),
-        token=os.environ.get("TOKEN", "a-token"),
+        token=token_of,
         sessions=options.sessions,
         warm=max(options.warm, 1),
         start=options.start,

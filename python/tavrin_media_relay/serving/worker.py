@@ -20,7 +20,6 @@ from multiprocessing import connection
 from pathlib import Path
 from typing import Any, Callable
 
-from ..server import tokens
 from . import broker as _broker
 from .broker import Broker, BrokerError
 from .children import Child, Nursery, Start
@@ -50,10 +49,8 @@ class Settings:
     host: str = "embedded:"
     """API_HOSTNAME of the visits; "{room}" stands for the room."""
     application: str = "agent"
-    secret: str = ""
-    """Signs a token for each visit."""
-    token: str = "a-token"
-    """For all visits, without a secret."""
+    token: Callable[[str], str] = lambda room: "a-token"
+    """Gives the token for a visit to a room."""
     sessions: int = 4
     warm: int = 2
     start: Start = "auto"
@@ -422,9 +419,8 @@ class Worker:
         child = ready[0]
         self._warm.remove(child)
         settings, job = self.settings, run.job
-        token = tokens.join_token(job.room, settings.secret) if settings.secret else settings.token
         visit = Visit(
-            job, settings.host.replace("{room}", job.room), settings.application, token,
+            job, settings.host.replace("{room}", job.room), settings.application, settings.token(job.room),
             settings.alone, settings.max_age, _ORPHANED_SECONDS,
         )  # fmt: skip
         run.child, run.given_at, run.joined = child, time.monotonic(), False
