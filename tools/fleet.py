@@ -33,10 +33,16 @@ class Fleet:
     """A context manager. `processes` has them by name: broker, relay1, relay2, door, worker1, worker2."""
 
     def __init__(
-        self, folder: Path, agent: Path, port: int = 9400, servers: int = 2, workers: int = 2
+        self,
+        folder: Path,
+        agent: Path,
+        port: int = 9400,
+        servers: int = 2,
+        workers: int = 2,
+        on_join: bool = True,
     ) -> None:
         self.folder, self.agent, self.port = folder, agent, port
-        self.servers, self.workers = servers, workers
+        self.servers, self.workers, self.on_join = servers, workers, on_join
         self.secret = secrets.token_hex(16)
         self.processes: dict[str, subprocess.Popen[bytes]] = {}
         self.broker = f"redis://127.0.0.1:{port + 1}"
@@ -76,8 +82,8 @@ class Fleet:
             self._run(f"relay{number}", [
                 *ME, "relay", "serve", "--dir", str(self.folder / f"relay{number}"), "--port", str(relay),
                 "--rtp-ports", f"{first}-{first + 499}", "--anyone-may-make-rooms", "--drain", "10",
-                "--agent-check", f"127.0.0.1:{check}", "--on-join", f"*={self.agent.stem}",
-                "--broker", self.broker,
+                "--agent-check", f"127.0.0.1:{check}", "--broker", self.broker,
+                *(["--on-join", f"*={self.agent.stem}"] if self.on_join else []),
             ])  # fmt: skip
             places.append(f"127.0.0.1:{relay}/{check}")
         configuration = self.folder / "haproxy.cfg"

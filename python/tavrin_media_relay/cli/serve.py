@@ -261,6 +261,8 @@ def serve(options: argparse.Namespace, terminal: Terminal) -> int:
             if figures is not None:
                 figures.happened(kind, job, **fields)
             match kind:
+                case "taken" | "published" if options.log == "json":
+                    log(kind, job, f"{kind} after {fields['seconds'] * 1000:.1f} ms", **fields)
                 case "joined":
                     log(kind, job, f"joined after {fields['seconds'] * 1000:.0f} ms", **fields)
                 case "ended":

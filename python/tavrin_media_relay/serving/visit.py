@@ -76,7 +76,7 @@ def run(pipe: Connection, output: Connection, file: str) -> None:
         return
     try:
         preload = sys.modules.get(f"{__package__}._preload")
-        pipe.send(("ready", private_bytes(), getattr(preload, "threads", 1)))
+        pipe.send(("ready", private_bytes_of("self"), getattr(preload, "threads", 1)))
         order = pipe.recv()
     except (EOFError, OSError):
         return
@@ -116,10 +116,10 @@ def _warm_up() -> None:
         ctypes.CDLL(str(engine))
 
 
-def private_bytes() -> int:
-    """Memory of this process that no other shares."""
+def private_bytes_of(pid: int | str) -> int:
+    """Memory of a process that no other shares. OSError once it is gone."""
     total = 0
-    for line in Path("/proc/self/smaps_rollup").read_text().splitlines():
+    for line in Path(f"/proc/{pid}/smaps_rollup").read_text().splitlines():
         if line.startswith(("Private_Clean:", "Private_Dirty:")):
             total += int(line.split()[1]) * 1024
     return total
