@@ -4,6 +4,7 @@ between blocks, so that a long stream does not drift."""
 from __future__ import annotations
 
 import ctypes
+import math
 from array import array
 from typing import Any, Union
 
@@ -39,6 +40,18 @@ def _library() -> ctypes.CDLL:
     library.src_float_to_short_array.argtypes = [ctypes.c_void_p, ctypes.c_void_p, ctypes.c_int]
     library.src_strerror.restype = ctypes.c_char_p
     return library
+
+
+def from_float(samples: memoryview) -> array[int]:
+    """Floats from -1 to 1, of any size, as 16-bit samples; what exceeds them is clipped, NaN is silence."""
+    floats: array[float] = array("f", samples)
+    result = array("h", bytes(2 * len(floats)))
+    if floats:
+        if not math.isfinite(sum(floats)):
+            floats = array("f", (each if math.isfinite(each) else 0.0 for each in floats))
+        into = _library().src_float_to_short_array
+        into(floats.buffer_info()[0], result.buffer_info()[0], len(floats))
+    return result
 
 
 class _Resampler:

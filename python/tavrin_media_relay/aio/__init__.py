@@ -12,6 +12,7 @@ from ._channel import Channel, Policy
 from ._connect import connect
 from ._media import AudioIterator, MediaIterator
 from ._opening import Opening
+from ._saying import Said, Saying
 from .audio_output import AudioOutput
 from .errors import ClosedError, MediaError, PublisherError, SessionError, SubscriberError
 from .events import (
@@ -58,6 +59,8 @@ __all__ = [
     "PublisherError",
     "PublisherFailed",
     "Received",
+    "Said",
+    "Saying",
     "Session",
     "SessionDisconnected",
     "SessionError",

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import asyncio
+import time
 from typing import Callable, Literal
 
 from . import _module
@@ -56,6 +57,10 @@ class Output:
         self._at_most = 0.0  # ms in the module's queue: when last asked, and all that was added since
         self._dry = 0  # the count up to which the queue is known to have run dry
         self.cuts = 0
+        self.lost_ms = 0.0
+        """Milliseconds that clears have dropped from the module's queue."""
+        self.dry_since: float | None = None
+        """`time.monotonic()` when the module's queue was found dry; None while it is not."""
 
     def check(self) -> None:
         """Raises if nothing may be written, with the reason if it has ended."""
@@ -67,6 +72,8 @@ class Output:
         self._dry = max(self._dry, count)
         if count == self.added:
             self._at_most = 0.0
+            if self.dry_since is None:
+                self.dry_since = time.monotonic()
         self.changed.notify()
 
     @property
@@ -109,6 +116,7 @@ class Output:
             await self.changed.wait(_RETRY)
         # Counted afterwards: a worker that finds the queue dry during the call must not include this block.
         self.added += 1
+        self.dry_since = None
         self._at_most += ms
         self.written_ms += ms
 

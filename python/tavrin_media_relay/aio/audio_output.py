@@ -3,15 +3,24 @@
 from __future__ import annotations
 
 import asyncio
+import contextlib
+import os
 from array import array
-from typing import Any, Awaitable, Callable
+from pathlib import Path
+from typing import TYPE_CHECKING, Any, AsyncIterator, Awaitable, Callable, Iterable
 
+from .. import _media_files
 from .._checks import integer
 from .._native.resample import Converter, Samples
 from ..models import AudioData, SessionAudioSettings
-from . import _module
+from . import _module, _pieces
 from ._output import Output
+from ._saying import Saying, listened_to
 from .frames import AudioFrame
+
+if TYPE_CHECKING:
+    from .session import Session
+    from .subscriber import Subscriber
 
 #: Milliseconds handed over at a time, so that a clear takes effect between two pieces.
 _PIECE = 100
@@ -58,6 +67,12 @@ def as_samples(samples: Any, channels: int | None, default: int) -> tuple[memory
     return view.cast("B").cast("h"), channels
 
 
+async def _file_pieces(path: Path) -> AsyncIterator[AudioFrame]:
+    async with contextlib.aclosing(_media_files.samples(path)) as pieces:
+        async for data, rate, channels in pieces:
+            yield AudioFrame(rate, channels, memoryview(data).cast("h"), 0.0)
+
+
 class AudioOutput:
     """Sound for our stream. Writes of several tasks follow one another."""
 
@@ -75,6 +90,9 @@ class AudioOutput:
         self._rate, self._channels = form.sample_rate, form.number_of_channels
         self._converter: Converter | None = None
         self._begun = 0  # frames since silence last began: the module starts with a full period only
+        self._saying: tuple[Saying, ...] = ()
+        self.floor = asyncio.Lock()
+        """Held by the speech that is being said."""
 
     @property
     def sample_rate(self) -> int:
@@ -139,6 +157,108 @@ class AudioOutput:
         pictures are dropped with it.
         """
         return round((await self._clear())[0])
+
+    def say(
+        self,
+        pieces: Any,
+        *,
+        sample_rate: int,
+        channels: int | None = None,
+        interrupt_on: Subscriber | Session | Iterable[Subscriber | Session] | None = None,
+    ) -> Saying:
+        """Speaks what a synthesiser yields, as it comes: `said = await publisher.audio.say(...)`, or keep the
+        `Saying` that it returns, which speaks already, and `interrupt()` it. Several are said one after another.
+
+        pieces: an async or plain iterable, or one piece. A piece is any buffer of 16-bit samples or of floats
+            from -1 to 1, flat or of shape (frames, channels), of any length; or an `AudioFrame`, which carries its
+            format. A plain iterator runs on a thread of its own, so that it may compute or wait.
+        sample_rate: of the pieces, 8000 to 48000 Hz. channels: of flat pieces, 1 unless given.
+        interrupt_on: falls silent when this `Subscriber` begins to speak (or any of several, or anybody: the
+            `Session`), by the detector of `turns`.
+
+        Returns `Said` once all was heard, or was interrupted. What the iterable raises is raised after what it
+        gave before has been said; `Saying.said` tells what was heard then, and after a cancellation. Don't `write`
+        meanwhile.
+        """
+        self._output.check()
+        form = _pieces.Form(sample_rate, channels)
+        _pieces.check(pieces)
+        return self._begin(_pieces.each(pieces), form, interrupt_on)
+
+    def play(
+        self,
+        path: str | os.PathLike[str],
+        *,
+        interrupt_on: Subscriber | Session | Iterable[Subscriber | Session] | None = None,
+    ) -> Saying:
+        """Like `say`, for the sound of a file: WAV, and with the program ffmpeg whatever that reads.
+
+        Awaiting it raises `FileNotFoundError`, or `ValueError` for a file without sound.
+        """
+        self._output.check()
+        form = _pieces.Form(_media_files.RATE, _media_files.CHANNELS)
+        return self._begin(_file_pieces(Path(path)), form, interrupt_on)
+
+    def interrupt(self) -> None:
+        """Falls silent: ends every speech begun by `say` and `play`. Does nothing if there is none."""
+        for saying in self._saying:
+            saying.interrupt()
+
+    @property
+    def saying(self) -> Saying | None:
+        """The speech begun last, or None: its `said` tells what was heard."""
+        return self._saying[-1] if self._saying else None
+
+    def _begin(self, pieces: AsyncIterator[Any], form: _pieces.Form, interrupt_on: Any) -> Saying:
+        sources = listened_to(interrupt_on)
+        saying = Saying(self, pieces, form, sources)
+        self._saying = (*(each for each in self._saying if not each.done), saying)
+        return saying
+
+    # ---- for a speech -------------------------------------------------------------------------------------
+
+    @property
+    def period(self) -> int:
+        """Frames that the module hands over at a time."""
+        return self._rate // _PERIODS_A_SECOND
+
+    @property
+    def cuts(self) -> int:
+        """How often it was cleared."""
+        return self._output.cuts
+
+    @property
+    def lost(self) -> float:
+        """Seconds that clears have dropped from the module's queue."""
+        return self._output.lost_ms / 1000
+
+    @property
+    def dry_since(self) -> float | None:
+        """`time.monotonic()` when the module told that its queue had run dry; None while it is not."""
+        return self._output.dry_since
+
+    async def hand_over(self, samples: Samples, cuts: int) -> bool:
+        """Queues whole periods in the session's form, once there is room; False if a clear came first."""
+        output = self._output
+        async with output.turn:
+            await self._ready()
+            await self._change_form(self._rate, self._channels, cuts)
+            if not await output.room(len(samples) / self._channels / self._rate * 1000, cuts):
+                return False
+            await self._add(samples)
+        return True
+
+    async def wait_dry(self) -> None:
+        """Until the module tells that its queue has run dry, or it is cleared."""
+        await self._output.wait_dry()
+
+    async def wait_ended(self) -> None:
+        """Raises ClosedError when the stream ends."""
+        while True:
+            await self._output.changed.wait()
+
+    async def fall_silent(self) -> None:
+        await self._clear()
 
     async def _change_form(self, rate: int, channels: int, cuts: int) -> None:
         """Prepares the conversion from this form, after writing out the rest of another form's converter."""

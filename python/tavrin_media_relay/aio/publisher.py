@@ -114,6 +114,7 @@ class Publisher:
             dry = all(output.is_dry for output in self._outputs)
             dropped = [0.0, 0.0] if dry else list(await _module.call(_clear_and_measure))
             for output in self._outputs:
+                output.lost_ms += dropped[output.side]
                 dropped[output.side] += output.cut_ms
                 output.cut_ms = 0.0
                 output.emptied()

@@ -3,23 +3,20 @@ ffmpeg."""
 
 from __future__ import annotations
 
-import asyncio
 import contextlib
 import json
 import shutil
 import subprocess
-import tempfile
 from dataclasses import dataclass
 from pathlib import Path
-from typing import AsyncGenerator, AsyncIterator
+from typing import AsyncGenerator
 
-from .._media_files import decoding, open_wave, sound_options
+from .. import _media_files
+from .._media_files import CHANNELS, RATE, Unreadable, blocks, decoder, open_wave
 from ..models import frame_buffer_size
 from ._failure import Failure
 
-RATE, CHANNELS = 48000, 2  # of what ffmpeg gives
 STILL_SECONDS = 5.0
-_PIECE = 0.1  # seconds of sound at a time
 _MAX_FPS = 60
 
 
@@ -40,8 +37,6 @@ class MediaFile:
     audio: bool
     video: Form | None
     still: bool = False
-    wave: bool = False
-    """Read without ffmpeg."""
 
 
 def _probe_wave(path: Path) -> MediaFile | None:
@@ -51,7 +46,7 @@ def _probe_wave(path: Path) -> MediaFile | None:
     with file:
         if file.getnchannels() > 2:
             return None
-        return MediaFile(path, file.getnframes() / file.getframerate(), True, None, wave=True)
+        return MediaFile(path, file.getnframes() / file.getframerate(), True, None)
 
 
 def _rate(text: str) -> float:
@@ -97,49 +92,14 @@ def probe(path: Path) -> MediaFile:
     return MediaFile(path, seconds, audio, video, still)
 
 
-@contextlib.asynccontextmanager
-async def _ffmpeg(
-    path: Path, before: list[str], after: list[str], limit: int
-) -> AsyncIterator[asyncio.StreamReader]:
-    """The decoder's output. Raises Failure at its end if it failed; ends the decoder if we stop first."""
-    with tempfile.TemporaryFile() as complaints:
-        process = await asyncio.create_subprocess_exec(
-            *decoding(path, after, before),
-            stdin=asyncio.subprocess.DEVNULL, stdout=asyncio.subprocess.PIPE, stderr=complaints,
-            limit=limit, start_new_session=True,  # Ctrl-C is for us
-        )  # fmt: skip
-        assert process.stdout is not None
-        try:
-            yield process.stdout
-            code = await process.wait()
-        finally:
-            if process.returncode is None:
-                process.kill()
-                while await process.stdout.read(65536):  # to the end: until then asyncio keeps the pipe
-                    pass
-                await process.wait()
-        if code:
-            complaints.seek(0)
-            lines = complaints.read().decode(errors="replace").strip().splitlines()
-            reason = (lines or [f"ffmpeg ended with code {code}"])[-1]
-            raise Failure(f"{path}: {reason.removeprefix(f'file:{path}: ')}")
-
-
 async def samples(file: MediaFile) -> AsyncGenerator[tuple[bytes, int, int], None]:
     """Blocks of a tenth of a second: 16-bit samples, their rate and channels."""
-    if file.wave:
-        reader = open_wave(file.path)
-        if reader is None:
-            raise Failure(f"{file.path}: has changed since it was looked at")
-        with reader:
-            rate, channels = reader.getframerate(), reader.getnchannels()
-            while piece := reader.readframes(int(rate * _PIECE)):
-                yield piece, rate, channels
-        return
-    size = int(RATE * _PIECE) * CHANNELS * 2
-    async with _ffmpeg(file.path, [], sound_options(RATE, CHANNELS), 2 * size) as pipe:
-        async for piece in _blocks(pipe, size):
-            yield piece[: len(piece) // (2 * CHANNELS) * (2 * CHANNELS)], RATE, CHANNELS
+    try:
+        async with contextlib.aclosing(_media_files.samples(file.path)) as pieces:
+            async for piece in pieces:
+                yield piece
+    except (Unreadable, FileNotFoundError) as error:
+        raise Failure(str(error)) from error
 
 
 async def pictures(file: MediaFile, form: Form) -> AsyncGenerator[bytes, None]:
@@ -150,18 +110,10 @@ async def pictures(file: MediaFile, form: Form) -> AsyncGenerator[bytes, None]:
     size = frame_buffer_size(width, height, "YUV420P")
     before = ["-loop", "1", "-t", str(STILL_SECONDS)] if file.still else []
     after = ["-an", "-vf", f"fps={form.fps},{scale},{pad}", "-pix_fmt", "yuv420p", "-f", "rawvideo"]
-    async with _ffmpeg(file.path, before, after, 2 * size) as pipe:
-        async for picture in _blocks(pipe, size):
-            if len(picture) == size:
-                yield picture
-
-
-async def _blocks(pipe: asyncio.StreamReader, size: int) -> AsyncIterator[bytes]:
-    """The last one may be short."""
-    while True:
-        try:
-            yield await pipe.readexactly(size)
-        except asyncio.IncompleteReadError as error:
-            if error.partial:
-                yield error.partial
-            return
+    try:
+        async with decoder(file.path, before, after, 2 * size) as pipe:
+            async for picture in blocks(pipe, size):
+                if len(picture) == size:
+                    yield picture
+    except Unreadable as error:
+        raise Failure(str(error)) from error
