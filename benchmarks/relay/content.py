@@ -48,8 +48,7 @@ class Pictures:
 def read_stamp(luma: np.ndarray[Any, np.dtype[np.uint8]]) -> int:
     cell = min(CELL, luma.shape[1] // BITS)
     bits = luma[cell // 2, cell // 2 : BITS * cell : cell] > 126
-    # Not by a product of matrices: numpy 1.24 loses objects with each product of booleans and integers.
-    return int.from_bytes(np.packbits(bits, bitorder="little").tobytes(), "little")
+    return int(bits @ (1 << np.arange(BITS, dtype=np.int64)))
 
 
 def age(stamp: int) -> float:

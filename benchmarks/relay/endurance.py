@@ -61,7 +61,7 @@ class Stream:
         with self._lock:
             ages, heard = self._listener.ages, self._listener.heard
             frames, self._listener.frames = self._listener.frames, 0
-            self._listener.ages, self._listener.heard = [], []
+            self._listener.ages, self._listener.heard, self._listener.shown = [], [], []
         delays = self._bursts.delays(heard)
         video = statistics.median(ages) if ages else float("nan")
         audio = statistics.median(delays) if delays else float("nan")

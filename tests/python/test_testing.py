@@ -211,6 +211,12 @@ def test_rehearsals(tmp_path):
         assert part in shown, done.stdout + done.stderr
 
 
+def test_turns_of_speech_and_what_is_said():
+    """Rehearsals, too: tests/speech."""
+    done = pytest_of("tests/speech")
+    assert done.returncode == 0, done.stdout + done.stderr
+
+
 def test_the_plug_in_asks_for_nothing_until_it_is_used():
     """It is loaded by every pytest of an environment."""
     code = "import sys, tavrin_media_relay.testing.plugin; print(*sys.modules)"

@@ -12,6 +12,7 @@ from ._channel import Channel, Policy
 from ._connect import connect
 from ._media import AudioIterator, MediaIterator
 from ._opening import Opening
+from ._turns import SpeechEnded, SpeechStarted, Turns
 from ._saying import Said, Saying
 from .audio_output import AudioOutput
 from .errors import ClosedError, MediaError, PublisherError, SessionError, SubscriberError
@@ -67,6 +68,8 @@ __all__ = [
     "SessionFailed",
     "SessionLost",
     "SessionRejoined",
+    "SpeechEnded",
+    "SpeechStarted",
     "Statistics",
     "Stream",
     "StreamDropped",
@@ -77,6 +80,7 @@ __all__ = [
     "SubscriberDisconnected",
     "SubscriberError",
     "SubscriberFailed",
+    "Turns",
     "VideoFrame",
     "VideoOutput",
     "connect",

@@ -75,7 +75,7 @@ class Form:
 def _view(piece: Any) -> memoryview:
     for attempt in (lambda: piece, lambda: piece.__array__()):  # the second: tensors
         with contextlib.suppress(TypeError, AttributeError):
-            return memoryview(attempt())
+            return memoryview(attempt())  # type: ignore[no-untyped-call]
     raise TypeError(
         "a piece must be a buffer of samples (bytes, array, memoryview, numpy) or an AudioFrame, not "
         f"{piece!r:.80}"

@@ -250,7 +250,9 @@ def listened_to(interrupt_on: Any) -> tuple[Listened, ...]:
     if interrupt_on is None:
         return ()
     sources: Iterable[Any] = (
-        (interrupt_on,) if hasattr(interrupt_on, "turns") or not hasattr(interrupt_on, "__iter__") else interrupt_on
+        (interrupt_on,)
+        if hasattr(interrupt_on, "turns") or not hasattr(interrupt_on, "__iter__")
+        else interrupt_on
     )
     found = tuple(sources)
     for source in found:

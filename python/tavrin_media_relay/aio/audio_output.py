@@ -167,18 +167,18 @@ class AudioOutput:
         interrupt_on: Subscriber | Session | Iterable[Subscriber | Session] | None = None,
     ) -> Saying:
         """Speaks what a synthesiser yields, as it comes: `said = await publisher.audio.say(...)`, or keep the
-        `Saying` that it returns, which speaks already, and `interrupt()` it. Several are said one after another.
+        `Saying` that it returns, which speaks already, and `interrupt()` it. Several are said in turn.
 
         pieces: an async or plain iterable, or one piece. A piece is any buffer of 16-bit samples or of floats
-            from -1 to 1, flat or of shape (frames, channels), of any length; or an `AudioFrame`, which carries its
-            format. A plain iterator runs on a thread of its own, so that it may compute or wait.
+            from -1 to 1, flat or of shape (frames, channels), of any length; or an `AudioFrame`, which
+            carries its format. A plain iterator runs on a thread of its own: it may compute or wait.
         sample_rate: of the pieces, 8000 to 48000 Hz. channels: of flat pieces, 1 unless given.
         interrupt_on: falls silent when this `Subscriber` begins to speak (or any of several, or anybody: the
             `Session`), by the detector of `turns`.
 
-        Returns `Said` once all was heard, or was interrupted. What the iterable raises is raised after what it
-        gave before has been said; `Saying.said` tells what was heard then, and after a cancellation. Don't `write`
-        meanwhile.
+        Returns `Said` once all was heard, or was interrupted. What the iterable raises is raised after what
+        it gave before has been said; `Saying.said` tells what was heard then, and after a cancellation.
+        Don't `write` meanwhile.
         """
         self._output.check()
         form = _pieces.Form(sample_rate, channels)

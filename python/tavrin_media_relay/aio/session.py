@@ -29,6 +29,7 @@ from ._fan import Fan
 from ._media import AudioIterator, take_audio
 from ._opening import Opening, attempt
 from ._session_state import SessionState
+from ._turns import Turns
 from ._wakeups import settle
 from .errors import ClosedError, PublisherError, SessionError, SubscriberError
 from .events import Event
@@ -128,6 +129,11 @@ class Session:
         """The mix of all subscribed streams, 10 ms at a time, silence too; see `Subscriber.audio_frames`."""
         self._state.check()
         return AudioIterator(self._mix, capacity, policy, sample_rate, channels)
+
+    def turns(self, *, pause: float = 0.5, sample_rate: int = 16000) -> Turns:
+        """What is said by anybody whose stream is subscribed to, turn by turn; see `Subscriber.turns`."""
+        self._state.check()
+        return Turns(self._mix, self._state.waker, pause, sample_rate)
 
     async def wait_for_stream(self, suits: Callable[[Stream], bool] | None = None) -> Stream:
         """The first matching stream, present or future; ClosedError if the session ends first."""

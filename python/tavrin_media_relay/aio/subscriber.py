@@ -15,6 +15,7 @@ from ._fan import Fan
 from ._media import CAPTIONS_CAPACITY, VIDEO_CAPACITY, AudioIterator, MediaIterator, take_audio
 from ._opening import attempt, settled_or_assumed
 from ._session_state import SessionState
+from ._turns import Turns
 from ._wakeups import settle
 from .errors import ClosedError, SubscriberError
 from .frames import AudioFrame, Caption, VideoFrame
@@ -72,6 +73,16 @@ class Subscriber:
         """
         self._check("audio", self._settings.subscribe_to_audio)
         return AudioIterator(self._audio_fan, capacity, policy, sample_rate, channels)
+
+    def turns(self, *, pause: float = 0.5, sample_rate: int = 16000) -> Turns:
+        """What the participant says, turn by turn: `SpeechStarted` within 60 ms, and `SpeechEnded`, with what
+        was said, once they were silent for `pause` seconds.
+
+        sample_rate: of what was said, 8000 to 48000 Hz, one channel. The detector runs where the sound
+        arrives, from this call on. RuntimeError where libtavrin_speech.so is missing.
+        """
+        self._check("audio", self._settings.subscribe_to_audio)
+        return Turns(self._audio_fan, self._state.waker, pause, sample_rate)
 
     def video_frames(
         self, *, capacity: int | None = None, policy: Policy = "drop_oldest"

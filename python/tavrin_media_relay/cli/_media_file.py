@@ -12,7 +12,7 @@ from pathlib import Path
 from typing import AsyncGenerator
 
 from .. import _media_files
-from .._media_files import CHANNELS, RATE, Unreadable, blocks, decoder, open_wave
+from .._media_files import Unreadable, blocks, decoder, open_wave
 from ..models import frame_buffer_size
 from ._failure import Failure
 

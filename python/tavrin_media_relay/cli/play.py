@@ -11,6 +11,7 @@ from typing import Any
 
 from ..aio import Publisher
 from ..models import SessionAudioSettings, SessionAVSettings, SessionVideoPublisherSettings, VideoResolution
+from .. import _media_files
 from . import _media_file
 from ._media_file import Form, MediaFile
 from ._options import add_session_options, command, number
@@ -122,7 +123,7 @@ def play(options: argparse.Namespace, terminal: Terminal) -> int:
     files = [_media_file.probe(path) for path in options.files]
     form = _form(files, options)
     audio = any(each.audio for each in files)
-    av = SessionAVSettings(audio_publisher=SessionAudioSettings(_media_file.RATE, _media_file.CHANNELS))
+    av = SessionAVSettings(audio_publisher=SessionAudioSettings(_media_files.RATE, _media_files.CHANNELS))
     if form is not None:
         av.video_publisher = SessionVideoPublisherSettings(VideoResolution(form.width, form.height), form.fps)
 
