@@ -1,11 +1,11 @@
-"""Voice activity detectors on recorded speech with noise: what they miss, what they invent, how late they are.
+"""Voice activity detectors on speech with noise: what they miss, what they invent, how late they are.
 
     ./dev python benchmarks/speech/compare.py [--webrtcvad PYTHON]
 
-The recordings are Debian's asterisk-core-sounds-en-wav, each between two seconds of the noise alone; where the
-clean recording is louder than -42 dB (with gaps under 0.3 s closed), somebody speaks. All detectors are asked
-every 10 ms and smoothed as `turns` does: 3 of 5 blocks begin a turn, the same rule ends it. --webrtcvad names a
-Python that has the package webrtcvad."""
+The recordings are Debian's asterisk-core-sounds-en-wav, each between two seconds of the noise alone; where
+the clean recording is louder than -42 dB (with gaps under 0.3 s closed), somebody speaks. All detectors are
+asked every 10 ms and smoothed as `turns` does: 3 of 5 blocks begin a turn, the same rule ends it. --webrtcvad
+names a Python that has the package webrtcvad."""
 
 from __future__ import annotations
 
