@@ -7,8 +7,8 @@ from pathlib import Path
 from typing import Protocol
 
 MODEL = Path("/usr/share/pocketsphinx/model/en-us")
-# Log likelihood for a hundredth of a second. What fits the grammar has -9 to -18 with clear speech, short words
-# down to -24; words that are not in it, forced into it, have -28 and less.
+# Log likelihood for a hundredth of a second. What fits the grammar has -9 to -18 with clear speech, and short
+# words down to -24; words that are not in it, forced into it, have -28 and less.
 LEAST_LIKELY = -25.0
 PERIODS_A_SECOND = 100
 

@@ -7,19 +7,63 @@ import contextlib
 import time
 from array import array
 from dataclasses import dataclass
-from typing import TYPE_CHECKING, Any, AsyncIterator, Generator, Iterable, Union
+from typing import Any, AsyncIterator, Generator, Iterable, Protocol
 
 from .. import _tasks
 from .._native.resample import Converter
 from . import _pieces
 from .errors import ClosedError
 
-if TYPE_CHECKING:
-    from .audio_output import AudioOutput
-    from .session import Session
-    from .subscriber import Subscriber
 
-    Listened = Union[Subscriber, Session]
+class Listened(Protocol):
+    """A `Subscriber` or the `Session`."""
+
+    def turns(self) -> AsyncIterator[Any]:
+        """Whatever comes, somebody speaks."""
+        ...
+
+
+class Speaker(Protocol):
+    """The output that a speech goes to."""
+
+    floor: asyncio.Lock
+
+    @property
+    def sample_rate(self) -> int:
+        ...
+
+    @property
+    def channels(self) -> int:
+        ...
+
+    @property
+    def period(self) -> int:
+        ...
+
+    @property
+    def cuts(self) -> int:
+        ...
+
+    @property
+    def lost(self) -> float:
+        ...
+
+    @property
+    def dry_since(self) -> float | None:
+        ...
+
+    async def hand_over(self, samples: Any, cuts: int) -> bool:
+        ...
+
+    async def wait_dry(self) -> None:
+        ...
+
+    async def wait_ended(self) -> None:
+        ...
+
+    async def fall_silent(self) -> None:
+        ...
+
 
 #: Seconds for which a synthesiser that was stopped may clean up, before it is left to itself.
 _CLEAN_UP = 1.0
@@ -44,7 +88,7 @@ class Said:
     interrupted: bool = False
     """It was cut short: by `interrupt`, `clear`, a cancellation, the participant listened to, or the end of
     the stream."""
-    interrupted_by: Subscriber | Session | None = None
+    interrupted_by: Listened | None = None
     """Of those named in `interrupt_on`, who spoke."""
     gaps: int = 0
     """Times that the others heard silence because the synthesiser was late."""
@@ -65,7 +109,7 @@ class Saying:
 
     def __init__(
         self,
-        output: AudioOutput,
+        output: Speaker,
         pieces: AsyncIterator[Any],
         form: _pieces.Form,
         interrupt_on: tuple[Listened, ...],

@@ -7,7 +7,7 @@ import contextlib
 import os
 from array import array
 from pathlib import Path
-from typing import TYPE_CHECKING, Any, AsyncIterator, Awaitable, Callable, Iterable
+from typing import Any, AsyncIterator, Awaitable, Callable, Iterable
 
 from .. import _media_files
 from .._checks import integer
@@ -15,12 +15,8 @@ from .._native.resample import Converter, Samples
 from ..models import AudioData, SessionAudioSettings
 from . import _module, _pieces
 from ._output import Output
-from ._saying import Saying, listened_to
+from ._saying import Listened, Saying, listened_to
 from .frames import AudioFrame
-
-if TYPE_CHECKING:
-    from .session import Session
-    from .subscriber import Subscriber
 
 #: Milliseconds handed over at a time, so that a clear takes effect between two pieces.
 _PIECE = 100
@@ -164,7 +160,7 @@ class AudioOutput:
         *,
         sample_rate: int,
         channels: int | None = None,
-        interrupt_on: Subscriber | Session | Iterable[Subscriber | Session] | None = None,
+        interrupt_on: Listened | Iterable[Listened] | None = None,
     ) -> Saying:
         """Speaks what a synthesiser yields, as it comes: `said = await publisher.audio.say(...)`, or keep the
         `Saying` that it returns, which speaks already, and `interrupt()` it. Several are said in turn.
@@ -189,7 +185,7 @@ class AudioOutput:
         self,
         path: str | os.PathLike[str],
         *,
-        interrupt_on: Subscriber | Session | Iterable[Subscriber | Session] | None = None,
+        interrupt_on: Listened | Iterable[Listened] | None = None,
     ) -> Saying:
         """Like `say`, for the sound of a file: WAV, and with the program ffmpeg whatever that reads.
 
