@@ -9,8 +9,8 @@ namespace {
 constexpr Micros kReportInterval{1'000'000};
 // Between two requests for the same packet: longer than the way to a server and back mostly is.
 constexpr Micros kAskAgain{40'000};
-// The server may hold back a second answer about a packet for 200 ms: the last requests are for what
-// was lost a second time.
+// The server may hold back a second answer about a packet for 200 ms: the last requests are for
+// what was lost a second time.
 constexpr unsigned kMaxAsked = 8;
 // Sound is asked for once: a second answer would come too late.
 constexpr unsigned kMaxAskedOfSound = 1;
