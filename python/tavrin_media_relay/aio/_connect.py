@@ -4,7 +4,7 @@ from __future__ import annotations
 
 
 from .._checks import number, of_type
-from ..models import SessionSettings
+from ..models import LoggingSettings, SessionSettings
 from ._opening import Opening
 from .session import Session
 
@@ -23,7 +23,8 @@ def connect(
     """Joins a session: `async with connect(...) as session:`, or `session = await connect(...)` and, in the
     end, `await session.close()`.
 
-    settings: media formats, log level. timeout: seconds until the attempt is abandoned.
+    settings: media formats, log level; None: all defaults, and a log of errors alone. timeout: seconds until
+    the attempt is abandoned.
 
     rejoin: when the server, or the way to it, is lost, the session is joined again under the same address,
     for so many seconds (True: 60) before it fails. Then a `SessionLost` comes, with all participants dropped,
@@ -45,7 +46,7 @@ def connect(
     patience = _REJOIN_SECONDS if rejoin is True else float(rejoin)
 
     async def begin() -> Session:
-        session = Session(session_id, settings or SessionSettings(), patience)
+        session = Session(session_id, settings or SessionSettings(logging=LoggingSettings("error")), patience)
         return await session.open(application_id, token, timeout)
 
     return Opening(begin)
