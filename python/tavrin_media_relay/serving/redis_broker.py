@@ -235,6 +235,7 @@ class RedisBroker:
         self._prefix, self._lease_ms = prefix, round(lease * 1000)
         self._owners_first = lease + owners_first
         self._reached: float | None = None  # since when, without a failure
+        self._closed = False
         self._run_id = ""  # of the server
         self._client, self._place = _client_of(url)
         self._scripts: dict[str, Any] = {}
@@ -378,6 +379,7 @@ class RedisBroker:
         return max(0, int(self._ask(lambda client: client.xlen(stream))) - held)
 
     def close(self) -> None:
+        self._closed = True
         self._client.connection_pool.disconnect()
 
     # ---- the rest -----------------------------------------------------------------------------------------
@@ -476,6 +478,8 @@ class RedisBroker:
         return self._ask(lambda client: self._scripts[script](list(keys), list(arguments)))
 
     def _ask(self, question: Callable[[Any], Any]) -> Any:
+        if self._closed:
+            raise BrokerError(f"{self._place}: the connection has been closed")
         try:
             answer = question(self._client)
         except redis.ResponseError as error:
@@ -488,6 +492,10 @@ class RedisBroker:
             self._reached = None
             self._groups.clear()  # it may come back without its memory
             raise BrokerError(f"{self._place} is away: {_short(error)}") from None
+        except (AttributeError, ValueError):  # what the client does when its connection goes under its feet
+            if not self._closed:
+                raise
+            raise BrokerError(f"{self._place}: the connection has been closed") from None
         if self._reached is None:
             self._reached = time.monotonic()
         return answer
