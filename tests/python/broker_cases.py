@@ -8,7 +8,7 @@ import time
 import pytest
 
 from tavrin_media_relay.serving.broker import ATTEMPTS, Broker
-from tavrin_media_relay.serving.jobs import DATA_LIMIT, WorkerStatus
+from tavrin_media_relay.serving.jobs import DATA_LIMIT, JobStatus, WorkerStatus
 
 LEASE = 0.6
 
@@ -22,6 +22,12 @@ def until(what, seconds: float = 5.0):
     return found
 
 
+def status(broker: Broker, job_id: str) -> JobStatus:
+    found = broker.job(job_id)
+    assert found is not None, job_id
+    return found
+
+
 def taken(broker: Broker, worker: str = "w1", agent: str = "a"):
     job = broker.take(worker, agent, 2.0)
     assert job is not None
@@ -32,19 +38,19 @@ def a_job_goes_from_its_dispatch_to_its_end(broker: Broker) -> None:
     assert broker.take("w1", "a", 0.02) is None
     name = broker.dispatch("a", "room", {"caller": "Zoë", "list": [1, None]})
     broker.dispatch("other", "room")
-    assert broker.waiting("a") == 1 and broker.job(name).state == "queued"
+    assert broker.waiting("a") == 1 and status(broker, name).state == "queued"
     job = taken(broker)
     assert (job.id, job.room, job.attempt) == (name, "room", 1)
     assert job.data == {"caller": "Zoë", "list": [1, None]}
     assert abs(job.dispatched_at - time.time()) < 5
-    assert broker.job(name).state == "taken" and broker.waiting("a") == 0
+    assert status(broker, name).state == "taken" and broker.waiting("a") == 0
     assert broker.start("w1", job) is None
     broker.tell("w1", job, "running")
     assert [(each.state, each.worker) for each in broker.jobs("a")] == [("running", "w1")]
     assert broker.beat("w1", [job]) == broker.beat("w1", [job])
     broker.finish("w1", job, "failed", "it was raining")
-    status = broker.job(name)
-    assert (status.state, status.why, status.worker) == ("failed", "it was raining", "w1")
+    last = status(broker, name)
+    assert (last.state, last.why, last.worker) == ("failed", "it was raining", "w1")
     assert broker.jobs("a") == [] and len(broker.jobs()) == 1
     assert broker.job("a:1-1") is None and broker.job("nonsense") is None
 
@@ -72,7 +78,7 @@ def a_room_has_one_agent_of_a_name(broker: Broker) -> None:
     first, second, third, other = taken(broker), taken(broker), taken(broker), taken(broker, "w1", "b")
     assert [broker.start("w1", each) for each in (first, third, other)] == [None, None, None]
     assert broker.start("w1", second) == first.id
-    assert broker.job(second.id).state == "ended" and first.id in broker.job(second.id).why
+    assert status(broker, second.id).state == "ended" and first.id in status(broker, second.id).why
     broker.finish("w1", first, "ended")
     broker.dispatch("a", "room")
     assert broker.start("w1", taken(broker)) is None
@@ -98,7 +104,7 @@ def who_does_not_beat_loses_the_job_and_learns_it(broker: Broker) -> None:
     broker.tell("w1", lost, "running")
     broker.finish("w1", lost, "failed")
     broker.hand_back("w1", lost)
-    assert (broker.job(lost.id).state, broker.job(lost.id).worker) == ("starting", "w2")
+    assert (status(broker, lost.id).state, status(broker, lost.id).worker) == ("starting", "w2")
     assert broker.beat("w2", [again]).lost == frozenset()
 
 
@@ -108,8 +114,8 @@ def what_kills_its_workers_is_set_aside(broker: Broker) -> None:
     for attempt in range(2, ATTEMPTS + 1):
         (job,) = until(lambda: broker.take_over(f"w{attempt}", "a", 1))
         assert job.attempt == attempt and broker.start(f"w{attempt}", job) is None
-    until(lambda: not broker.take_over("w9", "a", 1) and broker.job(name).state == "failed")
-    assert str(ATTEMPTS) in broker.job(name).why
+    until(lambda: not broker.take_over("w9", "a", 1) and status(broker, name).state == "failed")
+    assert str(ATTEMPTS) in status(broker, name).why
     assert [(each.job.id, each.state) for each in broker.jobs("a")] == [(name, "failed")]
     broker.dispatch("a", "room")
     assert broker.start("w1", taken(broker)) is None
@@ -120,7 +126,7 @@ def what_is_handed_back_is_taken_by_another_without_counting(broker: Broker) -> 
     job = taken(broker)
     assert broker.start("w1", job) is None
     broker.hand_back("w1", job)
-    assert broker.job(name).state == "queued"
+    assert status(broker, name).state == "queued"
     again = until(lambda: broker.take("w2", "a", 0.01) or next(iter(broker.take_over("w2", "a", 1)), None))
     assert (again.id, again.attempt) == (name, 1)
     assert broker.start("w2", again) is None
@@ -129,7 +135,7 @@ def what_is_handed_back_is_taken_by_another_without_counting(broker: Broker) -> 
 
 def a_stop_reaches_a_job_wherever_it_is(broker: Broker) -> None:
     queued, running = broker.dispatch("a", "later"), None
-    assert broker.stop(queued) and broker.job(queued).state == "stopped" and broker.jobs("a") == []
+    assert broker.stop(queued) and status(broker, queued).state == "stopped" and broker.jobs("a") == []
     running = broker.dispatch("a", "room")
     job = taken(broker)
     assert job.id == running and broker.start("w1", job) is None

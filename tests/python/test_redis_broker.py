@@ -11,7 +11,7 @@ import pytest
 
 redis = pytest.importorskip("redis", reason="python3-redis is not installed")
 
-from broker_cases import CASES, LEASE, taken, until  # noqa: E402
+from broker_cases import CASES, LEASE, status, taken, until  # noqa: E402
 from redis_server import RedisServer, answers, free_port, redis_server  # noqa: E402
 
 from tavrin_media_relay.serving.broker import BrokerError  # noqa: E402
@@ -57,7 +57,7 @@ class Dying:
                 raise SystemExit
             return answer
 
-        self.broker._ask = counted
+        setattr(self.broker, "_ask", counted)
 
     def serve(self, rooms: dict[str, str]) -> None:
         """One round of a worker. `rooms` is the world: who thinks to be in which room."""
@@ -88,7 +88,7 @@ def test_a_worker_that_dies_at_any_step_loses_no_job_and_leaves_no_second_agent(
 
         def ended() -> bool:
             heir.serve(rooms)
-            return broker.job(name).state == "ended"
+            return status(broker, name).state == "ended"
 
         until(ended)
     assert broker.jobs() == [] and broker.waiting("a") == 0

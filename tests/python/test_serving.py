@@ -46,6 +46,7 @@ class Serving:
         self.wait("serving")
 
     def _read(self) -> None:
+        assert self.process.stdout is not None
         for line in self.process.stdout:
             self._queue.put(json.loads(line))
         self._queue.put(None)
@@ -64,7 +65,8 @@ class Serving:
         return asyncio.run(serving.dispatch(room, "greeter", data))
 
     def state(self, job_id: str) -> str:
-        return asyncio.run(serving.job(job_id)).state
+        found = asyncio.run(serving.job(job_id))
+        return found.state if found else "unknown"
 
     def end(self, *signals: int) -> float:
         began = time.monotonic()

@@ -73,9 +73,12 @@ class Form:
 
 
 def _view(piece: Any) -> memoryview:
-    for attempt in (lambda: piece, lambda: piece.__array__()):  # the second: tensors
-        with contextlib.suppress(TypeError, AttributeError):
-            return memoryview(attempt())  # type: ignore[no-untyped-call]
+    with contextlib.suppress(TypeError):
+        return memoryview(piece)
+    array_of: Any = getattr(piece, "__array__", None)  # tensors have it
+    if callable(array_of):
+        with contextlib.suppress(TypeError):
+            return memoryview(array_of())
     raise TypeError(
         "a piece must be a buffer of samples (bytes, array, memoryview, numpy) or an AudioFrame, not "
         f"{piece!r:.80}"

@@ -18,6 +18,7 @@ A lease is an entry's idle time on the server's own clock, so no two machines' c
 
 from __future__ import annotations
 
+import contextlib
 import json
 import os
 import time
@@ -380,7 +381,11 @@ class RedisBroker:
 
     def close(self) -> None:
         self._closed = True
-        self._client.connection_pool.disconnect()
+        # Beside a thread that waits in one the client stumbles over its own connections.
+        for _ in range(3):
+            with contextlib.suppress(AttributeError, OSError):
+                self._client.connection_pool.disconnect()
+                return
 
     # ---- the rest -----------------------------------------------------------------------------------------
 

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import json
 import os
 import re
 import shutil
@@ -37,7 +38,7 @@ def worker_of(fleet: Fleet) -> str:
         lines = (fleet.folder / f"worker{number}.log").read_text().splitlines()
         joined = [line for line in lines if '"event": "joined"' in line]
         if joined:
-            found[float(re.search(r'"time": ([\d.]+)', joined[-1])[1])] = f"worker{number}"
+            found[float(json.loads(joined[-1])["time"])] = f"worker{number}"
     return found[max(found)]
 
 
