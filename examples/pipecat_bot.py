@@ -66,11 +66,11 @@ async def run(transport: TavrinTransport) -> None:
     pipeline = Pipeline([transport.input(), Answers(), Espeak(), transport.output()])
     worker = PipelineWorker(pipeline, idle_timeout_secs=None)
 
-    @transport.event_handler("on_first_participant_joined")
+    @transport.event_handler("on_first_participant_joined")  # type: ignore[misc]
     async def greet(_transport: TavrinTransport, _participant: str) -> None:
         await worker.queue_frame(TTSSpeakFrame("Hello! Say something."))
 
-    @transport.event_handler("on_participant_left")
+    @transport.event_handler("on_participant_left")  # type: ignore[misc]
     async def end(_transport: TavrinTransport, _participant: str, _reason: str) -> None:
         await worker.queue_frame(EndFrame())
 
