@@ -13,7 +13,7 @@ from ._connect import connect
 from ._media import AudioIterator, MediaIterator
 from ._opening import Opening
 from ._turns import SpeechEnded, SpeechStarted, Turns
-from ._saying import Said, Saying
+from ._saying import Listened, Said, Saying
 from .audio_output import AudioOutput
 from .errors import ClosedError, MediaError, PublisherError, SessionError, SubscriberError
 from .events import (
@@ -51,6 +51,7 @@ __all__ = [
     "ConnectionDropped",
     "Event",
     "Layout",
+    "Listened",
     "MediaError",
     "MediaIterator",
     "Opening",
