@@ -293,10 +293,11 @@ void RelaySession::on_resumed() {
   if (!room_) return;
   for (const auto& stream : streams()) stream->resumed();
   client_.message(handle_, access_.request("listparticipants"), "", "",
-                  [this](const JanusReply& reply) {
+                  [this, time = ++resumptions_](const JanusReply& reply) {
                     if (reply.ok()) {
                       room_->resynchronise(list_of(reply.data(), "participants"));
-                    } else {
+                    } else if (time == resumptions_ && client_.is_open()) {
+                      // Else the connection broke again, and who is there is asked once more.
                       const Failure failure = session_failure("asking who is in the room", reply);
                       fail({SRN_SESSION_CONNECTION_DROPPED, failure.text});
                     }

@@ -73,6 +73,7 @@ class RelaySession : public JanusObserver, public RoomObserver {
   std::shared_ptr<SessionSink> sink_;
   JanusClient client_;
   std::optional<NetworkWatch> watch_;  // once joined
+  unsigned resumptions_ = 0;
   RoomAccess access_;
   std::uint64_t handle_ = 0;  // of our own participation
   // The first publication takes the handle; another may reuse it after the server hung up.

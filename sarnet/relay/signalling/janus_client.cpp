@@ -12,11 +12,14 @@ namespace sarnet::relay {
 namespace {
 
 constexpr std::chrono::milliseconds kRetryPeriod{250};
-// What one attempt may take, and each further one in the same break: short, as the first packet of
-// one that was made while the link was away is repeated only seconds after its return, and longer
-// and longer, as a link may be slow.
-constexpr std::chrono::milliseconds kFirstAttempt{3000};
-constexpr std::chrono::milliseconds kAttemptGrowth{1000};
+// What the first attempt of a break may take to reach the server, and how much longer each further
+// one: short, as the first packet of one that was made while the link was away is repeated only
+// seconds after its return, and longer and longer, as a link may be slow. What it may take from
+// then on, for encryption and the session, grows likewise.
+constexpr std::chrono::milliseconds kFirstReach{1000};
+constexpr std::chrono::milliseconds kReachGrowth{250};
+constexpr std::chrono::milliseconds kFirstGreeting{3000};
+constexpr std::chrono::milliseconds kGreetingGrowth{1000};
 // For an answer after a change of the network.
 constexpr std::chrono::milliseconds kProbeLimit{1500};
 
@@ -42,10 +45,7 @@ void JanusClient::connect() {
   const unsigned number = ++socket_number_;
   socket_ = std::make_shared<JanusSocket>(
       JanusSocket::Callbacks{[this] { connected(); },
-                             [this, number](std::string_view text) {
-                               heard(number);
-                               received(text);
-                             },
+                             [this, number](std::string_view text) { received(number, text); },
                              [this, number](const std::string& reason, JanusSocket::Loss loss) {
                                socket_failed(number, reason, loss);
                              }},
@@ -86,12 +86,18 @@ void JanusClient::fail_opening(const Failure& failure) {
   if (const auto opened = std::exchange(opened_, nullptr)) opened(&failure);
 }
 
-void JanusClient::heard(unsigned socket) {
+void JanusClient::heard(unsigned socket, const std::string& transaction) {
   // Not once the session was claimed by the other one, which is the server's now.
   if (!silent_socket_ || socket != silent_number_ || state_ != State::kBroken || claimed_) return;
-  socket_->close();
-  socket_ = std::exchange(silent_socket_, nullptr);
-  resumed();
+  if (transaction == last_sent_) {
+    socket_->close();
+    socket_ = std::exchange(silent_socket_, nullptr);
+    resumed();
+  } else if (!std::exchange(hastened_, true) && !socket_->has_reached()) {
+    // The link is back. What we said on it may yet be on its way for long: TCP repeats it ever more
+    // seldom, and what comes does not hasten it.
+    try_again();
+  }
 }
 
 void JanusClient::socket_failed(unsigned socket, const std::string& reason,
@@ -171,15 +177,25 @@ void JanusClient::broken(const std::string& reason) {
 void JanusClient::fell_silent(const std::string& reason) {
   silent_socket_ = std::move(socket_);
   silent_number_ = socket_number_;
+  hastened_ = false;
   broken(reason);
 }
 
 void JanusClient::try_again() {
   retry_timer_.stop();
-  attempt_timer_ = MainLoop::Timer(loop_, kFirstAttempt + attempts_ * kAttemptGrowth, [this] {
+  const auto renew = [this] {
     refusal_timer_.stop();
     try_again();
-  });
+  };
+  const auto greeting = kFirstGreeting + attempts_ * kGreetingGrowth;
+  attempt_timer_ =
+      MainLoop::Timer(loop_, kFirstReach + attempts_ * kReachGrowth, [this, renew, greeting] {
+        if (socket_->has_reached()) {
+          attempt_timer_ = MainLoop::Timer(loop_, greeting, renew);
+        } else {
+          renew();
+        }
+      });
   ++attempts_;
   claimed_ = false;
   if (socket_) socket_->close();
@@ -222,7 +238,10 @@ void JanusClient::resumed() {
   if (const auto silent = std::exchange(silent_socket_, nullptr)) silent->close();
   state_ = State::kOpen;
   heard_ = true;
-  for (const std::string& text : std::exchange(unsent_, {})) socket_->send(text);
+  for (const auto& [transaction, text] : std::exchange(unsent_, {})) {
+    last_sent_ = transaction;
+    socket_->send(text);
+  }
   observer_.on_resumed();
 }
 
@@ -285,9 +304,10 @@ void JanusClient::request(json message, Answer answer, const Expected& expected,
                                     << transaction << " on " << number_of(message, "handle_id"));
   std::string text = message.dump(-1, ' ', false, json::error_handler_t::replace);
   if (now || state_ == State::kOpen) {
+    if (state_ == State::kOpen) last_sent_ = transaction;
     socket_->send(text);
   } else {
-    unsent_.push_back(std::move(text));
+    unsent_.emplace_back(transaction, std::move(text));
   }
 }
 
@@ -299,7 +319,7 @@ void JanusClient::answer(const std::string& transaction, const JanusReply& reply
   pending.answer(reply);
 }
 
-void JanusClient::received(std::string_view text) {
+void JanusClient::received(unsigned socket, std::string_view text) {
   loop_.thread().require();
   heard_ = true;
   probe_timer_.stop();
@@ -310,6 +330,7 @@ void JanusClient::received(std::string_view text) {
   }
   const std::string kind = text_of(message, "janus");
   const std::string transaction = text_of(message, "transaction");
+  heard(socket, transaction);
   SARNET_LOG(kDebug, "relay: hears " << printable_text(kind) << ' '
                                      << printable_text(text_of(plugin_data(message), "videoroom"))
                                      << " to " << printable_text(transaction) << " on "

@@ -86,8 +86,8 @@ class JanusClient {
   void connect();
   void try_again();
   void connected();
-  void heard(unsigned socket);
-  void received(std::string_view text);
+  void heard(unsigned socket, const std::string& transaction);
+  void received(unsigned socket, std::string_view text);
   void socket_failed(unsigned socket, const std::string& reason, JanusSocket::Loss loss);
   void connection_failed(const std::string& reason, JanusSocket::Loss loss);
   void session_created(const JanusReply& reply);
@@ -112,14 +112,16 @@ class JanusClient {
   State state_ = State::kIdle;
   std::shared_ptr<JanusSocket> socket_;
   unsigned socket_number_ = 0;
-  // That fell silent: until there is another the server is not told that it broke, and it may
-  // recover.
+  // That fell silent: until there is another the server is not told that it broke, and it has
+  // recovered once the last request on it is answered.
   std::shared_ptr<JanusSocket> silent_socket_;
   unsigned silent_number_ = 0;
+  bool hastened_ = false;  // another attempt, since it was heard
   std::uint64_t session_ = 0;
   std::uint64_t next_transaction_ = 1;
   std::map<std::string, Pending> pending_;
-  std::vector<std::string> unsent_;
+  std::vector<std::pair<std::string, std::string>> unsent_;  // transactions and texts
+  std::string last_sent_;                                    // transaction, while it was open
   std::function<void(const Failure*)> opened_;
   std::function<void()> closed_;
   std::string break_reason_;

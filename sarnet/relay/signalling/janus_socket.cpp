@@ -80,6 +80,11 @@ bool JanusSocket::open(const std::string& url, const std::string& ca_file, std::
   soup_message_add_flags(message.get(), SOUP_MESSAGE_NO_REDIRECT);
   limit_frames(session_.get(), message.get());
   count_connections(message.get(), under_way_);
+  // None comes after on_connected(), until which the socket lives.
+  const auto reached = +[](SoupMessage*, GSocketClientEvent event, GIOStream*, gpointer self) {
+    if (event == G_SOCKET_CLIENT_CONNECTED) static_cast<JanusSocket*>(self)->reached_ = true;
+  };
+  g_signal_connect(message.get(), "network-event", G_CALLBACK(reached), this);
   const char* protocols[] = {"janus-protocol", nullptr};
   soup_session_websocket_connect_async(
       session_.get(), message.get(), nullptr, const_cast<char**>(protocols), G_PRIORITY_DEFAULT,

@@ -37,6 +37,8 @@ class JanusSocket : public std::enable_shared_from_this<JanusSocket> {
   // `ca_file` (PEM) replaces the system's certificate authorities unless it is empty. False, and
   // `error` set, when it cannot be read.
   bool open(const std::string& url, const std::string& ca_file, std::string& error);
+  // Whether the server's machine has answered: encryption and greeting come next.
+  bool has_reached() const { return reached_; }
   // Dropped unless the socket is open.
   void send(const std::string& text);
   // At once, without waiting for the peer. May be repeated.
@@ -55,6 +57,7 @@ class JanusSocket : public std::enable_shared_from_this<JanusSocket> {
   GObjectHandle<SoupSession> session_;
   GObjectHandle<GCancellable> cancellable_;
   GObjectHandle<SoupWebsocketConnection> connection_;
+  bool reached_ = false;
   bool closed_ = false;
 };
 
