@@ -182,8 +182,9 @@ def test_whoever_may_not_or_cannot_join_is_told_why(server):
     }
     variables = {"ATTEMPTS": json.dumps(list(rows.values())), "SARNET_RELAY_ADMIN_KEY": ADMIN_KEY}
     asked = server.network.start(HERE / "attempts.py", **variables)
-    commands = command_lines()
-    assert "attempts.py" in commands
+    deadline = time.monotonic() + 10  # a process that is about to become another shows no command line
+    while "attempts.py" not in (commands := command_lines()):
+        assert time.monotonic() < deadline, commands
     assert not [each for each in (SECRET, realm, ADMIN_KEY) if each in commands]
     for name, row in rows.items():
         told = asked.wait_for("attempt")
@@ -222,9 +223,12 @@ def test_coming_and_going_leaves_nothing_behind(server):
     assert {"joined", "subscribed", "unsubscribed", "sound"} <= set(last["reached"]), last
     # GLib may have gained a thread for what it does in the background.
     assert last["threads"] <= first["threads"] + 2 and last["files"] <= first["files"], told
-    assert last["kib"] - first["kib"] < 4000, told
+    # The most that was ever needed at once may come late; a connection that is left behind is 300 a round.
+    assert last["kib"] - first["kib"] < 8000, told
     listed = Stranger(server, realm_token(SECRET))
     listed.ask("create")
-    present = listed.request(listed.handle(), "listparticipants", room="marks")["participants"]
-    assert len(present) == 1, present
+    handle = listed.handle()
+    deadline = time.monotonic() + 10  # the server removes a participant after it has said so
+    while len(present := listed.request(handle, "listparticipants", room="marks")["participants"]) != 1:
+        assert present and time.monotonic() < deadline, present
     staying.leave()
